@@ -1,0 +1,96 @@
+#pragma once
+// Region of interest: the values and coordinates of the selected pixels of an
+// image, with the bounding box of the selection and the image size.
+//
+// Point coordinates are relative to the bounding box: point k lies at image
+// position (coords[k].x + minRow, coords[k].y + minCol).  A label map built
+// from a ROI is height x width and addresses point k at (x, y).
+//
+// Owns data and coords (new[], freed by the destructor); not copyable.
+
+#include <string>
+
+#include "data/ImageFile.h"
+#include "data/xy.h"
+
+template <typename T, typename C>
+struct ROI {
+    T* data = nullptr;    // values, pixel-interleaved: band b of point k at [k * bands + b]
+    C* coords = nullptr;  // point coordinates, same order as data
+    int count = 0;        // number of points
+    int bands = 0;        // values per point
+    int minRow = 0;       // bounding box: first row,
+    int height = 0;       //   number of rows,
+    int minCol = 0;       //   first column,
+    int width = 0;        //   number of columns
+    int imageRows = 0;    // size of the source image
+    int imageCols = 0;
+    int order = 0;        // 2 = raster order, 1 = shuffled
+
+    ROI() = default;
+    // count points of bands values each, all zero; box and image size left 0.
+    ROI(int n, int nBands) : data(new T[static_cast<size_t>(n > 0 ? n : 0) * (nBands > 0 ? nBands : 0)]()),
+                             coords(new C[n > 0 ? n : 0]()), count(n), bands(nBands) {}
+    ~ROI() {
+        delete[] data;
+        delete[] coords;
+    }
+    ROI(const ROI&) = delete;
+    ROI& operator=(const ROI&) = delete;
+
+    // A new one-band ROI with this ROI's points, box, image size and order;
+    // value k = plane[x_k + offset][y_k + offset], with minRow / minCol added
+    // to the row / column when absolute (plane is then a full-frame image
+    // padded by offset; otherwise a box-sized plane padded by offset).
+    ROI* extractLabROI(T** plane, int offset, bool absolute) const {
+        ROI* out = new ROI(count, 1);
+        copyFrame(*out);
+        const int dr = offset + (absolute ? minRow : 0);
+        const int dc = offset + (absolute ? minCol : 0);
+        for (int k = 0; k < count; ++k) {
+            out->coords[k] = coords[k];
+            out->data[k] = plane[coords[k].x + dr][coords[k].y + dc];
+        }
+        return out;
+    }
+
+    // Writes band 0 of the points as a one-band hraw map, the inverse of
+    // extractLabROI: the map is (height + 2*offset) x (width + 2*offset), or
+    // (imageRows + 2*offset) x (imageCols + 2*offset) when absolute; point k
+    // goes to the cell extractLabROI(…, offset, absolute) reads it from, and
+    // every cell without a point holds 0.
+    void writeHRawInt32(const std::string& path, int offset, bool absolute) const {
+        const int rows = (absolute ? imageRows : height) + 2 * offset;
+        const int cols = (absolute ? imageCols : width) + 2 * offset;
+        int*** cube = ImageFile<int>::newCube(1, rows, cols);
+        const int dr = offset + (absolute ? minRow : 0);
+        const int dc = offset + (absolute ? minCol : 0);
+        for (int k = 0; k < count; ++k)
+            cube[0][coords[k].x + dr][coords[k].y + dc] = static_cast<int>(data[static_cast<size_t>(k) * bands]);
+        ImageFile<int>::writeHRawInt32(path, cube[0], rows, cols);
+        ImageFile<int>::deleteCube(cube, 1, rows);
+    }
+
+private:
+    void copyFrame(ROI& other) const {
+        other.minRow = minRow;
+        other.height = height;
+        other.minCol = minCol;
+        other.width = width;
+        other.imageRows = imageRows;
+        other.imageCols = imageCols;
+        other.order = order;
+    }
+};
+
+// Builds the ROI of the pixels whose mask value equals maskValue, in raster
+// order (rows outer), with coordinates rebased on the bounding box.  shuffle:
+// seeds rand() with 3605118785 and makes 10 x count swaps of two random points
+// (order = 1); otherwise order = 2.  cube[band][row][col], mask[row][col].
+// No selected pixel: count 0, empty arrays, minRow = minCol = -1, height = width = 0.
+// The caller owns the result.
+ROI<int, xy>* buildRoi(int rows, int cols, int bands, int*** cube, int** mask, int maskValue, bool shuffle);
+
+// A new array of the distinct values of values[0..n-1] in ascending order;
+// count receives their number.
+int* labelsRoi(int* values, int n, int& count);
