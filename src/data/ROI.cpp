@@ -1,0 +1,92 @@
+#include "data/ROI.h"
+
+#include <cstdint>
+#include <cstdlib>
+#include <utility>
+#include <vector>
+
+ROI<int, xy>* buildRoi(int rows, int cols, int bands, int*** cube, int** mask, int maskValue, bool shuffle) {
+    int count = 0;
+    for (int r = 0; r < rows; ++r)
+        for (int c = 0; c < cols; ++c)
+            if (mask[r][c] == maskValue) ++count;
+
+    ROI<int, xy>* roi = new ROI<int, xy>(count, bands);
+    int k = 0;
+    for (int r = 0; r < rows; ++r)
+        for (int c = 0; c < cols; ++c) {
+            if (mask[r][c] != maskValue) continue;
+            roi->coords[k].x = static_cast<uint16_t>(r);
+            roi->coords[k].y = static_cast<uint16_t>(c);
+            for (int b = 0; b < bands; ++b) roi->data[static_cast<size_t>(k) * bands + b] = cube[b][r][c];
+            ++k;
+        }
+    roi->imageRows = rows;
+    roi->imageCols = cols;
+    roi->order = 2;
+
+    // The box starts "empty" (minimum all bits set, size 0), which is what an
+    // empty selection keeps.
+    uint16_t minR = UINT16_MAX, maxR = 0, minC = UINT16_MAX, maxC = 0;
+    for (int i = 0; i < count; ++i) {
+        const xy p = roi->coords[i];
+        if (p.x < minR) minR = p.x;
+        if (p.x > maxR) maxR = p.x;
+        if (p.y < minC) minC = p.y;
+        if (p.y > maxC) maxC = p.y;
+    }
+    if (count > 0) {
+        roi->minRow = minR;
+        roi->height = maxR - minR + 1;
+        roi->minCol = minC;
+        roi->width = maxC - minC + 1;
+        for (int i = 0; i < count; ++i) {
+            roi->coords[i].x = static_cast<uint16_t>(roi->coords[i].x - minR);
+            roi->coords[i].y = static_cast<uint16_t>(roi->coords[i].y - minC);
+        }
+    } else {
+        roi->minRow = -1;
+        roi->minCol = -1;
+        roi->height = 0;
+        roi->width = 0;
+    }
+
+    if (shuffle && roi->order != 1) {
+        std::srand(3605118785u);
+        for (long s = 0; s < 10L * count; ++s) {
+            const int i = std::rand() % count;
+            const int j = std::rand() % count;
+            std::swap(roi->coords[i], roi->coords[j]);
+            int* a = roi->data + static_cast<size_t>(i) * bands;
+            int* b = roi->data + static_cast<size_t>(j) * bands;
+            for (int v = 0; v < bands; ++v) std::swap(a[v], b[v]);
+        }
+        roi->order = 1;
+    }
+    return roi;
+}
+
+int* labelsRoi(int* values, int n, int& count) {
+    if (n < 2) {
+        count = n > 0 ? 1 : 0;
+        int* out = new int[count];
+        if (count == 1) out[0] = values[0];
+        return out;
+    }
+    int lo = values[0], hi = values[0];
+    for (int i = 1; i < n; ++i) {
+        if (values[i] < lo) lo = values[i];
+        if (values[i] > hi) hi = values[i];
+    }
+    // The table spans the value range (64-bit: the range of two ints can exceed int).
+    std::vector<int> histogram(static_cast<size_t>(static_cast<int64_t>(hi) - lo + 1), 0);
+    for (int i = 0; i < n; ++i) ++histogram[static_cast<size_t>(static_cast<int64_t>(values[i]) - lo)];
+    count = 0;
+    for (int h : histogram)
+        if (h != 0) ++count;
+    int* out = new int[count];
+    int k = 0;
+    for (size_t i = 0; i < histogram.size(); ++i)
+        if (histogram[i] != 0) out[k++] = static_cast<int>(lo + static_cast<int64_t>(i));
+    return out;
+}

@@ -1,0 +1,300 @@
+#include "settings/ConfigFileParser.h"
+
+#include <cerrno>
+#include <climits>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+
+#include "settings/Fatal.h"
+
+namespace {
+
+// "\n", "\r\n", "\r" and "" all count as the empty line that closes a section,
+// so that files written with CRLF endings keep their sections apart.
+bool isEmptyLine(const char* line) {
+    if (line[0] == '\r') ++line;
+    return line[0] == '\n' || line[0] == '\0';
+}
+
+bool isBlank(char c) { return c == ' ' || c == '\t'; }
+
+// Splits an array or matrix value: skip the opening character, then elements
+// end at a blank, a semicolon (end of a matrix row) or the closing brace.
+// closed tells whether the closing brace was reached.
+std::vector<std::string> splitElements(const std::string& value, bool& closed) {
+    std::vector<std::string> out;
+    closed = false;
+    size_t i = value.empty() ? 0 : 1;
+    while (i < value.size()) {
+        while (i < value.size() && (isBlank(value[i]) || value[i] == ';')) ++i;
+        if (i >= value.size()) break;
+        if (value[i] == '}') {
+            closed = true;
+            break;
+        }
+        size_t start = i;
+        while (i < value.size() && !isBlank(value[i]) && value[i] != ';' && value[i] != '}') ++i;
+        out.push_back(value.substr(start, i - start));
+    }
+    return out;
+}
+
+char* newString(const std::string& s) {
+    char* out = new char[s.size() + 1];
+    std::memcpy(out, s.c_str(), s.size() + 1);
+    return out;
+}
+
+bool parseWholeInt(const std::string& text, int& value) {
+    const char* begin = text.c_str();
+    char* end = nullptr;
+    errno = 0;
+    const long v = std::strtol(begin, &end, 10);
+    if (end == begin || errno == ERANGE || v < INT_MIN || v > INT_MAX) return false;
+    while (isBlank(*end)) ++end;
+    if (*end != '\0') return false;
+    value = static_cast<int>(v);
+    return true;
+}
+
+bool parseWholeDouble(const std::string& text, double& value) {
+    const char* begin = text.c_str();
+    char* end = nullptr;
+    errno = 0;
+    const double v = std::strtod(begin, &end);
+    if (end == begin || errno == ERANGE || !std::isfinite(v)) return false;
+    while (isBlank(*end)) ++end;
+    if (*end != '\0') return false;
+    value = v;
+    return true;
+}
+
+template <typename T, typename Parse>
+T* parseArray(const std::vector<std::string>& items, int n, Parse parse) {
+    T* out = new T[n > 0 ? n : 0];
+    for (int i = 0; i < n; ++i) out[i] = static_cast<T>(parse(items[i].c_str()));
+    return out;
+}
+
+template <typename T, typename Parse>
+T** parseMatrix(const std::vector<std::string>& items, int rows, int cols, Parse parse) {
+    T** out = new T*[rows > 0 ? rows : 0];
+    for (int r = 0; r < rows; ++r) {
+        out[r] = new T[cols > 0 ? cols : 0];
+        for (int c = 0; c < cols; ++c) out[r][c] = static_cast<T>(parse(items[static_cast<size_t>(r) * cols + c].c_str()));
+    }
+    return out;
+}
+
+long toLong(const char* s) { return std::strtol(s, nullptr, 10); }
+double toDouble(const char* s) { return std::strtod(s, nullptr); }
+
+}  // namespace
+
+ConfigFileParser::ConfigFileParser(const std::string& fileName) : file_(std::fopen(fileName.c_str(), "rb")) {}
+
+ConfigFileParser::~ConfigFileParser() { close(); }
+
+void ConfigFileParser::close() {
+    if (file_ != nullptr) std::fclose(file_);
+    file_ = nullptr;
+    sectionStart_ = -1;
+}
+
+bool ConfigFileParser::seekArgument(const std::string& section) {
+    sectionStart_ = -1;
+    if (file_ == nullptr) return false;
+    const std::string opening = "[" + section + "]";
+    std::rewind(file_);
+    char line[kLineSize];
+    while (std::fgets(line, kLineSize, file_) != nullptr) {
+        if (std::strncmp(line, opening.c_str(), opening.size()) == 0) {
+            sectionStart_ = std::ftell(file_);
+            sectionFound_ = true;
+            return true;
+        }
+    }
+    return false;
+}
+
+bool ConfigFileParser::eoa() {
+    if (file_ == nullptr) return true;
+    const long here = std::ftell(file_);
+    char line[kLineSize];
+    const bool empty = std::fgets(line, kLineSize, file_) == nullptr || isEmptyLine(line);
+    std::clearerr(file_);
+    std::fseek(file_, here, SEEK_SET);
+    return empty;
+}
+
+bool ConfigFileParser::scanSection(const std::string& key, std::string& value) {
+    if (file_ == nullptr || sectionStart_ < 0) return false;
+    std::clearerr(file_);
+    std::fseek(file_, sectionStart_, SEEK_SET);
+    char line[kLineSize];
+    while (std::fgets(line, kLineSize, file_) != nullptr && !isEmptyLine(line)) {
+        // A line without '=' is not a key line; it is skipped.
+        const char* eq = std::strchr(line, '=');
+        if (eq == nullptr) continue;
+        if (key.size() != static_cast<size_t>(eq - line) || std::strncmp(line, key.c_str(), key.size()) != 0) continue;
+        value.assign(eq + 1);
+        if (!value.empty() && value.back() == '\n') value.pop_back();
+        if (!value.empty() && value.back() == '\r') value.pop_back();
+        return true;
+    }
+    return false;
+}
+
+bool ConfigFileParser::lookup(const std::string& key, std::string& value) {
+    // Deliberately fatal: a lookup on a parser that has never found a section
+    // means the file is not a configuration file at all.
+    if (!sectionFound_) dhc::fatal(-1);
+    return scanSection(key, value);
+}
+
+char* ConfigFileParser::seekPar(const std::string& key) {
+    std::string value;
+    if (!lookup(key, value)) return nullptr;
+    char* out = new char[kLineSize]();
+    std::strncpy(out, value.c_str(), kLineSize - 1);
+    return out;
+}
+
+std::string ConfigFileParser::seekString(const std::string& key, const std::string& defaultValue) {
+    std::string value;
+    return lookup(key, value) ? value : defaultValue;
+}
+
+int ConfigFileParser::seekInt(const std::string& key, int defaultValue) {
+    std::string value;
+    return lookup(key, value) ? static_cast<int>(toLong(value.c_str())) : defaultValue;
+}
+
+float ConfigFileParser::seekFloat(const std::string& key, float defaultValue) {
+    std::string value;
+    return lookup(key, value) ? static_cast<float>(toDouble(value.c_str())) : defaultValue;
+}
+
+double ConfigFileParser::seekDouble(const std::string& key, double defaultValue) {
+    std::string value;
+    return lookup(key, value) ? toDouble(value.c_str()) : defaultValue;
+}
+
+bool ConfigFileParser::seekFlag(const std::string& key) { return seekInt(key, 0) != 0; }
+
+std::vector<std::string> ConfigFileParser::elements(const std::string& key, int n, bool& present) {
+    std::string value;
+    present = lookup(key, value);
+    if (!present) return {};
+    bool closed = false;
+    std::vector<std::string> items = splitElements(value, closed);
+    // Missing elements read as empty text (0 when parsed as numbers).
+    items.resize(static_cast<size_t>(n > 0 ? n : 0));
+    return items;
+}
+
+char** ConfigFileParser::seekArray(const std::string& key, int n) {
+    bool present = false;
+    std::vector<std::string> items = elements(key, n, present);
+    if (!present) return nullptr;
+    char** out = new char*[items.size()];
+    for (size_t i = 0; i < items.size(); ++i) out[i] = newString(items[i]);
+    return out;
+}
+
+char** ConfigFileParser::seekStringArray(const std::string& key, int n) { return seekArray(key, n); }
+
+int* ConfigFileParser::seekIntArray(const std::string& key, int n) {
+    bool present = false;
+    std::vector<std::string> items = elements(key, n, present);
+    return present ? parseArray<int>(items, n, toLong) : nullptr;
+}
+
+float* ConfigFileParser::seekFloatArray(const std::string& key, int n) {
+    bool present = false;
+    std::vector<std::string> items = elements(key, n, present);
+    return present ? parseArray<float>(items, n, toDouble) : nullptr;
+}
+
+double* ConfigFileParser::seekDoubleArray(const std::string& key, int n) {
+    bool present = false;
+    std::vector<std::string> items = elements(key, n, present);
+    return present ? parseArray<double>(items, n, toDouble) : nullptr;
+}
+
+char*** ConfigFileParser::seekMatrix(const std::string& key, int rows, int cols) {
+    bool present = false;
+    const int r0 = rows > 0 ? rows : 0, c0 = cols > 0 ? cols : 0;
+    std::vector<std::string> items = elements(key, r0 * c0, present);
+    if (!present) return nullptr;
+    char*** out = new char**[r0];
+    for (int r = 0; r < r0; ++r) {
+        out[r] = new char*[c0];
+        for (int c = 0; c < c0; ++c) out[r][c] = newString(items[static_cast<size_t>(r) * c0 + c]);
+    }
+    return out;
+}
+
+int** ConfigFileParser::seekIntMatrix(const std::string& key, int rows, int cols) {
+    bool present = false;
+    std::vector<std::string> items = elements(key, rows * cols, present);
+    return present ? parseMatrix<int>(items, rows, cols, toLong) : nullptr;
+}
+
+float** ConfigFileParser::seekFloatMatrix(const std::string& key, int rows, int cols) {
+    bool present = false;
+    std::vector<std::string> items = elements(key, rows * cols, present);
+    return present ? parseMatrix<float>(items, rows, cols, toDouble) : nullptr;
+}
+
+double** ConfigFileParser::seekDoubleMatrix(const std::string& key, int rows, int cols) {
+    bool present = false;
+    std::vector<std::string> items = elements(key, rows * cols, present);
+    return present ? parseMatrix<double>(items, rows, cols, toDouble) : nullptr;
+}
+
+void ConfigFileParser::freeStrings(char** strings, int n) {
+    if (strings == nullptr) return;
+    for (int i = 0; i < n; ++i) delete[] strings[i];
+    delete[] strings;
+}
+
+void ConfigFileParser::freeStringMatrix(char*** strings, int rows, int cols) {
+    if (strings == nullptr) return;
+    for (int r = 0; r < rows; ++r) freeStrings(strings[r], cols);
+    delete[] strings;
+}
+
+bool ConfigFileParser::findValue(const std::string& key, std::string& value) {
+    return sectionFound_ && scanSection(key, value);
+}
+
+bool ConfigFileParser::checkedInt(const std::string& key, int& value) {
+    std::string text;
+    return findValue(key, text) && parseWholeInt(text, value);
+}
+
+bool ConfigFileParser::checkedDouble(const std::string& key, double& value) {
+    std::string text;
+    return findValue(key, text) && parseWholeDouble(text, value);
+}
+
+bool ConfigFileParser::checkedIntArray(const std::string& key, int n, std::vector<int>& values) {
+    std::string text;
+    if (!findValue(key, text) || text.empty()) return false;
+    const char open = text[0];
+    if (isBlank(open) || std::strchr("+-.0123456789", open) != nullptr) return false;
+    bool closed = false;
+    const std::vector<std::string> items = splitElements(text, closed);
+    if (!closed || static_cast<int>(items.size()) != n) return false;
+    // Nothing but blanks may follow the closing brace.
+    const size_t brace = text.find('}', 1);
+    for (size_t i = brace + 1; i < text.size(); ++i)
+        if (!isBlank(text[i])) return false;
+    std::vector<int> parsed(items.size());
+    for (size_t i = 0; i < items.size(); ++i)
+        if (!parseWholeInt(items[i], parsed[i])) return false;
+    values.swap(parsed);
+    return true;
+}
