@@ -1,0 +1,113 @@
+#pragma once
+// PottsWS: a workspace, one region of the segmentation hierarchy.
+//
+// A workspace is image data restricted to one region (it derives from
+// PottsData: band values, pixel list, the region `root` in the shared label
+// map) plus what the splitter knows about it: the Gaussian statistics of the
+// region as one class (mi, sigma), the energies, the class model of its split
+// and the scores the engine left on it.
+//
+// Pixels: statistics run over the loaded pixels (the first loadedCount entries
+// of the pixel list, whose band values are in `data`); a pixel's current label
+// is read from the region's label map at (x + pad, y + pad).
+//
+// Ownership: the workspace owns mi, sigma (rows and row array), mixture and
+// pixelIndex.  Copies returned by getMi()/getSigma() and the label forms that
+// allocate belong to the caller (new[]; matrices row by row).  Not copyable.
+
+#include <string>
+
+#include "data/PottsData.h"
+#include "data/ROI.h"
+#include "data/xy.h"
+
+class Mixture;
+struct WSReport;
+
+class PottsWS : public PottsData {
+public:
+    double* mi = nullptr;          // mean of the whole workspace (nBands)
+    double** sigma = nullptr;      // covariance of the whole workspace (nBands x nBands)
+    double sqDeviation = 0.0;      // sum of squared distances of the pixels to mi
+    double likelihoodEnergy = 0.0; // half the sum of squared Mahalanobis distances to (mi, sigma)
+    double beta = 0.0;             // Potts beta of the last split (meaningful when splitState is 2)
+    double splitGain = 0.0;        // gain of the last split (meaningful when splitState is 2)
+    int edges = 0;                 // neighbouring pixel pairs across the children of the split
+    Mixture* mixture = nullptr;    // class model of the split, owned
+    // 0 not split (or test split removed), -1 clustering failed, -2 singular
+    // class model, 1 classes estimated, 2 split carried out.
+    int splitState = 0;
+    bool processed = false;        // set by the driver once it has taken the workspace in
+    double primaryGain = -1.0;     // gain of the method that made the split
+    bool textureBased = false;     // the split was made by the texture-based method
+    double secondaryGain = 0.0;    // gain of the other method (meaningful when splitState is 2)
+    // Entry p: index of pixel p in the root data's pixel list (set by split for
+    // every child); null when the workspace has none (the root).
+    int* pixelIndex = nullptr;
+
+    // Each constructor forwards to the PottsData constructor with the same
+    // arguments, then runs init().
+    PottsWS();
+    explicit PottsWS(int label);
+    PottsWS(ROI<int, xy>* roi, int pad, int borderLabel, int label, int aux);
+    PottsWS(int rows, int cols, int bands, bool shuffle, float percentage, char** bandFiles, int pad,
+            int borderLabel, int aux);
+    PottsWS(int rows, int cols, int bands, bool shuffle, float percentage, int pad, int borderLabel, int aux);
+    PottsWS(bool shuffle, float percentage, std::string hrawFile, int pad, int borderLabel, int aux);
+    ~PottsWS();
+
+    PottsWS(const PottsWS&) = delete;
+    PottsWS& operator=(const PottsWS&) = delete;
+
+    // Defaults of the own fields: mi and sigma allocated and zeroed (null when
+    // bands <= 0), energies 0, edges 0, no mixture, splitState 0, processed
+    // false, primaryGain -1.0, textureBased false.  beta, splitGain and
+    // secondaryGain are left as they are.
+    void init();
+
+    // ---- Whole-workspace statistics ----
+    double* getMi();                // new copy of mi
+    double** getSigma();            // new copy of sigma
+    void setMi(double* m);          // copies bands values into mi
+    void setSigma(double** s);      // copies bands x bands values into sigma
+    void updateMi();                // mi over all loaded pixels
+    void updateSigma();             // sigma over all loaded pixels (run updateMi first)
+    void updateFeatures();          // sqDeviation and likelihoodEnergy from mi and sigma
+
+    // ---- Statistics by label (pixels whose current map label is given) ----
+    // Mean of one label into out; NaN entries when no pixel has the label.
+    void getMi(int label, double* out);
+    double* getMi(int label);
+    // Means and counts of n labels in one pass (first matching label wins);
+    // an empty label keeps a zero mean.
+    void getMi(int n, int* labels, int* counts, double** means);
+    // Biased covariance of one label into out; products formed in 32-bit
+    // integer arithmetic (wrapping); near-zero result gets a unit diagonal.
+    void getSigma(int label, double** out);
+    double** getSigma(int label);
+    // Covariances and counts of n labels in one pass; an empty label gets the identity.
+    void getSigma(int n, int* labels, int* counts, double*** covs);
+    // Pixel counts of n labels (first matching label wins).
+    void getAreas(int n, int* labels, int* areas);
+
+    // Replaces mixture by the sub-model of the k classes idx of m (linked view).
+    void linkMixture(Mixture* m, int k, int* idx);
+
+    // Debugging aids: write mi to "mi<k>.dat" / sigma to "sigma<k>.dat", k in 0..9.
+    void exportMi(int k);
+    void exportSigma(int k);
+
+    // ---- Split and report ----
+    // One child per label (labels already painted in the map): children becomes a
+    // new array of n new workspaces with their pixels, runs, borders, contours and
+    // (with computeStats) band values, mi and sigma.  Sets this->edges.  Returns
+    // the number of children with pixels, negated when some pixels carry none of
+    // the labels.
+    int split(int* labels, int n, PottsWS**& children, bool computeStats);
+    // Relabels every pixel with the Gaussian class (estimated from the pixels
+    // already labelled, label 0 = unlabelled) that explains it best.  When given,
+    // means[k] / covs[k] (caller storage) receive the class statistics.
+    void MLMapCompletion(double** means, double*** covs);
+    // New report record of this workspace; the driver's members zero or null.
+    WSReport* getWSReport();
+};
