@@ -1,0 +1,416 @@
+// The MATLAB/Octave gateway: [out, summary, reports] = dhc(problem, settings).
+//
+// Converts the problem object's arrays and the settings object, builds the
+// region of interest, runs the driver and turns its result into MATLAB
+// structures.  Every resource of a call has one RAII owner, so that an error
+// (a refused input, or a fatal condition of the core, which the module turns
+// into a MATLAB error instead of ending the session) unwinds cleanly before the
+// error is raised.  With DHC_MEX_LITERAL_EXIT a fatal condition ends the host
+// process with its status instead.
+
+#include <cstdio>
+#include <memory>
+#include <new>
+#include <ostream>
+#include <streambuf>
+#include <string>
+
+#include "data/ROI.h"
+#include "driver/DHC.h"
+#include "driver/DHC_IN.h"
+#include "driver/DHC_OUT.h"
+#include "mex.h"
+#include "mex/mxGrip.h"
+#include "settings/DHC_SET.h"
+#include "settings/Fatal.h"
+#include "settings/dhcConfig.h"
+#include "workspace/WSReport.h"
+
+namespace {
+
+const char* const kUsage = "Wrong in/out arguments. Check usage!";
+
+// The largest image side: pixel coordinates are 16-bit.
+const int kMaxSide = 65535;
+
+// A fatal condition of the core, carried out of it by unwinding.
+struct FatalCondition {
+    int status;
+    std::string message;
+};
+
+[[noreturn]] void throwFatal(int status, const std::string& message, dhc::FatalChannel) {
+    throw FatalCondition{status, message};
+}
+
+// Sends dhc::out() to the MATLAB/Octave console.
+class MexConsoleBuf : public std::streambuf {
+protected:
+    int overflow(int c) override {
+        if (c != traits_type::eof()) mexPrintf("%c", static_cast<char>(c));
+        return traits_type::not_eof(c);
+    }
+    std::streamsize xsputn(const char* s, std::streamsize n) override {
+        mexPrintf("%.*s", static_cast<int>(n), s);
+        return n;
+    }
+};
+
+// Installs the module's fatal handler and console for one call and restores
+// the previous ones when the call ends, however it ends.
+class HostGuard {
+public:
+    HostGuard() : console_(&buf_) {
+        previousOut_ = dhc::setOut(&console_);
+#ifndef DHC_MEX_LITERAL_EXIT
+        previousHandler_ = dhc::setFatalHandler(&throwFatal);
+#endif
+    }
+    ~HostGuard() {
+        console_.flush();
+#ifndef DHC_MEX_LITERAL_EXIT
+        dhc::setFatalHandler(previousHandler_);
+#endif
+        dhc::setOut(previousOut_);
+    }
+    HostGuard(const HostGuard&) = delete;
+    HostGuard& operator=(const HostGuard&) = delete;
+
+private:
+    MexConsoleBuf buf_;
+    std::ostream console_;
+    std::ostream* previousOut_ = nullptr;
+    dhc::FatalHandler previousHandler_ = nullptr;
+};
+
+// Owner of a row-pointer matrix made by the readers (rows new[] rows).
+class IntMatrix {
+public:
+    IntMatrix() = default;
+    IntMatrix(int** m, int rows) : m_(m), rows_(rows) {}
+    IntMatrix(IntMatrix&& o) noexcept : m_(o.m_), rows_(o.rows_) { o.m_ = nullptr; }
+    IntMatrix& operator=(IntMatrix&& o) noexcept {
+        if (this != &o) {
+            reset();
+            m_ = o.m_;
+            rows_ = o.rows_;
+            o.m_ = nullptr;
+        }
+        return *this;
+    }
+    IntMatrix(const IntMatrix&) = delete;
+    IntMatrix& operator=(const IntMatrix&) = delete;
+    ~IntMatrix() { reset(); }
+
+    // rows x cols, every element v.
+    static IntMatrix filled(int rows, int cols, int v) {
+        IntMatrix out(new int*[rows](), rows);
+        for (int r = 0; r < rows; ++r) {
+            out.m_[r] = new int[cols];
+            for (int c = 0; c < cols; ++c) out.m_[r][c] = v;
+        }
+        return out;
+    }
+
+    int** get() const { return m_; }
+    void reset() {
+        if (m_ == nullptr) return;
+        for (int r = 0; r < rows_; ++r) delete[] m_[r];
+        delete[] m_;
+        m_ = nullptr;
+    }
+
+private:
+    int** m_ = nullptr;
+    int rows_ = 0;
+};
+
+// Owner of a cube made by readMxCube.
+class IntCube {
+public:
+    IntCube(int*** cube, int bands, int rows) : cube_(cube), bands_(bands), rows_(rows) {}
+    IntCube(const IntCube&) = delete;
+    IntCube& operator=(const IntCube&) = delete;
+    ~IntCube() { reset(); }
+
+    int*** get() const { return cube_; }
+    void reset() {
+        if (cube_ == nullptr) return;
+        for (int b = 0; b < bands_; ++b) {
+            for (int r = 0; r < rows_; ++r) delete[] cube_[b][r];
+            delete[] cube_[b];
+        }
+        delete[] cube_;
+        cube_ = nullptr;
+    }
+
+private:
+    int*** cube_;
+    int bands_;
+    int rows_;
+};
+
+struct MxDestroy {
+    void operator()(mxArray* a) const { mxDestroyArray(a); }
+};
+using MxOwned = std::unique_ptr<mxArray, MxDestroy>;
+using IntRoi = ROI<int, xy>;
+
+// The reports of a run: the array and every report in it.
+class ReportList {
+public:
+    ReportList(WSReport** reports, int n) : reports_(reports), n_(n) {}
+    ReportList(const ReportList&) = delete;
+    ReportList& operator=(const ReportList&) = delete;
+    ~ReportList() {
+        for (int i = 0; i < n_; ++i) delete reports_[i];
+        delete[] reports_;
+    }
+    int size() const { return n_; }
+    const WSReport& operator[](int i) const { return *reports_[i]; }
+
+private:
+    WSReport** reports_;
+    int n_;
+};
+
+// Reads an optional R x C map of the problem; empty when absent or empty.
+IntMatrix readFrameMap(const mxArray* problem, const char* name, int rows, int cols) {
+    const MxValue value = mxNumericProperty(problem, name);
+    if (value.empty()) return IntMatrix();
+    int r = 0, c = 0;
+    IntMatrix m(readMxMatrix<int>(value.get(), r, c), r);
+    // The core addresses every map at the data's R x C frame without bounds.
+    if (r != rows || c != cols)
+        throw MxError("dhc:sizeMismatch", std::string("\"") + name + "\" is " + std::to_string(r) + "x" +
+                                              std::to_string(c) + " but \"data\" is " + std::to_string(rows) +
+                                              "x" + std::to_string(cols));
+    return m;
+}
+
+// n x 1 double column (empty for n = 0) from n values.
+template <typename T>
+mxArray* column(const T* values, int n) {
+    mxArray* a = mxCreateDoubleMatrix(n, 1, mxREAL);
+    double* pr = mxGetPr(a);
+    for (int i = 0; i < n; ++i) pr[i] = static_cast<double>(values[i]);
+    return a;
+}
+
+// Band 0 of a label ROI expanded to the full R x C frame, 0 outside it.
+mxArray* fullFrame(const IntRoi& labels, int rows, int cols) {
+    mxArray* a = mxCreateDoubleMatrix(rows, cols, mxREAL);
+    double* pr = mxGetPr(a);
+    for (int k = 0; k < labels.count; ++k) {
+        const size_t r = labels.coords[k].x + static_cast<size_t>(labels.minRow);
+        const size_t c = labels.coords[k].y + static_cast<size_t>(labels.minCol);
+        pr[r + c * rows] = labels.data[static_cast<size_t>(k) * labels.bands];
+    }
+    return a;
+}
+
+mxArray* newStruct(int n, int nFields, const char** fields) {
+    const mwSize dims[2] = {static_cast<mwSize>(n), 1};
+    return mxCreateStructArray(2, dims, nFields, fields);
+}
+
+// The five-field summary of the tree.
+mxArray* buildSummary(const ReportList& reports, DHC& driver) {
+    const char* fields[] = {"NClass", "Classes", "NSplit", "SplitOrder", "OffspringMat"};
+    MxOwned s(newStruct(1, 5, fields));
+
+    int nClass = 0;
+    for (int i = 0; i < reports.size(); ++i)
+        if (reports[i].nChildren == 0) ++nClass;
+    mxSetField(s.get(), 0, "NClass", mxCreateDoubleScalar(nClass));
+    if (nClass > 0) {
+        mxArray* classes = mxCreateDoubleMatrix(nClass, 1, mxREAL);
+        double* pr = mxGetPr(classes);
+        for (int i = 0, k = 0; i < reports.size(); ++i)
+            if (reports[i].nChildren == 0) pr[k++] = reports[i].WSLab;
+        mxSetField(s.get(), 0, "Classes", classes);
+    }
+
+    int nSplit = 0;
+    std::unique_ptr<int[]> order(driver.extractSplitSequence(nSplit));
+    mxSetField(s.get(), 0, "NSplit", mxCreateDoubleScalar(nSplit));
+    if (nSplit >= 1) {
+        mxSetField(s.get(), 0, "SplitOrder", column(order.get(), nSplit));
+        mxArray* offspring = mxCreateDoubleMatrix(nSplit, nClass, mxREAL);
+        double* pr = mxGetPr(offspring);
+        for (int k = 0; k < nSplit; ++k) {
+            for (int i = 0; i < reports.size(); ++i) {
+                const WSReport& rep = reports[i];
+                if (rep.WSLab != order[k]) continue;
+                // Left-aligned; the zero-filled matrix pads the rest of the row.
+                for (int j = 0; j < rep.nOffspring && j < nClass; ++j)
+                    pr[k + static_cast<size_t>(j) * nSplit] = rep.offspring[j];
+                break;
+            }
+        }
+        mxSetField(s.get(), 0, "OffspringMat", offspring);
+    }
+    return s.release();
+}
+
+// One element per workspace report, 21 fields.
+mxArray* buildReports(const ReportList& reports) {
+    const char* fields[] = {"label", "depth",   "path",   "nChildren", "children", "offspCard", "offspring",
+                            "split", "isTerminal", "beta", "edges",   "textureBased", "sgBasic", "sgTex",
+                            "sgSpec", "area",   "area_k", "TlkE",      "bands",    "mi",        "sigma"};
+    MxOwned s(newStruct(reports.size(), 21, fields));
+    for (int i = 0; i < reports.size(); ++i) {
+        const WSReport& r = reports[i];
+        mxArray* e = s.get();
+        mxSetField(e, i, "label", mxCreateDoubleScalar(r.WSLab));
+        mxSetField(e, i, "depth", mxCreateDoubleScalar(r.pathLength));
+        if (r.path != nullptr) mxSetField(e, i, "path", column(r.path, r.pathLength));
+        mxSetField(e, i, "nChildren", mxCreateDoubleScalar(r.nChildren));
+        if (r.children != nullptr) mxSetField(e, i, "children", column(r.children, r.nChildren));
+        mxSetField(e, i, "offspCard", mxCreateDoubleScalar(r.nOffspring));
+        if (r.offspring != nullptr) mxSetField(e, i, "offspring", column(r.offspring, r.nOffspring));
+        mxSetField(e, i, "split", mxCreateDoubleScalar(r.split ? 1 : 0));
+        mxSetField(e, i, "isTerminal", mxCreateDoubleScalar(r.terminal ? 1 : 0));
+        mxSetField(e, i, "beta", mxCreateDoubleScalar(r.beta));
+        mxSetField(e, i, "edges", mxCreateDoubleScalar(r.edges));
+        mxSetField(e, i, "textureBased", mxCreateDoubleScalar(r.textureBased ? 1 : 0));
+        mxSetField(e, i, "sgBasic", mxCreateDoubleScalar(r.splitGainTFR));
+        mxSetField(e, i, "sgTex", mxCreateDoubleScalar(r.mixtureSplitGainTFR));
+        mxSetField(e, i, "sgSpec", mxCreateDoubleScalar(r.splitGainMRF));
+        mxSetField(e, i, "area", mxCreateDoubleScalar(r.area));
+        if (r.chAreas != nullptr) mxSetField(e, i, "area_k", column(r.chAreas, r.nChildren));
+        mxSetField(e, i, "TlkE", mxCreateDoubleScalar(r.totalLikelihoodEnergy));
+        mxSetField(e, i, "bands", mxCreateDoubleScalar(r.nBands));
+        if (r.mean != nullptr) mxSetField(e, i, "mi", column(r.mean, r.nBands));
+        if (r.covariance != nullptr) {
+            const int n = r.nBands;
+            mxArray* sigma = mxCreateDoubleMatrix(n, n, mxREAL);
+            double* pr = mxGetPr(sigma);
+            for (int row = 0; row < n; ++row)
+                for (int col = 0; col < n; ++col) pr[row + static_cast<size_t>(col) * n] = r.covariance[row][col];
+            mxSetField(e, i, "sigma", sigma);
+        }
+    }
+    return s.release();
+}
+
+void run(int nlhs, mxArray* plhs[], const mxArray* problem, const mxArray* settingsObject) {
+    int bands = 0, rows = 0, cols = 0;
+    MxValue data = mxRequiredNumericProperty(problem, "data");
+    IntCube cube(readMxCube<int>(data.get(), bands, rows, cols), bands, rows);
+    data = MxValue();
+    const std::unique_ptr<DHC_SET> settings(dhcConfig(settingsObject));
+
+    const bool supervised = settings->supervisedMode;
+    const bool treeOutput = !settings->fragmentation && (supervised || !settings->splitwiseDisconnect);
+    if (treeOutput != (nlhs == 3)) throw MxError(std::string(), kUsage);
+
+    if (rows < 1 || cols < 1 || bands < 1) throw MxError("dhc:badProperty", "\"data\" is empty");
+    if (rows > kMaxSide || cols > kMaxSide)
+        throw MxError("dhc:badProperty", "\"data\" has a side above " + std::to_string(kMaxSide));
+
+    IntMatrix gt;
+    if (supervised) {
+        gt = readFrameMap(problem, "gt", rows, cols);
+        if (gt.get() == nullptr) throw MxError("dhc:missingProperty", "a supervised run needs \"gt\"");
+    }
+    IntMatrix initSeg = readFrameMap(problem, "initSeg", rows, cols);
+    if (initSeg.get() == nullptr) initSeg = IntMatrix::filled(rows, cols, 1);
+    IntMatrix mask = readFrameMap(problem, "roi", rows, cols);
+    if (mask.get() == nullptr) {
+        mask = IntMatrix::filled(rows, cols, 0);
+        for (int r = 0; r < rows; ++r)
+            for (int c = 0; c < cols; ++c) mask.get()[r][c] = initSeg.get()[r][c] > 0 ? 1 : 0;
+    }
+
+    // The input ROIs outlive the driver output: the core may keep pointers to them.
+    const std::unique_ptr<IntRoi> roi(buildRoi(rows, cols, bands, cube.get(), mask.get(), 1, true));
+    const std::unique_ptr<IntRoi> initLabels(roi->extractLabROI(initSeg.get(), 0, true));
+    std::unique_ptr<IntRoi> gtRoi;
+    if (supervised) gtRoi.reset(roi->extractLabROI(gt.get(), 0, true));
+    cube.reset();
+    mask.reset();
+    initSeg.reset();
+    gt.reset();
+
+    DHC_IN in;
+    in.source = 0;
+    in.roi = roi.get();
+    in.settings = settings.get();
+    if (supervised) {
+        in.mode = 1;
+        in.gt = gtRoi.get();
+        in.initLabels = nullptr;
+    } else {
+        in.mode = 0;
+        in.initLabelsFile = nullptr;
+        in.initLabels = initLabels.get();
+    }
+    const DHC_OUT out = DHC::dhc(in);
+    if (out.labelRoi == nullptr || out.dhc == nullptr) throw MxError("dhc:internal", "the driver returned no result");
+
+    const char* outFields[] = {"segmentation", "fragmentation"};
+    MxOwned result(newStruct(1, 2, outFields));
+    if (settings->fragmentation && !settings->splitwiseDisconnect && out.fragRoi != nullptr)
+        mxSetField(result.get(), 0, "fragmentation", fullFrame(*out.fragRoi, rows, cols));
+    mxSetField(result.get(), 0, "segmentation", fullFrame(*out.labelRoi, rows, cols));
+
+    MxOwned summary, reportArray;
+    if (treeOutput) {
+        int n = 0;
+        WSReport** list = out.dhc->reportAllWSs(n);
+        const ReportList reports(list, n);
+        summary.reset(buildSummary(reports, *out.dhc));
+        reportArray.reset(buildReports(reports));
+    }
+
+    plhs[0] = result.release();
+    if (treeOutput) {
+        plhs[1] = summary.release();
+        plhs[2] = reportArray.release();
+    }
+}
+
+// Identifier of a fatal condition: the status with its sign spelled out,
+// "dhc:fatal:m20" for -20, "dhc:fatal:p1" for 1.
+std::string fatalId(int status) {
+    return std::string("dhc:fatal:") + (status < 0 ? "m" : "p") +
+           std::to_string(status < 0 ? -static_cast<long>(status) : status);
+}
+
+}  // namespace
+
+void mexFunction(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]) {
+    if ((nlhs != 1 && nlhs != 3) || nrhs != 2) mexErrMsgTxt(kUsage);
+
+    // The error is raised after every owner of the call is gone; MATLAB may
+    // leave without unwinding, so its texts live in static storage.
+    static char errorId[64];
+    static char errorText[2048];
+    bool failed = false;
+    auto fail = [&](const std::string& id, const std::string& text) {
+        std::snprintf(errorId, sizeof errorId, "%s", id.c_str());
+        std::snprintf(errorText, sizeof errorText, "%s", text.c_str());
+        failed = true;
+    };
+    {
+        HostGuard guard;
+        try {
+            run(nlhs, plhs, prhs[0], prhs[1]);
+        } catch (const FatalCondition& f) {
+            fail(fatalId(f.status),
+                 f.message.empty() ? "fatal condition (status " + std::to_string(f.status) + ")" : f.message);
+        } catch (const MxError& e) {
+            fail(e.id(), e.what());
+        } catch (const std::bad_alloc&) {
+            fail("dhc:outOfMemory", "out of memory");
+        } catch (const std::exception& e) {
+            fail("dhc:internal", e.what());
+        }
+    }
+    if (!failed) return;
+    if (errorId[0] == '\0')
+        mexErrMsgTxt(errorText);
+    else
+        mexErrMsgIdAndTxt(errorId, "%s", errorText);
+}
