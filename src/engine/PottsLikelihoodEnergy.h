@@ -1,0 +1,46 @@
+#pragma once
+// PottsLikelihoodEnergy: a table of per-pixel class energies, one row per
+// class, one column per pixel.  The energy of pixel x for a Gaussian (mu, S) is
+// E = 1/2 (log|S| + (x - mu)' S^-1 (x - mu)); a class made of several Gaussians
+// takes the smallest component energy.
+//
+// Built over one workspace (columns = its pixel list; loaded pixels are
+// filled, the rest stay 0) or over several workspaces (their pixel lists
+// concatenated in order, each workspace's own Gaussian being one class).  A
+// table over the root serves every descendant: a workspace with a pixelIndex
+// reads column pixelIndex[p] for its pixel p.
+//
+// Owns its rows (new[]); not copyable.
+
+class Mixture;
+class PottsWS;
+
+class PottsLikelihoodEnergy {
+public:
+    double** energy = nullptr;  // nClasses rows of nPixels
+    int nClasses = 0;
+    int nPixels = 0;
+
+    // n rows x ws->envelopeCount columns, filled by update(classes, ws).
+    PottsLikelihoodEnergy(Mixture** classes, int n, PottsWS* ws);
+    // n rows x the sum of the workspaces' envelopeCount, filled by update(wss).
+    PottsLikelihoodEnergy(PottsWS** wss, int n);
+    ~PottsLikelihoodEnergy();
+    PottsLikelihoodEnergy(const PottsLikelihoodEnergy&) = delete;
+    PottsLikelihoodEnergy& operator=(const PottsLikelihoodEnergy&) = delete;
+
+    // Row i = energies of the mixture classes[i] (its inverses must exist) at the
+    // loaded pixels of ws.
+    void update(Mixture** classes, PottsWS* ws);
+    // Row i = energies of workspace i's Gaussian (mi, sigma) at every loaded
+    // pixel of the nClasses workspaces; +infinity when its sigma is singular.
+    void update(PottsWS** wss);
+
+    // New n x ws->envelopeCount table: group g at pixel p is the smallest energy
+    // among the classes groups[g][0..sizes[g]-1] (first strictly smaller wins).
+    double** get(PottsWS* ws, int** groups, int* sizes, int n);
+    // Mean of energy[i][p] - energy[j][p] over the n listed pixels; 0.0 for n < 1.
+    double dLE(int i, int j, int* pixels, int n);
+    // Mean of the squared differences; 0.0 for n < 1.
+    double dLE_square(int i, int j, int* pixels, int n);
+};
