@@ -7,8 +7,8 @@ classdef DhcClassicSettings
   %   minSplitArea        regions smaller than this (pixels) are not split
 
   properties
-    splitGainThreshold = 0;
+    splitGainThreshold = 0.3;
     maxNumberOfClasses = 8;
-    minSplitArea = 16;
+    minSplitArea = 64;
   end
 end

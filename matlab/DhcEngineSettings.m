@@ -12,15 +12,15 @@ classdef DhcEngineSettings
   %   kernelType        mean-shift kernel selector
 
   properties
-    adaptive = 1;
+    adaptive = 0;
     betaMin = 0;
-    betaMax = 2;
-    betaBound = 1;
+    betaMax = 1.5;
+    betaBound = 0;
     rangeBandwidth = 0;
     spatialBandwidth = 0;
     autoAdjustkNN = 0;
-    skipLast = 0;
-    tolerance = 0.001;
+    skipLast = 0.1;
+    tolerance = 0.05;
     kernelType = 0;
   end
 end

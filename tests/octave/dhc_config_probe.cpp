@@ -1,7 +1,10 @@
 // Test-only MEX module: s = dhc_config_probe(settings) returns the DHC_SET that
 // dhcConfig makes of a settings object, one field per record member, so the
 // Octave tests can check the conversions without running a segmentation.
+// s = dhc_config_probe('file.ini') returns the record read from an ini file,
+// for comparing the two ways of filling it.
 
+#include <cstdio>
 #include <memory>
 #include <string>
 
@@ -60,7 +63,15 @@ void mexFunction(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]) {
     if (nrhs != 1 || nlhs > 1) mexErrMsgTxt("usage: s = dhc_config_probe(settings)");
     static char id[64], text[1024];
     try {
-        const std::unique_ptr<DHC_SET> set(dhcConfig(prhs[0]));
+        std::unique_ptr<DHC_SET> set;
+        if (mxIsChar(prhs[0])) {
+            char* name = mxArrayToString(prhs[0]);
+            const std::string fileName(name);
+            mxFree(name);
+            set.reset(new DHC_SET(fileName));
+        } else {
+            set.reset(dhcConfig(prhs[0]));
+        }
         plhs[0] = toStruct(*set);
         return;
     } catch (const MxError& e) {
