@@ -186,44 +186,32 @@ ROI<int, xy>* sampleRoi() {
 TEST(RoiLabels, ExtractLabROIReadsBoxOrFullFramePlanes) {
     ROI<int, xy>* roi = sampleRoi();
     ASSERT_EQ(roi->count, 4);
-    const int pad = 1;
-    // Full-frame plane padded by 1: cell value encodes the image position.
-    std::vector<std::vector<int>> full(6 + 2 * pad, std::vector<int>(8 + 2 * pad, -9));
-    std::vector<int*> fullRows;
+    // A full-frame plane padded by 1 and an unpadded 4 x 4 box plane (box at (2, 3)),
+    // whose cells encode their own position.
+    int*** full = ImageFile<int>::newCube(1, 8, 10);
+    int*** box = ImageFile<int>::newCube(1, 4, 4);
     for (int r = 0; r < 6; ++r)
-        for (int c = 0; c < 8; ++c) full[r + pad][c + pad] = 10 * r + c;
-    for (auto& row : full) fullRows.push_back(row.data());
-    // Box plane (4 x 4 at (2, 3)), unpadded, value = 100 + box position.
-    std::vector<std::vector<int>> box(4, std::vector<int>(4));
-    std::vector<int*> boxRows;
+        for (int c = 0; c < 8; ++c) full[0][r + 1][c + 1] = 10 * r + c;
     for (int r = 0; r < 4; ++r)
-        for (int c = 0; c < 4; ++c) box[r][c] = 100 + 10 * r + c;
-    for (auto& row : box) boxRows.push_back(row.data());
+        for (int c = 0; c < 4; ++c) box[0][r][c] = 100 + 10 * r + c;
 
-    ROI<int, xy>* abs = roi->extractLabROI(fullRows.data(), pad, true);
-    ROI<int, xy>* rel = roi->extractLabROI(boxRows.data(), 0, false);
+    ROI<int, xy>* abs = roi->extractLabROI(full[0], 1, true);
+    ROI<int, xy>* rel = roi->extractLabROI(box[0], 0, false);
     const int imagePos[4] = {23, 25, 44, 56};
     const int boxPos[4] = {100, 102, 121, 133};
-    for (const ROI<int, xy>* r : {abs, rel}) {
-        EXPECT_EQ(r->count, 4);
-        EXPECT_EQ(r->bands, 1);
-        EXPECT_EQ(r->minRow, 2);
-        EXPECT_EQ(r->minCol, 3);
-        EXPECT_EQ(r->height, 4);
-        EXPECT_EQ(r->width, 4);
-        EXPECT_EQ(r->imageRows, 6);
-        EXPECT_EQ(r->order, 2);
-        for (int k = 0; k < 4; ++k) {
-            EXPECT_EQ(r->coords[k].x, roi->coords[k].x);
-            EXPECT_EQ(r->coords[k].y, roi->coords[k].y);
-        }
-    }
     for (int k = 0; k < 4; ++k) {
         EXPECT_EQ(abs->data[k], imagePos[k]) << k;
         EXPECT_EQ(rel->data[k], boxPos[k]) << k;
+        EXPECT_EQ(abs->coords[k].x, roi->coords[k].x);
+        EXPECT_EQ(rel->coords[k].y, roi->coords[k].y);
     }
+    EXPECT_EQ(std::make_tuple(abs->count, abs->bands, abs->minRow, abs->minCol, abs->height, abs->width,
+                              abs->imageRows, abs->imageCols, abs->order),
+              std::make_tuple(4, 1, 2, 3, 4, 4, 6, 8, 2));
     delete abs;
     delete rel;
+    ImageFile<int>::deleteCube(full, 1, 8);
+    ImageFile<int>::deleteCube(box, 1, 4);
     delete roi;
 }
 
