@@ -1,0 +1,169 @@
+#include "CommandLine.h"
+
+#include <functional>
+
+#include "CliError.h"
+
+const char* const kUsage =
+    "Usage: dhc COMMAND [OPTION]... [FILE]...\n"
+    "Hierarchical segmentation of multispectral images stored as hraw files.\n"
+    "\n"
+    "Commands:\n"
+    "  segment IMAGE.hraw -o LABELS.hraw [OPTION]...   segment an image\n"
+    "  info FILE.hraw...                               print bands, rows, cols and value range\n"
+    "\n"
+    "Options:\n"
+    "  -h, --help      show this help (or a command's help: dhc COMMAND --help)\n"
+    "  -V, --version   show the version\n"
+    "\n"
+    "Exit status: 0 on success, 1 for bad input (files, configuration), 2 for a bad\n"
+    "command line; other values are fatal conditions of the segmenter itself.\n";
+
+const char* const kSegmentUsage =
+    "Usage: dhc segment IMAGE.hraw -o LABELS.hraw [OPTION]...\n"
+    "Segment IMAGE.hraw and write its label map (one band, same rows and columns,\n"
+    "0 outside the region of interest) to LABELS.hraw.\n"
+    "\n"
+    "  -o, --output=FILE      label map to write (required)\n"
+    "      --config=FILE      ini configuration (default: the built-in default.ini)\n"
+    "      --set SECTION.Key=VALUE\n"
+    "                         override one configuration key (repeatable)\n"
+    "      --mask=FILE        region of interest: the pixels whose mask value is 1\n"
+    "                         (default: the pixels whose initial label is positive)\n"
+    "      --init=FILE        initial segmentation (default: every pixel labelled 1)\n"
+    "      --gt=FILE          ground truth; required in supervised mode\n"
+    "      --report=FILE      text report of the tree of regions\n"
+    "      --fragments=FILE   connected fragments of the classes (needs Fragmentation=1)\n"
+    "      --png=FILE         PNG picture of the label map, one colour per class\n"
+    "  -q, --quiet            no progress lines on standard error\n"
+    "  -h, --help             show this help\n"
+    "\n"
+    "Mask, initial segmentation and ground truth are one-band hraw files of the\n"
+    "image's size.  Outputs are written under a temporary name and renamed when\n"
+    "the run has succeeded.\n";
+
+const char* const kInfoUsage =
+    "Usage: dhc info FILE.hraw...\n"
+    "Print the bands, rows and columns of each hraw file and the range of its values\n"
+    "(overall and per band).\n"
+    "\n"
+    "  -h, --help   show this help\n";
+
+namespace {
+
+// One option: its long name, its short letter (0 for none) and what to do with it.
+struct Option {
+    const char* name;
+    char letter;
+    bool takesValue;
+    std::function<void(const std::string&)> apply;
+};
+
+// Walks the arguments: options (long, "--name=value" or "--name value";
+// short, "-o value", "-ovalue", "-q") and operands (everything else, and
+// everything after "--").
+void parse(const std::vector<std::string>& args, const std::vector<Option>& options,
+           const std::function<void(const std::string&)>& operand) {
+    auto byName = [&](const std::string& name) -> const Option* {
+        for (const Option& o : options)
+            if (name == o.name) return &o;
+        return nullptr;
+    };
+    auto byLetter = [&](char letter) -> const Option* {
+        for (const Option& o : options)
+            if (o.letter != 0 && o.letter == letter) return &o;
+        return nullptr;
+    };
+    auto unknown = [](const std::string& arg) {
+        return CliError(kExitUsage, "unknown option \"" + arg + "\" (see dhc --help)");
+    };
+    auto needsValue = [](const std::string& shown) {
+        return CliError(kExitUsage, "option \"" + shown + "\" needs a value");
+    };
+
+    bool optionsEnded = false;
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string& arg = args[i];
+        if (optionsEnded || arg.size() < 2 || arg[0] != '-') {
+            operand(arg);
+        } else if (arg == "--") {
+            optionsEnded = true;
+        } else if (arg[1] == '-') {
+            const size_t eq = arg.find('=');
+            const std::string name = arg.substr(2, eq == std::string::npos ? std::string::npos : eq - 2);
+            const Option* o = byName(name);
+            if (o == nullptr) throw unknown(eq == std::string::npos ? arg : arg.substr(0, eq));
+            if (!o->takesValue) {
+                if (eq != std::string::npos)
+                    throw CliError(kExitUsage, "option \"--" + name + "\" takes no value");
+                o->apply(std::string());
+                continue;
+            }
+            std::string value;
+            if (eq != std::string::npos)
+                value = arg.substr(eq + 1);
+            else if (i + 1 < args.size())
+                value = args[++i];
+            else
+                throw needsValue("--" + name);
+            if (value.empty()) throw needsValue("--" + name);
+            o->apply(value);
+        } else {
+            // A cluster of short options; one that takes a value ends it.
+            for (size_t j = 1; j < arg.size(); ++j) {
+                const Option* o = byLetter(arg[j]);
+                if (o == nullptr) throw unknown(std::string("-") + arg[j]);
+                if (!o->takesValue) {
+                    o->apply(std::string());
+                    continue;
+                }
+                std::string value = arg.substr(j + 1);
+                if (value.empty()) {
+                    if (i + 1 >= args.size()) throw needsValue(std::string("-") + arg[j]);
+                    value = args[++i];
+                }
+                if (value.empty()) throw needsValue(std::string("-") + arg[j]);
+                o->apply(value);
+                break;
+            }
+        }
+    }
+}
+
+}  // namespace
+
+SegmentOptions parseSegment(const std::vector<std::string>& args) {
+    SegmentOptions s;
+    auto into = [](std::string& field) { return [&field](const std::string& v) { field = v; }; };
+    const std::vector<Option> options = {
+        {"output", 'o', true, into(s.output)},
+        {"config", 0, true, into(s.config)},
+        {"set", 0, true, [&s](const std::string& v) { s.sets.push_back(v); }},
+        {"mask", 0, true, into(s.mask)},
+        {"init", 0, true, into(s.init)},
+        {"gt", 0, true, into(s.gt)},
+        {"report", 0, true, into(s.report)},
+        {"fragments", 0, true, into(s.fragments)},
+        {"png", 0, true, into(s.png)},
+        {"quiet", 'q', false, [&s](const std::string&) { s.quiet = true; }},
+        {"help", 'h', false, [&s](const std::string&) { s.help = true; }},
+    };
+    std::vector<std::string> operands;
+    parse(args, options, [&operands](const std::string& v) { operands.push_back(v); });
+    if (s.help) return s;
+    if (operands.empty()) throw CliError(kExitUsage, "segment: missing IMAGE.hraw (see dhc segment --help)");
+    if (operands.size() > 1) throw CliError(kExitUsage, "segment: unexpected argument \"" + operands[1] + "\"");
+    s.image = operands[0];
+    if (s.output.empty()) throw CliError(kExitUsage, "segment: missing -o LABELS.hraw (see dhc segment --help)");
+    return s;
+}
+
+InfoOptions parseInfo(const std::vector<std::string>& args) {
+    InfoOptions s;
+    const std::vector<Option> options = {
+        {"help", 'h', false, [&s](const std::string&) { s.help = true; }},
+    };
+    parse(args, options, [&s](const std::string& v) { s.files.push_back(v); });
+    if (!s.help && s.files.empty()) throw CliError(kExitUsage, "info: missing FILE.hraw (see dhc info --help)");
+    return s;
+}

@@ -1,0 +1,36 @@
+#pragma once
+// The command line of the `dhc` program: commands, options, usage texts.
+
+#include <string>
+#include <vector>
+
+// Options of `dhc segment`.
+struct SegmentOptions {
+    std::string image;      // IMAGE.hraw (operand)
+    std::string output;     // -o, --output: label map
+    std::string config;     // --config: ini file (default: the built-in default.ini)
+    std::string mask;       // --mask: pixels with value 1 form the region of interest
+    std::string init;       // --init: initial segmentation
+    std::string gt;         // --gt: ground truth (supervised mode)
+    std::string report;     // --report: text report
+    std::string fragments;  // --fragments: fragment map
+    std::string png;        // --png: picture of the label map
+    std::vector<std::string> sets;  // --set SECTION.Key=value, in order
+    bool quiet = false;             // -q, --quiet: no progress lines
+    bool help = false;              // -h, --help
+};
+
+// Options of `dhc info`.
+struct InfoOptions {
+    std::vector<std::string> files;
+    bool help = false;
+};
+
+// Parse the arguments that follow the command word; throw a CliError
+// (kExitUsage) for an unknown option, a missing value or a missing operand.
+SegmentOptions parseSegment(const std::vector<std::string>& args);
+InfoOptions parseInfo(const std::vector<std::string>& args);
+
+extern const char* const kUsage;         // dhc --help
+extern const char* const kSegmentUsage;  // dhc segment --help
+extern const char* const kInfoUsage;     // dhc info --help

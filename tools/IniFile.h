@@ -1,0 +1,76 @@
+#pragma once
+// The configuration text of one `dhc segment` run, checked before the library
+// reads it.
+//
+// The library's ini reader (DHC_SET(fileName)) takes a malformed number as
+// whatever prefix strtol/strtod accept and a missing section as a fatal
+// condition.  The tool therefore keeps the text line by line, reads it with the
+// same rules (a section starts at the first line beginning with "[NAME]", ends
+// at the first empty line, the first "Key=" line wins), applies the --set
+// overrides to it and checks every setting the library knows, so that a bad
+// value is reported as "file:line: ..." before anything runs.  The checked text
+// is then written to a temporary file for DHC_SET to read.
+
+#include <string>
+#include <vector>
+
+#include "CliError.h"
+
+class IniFile {
+public:
+    // Kind of value a setting holds, as the library parses it.
+    enum class Kind { Flag, Int, Double, IntArray };
+
+    // One setting the library reads: section, key, kind.
+    struct Setting {
+        const char* section;
+        const char* key;
+        Kind kind;
+    };
+    // Every setting that DHC_SET reads, section by section.
+    static const std::vector<Setting>& settings();
+    // The setting named SECTION.Key, or null.
+    static const Setting* findSetting(const std::string& section, const std::string& key);
+
+    // Text of a configuration; name is used in messages ("name:line: ...").
+    IniFile(std::string name, const std::string& text);
+    // Reads a file; a file that cannot be read is a CliError.
+    static IniFile fromFile(const std::string& path);
+
+    // Applies one "SECTION.Key=value" override: the first Key line of the
+    // section gets the new value, a missing key is added at the top of its
+    // section, a missing section is added at the end.  Unknown settings and
+    // malformed values are usage errors naming the override.
+    void applyOverride(const std::string& assignment);
+
+    // Checks the whole configuration the way the run will use it; throws a
+    // CliError (status kExitInput) naming the file and line of the first problem.
+    void check() const;
+
+    // Value text of SECTION.Key as the library would read it; false when absent.
+    bool value(const std::string& section, const std::string& key, std::string& out) const;
+
+    // The configuration text, ready to be written out.
+    std::string text() const;
+    const std::string& name() const { return name_; }
+
+private:
+    struct Line {
+        std::string text;    // without the line end ('\r' kept, as the reader keeps it)
+        std::string origin;  // "name:line" or "--set SECTION.Key=value"
+    };
+    // Index of the line opening [section], or -1.
+    int sectionLine(const std::string& section) const;
+    // Index of the first "key=" line of the section opened at line s, or -1.
+    int keyLine(int s, const std::string& key) const;
+    // Index one past the last line of the section opened at line s.
+    int sectionEnd(int s) const;
+    // Throws unless text is a well-formed value of kind; where names the value in the message.
+    static void checkValue(const Setting& setting, const std::string& text, const std::string& where,
+                           int status);
+    void checkSemantics() const;
+
+    std::string name_;
+    std::vector<Line> lines_;
+    bool finalNewline_ = true;
+};
