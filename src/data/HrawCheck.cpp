@@ -34,7 +34,8 @@ bool checkHrawFile(const std::string& path, int& bands, int& rows, int& cols, st
     rows = header[1];
     cols = header[2];
     if (bands <= 0 || rows <= 0 || cols <= 0) {
-        msg << "non-positive size in header (bands " << bands << ", rows " << rows << ", cols " << cols << ")";
+        msg << "non-positive size in header (bands " << bands << ", rows " << rows << ", cols " << cols
+            << ")";
         error = msg.str();
         return false;
     }
@@ -46,14 +47,15 @@ bool checkHrawFile(const std::string& path, int& bands, int& rows, int& cols, st
     // rows, cols <= 65535 and bands < 2^31 keep these products within int64.
     const int64_t values = static_cast<int64_t>(bands) * rows * cols;
     if (values > INT32_MAX) {
-        msg << "too many values (" << bands << " x " << rows << " x " << cols << " exceeds " << INT32_MAX << ")";
+        msg << "too many values (" << bands << " x " << rows << " x " << cols << " exceeds " << INT32_MAX
+            << ")";
         error = msg.str();
         return false;
     }
     const int64_t expected = kHeaderBytes + 4 * static_cast<int64_t>(bands) * rows * cols;
     if (size != expected) {
-        msg << "size " << size << " bytes, expected " << expected << " for " << bands << " x " << rows << " x " << cols
-            << " int32 values";
+        msg << "size " << size << " bytes, expected " << expected << " for " << bands << " x " << rows
+            << " x " << cols << " int32 values";
         error = msg.str();
         return false;
     }

@@ -16,7 +16,8 @@ namespace {
 // memory is an allocation failure, like any other oversized request.
 size_t cellCount(int bands, int rows, int cols) {
     size_t n = 0;
-    if (__builtin_mul_overflow(static_cast<size_t>(nonNegative(bands)), static_cast<size_t>(nonNegative(rows)), &n) ||
+    if (__builtin_mul_overflow(static_cast<size_t>(nonNegative(bands)),
+                               static_cast<size_t>(nonNegative(rows)), &n) ||
         __builtin_mul_overflow(n, static_cast<size_t>(nonNegative(cols)), &n))
         throw std::bad_alloc();
     return n;
@@ -114,7 +115,8 @@ int** ImageFile<T>::readRawInt32(const std::string& path, int rows, int cols, in
 }
 
 template <typename T>
-double** ImageFile<T>::readRawDouble(const std::string& path, int rows, int cols, int pad, double frameValue) {
+double** ImageFile<T>::readRawDouble(const std::string& path, int rows, int cols, int pad,
+                                     double frameValue) {
     return readRawPlane<double, double>(path, rows, cols, pad, frameValue);
 }
 

@@ -27,7 +27,7 @@
 
 template <typename T>
 class ImageFile {
-public:
+  public:
     // Reads a whole hraw file; bands, rows, cols receive its header.
     static int*** readHRawInt32(const std::string& path, int& bands, int& rows, int& cols);
     // Writes header (bands, rows, cols) and every band, in one write.

@@ -8,16 +8,25 @@
 using namespace dhc::planeio;
 
 PaddedMap::PaddedMap(int nRows, int nCols, int nPad, int frame, int inner)
-    : map(createPaddedMapFrame(nRows, nCols, nPad, frame, inner)), rows(nRows), cols(nCols), pad(nPad),
+    : map(createPaddedMapFrame(nRows, nCols, nPad, frame, inner)),
+      rows(nRows),
+      cols(nCols),
+      pad(nPad),
       frameValue(frame) {}
 
 PaddedMap::PaddedMap(int** plane, int nRows, int nCols, int nPad, int frame)
     : map(plane), rows(nRows), cols(nCols), pad(nPad), frameValue(frame) {}
 
-PaddedMap::~PaddedMap() { deletePaddedMapFrame(map, rows, cols, pad); }
+PaddedMap::~PaddedMap() {
+    deletePaddedMapFrame(map, rows, cols, pad);
+}
 
 PaddedMap::PaddedMap(PaddedMap&& other) noexcept
-    : map(other.release()), rows(other.rows), cols(other.cols), pad(other.pad), frameValue(other.frameValue) {}
+    : map(other.release()),
+      rows(other.rows),
+      cols(other.cols),
+      pad(other.pad),
+      frameValue(other.frameValue) {}
 
 PaddedMap& PaddedMap::operator=(PaddedMap&& other) noexcept {
     if (this != &other) {
@@ -31,7 +40,9 @@ PaddedMap& PaddedMap::operator=(PaddedMap&& other) noexcept {
     return *this;
 }
 
-int** PaddedMap::release() { return std::exchange(map, nullptr); }
+int** PaddedMap::release() {
+    return std::exchange(map, nullptr);
+}
 
 int** PaddedMap::createPaddedMapFrame(int nRows, int nCols, int nPad, int frame, int inner) {
     return createFrame<int>(nRows, nCols, nPad, frame, inner);

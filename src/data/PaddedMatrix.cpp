@@ -8,16 +8,25 @@
 using namespace dhc::planeio;
 
 PaddedMatrix::PaddedMatrix(int nRows, int nCols, int nPad, double frame, double inner)
-    : map(createPaddedMatrixFrame(nRows, nCols, nPad, frame, inner)), rows(nRows), cols(nCols), pad(nPad),
+    : map(createPaddedMatrixFrame(nRows, nCols, nPad, frame, inner)),
+      rows(nRows),
+      cols(nCols),
+      pad(nPad),
       frameValue(frame) {}
 
 PaddedMatrix::PaddedMatrix(double** plane, int nRows, int nCols, int nPad, double frame)
     : map(plane), rows(nRows), cols(nCols), pad(nPad), frameValue(frame) {}
 
-PaddedMatrix::~PaddedMatrix() { deletePaddedMatrixFrame(map, rows, cols, pad); }
+PaddedMatrix::~PaddedMatrix() {
+    deletePaddedMatrixFrame(map, rows, cols, pad);
+}
 
 PaddedMatrix::PaddedMatrix(PaddedMatrix&& other) noexcept
-    : map(other.release()), rows(other.rows), cols(other.cols), pad(other.pad), frameValue(other.frameValue) {}
+    : map(other.release()),
+      rows(other.rows),
+      cols(other.cols),
+      pad(other.pad),
+      frameValue(other.frameValue) {}
 
 PaddedMatrix& PaddedMatrix::operator=(PaddedMatrix&& other) noexcept {
     if (this != &other) {
@@ -31,7 +40,9 @@ PaddedMatrix& PaddedMatrix::operator=(PaddedMatrix&& other) noexcept {
     return *this;
 }
 
-double** PaddedMatrix::release() { return std::exchange(map, nullptr); }
+double** PaddedMatrix::release() {
+    return std::exchange(map, nullptr);
+}
 
 double** PaddedMatrix::createPaddedMatrixFrame(int nRows, int nCols, int nPad, double frame, double inner) {
     return createFrame<double>(nRows, nCols, nPad, frame, inner);

@@ -23,7 +23,8 @@ struct PaddedMatrix {
 
     double** release();
 
-    static double** createPaddedMatrixFrame(int rows, int cols, int pad, double frameValue, double innerValue);
+    static double** createPaddedMatrixFrame(int rows, int cols, int pad, double frameValue,
+                                            double innerValue);
     static void deletePaddedMatrixFrame(double** map, int rows, int cols, int pad);
 
     // As PaddedMap::getMap.

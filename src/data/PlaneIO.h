@@ -8,7 +8,9 @@
 namespace dhc {
 namespace planeio {
 
-inline int nonNegative(int v) { return v > 0 ? v : 0; }
+inline int nonNegative(int v) {
+    return v > 0 ? v : 0;
+}
 
 // A new (rows + 2*pad) x (cols + 2*pad) plane, frame cells = frame, inner cells = inner.
 template <typename T>
@@ -20,8 +22,7 @@ T** createFrame(int rows, int cols, int pad, T frame, T inner) {
     for (int r = 0; r < totalRows; ++r) {
         plane[r] = new T[totalCols];
         const bool innerRow = r >= p && r < p + r0;
-        for (int c = 0; c < totalCols; ++c)
-            plane[r][c] = innerRow && c >= p && c < p + c0 ? inner : frame;
+        for (int c = 0; c < totalCols; ++c) plane[r][c] = innerRow && c >= p && c < p + c0 ? inner : frame;
     }
     return plane;
 }

@@ -25,12 +25,15 @@ struct ROI {
     int width = 0;        //   number of columns
     int imageRows = 0;    // size of the source image
     int imageCols = 0;
-    int order = 0;        // 2 = raster order, 1 = shuffled
+    int order = 0;  // 2 = raster order, 1 = shuffled
 
     ROI() = default;
     // count points of bands values each, all zero; box and image size left 0.
-    ROI(int n, int nBands) : data(new T[static_cast<size_t>(n > 0 ? n : 0) * (nBands > 0 ? nBands : 0)]()),
-                             coords(new C[n > 0 ? n : 0]()), count(n), bands(nBands) {}
+    ROI(int n, int nBands)
+        : data(new T[static_cast<size_t>(n > 0 ? n : 0) * (nBands > 0 ? nBands : 0)]()),
+          coords(new C[n > 0 ? n : 0]()),
+          count(n),
+          bands(nBands) {}
     ~ROI() {
         delete[] data;
         delete[] coords;
@@ -66,12 +69,13 @@ struct ROI {
         const int dr = offset + (absolute ? minRow : 0);
         const int dc = offset + (absolute ? minCol : 0);
         for (int k = 0; k < count; ++k)
-            cube[0][coords[k].x + dr][coords[k].y + dc] = static_cast<int>(data[static_cast<size_t>(k) * bands]);
+            cube[0][coords[k].x + dr][coords[k].y + dc] =
+                static_cast<int>(data[static_cast<size_t>(k) * bands]);
         ImageFile<int>::writeHRawInt32(path, cube[0], rows, cols);
         ImageFile<int>::deleteCube(cube, 1, rows);
     }
 
-private:
+  private:
     void copyFrame(ROI& other) const {
         other.minRow = minRow;
         other.height = height;

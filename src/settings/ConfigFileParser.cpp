@@ -17,7 +17,9 @@ bool isEmptyLine(const char* line) {
     return line[0] == '\n' || line[0] == '\0';
 }
 
-bool isBlank(char c) { return c == ' ' || c == '\t'; }
+bool isBlank(char c) {
+    return c == ' ' || c == '\t';
+}
 
 // Splits an array or matrix value: skip the opening character, then elements
 // end at a blank, a semicolon (end of a matrix row) or the closing brace.
@@ -82,19 +84,26 @@ T** parseMatrix(const std::vector<std::string>& items, int rows, int cols, Parse
     T** out = new T*[rows > 0 ? rows : 0];
     for (int r = 0; r < rows; ++r) {
         out[r] = new T[cols > 0 ? cols : 0];
-        for (int c = 0; c < cols; ++c) out[r][c] = static_cast<T>(parse(items[static_cast<size_t>(r) * cols + c].c_str()));
+        for (int c = 0; c < cols; ++c)
+            out[r][c] = static_cast<T>(parse(items[static_cast<size_t>(r) * cols + c].c_str()));
     }
     return out;
 }
 
-long toLong(const char* s) { return std::strtol(s, nullptr, 10); }
-double toDouble(const char* s) { return std::strtod(s, nullptr); }
+long toLong(const char* s) {
+    return std::strtol(s, nullptr, 10);
+}
+double toDouble(const char* s) {
+    return std::strtod(s, nullptr);
+}
 
 }  // namespace
 
 ConfigFileParser::ConfigFileParser(const std::string& fileName) : file_(std::fopen(fileName.c_str(), "rb")) {}
 
-ConfigFileParser::~ConfigFileParser() { close(); }
+ConfigFileParser::~ConfigFileParser() {
+    close();
+}
 
 void ConfigFileParser::close() {
     if (file_ != nullptr) std::fclose(file_);
@@ -137,7 +146,8 @@ bool ConfigFileParser::scanSection(const std::string& key, std::string& value) {
         // A line without '=' is not a key line; it is skipped.
         const char* eq = std::strchr(line, '=');
         if (eq == nullptr) continue;
-        if (key.size() != static_cast<size_t>(eq - line) || std::strncmp(line, key.c_str(), key.size()) != 0) continue;
+        if (key.size() != static_cast<size_t>(eq - line) || std::strncmp(line, key.c_str(), key.size()) != 0)
+            continue;
         value.assign(eq + 1);
         if (!value.empty() && value.back() == '\n') value.pop_back();
         if (!value.empty() && value.back() == '\r') value.pop_back();
@@ -181,7 +191,9 @@ double ConfigFileParser::seekDouble(const std::string& key, double defaultValue)
     return lookup(key, value) ? toDouble(value.c_str()) : defaultValue;
 }
 
-bool ConfigFileParser::seekFlag(const std::string& key) { return seekInt(key, 0) != 0; }
+bool ConfigFileParser::seekFlag(const std::string& key) {
+    return seekInt(key, 0) != 0;
+}
 
 std::vector<std::string> ConfigFileParser::elements(const std::string& key, int n, bool& present) {
     std::string value;
@@ -203,7 +215,9 @@ char** ConfigFileParser::seekArray(const std::string& key, int n) {
     return out;
 }
 
-char** ConfigFileParser::seekStringArray(const std::string& key, int n) { return seekArray(key, n); }
+char** ConfigFileParser::seekStringArray(const std::string& key, int n) {
+    return seekArray(key, n);
+}
 
 int* ConfigFileParser::seekIntArray(const std::string& key, int n) {
     bool present = false;

@@ -26,7 +26,7 @@
 #include <vector>
 
 class ConfigFileParser {
-public:
+  public:
     static constexpr int kLineSize = 1024;
 
     // Opens fileName for binary reading.  A file that cannot be opened behaves
@@ -80,7 +80,10 @@ public:
     // Value text of key in the current section; false when absent or when no
     // section has been found (never ends the process).
     bool findValue(const std::string& key, std::string& value);
-    bool hasKey(const std::string& key) { std::string v; return findValue(key, v); }
+    bool hasKey(const std::string& key) {
+        std::string v;
+        return findValue(key, v);
+    }
     // True when key is present and its whole value (blanks aside) is a base-10
     // integer that fits in int / a number.
     bool checkedInt(const std::string& key, int& value);
@@ -88,7 +91,7 @@ public:
     // True when key is present and holds exactly n well-formed integers.
     bool checkedIntArray(const std::string& key, int n, std::vector<int>& values);
 
-private:
+  private:
     // Value of key in the current section, after the "no section yet" rule.
     bool lookup(const std::string& key, std::string& value);
     bool scanSection(const std::string& key, std::string& value);

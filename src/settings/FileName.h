@@ -11,6 +11,8 @@ namespace dhc {
 constexpr std::size_t kFileNameLimit = 200;
 
 // The first kFileNameLimit characters of name.
-inline std::string cutFileName(const std::string& name) { return name.substr(0, kFileNameLimit); }
+inline std::string cutFileName(const std::string& name) {
+    return name.substr(0, kFileNameLimit);
+}
 
 }  // namespace dhc

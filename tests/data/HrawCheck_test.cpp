@@ -33,7 +33,9 @@ struct Check {
     explicit Check(const std::string& path) { ok = checkHrawFile(path, bands, rows, cols, error); }
 };
 
-bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
 
 TEST(HrawCheck, AcceptsAWellFormedFile) {
     const std::string path = tempPath("good.hraw");
@@ -55,14 +57,11 @@ TEST(HrawCheck, NamesTheFileAndTheFault) {
         const char* what;
     };
     const Case cases[] = {
-        {3, 2, 4, 23, "expected 108"},      // one value short
-        {3, 2, 4, 25, "size 112 bytes"},    // one value too many
-        {1, 0, 4, 0, "non-positive"},
-        {-1, 2, 2, 4, "non-positive"},
-        {1, 3, -2, 6, "non-positive"},
-        {1, 65536, 1, 0, "over 65535"},
-        {1, 1, 70000, 0, "over 65535"},
-        {40000, 65535, 65535, 0, "too many values"},
+        {3, 2, 4, 23, "expected 108"},    // one value short
+        {3, 2, 4, 25, "size 112 bytes"},  // one value too many
+        {1, 0, 4, 0, "non-positive"},    {-1, 2, 2, 4, "non-positive"},
+        {1, 3, -2, 6, "non-positive"},   {1, 65536, 1, 0, "over 65535"},
+        {1, 1, 70000, 0, "over 65535"},  {40000, 65535, 65535, 0, "too many values"},
     };
     for (const Case& k : cases) {
         SCOPED_TRACE(k.what);

@@ -41,11 +41,14 @@ int32_t leInt(const std::vector<unsigned char>& b, size_t off) {
 std::vector<unsigned char> leBytes(const std::vector<int32_t>& values) {
     std::vector<unsigned char> out;
     for (int32_t v : values)
-        for (int i = 0; i < 4; ++i) out.push_back(static_cast<unsigned char>(static_cast<uint32_t>(v) >> (8 * i)));
+        for (int i = 0; i < 4; ++i)
+            out.push_back(static_cast<unsigned char>(static_cast<uint32_t>(v) >> (8 * i)));
     return out;
 }
 
-int value(int b, int r, int c) { return (b + 1) * 100000 - 1000 * r - c * 7 - 3; }
+int value(int b, int r, int c) {
+    return (b + 1) * 100000 - 1000 * r - c * 7 - 3;
+}
 
 TEST(HRaw, ThreeBandRoundTripIs108BandSequentialBytes) {
     const std::string path = tempPath("cube.hraw");
@@ -58,7 +61,8 @@ TEST(HRaw, ThreeBandRoundTripIs108BandSequentialBytes) {
 
     const std::vector<unsigned char> bytes = fileBytes(path);
     ASSERT_EQ(bytes.size(), 108u);
-    EXPECT_EQ(std::vector<unsigned char>(bytes.begin(), bytes.begin() + 4), (std::vector<unsigned char>{3, 0, 0, 0}));
+    EXPECT_EQ(std::vector<unsigned char>(bytes.begin(), bytes.begin() + 4),
+              (std::vector<unsigned char>{3, 0, 0, 0}));
     EXPECT_EQ(leInt(bytes, 4), 2);
     EXPECT_EQ(leInt(bytes, 8), 4);
     for (int b = 0; b < 3; ++b)

@@ -26,7 +26,8 @@ struct Image {
     std::vector<int**> bandPtrs;
     int** mask;
 
-    Image(int r, int c, int b) : rows(r), cols(c), bands(b), storage(static_cast<size_t>(b + 1) * r, std::vector<int>(c)) {
+    Image(int r, int c, int b)
+        : rows(r), cols(c), bands(b), storage(static_cast<size_t>(b + 1) * r, std::vector<int>(c)) {
         for (auto& row : storage) rowPtrs.push_back(row.data());
         for (int k = 0; k < b; ++k) {
             bandPtrs.push_back(&rowPtrs[static_cast<size_t>(k) * r]);

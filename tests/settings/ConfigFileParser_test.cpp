@@ -141,7 +141,8 @@ TEST(ConfigFileParserDeath, LookupBeforeAnySectionEndsWithMinusOne) {
 
 TEST(ConfigFileParser, CheckedQueriesNeverEndTheProcess) {
     const std::string path = writeFile(
-        "checked.ini", "[S]\nGood= 12 \nBad=12abc\nReal=0.25\nHuge=99999999999\nArr={1 2 3}\nJunk={1 x 3}\nOpen={1 2 3\n");
+        "checked.ini",
+        "[S]\nGood= 12 \nBad=12abc\nReal=0.25\nHuge=99999999999\nArr={1 2 3}\nJunk={1 x 3}\nOpen={1 2 3\n");
     ConfigFileParser p(path);
     std::string v;
     EXPECT_FALSE(p.findValue("Good", v));  // fatal through the seek* operations

@@ -119,8 +119,9 @@ TEST(DHC_SET, BlindActiveFollowsTheThreeLimits) {
         std::string depth, mse, area;
         in >> depth >> mse >> area;
         const std::string path = writeFile(
-            "blind.ini", "[SEGM_MAIN_CONFIGURATION]\nSupervisedMode=0\n\n[UNSUPERVISED_MODE_CONF]\nBlindSplitDepthMax=" +
-                             depth + "\nBlindSplitMSEMin=" + mse + "\nBlindSplitAreaMin=" + area + "\n");
+            "blind.ini",
+            "[SEGM_MAIN_CONFIGURATION]\nSupervisedMode=0\n\n[UNSUPERVISED_MODE_CONF]\nBlindSplitDepthMax=" +
+                depth + "\nBlindSplitMSEMin=" + mse + "\nBlindSplitAreaMin=" + area + "\n");
         EXPECT_EQ(DHC_SET(path).blindActive, c.second);
         std::remove(path.c_str());
     }
@@ -134,7 +135,8 @@ TEST(DHC_SET, SupervisedFileReadsTheStructureAndSkipsUnsupervisedKeys) {
     const std::string text =
         "[SEGM_MAIN_CONFIGURATION]\nSupervisedMode=1\n\n"
         "[UNSUPERVISED_MODE_CONF]\nVariableMultiplicity=1\nSplitGainThreshold=0.75\nMaxNumberOfClasses=9\n"
-        "Fragmentation=1\nBlind=1\nGrowDepth=4\nBlindSplitDepthMax=3\nBlindSplitAreaMin=5\nBlindSplitMSEMin=2\n\n"
+        "Fragmentation=1\nBlind=1\nGrowDepth=4\nBlindSplitDepthMax=3\nBlindSplitAreaMin=5\nBlindSplitMSEMin="
+        "2\n\n"
         "[SUPERVISED_MODE_CONF]\nNumberOfClasses=3\nStructureLevels={1 2 3}\n"
         "StructurePaths={4 5 6 7 8 9 10 11}\n\n" +
         kPotts;
@@ -165,7 +167,8 @@ TEST(DHC_SET, SupervisedFileReadsTheStructureAndSkipsUnsupervisedKeys) {
 
 TEST(DHC_SET, SupervisedWithoutClassesLeavesTheStructureUnset) {
     const std::string path = writeFile(
-        "sup0.ini", "[SEGM_MAIN_CONFIGURATION]\nSupervisedMode=1\n\n[SUPERVISED_MODE_CONF]\nStructureLevels={1 2}\n");
+        "sup0.ini",
+        "[SEGM_MAIN_CONFIGURATION]\nSupervisedMode=1\n\n[SUPERVISED_MODE_CONF]\nStructureLevels={1 2}\n");
     DHC_SET s(path);
     EXPECT_TRUE(s.supervisedMode);
     EXPECT_EQ(s.numberOfClasses, 0);
