@@ -162,15 +162,20 @@ public:
                      int* splitSequence = nullptr);
 
 private:
-    DHC() = default;
-    void initCommon(int maxLabels, PottsWS* root);
+    // Owned copies behind configFile / settings when dhc() had to make them.
+    std::string configFileStore_;
+    DHC_SET* ownedSettings_ = nullptr;
+
+    void initCommon(int maxLabels, const std::function<PottsWS*(int borderLabel, int ownLabel)>& makeRoot);
     PottsEngine* makeEngine();
-    void seedFromMap(int nInitial);
+    void seedFromPlane(int** initial);
     PottsWS* rootWS() const;
     int leafCount() const;
-    void splitNode(SplittingOptions& opts, TreeNode<PottsWS*>* node);
-    void splitPieces(SplittingOptions& opts, TreeNode<PottsWS*>* node, PottsWS** pieces, int nPieces);
-    void finishMixTree(int nClasses);
+    void splitLeaf(const SplittingOptions& opts, TreeNode<PottsWS*>* node);
+    void splitPieces(const SplittingOptions& opts, TreeNode<PottsWS*>* node, PottsWS** pieces, int nPieces);
+    double blindScore(const SplittingOptions& opts, TreeNode<PottsWS*>* node) const;
+    void finishMixTree(int* levels, int** paths, int nClasses);
     void destroyMixTree();
     void supervisedStep(TreeNode<Mixture*>* classNode, TreeNode<PottsWS*>* wsNode);
+    ROI<int, xy>* fragmentLeaves(ROI<int, xy>* points);
 };

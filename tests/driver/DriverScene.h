@@ -1,0 +1,54 @@
+#pragma once
+// Synthetic scenes for the driver tests.
+
+#include <vector>
+
+#include "data/ROI.h"
+#include "data/xy.h"
+
+namespace driver_test {
+
+// A multi-band scene with its ground truth; values are class means plus a
+// small deterministic noise (own generator, so rand() is left alone).
+struct Scene {
+    int rows = 0, cols = 0, bands = 0;
+    std::vector<std::vector<std::vector<int>>> cube;  // [b][r][c]
+    std::vector<std::vector<int>> truth;              // [r][c], classes 1..K
+
+    Scene(int r, int c, int b) : rows(r), cols(c), bands(b),
+        cube(b, std::vector<std::vector<int>>(r, std::vector<int>(c, 0))), truth(r, std::vector<int>(c, 0)) {}
+
+    // Fills every pixel from its class: band b = means[class - 1][b] + noise in [-amp, amp].
+    void paint(const std::vector<std::vector<int>>& means, int amp) {
+        unsigned state = 12345u;
+        for (int r = 0; r < rows; ++r)
+            for (int c = 0; c < cols; ++c)
+                for (int b = 0; b < bands; ++b) {
+                    state = state * 1103515245u + 12345u;
+                    const int noise = amp > 0 ? static_cast<int>((state >> 16) % (2u * amp + 1u)) - amp : 0;
+                    cube[b][r][c] = means[truth[r][c] - 1][b] + noise;
+                }
+    }
+
+    ROI<int, xy>* dataRoi() {
+        std::vector<std::vector<int*>> bandRows(bands, std::vector<int*>(rows));
+        std::vector<int**> planes(bands);
+        for (int b = 0; b < bands; ++b) {
+            for (int r = 0; r < rows; ++r) bandRows[b][r] = cube[b][r].data();
+            planes[b] = bandRows[b].data();
+        }
+        std::vector<std::vector<int>> mask(rows, std::vector<int>(cols, 1));
+        std::vector<int*> maskRows(rows);
+        for (int r = 0; r < rows; ++r) maskRows[r] = mask[r].data();
+        return buildRoi(rows, cols, bands, planes.data(), maskRows.data(), 1, true);
+    }
+
+    // One value per point of `points`: the ground truth at the point.
+    ROI<int, xy>* truthRoi(ROI<int, xy>* points) {
+        std::vector<int*> rowPtr(rows);
+        for (int r = 0; r < rows; ++r) rowPtr[r] = truth[r].data();
+        return points->extractLabROI(rowPtr.data(), 0, true);
+    }
+};
+
+}  // namespace driver_test
