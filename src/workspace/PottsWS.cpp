@@ -1,0 +1,677 @@
+#include "workspace/PottsWS.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <fstream>
+#include <limits>
+#include <utility>
+#include <vector>
+
+#include "data/PottsMapRegion.h"
+#include "data/run.h"
+#include "stats/Mixture.h"
+#include "stats/OpMatrix.h"
+#include "workspace/WSReport.h"
+
+namespace {
+
+// The product of two band values as a 32-bit signed integer: values whose
+// product leaves the 32-bit range wrap around, as the label statistics have
+// always done.  Formed unsigned so the wrap is defined.
+inline double wrappedProduct(int a, int b) {
+    return static_cast<double>(static_cast<int32_t>(static_cast<uint32_t>(a) * static_cast<uint32_t>(b)));
+}
+
+double** newMatrix(int n) {
+    double** m = new double*[n];
+    for (int i = 0; i < n; ++i) m[i] = new double[n]();
+    return m;
+}
+
+void deleteMatrix(double** m, int n) {
+    if (m == nullptr) return;
+    for (int i = 0; i < n; ++i) delete[] m[i];
+    delete[] m;
+}
+
+void zeroMatrix(double** m, int n) {
+    for (int i = 0; i < n; ++i) std::fill(m[i], m[i] + n, 0.0);
+}
+
+// A covariance whose entries are all (nearly) zero comes from a constant
+// region; a unit diagonal keeps it invertible for the later steps.
+void repairDegenerate(double** m, int n) {
+    double total = 0.0;
+    for (int i = 0; i < n; ++i)
+        for (int j = 0; j < n; ++j) total += std::fabs(m[i][j]);
+    if (total < 0.01)
+        for (int i = 0; i < n; ++i) m[i][i] = 1.0;
+}
+
+// Index of the first entry of labels[0..n-1] equal to v, or -1.
+inline int firstMatch(const int* labels, int n, int v) {
+    for (int j = 0; j < n; ++j)
+        if (labels[j] == v) return j;
+    return -1;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Construction
+
+PottsWS::PottsWS() : PottsData() { init(); }
+
+PottsWS::PottsWS(int label) : PottsData(label) { init(); }
+
+PottsWS::PottsWS(ROI<int, xy>* roi_, int pad, int borderLabel, int label, int aux)
+    : PottsData(roi_, pad, borderLabel, label, aux) {
+    init();
+}
+
+PottsWS::PottsWS(int rows_, int cols_, int bands_, bool shuffle_, float percentage, char** bandFiles_, int pad,
+                 int borderLabel, int aux)
+    : PottsData(rows_, cols_, bands_, shuffle_, percentage, bandFiles_, pad, borderLabel, aux) {
+    init();
+}
+
+PottsWS::PottsWS(int rows_, int cols_, int bands_, bool shuffle_, float percentage, int pad, int borderLabel,
+                 int aux)
+    : PottsData(rows_, cols_, bands_, shuffle_, percentage, pad, borderLabel, aux) {
+    init();
+}
+
+PottsWS::PottsWS(bool shuffle_, float percentage, std::string hrawFile, int pad, int borderLabel, int aux)
+    : PottsData(shuffle_, percentage, std::move(hrawFile), pad, borderLabel, aux) {
+    init();
+}
+
+PottsWS::~PottsWS() {
+    delete[] mi;
+    deleteMatrix(sigma, bands);
+    delete mixture;
+    delete[] pixelIndex;
+}
+
+void PottsWS::init() {
+    delete[] mi;
+    deleteMatrix(sigma, bands);
+    mi = nullptr;
+    sigma = nullptr;
+    if (bands > 0) {
+        mi = new double[bands]();
+        sigma = newMatrix(bands);
+    }
+    sqDeviation = 0.0;
+    likelihoodEnergy = 0.0;
+    edges = 0;
+    delete mixture;
+    mixture = nullptr;
+    splitState = 0;
+    processed = false;
+    primaryGain = -1.0;
+    textureBased = false;
+}
+
+// ---------------------------------------------------------------------------
+// Pixel access
+
+namespace {
+
+// The loaded pixels of a workspace with their current map labels.  The scan
+// leaves the data's cursor at the last pixel visited, like the base class's
+// own getters.
+struct PixelScan {
+    PottsData& d;
+    const int* values(int p) const { return d.data + static_cast<size_t>(p) * d.bands; }
+    int label(int p) const {
+        const xy& c = d.coords[p];
+        return d.root->map[c.x + d.root->pad][c.y + d.root->pad];
+    }
+    int count() const { return d.loadedCount; }
+    void finish() const { d.cursor = std::max(d.loadedCount - 1, 0); }
+};
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Whole-workspace statistics
+
+double* PottsWS::getMi() {
+    if (mi == nullptr) return nullptr;
+    double* out = new double[bands];
+    std::copy(mi, mi + bands, out);
+    return out;
+}
+
+double** PottsWS::getSigma() {
+    if (sigma == nullptr) return nullptr;
+    double** out = new double*[bands];
+    for (int i = 0; i < bands; ++i) {
+        out[i] = new double[bands];
+        std::copy(sigma[i], sigma[i] + bands, out[i]);
+    }
+    return out;
+}
+
+void PottsWS::setMi(double* m) { std::copy(m, m + bands, mi); }
+
+void PottsWS::setSigma(double** s) {
+    for (int i = 0; i < bands; ++i) std::copy(s[i], s[i] + bands, sigma[i]);
+}
+
+void PottsWS::updateMi() {
+    const PixelScan scan{*this};
+    const int d = bands;
+    std::fill(mi, mi + d, 0.0);
+    cursor = 0;
+    for (int p = 0; p < scan.count(); ++p) {
+        const int* x = scan.values(p);
+        for (int b = 0; b < d; ++b) mi[b] += static_cast<double>(x[b]);
+    }
+    scan.finish();
+    const double n = std::max(scan.count(), 1);
+    for (int b = 0; b < d; ++b) mi[b] /= n;
+}
+
+void PottsWS::updateSigma() {
+    const PixelScan scan{*this};
+    const int d = bands;
+    zeroMatrix(sigma, d);
+    cursor = 0;
+    for (int p = 0; p < scan.count(); ++p) {
+        const int* x = scan.values(p);
+        // Exact products here (double arithmetic), unlike the label forms.
+        for (int i = 0; i < d; ++i)
+            for (int j = 0; j < d; ++j) sigma[i][j] += static_cast<double>(x[i]) * static_cast<double>(x[j]);
+    }
+    scan.finish();
+    const double n = std::max(scan.count(), 1);
+    for (int i = 0; i < d; ++i)
+        for (int j = 0; j < d; ++j) sigma[i][j] = sigma[i][j] / n - mi[i] * mi[j];
+    repairDegenerate(sigma, d);
+}
+
+void PottsWS::updateFeatures() {
+    const PixelScan scan{*this};
+    const int d = bands;
+    sqDeviation = 0.0;
+    likelihoodEnergy = 0.0;
+    if (d <= 0) return;
+    double** work = getSigma();
+    double** inverse = newMatrix(d);
+    int ok = 0;
+    OpMatrix::inv(work, d, inverse, ok);
+    std::vector<double> diff(d);
+    double mahalanobis = 0.0;
+    cursor = 0;
+    for (int p = 0; p < scan.count(); ++p) {
+        const int* x = scan.values(p);
+        for (int b = 0; b < d; ++b) {
+            diff[b] = static_cast<double>(x[b]) - mi[b];
+            sqDeviation += diff[b] * diff[b];
+        }
+        if (ok)
+            for (int i = 0; i < d; ++i)
+                for (int k = 0; k < d; ++k) mahalanobis += diff[i] * inverse[i][k] * diff[k];
+    }
+    scan.finish();
+    if (ok) likelihoodEnergy = 0.5 * mahalanobis;
+    deleteMatrix(work, d);
+    deleteMatrix(inverse, d);
+}
+
+// ---------------------------------------------------------------------------
+// Statistics by label
+
+void PottsWS::getMi(int label, double* out) {
+    const PixelScan scan{*this};
+    const int d = bands;
+    std::fill(out, out + d, 0.0);
+    int count = 0;
+    cursor = 0;
+    for (int p = 0; p < scan.count(); ++p) {
+        if (scan.label(p) != label) continue;
+        const int* x = scan.values(p);
+        for (int b = 0; b < d; ++b) out[b] += static_cast<double>(x[b]);
+        ++count;
+    }
+    scan.finish();
+    // No guard: an absent label gives NaN, which callers rely on to tell it apart.
+    for (int b = 0; b < d; ++b) out[b] /= static_cast<double>(count);
+}
+
+double* PottsWS::getMi(int label) {
+    double* out = new double[bands > 0 ? bands : 0];
+    getMi(label, out);
+    return out;
+}
+
+void PottsWS::getMi(int n, int* labels, int* counts, double** means) {
+    const PixelScan scan{*this};
+    const int d = bands;
+    for (int j = 0; j < n; ++j) {
+        counts[j] = 0;
+        std::fill(means[j], means[j] + d, 0.0);
+    }
+    cursor = 0;
+    for (int p = 0; p < scan.count(); ++p) {
+        const int j = firstMatch(labels, n, scan.label(p));
+        if (j < 0) continue;
+        const int* x = scan.values(p);
+        for (int b = 0; b < d; ++b) means[j][b] += static_cast<double>(x[b]);
+        ++counts[j];
+    }
+    scan.finish();
+    for (int j = 0; j < n; ++j)
+        if (counts[j] > 0)
+            for (int b = 0; b < d; ++b) means[j][b] /= static_cast<double>(counts[j]);
+}
+
+void PottsWS::getSigma(int label, double** out) {
+    const int d = bands;
+    std::vector<double> mu(d > 0 ? d : 0);
+    getMi(label, mu.data());
+    const PixelScan scan{*this};
+    zeroMatrix(out, d);
+    int count = 0;
+    cursor = 0;
+    for (int p = 0; p < scan.count(); ++p) {
+        if (scan.label(p) != label) continue;
+        const int* x = scan.values(p);
+        for (int i = 0; i < d; ++i)
+            for (int j = 0; j < d; ++j) out[i][j] += wrappedProduct(x[i], x[j]);
+        ++count;
+    }
+    scan.finish();
+    for (int i = 0; i < d; ++i)
+        for (int j = 0; j < d; ++j) out[i][j] = out[i][j] / static_cast<double>(count) - mu[i] * mu[j];
+    repairDegenerate(out, d);
+}
+
+double** PottsWS::getSigma(int label) {
+    double** out = newMatrix(bands > 0 ? bands : 0);
+    getSigma(label, out);
+    return out;
+}
+
+void PottsWS::getSigma(int n, int* labels, int* counts, double*** covs) {
+    const PixelScan scan{*this};
+    const int d = bands;
+    std::vector<std::vector<double>> sums(n > 0 ? n : 0, std::vector<double>(d > 0 ? d : 0, 0.0));
+    for (int j = 0; j < n; ++j) {
+        counts[j] = 0;
+        zeroMatrix(covs[j], d);
+    }
+    cursor = 0;
+    for (int p = 0; p < scan.count(); ++p) {
+        const int j = firstMatch(labels, n, scan.label(p));
+        if (j < 0) continue;
+        const int* x = scan.values(p);
+        for (int i = 0; i < d; ++i) {
+            sums[j][i] += static_cast<double>(x[i]);
+            for (int l = 0; l < d; ++l) covs[j][i][l] += wrappedProduct(x[i], x[l]);
+        }
+        ++counts[j];
+    }
+    scan.finish();
+    for (int j = 0; j < n; ++j) {
+        if (counts[j] > 0) {
+            const double c = counts[j];
+            for (int i = 0; i < d; ++i) sums[j][i] /= c;
+            for (int i = 0; i < d; ++i)
+                for (int l = 0; l < d; ++l) covs[j][i][l] = covs[j][i][l] / c - sums[j][i] * sums[j][l];
+        }
+        repairDegenerate(covs[j], d);
+    }
+}
+
+void PottsWS::getAreas(int n, int* labels, int* areas) {
+    const PixelScan scan{*this};
+    std::fill(areas, areas + (n > 0 ? n : 0), 0);
+    cursor = 0;
+    for (int p = 0; p < scan.count(); ++p) {
+        const int j = firstMatch(labels, n, scan.label(p));
+        if (j >= 0) ++areas[j];
+    }
+    scan.finish();
+}
+
+// ---------------------------------------------------------------------------
+// Mixture and debugging exports
+
+void PottsWS::linkMixture(Mixture* m, int k, int* idx) {
+    delete mixture;
+    mixture = new Mixture(m, k, idx);
+}
+
+void PottsWS::exportMi(int k) {
+    std::ofstream out("mi" + std::to_string(k) + ".dat", std::ios::out | std::ios::trunc);
+    for (int b = 0; b < bands; ++b) out << mi[b] << " ";
+}
+
+void PottsWS::exportSigma(int k) {
+    std::ofstream out("sigma" + std::to_string(k) + ".dat", std::ios::out | std::ios::trunc);
+    for (int i = 0; i < bands; ++i) {
+        for (int j = 0; j < bands; ++j) out << sigma[i][j] << " ";
+        out << "\n";
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Split
+
+int PottsWS::split(int* labels, int n, PottsWS**& children, bool computeStats) {
+    const int nChildren = n > 0 ? n : 0;
+    children = new PottsWS*[nChildren];
+    PottsMapRegion* region = root;
+    int** map = region->map;
+    const int pad = region->pad;
+    const int total = envelopeCount;
+
+    // Label -> child index; nChildren means "no child".
+    int m = 0;
+    for (int j = 0; j < nChildren; ++j) m = std::max(m, labels[j]);
+    std::vector<int> childOf(static_cast<size_t>(m) + 1, nChildren);
+    for (int j = 0; j < nChildren; ++j) childOf[labels[j]] = j;
+
+    // First pass: child and border flag of every pixel, areas and border counts.
+    std::vector<int> areas(nChildren + 1, 0), borderCounts(nChildren + 1, 0);
+    std::vector<int> pixelChild(total > 0 ? total : 0);
+    std::vector<char> isBorder(total > 0 ? total : 0, 0);
+    for (int p = 0; p < total; ++p) {
+        const xy& c = coords[p];
+        const int v = map[c.x + pad][c.y + pad];
+        if (v < 0 || v > m) {
+            pixelChild[p] = nChildren;
+            ++areas[nChildren];
+            continue;
+        }
+        const int j = childOf[v];
+        pixelChild[p] = j;
+        if (region->uc(c.x, c.y, v, true) < 8) {
+            isBorder[p] = 1;
+            ++borderCounts[j];
+        }
+        ++areas[j];
+    }
+    const int uncovered = areas[nChildren];
+
+    // The children, sized exactly from the first pass.
+    const bool valuesInMemory = data != nullptr && loadedCount >= envelopeCount;
+    const bool copyValues = computeStats && valuesInMemory;
+    int nonEmpty = 0;
+    std::vector<xy*> contours(nChildren, nullptr);
+    for (int j = 0; j < nChildren; ++j) {
+        PottsWS* child = new PottsWS();
+        children[j] = child;
+        if (borderCounts[j] > 0) contours[j] = new xy[borderCounts[j]];
+        child->bands = bands;
+        child->rows = rows;
+        child->cols = cols;
+        child->envelopeCount = areas[j];
+        if (fromRoi == 1)
+            child->fromRoi = 1;
+        else if (!hrawFileName.empty())
+            child->setHrawFileName(hrawFileName);
+        else if (bandFiles != nullptr)
+            child->setFileNames(bandFiles, bands);
+        delete child->root;
+        child->root = new PottsMapRegion(*region, labels[j]);
+        child->root->area = areas[j];
+        if (areas[j] > 0) {
+            ++nonEmpty;
+            child->coords = new xy[areas[j]];
+            child->pixelIndex = new int[areas[j]];
+            if (copyValues) child->data = new int[static_cast<size_t>(areas[j]) * bands];
+        }
+    }
+
+    // Second pass: pixel lists, contour lists, root indices (and values).
+    std::vector<int> filled(nChildren, 0), contourFilled(nChildren, 0);
+    for (int p = 0; p < total; ++p) {
+        const int j = pixelChild[p];
+        if (j >= nChildren) continue;
+        PottsWS* child = children[j];
+        const int q = filled[j]++;
+        xy record = coords[p];
+        record.aux = static_cast<uint16_t>(isBorder[p]);
+        child->coords[q] = record;
+        if (isBorder[p]) contours[j][contourFilled[j]++] = record;
+        child->pixelIndex[q] = pixelIndex != nullptr ? pixelIndex[p] : p;
+        if (copyValues) std::copy(data + static_cast<size_t>(p) * bands, data + static_cast<size_t>(p + 1) * bands,
+                                  child->data + static_cast<size_t>(q) * bands);
+    }
+    for (int j = 0; j < nChildren; ++j) {
+        PottsMapRegion* r = children[j]->root;
+        delete[] r->contour;
+        r->contour = contours[j];
+        r->contourCount = borderCounts[j];
+        r->contourCursor = 0;
+    }
+
+    // Runs and borders: the parent region's lists cut by label, handed over.
+    {
+        int nLists = 0;
+        int* listLabels = nullptr;
+        int* listCounts = nullptr;
+        run** subRuns = region->retrieveSubRuns(nLists, listLabels, listCounts);
+        for (int i = 0; i < nLists; ++i) {
+            const int v = listCounts[i] > 0 ? map[subRuns[i][0].row + pad][subRuns[i][0].col + pad] : -1;
+            const int j = (v >= 0 && v <= m) ? childOf[v] : nChildren;
+            if (j >= nChildren) {
+                delete[] subRuns[i];
+                continue;
+            }
+            PottsMapRegion* r = children[j]->root;
+            delete[] r->runs;
+            r->runs = subRuns[i];
+            r->runCount = listCounts[i];
+            r->updateMargins(true);
+        }
+        delete[] subRuns;
+        delete[] listLabels;
+        delete[] listCounts;
+
+        xy** subBorders = region->retrieveSubBorders(nLists, listLabels, listCounts);
+        for (int i = 0; i < nLists; ++i) {
+            const int v = listCounts[i] > 0 ? map[subBorders[i][0].x + pad][subBorders[i][0].y + pad] : -1;
+            const int j = (v >= 0 && v <= m) ? childOf[v] : nChildren;
+            if (j >= nChildren) {
+                delete[] subBorders[i];
+                continue;
+            }
+            PottsMapRegion* r = children[j]->root;
+            delete[] r->border;
+            r->border = subBorders[i];
+            r->borderCount = listCounts[i];
+            r->borderCursor = 0;
+        }
+        delete[] subBorders;
+        delete[] listLabels;
+        delete[] listCounts;
+    }
+
+    // Band values: copied above when this workspace holds them all, otherwise
+    // each child reads its own pixels from the image source.
+    if (computeStats) {
+        for (int j = 0; j < nChildren; ++j) {
+            PottsWS* child = children[j];
+            if (copyValues) {
+                child->loadedCount = areas[j];
+            } else if (!child->hrawFileName.empty()) {
+                child->loadDataHRaw(child->hrawFileName, 100.0f);
+            } else if (child->bandFiles != nullptr) {
+                child->loadDataRaw(child->bandFiles, child->bands, 100.0f);
+            }
+        }
+    }
+
+    if (n < 1) {
+        edges = 0;
+        return 0;
+    }
+
+    for (int j = 0; j < nChildren; ++j) {
+        PottsWS* child = children[j];
+        if (child->mi == nullptr && bands > 0) child->mi = new double[bands]();
+        if (child->sigma == nullptr && bands > 0) child->sigma = newMatrix(bands);
+        if (computeStats) {
+            child->updateMi();
+            child->updateSigma();
+        }
+    }
+
+    // Edges between the children, each adjacency seen from both sides.
+    int count = 0;
+    if (nChildren < 9) {
+        for (int c = 0; c < nChildren; ++c) {
+            PottsMapRegion* r = children[c]->root;
+            if (r->contourCount < 1) continue;
+            r->resetContourScan();
+            do {
+                for (int k = 0; k < nChildren; ++k)
+                    if (k != c) count += r->uc_contour(labels[k]);
+            } while (r->nextContourElement());
+        }
+    } else {
+        // Many children: a range test instead of one test per child label;
+        // a non-child label inside the range counts as well.
+        int lo = children[0]->root->label, hi = lo;
+        for (int j = 1; j < nChildren; ++j) {
+            lo = std::min(lo, children[j]->root->label);
+            hi = std::max(hi, children[j]->root->label);
+        }
+        for (int c = 0; c < nChildren; ++c) {
+            PottsMapRegion* r = children[c]->root;
+            if (r->contourCount < 1) continue;
+            const int own = r->label;
+            r->resetContourScan();
+            do {
+                const xy e = r->getContourLocation();
+                for (int dr = -1; dr <= 1; ++dr)
+                    for (int dc = -1; dc <= 1; ++dc) {
+                        if (dr == 0 && dc == 0) continue;
+                        const int v = map[e.x + pad + dr][e.y + pad + dc];
+                        if (v >= lo && v <= hi && v != own) ++count;
+                    }
+            } while (r->nextContourElement());
+        }
+    }
+    edges = count / 2;
+
+    return uncovered != 0 ? -nonEmpty : nonEmpty;
+}
+
+// ---------------------------------------------------------------------------
+// Maximum-likelihood completion
+
+void PottsWS::MLMapCompletion(double** means, double*** covs) {
+    const PixelScan scan{*this};
+    const int d = bands;
+    int nLabels = 0;
+    int* present = root->labels(nLabels);
+    const int first = (nLabels > 0 && present[0] == 0) ? 1 : 0;
+    const int k = nLabels - first;
+    std::vector<int> classLabel(present + first, present + nLabels);
+    delete[] present;
+
+    auto classOf = [&](int v) {
+        auto it = std::lower_bound(classLabel.begin(), classLabel.end(), v);
+        return (it != classLabel.end() && *it == v) ? static_cast<int>(it - classLabel.begin()) : -1;
+    };
+
+    // Class statistics from the labelled pixels (32-bit products, no repair).
+    std::vector<int> counts(k, 0);
+    std::vector<std::vector<double>> mu(k, std::vector<double>(d, 0.0));
+    std::vector<double**> cov(k);
+    for (int c = 0; c < k; ++c) cov[c] = newMatrix(d);
+    cursor = 0;
+    for (int p = 0; p < scan.count(); ++p) {
+        const int v = scan.label(p);
+        if (v == 0) continue;
+        const int c = classOf(v);
+        if (c < 0) continue;
+        const int* x = scan.values(p);
+        for (int i = 0; i < d; ++i) {
+            mu[c][i] += static_cast<double>(x[i]);
+            for (int j = 0; j < d; ++j) cov[c][i][j] += wrappedProduct(x[i], x[j]);
+        }
+        ++counts[c];
+    }
+    scan.finish();
+    for (int c = 0; c < k; ++c) {
+        const double n = counts[c];
+        for (int i = 0; i < d; ++i) mu[c][i] /= n;
+        for (int i = 0; i < d; ++i)
+            for (int j = 0; j < d; ++j) cov[c][i][j] = cov[c][i][j] / n - mu[c][i] * mu[c][j];
+    }
+
+    // Inverses and log-determinants; a singular class takes no part.
+    std::vector<double**> inverse(k);
+    std::vector<int> eligible(k, 0);
+    std::vector<double> logDet(k, 0.0);
+    for (int c = 0; c < k; ++c) {
+        inverse[c] = newMatrix(d);
+        int ok = 0;
+        OpMatrix::inv(cov[c], d, inverse[c], ok);
+        eligible[c] = ok;
+        if (ok) logDet[c] = OpMatrix::ldet(cov[c], d);
+    }
+
+    std::vector<double> diff(d);
+    cursor = 0;
+    for (int p = 0; p < scan.count(); ++p) {
+        const int* x = scan.values(p);
+        double best = std::numeric_limits<double>::max();
+        int bestLabel = 0;
+        for (int c = 0; c < k; ++c) {
+            if (!eligible[c]) continue;
+            for (int i = 0; i < d; ++i) diff[i] = static_cast<double>(x[i]) - mu[c][i];
+            double score = logDet[c];
+            for (int i = 0; i < d; ++i)
+                for (int j = 0; j < d; ++j) score += diff[i] * inverse[c][i][j] * diff[j];
+            if (score < best) {
+                best = score;
+                bestLabel = classLabel[c];
+            }
+        }
+        const xy& co = coords[p];
+        root->map[co.x + root->pad][co.y + root->pad] = bestLabel;
+    }
+    scan.finish();
+
+    for (int c = 0; c < k; ++c) {
+        if (means != nullptr) std::copy(mu[c].begin(), mu[c].end(), means[c]);
+        if (covs != nullptr)
+            for (int i = 0; i < d; ++i) std::copy(cov[c][i], cov[c][i] + d, covs[c][i]);
+        deleteMatrix(cov[c], d);
+        deleteMatrix(inverse[c], d);
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Report
+
+WSReport* PottsWS::getWSReport() {
+    WSReport* r = new WSReport();
+    r->WSLab = root->label;
+    r->split = splitState == 2;
+    r->textureBased = textureBased;
+    if (r->split) {
+        r->beta = beta;
+        r->edges = edges;
+        r->splitGainTFR = splitGain;
+        // primaryGain always belongs to the method that made the split; the
+        // report files it under that method's name.
+        r->mixtureSplitGainTFR = textureBased ? primaryGain : secondaryGain;
+        r->splitGainMRF = textureBased ? secondaryGain : primaryGain;
+    }
+    r->area = root->area;
+    r->totalLikelihoodEnergy = likelihoodEnergy;
+    r->nBands = bands;
+    r->mean = getMi();
+    r->covariance = getSigma();
+    return r;
+}
