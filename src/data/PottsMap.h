@@ -52,16 +52,50 @@ public:
 
     void setPixel(int r, int c, int label) { map[r + pad][c + pad] = label; }
     // True when one of the 8 neighbours of (r, c) in the map holds label.
-    bool isNear(int r, int c, int label) const;
+    bool isNear(int r, int c, int label) const {
+        const int* up = map[r + pad - 1] + c + pad;
+        const int* mid = map[r + pad] + c + pad;
+        const int* dn = map[r + pad + 1] + c + pad;
+        return up[-1] == label || up[0] == label || up[1] == label || mid[-1] == label ||
+               mid[1] == label || dn[-1] == label || dn[0] == label || dn[1] == label;
+    }
     bool isNearBorder(int r, int c) const { return isNear(r, c, borderLabel); }
     // Number (0..8) of the 8 neighbours of (r, c) whose label equals label or other.
-    int uc(int r, int c, int label, int other) const;
+    int uc(int r, int c, int label, int other) const {
+        const int* up = map[r + pad - 1] + c + pad;
+        const int* mid = map[r + pad] + c + pad;
+        const int* dn = map[r + pad + 1] + c + pad;
+        const int v[8] = {up[-1], up[0], up[1], mid[-1], mid[1], dn[-1], dn[0], dn[1]};
+        int n = 0;
+        for (int x : v) n += (x == label) | (x == other);
+        return n;
+    }
     // Same-label neighbour count.  Not strict (and pad > 0): frame cells agree too.
-    int uc(int r, int c, int label, bool strict) const;
+    int uc(int r, int c, int label, bool strict) const {
+        return uc(r, c, label, !strict && pad > 0 ? borderLabel : label);
+    }
     // Neighbour configuration of pixel p (inner coordinates) for the Potts engine:
     // counts[i] = number of the 8 neighbours whose map label equals labels[i], i < k;
     // *own = number of the 8 neighbours equal to p's own map label (own may be null).
-    void config(xy p, int* labels, int k, int* counts, int* own) const;
+    void config(xy p, int* labels, int k, int* counts, int* own) const {
+        const int r = p.x + pad, c = p.y + pad;
+        const int* up = map[r - 1] + c;
+        const int* mid = map[r] + c;
+        const int* dn = map[r + 1] + c;
+        const int v[8] = {up[-1], up[0], up[1], mid[-1], mid[1], dn[-1], dn[0], dn[1]};
+        for (int i = 0; i < k; ++i) {
+            const int l = labels[i];
+            int n = 0;
+            for (int x : v) n += x == l;
+            counts[i] = n;
+        }
+        if (own != nullptr) {
+            const int l = mid[0];
+            int n = 0;
+            for (int x : v) n += x == l;
+            *own = n;
+        }
+    }
 
     // New array of the distinct inner labels of the map, ascending; n = their number.
     int* labels(int& n) const;

@@ -128,7 +128,8 @@ public:
     // number of a pixel's 8 neighbours carrying the pixel's own label and
     // b = the number carrying any of labels[0..n-1], ratios[a][b - a] (a 9 x 9
     // table supplied by the caller, overwritten) = fraction of region pixels with
-    // that pair (count / area; all zero for an empty region).
+    // that pair (pairs with b < a are not counted; the fraction is over all the
+    // pixels of the runs; all zero for an empty region).
     void ratioedNeighboursCount(int* labels, int n, double** ratios) const;
 
 private:
