@@ -594,7 +594,8 @@ void DHC::splitPieces(const SplittingOptions& opts, WSNode* node, PottsWS** piec
 
     std::vector<PottsWS*> parts;
     int refFirst = -1, refCount = 0;
-    for (PottsWS* piece : scaffold) {
+    for (int i = 0; i < nPieces; ++i) {
+        PottsWS* piece = scaffold[i];
         int k = engine->multiplicity;
         double** seeds = nullptr;
         if (variableMultiplicity) seeds = engine->MS_K_est(piece, k, true);

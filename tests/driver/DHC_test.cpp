@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "data/ImageFile.h"
+#include "data/LabelController.h"
 #include "data/PottsMapRegion.h"
 #include "data/ROI.h"
 #include "driver/DHC.h"
@@ -479,4 +480,154 @@ TEST(DhcOutput, FileSourceRunWritesTheCompactedLabelMap) {
         for (int c = 0; c < cols; ++c) written.push_back(cube[0][r][c]);
     ImageFile<int>::deleteCube(cube, bands, rows);
     EXPECT_EQ(written, expected);
+}
+
+// ---------------------------------------------------------------------------
+// A host whose fatal handler throws (the MEX module) gets the exception with
+// everything the run had built already released (checked under valgrind).
+
+namespace {
+struct FatalThrown {
+    int status;
+};
+void throwingHandler(int status, const std::string&, dhc::FatalChannel) { throw FatalThrown{status}; }
+}  // namespace
+
+TEST(DhcFatal, ThrowingHandlerUnwindsOutOfTheRun) {
+    Scene scene = fourQuadrants();
+    std::unique_ptr<ROI<int, xy>> roi(scene.dataRoi());
+    std::unique_ptr<ROI<int, xy>> gt(scene.truthRoi(roi.get()));
+    dhc::FatalHandler previous = dhc::setFatalHandler(throwingHandler);
+
+    auto blind = baseSettings();
+    blind->blind = true;
+    blind->metric = 42;
+    int status = 0;
+    try {
+        DHC::dhc(memoryInput(roi.get(), blind.get()));
+    } catch (const FatalThrown& e) {
+        status = e.status;
+    }
+    EXPECT_EQ(status, -20);
+
+    // Two ground-truth classes over identical pixels: the supervised split fails.
+    auto sup = baseSettings();
+    sup->supervisedMode = true;
+    sup->numberOfClasses = 2;
+    sup->structureLevels = new int[2]{1, 1};
+    sup->structurePaths = new int[2]{0, 1};
+    Scene flat(8, 8, 1);
+    for (int r = 0; r < 8; ++r)
+        for (int c = 0; c < 8; ++c) flat.truth[r][c] = c < 4 ? 1 : 2;
+    flat.paint({{50}, {50}}, 0);
+    std::unique_ptr<ROI<int, xy>> flatRoi(flat.dataRoi());
+    std::unique_ptr<ROI<int, xy>> flatGt(flat.truthRoi(flatRoi.get()));
+    DHC_IN in = memoryInput(flatRoi.get(), sup.get());
+    in.gt = flatGt.get();
+    std::ostringstream sink;
+    std::ostream* previousOut = dhc::setOut(&sink);
+    status = 0;
+    try {
+        DHC::dhc(in);
+    } catch (const FatalThrown& e) {
+        status = e.status;
+    }
+    dhc::setOut(previousOut);
+    dhc::setFatalHandler(previous);
+    EXPECT_EQ(status, -2);
+    EXPECT_EQ(sink.str(), "supSplitting!\n");
+}
+
+// ---------------------------------------------------------------------------
+// Connected pieces inside the strategies
+
+namespace {
+// Two separate 6 x 8 squares in a 6 x 20 frame (the mask selects only them);
+// each square is dark on its left half and bright on its right half.
+struct TwoSquares {
+    Scene scene{6, 20, 1};
+    std::unique_ptr<ROI<int, xy>> roi;
+    TwoSquares() {
+        for (int r = 0; r < 6; ++r)
+            for (int c = 0; c < 20; ++c) scene.truth[r][c] = (c % 12) < 4 ? 1 : 2;
+        scene.paint({{20}, {90}}, 3);
+        std::vector<std::vector<int*>> rowsOf(1, std::vector<int*>(6));
+        for (int r = 0; r < 6; ++r) rowsOf[0][r] = scene.cube[0][r].data();
+        int** plane = rowsOf[0].data();
+        std::vector<std::vector<int>> mask(6, std::vector<int>(20, 0));
+        std::vector<int*> maskRows(6);
+        for (int r = 0; r < 6; ++r) {
+            for (int c = 0; c < 20; ++c) mask[r][c] = (c < 8 || c >= 12) ? 1 : 0;
+            maskRows[r] = mask[r].data();
+        }
+        roi.reset(buildRoi(6, 20, 1, &plane, maskRows.data(), 1, true));
+    }
+};
+}  // namespace
+
+TEST(DhcSplitOption, PiecesAreSplitAloneAndRegroupedByNearestMean) {
+    TwoSquares two;
+    auto s = baseSettings();
+    DHC d(two.roi.get(), 1000, false, nullptr, s.get());
+    SplittingOptions o;
+    o.splitOption = 2;
+    o.minSplitArea = 4;
+    d.tree->current = d.tree->root;
+    d.split(o);
+    // Labels: root 2; pieces 3, 4; their children 5, 6 and 7, 8; the leaf's
+    // children 9, 10.  Everything but the leaf's children is given back.
+    TreeNode<PottsWS*>* root = d.tree->root;
+    ASSERT_EQ(root->nChildren, 2);
+    EXPECT_EQ(root->children[0]->label, 9);
+    EXPECT_EQ(root->children[1]->label, 10);
+    EXPECT_EQ(d.labels->pick(), 3);
+    // Each tentative child gathers one half of both squares: 2 x 24 pixels of one brightness.
+    std::set<double> means;
+    for (int c = 0; c < 2; ++c) {
+        PottsWS* child = root->children[c]->data;
+        EXPECT_EQ(child->root->area, 48);
+        means.insert(child->mi[0] < 55 ? 20 : 90);
+        EXPECT_NEAR(child->mi[0], child->mi[0] < 55 ? 20 : 90, 2.0);
+    }
+    EXPECT_EQ(means.size(), 2u);
+}
+
+TEST(DhcBlind, SplitwiseDisconnectionQueuesThePieces) {
+    Scene scene = twoBlobs();
+    std::unique_ptr<ROI<int, xy>> roi(scene.dataRoi());
+    auto s = blobSettings();
+    s->blind = true;
+    s->metric = 0;
+    s->splitGainThreshold = 350;  // only the root (400 pixels) is large enough
+    s->maxNumberOfClasses = 100;
+    s->splitwiseDisconnect = true;
+    DHC_OUT out = DHC::dhc(memoryInput(roi.get(), s.get()));
+    // Root -> background and blobs; the blobs come apart into two leaves.
+    EXPECT_EQ(out.nClasses, 3);
+    for (TreeNode<PottsWS*>* leaf : out.dhc->tree->terminals)
+        EXPECT_EQ(components(out.labelRoi, leaf->label), 1);
+}
+
+TEST(DhcBlind, VariableMultiplicityAnnouncesTheEstimatedClassCount) {
+    Scene scene = fourQuadrants();
+    std::unique_ptr<ROI<int, xy>> roi(scene.dataRoi());
+    auto s = baseSettings();
+    s->blind = true;
+    s->metric = 7;
+    s->splitGainThreshold = 0.9;  // the root only
+    s->maxNumberOfClasses = 100;
+    s->variableMultiplicity = true;
+    std::ostringstream sink;
+    std::ostream* previous = dhc::setOut(&sink);
+    DHC_OUT out = DHC::dhc(memoryInput(roi.get(), s.get()));
+    dhc::setOut(previous);
+    const std::string text = sink.str();
+    const size_t at = text.find(" subregions...\n");
+    ASSERT_NE(at, std::string::npos) << text;
+    const size_t in = text.rfind(" in ", at);
+    ASSERT_NE(in, std::string::npos);
+    const int k = std::stoi(text.substr(in + 4, at - in - 4));
+    if (k >= 2 && k <= 8 && out.dhc->tree->root->nChildren > 0) {
+        EXPECT_EQ(out.nClasses, k);
+    }
 }
