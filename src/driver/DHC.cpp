@@ -42,7 +42,9 @@ void reportProgress(int leaves, int label) {
     if (progressHook()) progressHook()(leaves, label);
 }
 
-int areaOf(const PottsWS* ws) { return ws->root->area; }
+int areaOf(const PottsWS* ws) {
+    return ws->root->area;
+}
 
 // Workspaces of the subtree below `node` (node excluded), pre-order,
 // tentative children included.
@@ -123,7 +125,8 @@ ROI<int, xy>* disconnectLabels(ROI<int, xy>* initial) {
     for (int k = 0; k < initial->count; ++k) {
         const int v = initial->data[static_cast<size_t>(k) * initial->bands];
         const int dense = static_cast<int>(std::lower_bound(distinct.get(), distinct.get() + nDistinct, v) -
-                                           distinct.get()) + 1;
+                                           distinct.get()) +
+                          1;
         frame[initial->coords[k].x + initial->minRow][initial->coords[k].y + initial->minCol] = dense;
     }
     LabelMap lm(rows, cols, 1, -1, 0, true);
@@ -140,7 +143,9 @@ ROI<int, xy>* disconnectLabels(ROI<int, xy>* initial) {
 // ---------------------------------------------------------------------------
 // Construction and destruction
 
-void DHC::setProgress(std::function<void(int, int)> hook) { progressHook() = std::move(hook); }
+void DHC::setProgress(std::function<void(int, int)> hook) {
+    progressHook() = std::move(hook);
+}
 
 PottsEngine* DHC::makeEngine() {
     if (settings != nullptr) return new PottsEngine(settings);
@@ -173,7 +178,7 @@ DHC::DHC(ROI<int, xy>* initialLabels, ROI<int, xy>* data, int maxLabels, bool va
          char* configFile_, DHC_SET* settings_)
     : variableMultiplicity(variableMultiplicity_), configFile(configFile_), settings(settings_) {
     initCommon(maxLabels, [data](int b, int o) { return new PottsWS(data, kPad, b, o, b); });
-    try {
+    guarded([&]() {
         PottsMapRegion* region = rootWS()->root;
         std::vector<std::vector<int>> plane(region->rows, std::vector<int>(region->cols, 0));
         std::vector<int*> rowPtr(region->rows);
@@ -182,12 +187,7 @@ DHC::DHC(ROI<int, xy>* initialLabels, ROI<int, xy>* data, int maxLabels, bool va
             plane[initialLabels->coords[k].x][initialLabels->coords[k].y] =
                 initialLabels->data[static_cast<size_t>(k) * initialLabels->bands];
         seedFromPlane(rowPtr.data());
-    } catch (...) {
-        distroyDhcTree();
-        delete engine;
-        delete labels;
-        throw;
-    }
+    });
 }
 
 DHC::DHC(ROI<int, xy>* data, ROI<int, xy>* /*gt*/, int /*nClasses*/, int maxLabels, char* configFile_,
@@ -196,53 +196,47 @@ DHC::DHC(ROI<int, xy>* data, ROI<int, xy>* /*gt*/, int /*nClasses*/, int maxLabe
     initCommon(maxLabels, [data](int b, int o) { return new PottsWS(data, kPad, b, o, b); });
 }
 
-DHC::DHC(std::string dataFile, int maxLabels, bool variableMultiplicity_, char* configFile_, DHC_SET* settings_)
+DHC::DHC(std::string dataFile, int maxLabels, bool variableMultiplicity_, char* configFile_,
+         DHC_SET* settings_)
     : variableMultiplicity(variableMultiplicity_), configFile(configFile_), settings(settings_) {
-    initCommon(maxLabels, [&dataFile](int b, int o) { return new PottsWS(false, 100.0f, dataFile, kPad, b, o); });
+    initCommon(maxLabels,
+               [&dataFile](int b, int o) { return new PottsWS(false, 100.0f, dataFile, kPad, b, o); });
 }
 
 DHC::DHC(std::string dataFile, int** initialMap, int maxLabels, bool variableMultiplicity_, char* configFile_,
          DHC_SET* settings_)
     : variableMultiplicity(variableMultiplicity_), configFile(configFile_), settings(settings_) {
-    initCommon(maxLabels, [&dataFile](int b, int o) { return new PottsWS(false, 100.0f, dataFile, kPad, b, o); });
-    try {
-        seedFromPlane(initialMap);
-    } catch (...) {
-        distroyDhcTree();
-        delete engine;
-        delete labels;
-        throw;
-    }
+    initCommon(maxLabels,
+               [&dataFile](int b, int o) { return new PottsWS(false, 100.0f, dataFile, kPad, b, o); });
+    guarded([&]() { seedFromPlane(initialMap); });
 }
 
 DHC::DHC(std::string dataFile, char* initialMapFile, int maxLabels, bool variableMultiplicity_,
          char* configFile_, DHC_SET* settings_)
     : variableMultiplicity(variableMultiplicity_), configFile(configFile_), settings(settings_) {
-    initCommon(maxLabels, [&dataFile](int b, int o) { return new PottsWS(false, 100.0f, dataFile, kPad, b, o); });
-    int bands = 0, rows = 0, cols = 0;
-    int*** cube = ImageFile<int>::readHRawInt32(dhc::cutFileName(initialMapFile), bands, rows, cols);
-    try {
-        seedFromPlane(cube[0]);
-    } catch (...) {
-        ImageFile<int>::deleteCube(cube, bands, rows);
-        distroyDhcTree();
-        delete engine;
-        delete labels;
-        throw;
-    }
-    ImageFile<int>::deleteCube(cube, bands, rows);
+    initCommon(maxLabels,
+               [&dataFile](int b, int o) { return new PottsWS(false, 100.0f, dataFile, kPad, b, o); });
+    guarded([&]() {
+        int bands = 0, rows = 0, cols = 0;
+        std::unique_ptr<int**, std::function<void(int***)>> cube(
+            ImageFile<int>::readHRawInt32(dhc::cutFileName(initialMapFile), bands, rows, cols),
+            [&](int*** c) { ImageFile<int>::deleteCube(c, bands, rows); });
+        seedFromPlane(cube.get()[0]);
+    });
 }
 
 DHC::DHC(std::string dataFile, std::string /*gtFile*/, int /*nClasses*/, int maxLabels, char* configFile_,
          DHC_SET* settings_)
     : configFile(configFile_), settings(settings_) {
-    initCommon(maxLabels, [&dataFile](int b, int o) { return new PottsWS(false, 100.0f, dataFile, kPad, b, o); });
+    initCommon(maxLabels,
+               [&dataFile](int b, int o) { return new PottsWS(false, 100.0f, dataFile, kPad, b, o); });
 }
 
 DHC::DHC(std::string dataFile, char* /*gtFile*/, int /*nClasses*/, int maxLabels, char* configFile_,
          DHC_SET* settings_)
     : configFile(configFile_), settings(settings_) {
-    initCommon(maxLabels, [&dataFile](int b, int o) { return new PottsWS(false, 100.0f, dataFile, kPad, b, o); });
+    initCommon(maxLabels,
+               [&dataFile](int b, int o) { return new PottsWS(false, 100.0f, dataFile, kPad, b, o); });
 }
 
 DHC::DHC(int rows, int cols, int bands, char** bandFiles, int maxLabels, bool variableMultiplicity_,
@@ -259,14 +253,7 @@ DHC::DHC(int rows, int cols, int bands, char** bandFiles, int** initialMap, int 
     initCommon(maxLabels, [=](int b, int o) {
         return new PottsWS(rows, cols, bands, false, 100.0f, bandFiles, kPad, b, o);
     });
-    try {
-        seedFromPlane(initialMap);
-    } catch (...) {
-        distroyDhcTree();
-        delete engine;
-        delete labels;
-        throw;
-    }
+    guarded([&]() { seedFromPlane(initialMap); });
 }
 
 DHC::DHC(int rows, int cols, int bands, char** bandFiles, char* /*gtFile*/, int /*nClasses*/, int maxLabels,
@@ -286,9 +273,28 @@ DHC::~DHC() {
     delete ownedSettings_;
 }
 
-PottsWS* DHC::rootWS() const { return tree->root->data; }
+// Runs a construction step after initCommon; if it throws, what initCommon
+// built is released (the destructor does not run for a throwing constructor).
+void DHC::guarded(const std::function<void()>& step) {
+    try {
+        step();
+    } catch (...) {
+        distroyDhcTree();
+        delete engine;
+        engine = nullptr;
+        delete labels;
+        labels = nullptr;
+        throw;
+    }
+}
 
-int DHC::leafCount() const { return static_cast<int>(tree->terminals.size()); }
+PottsWS* DHC::rootWS() const {
+    return tree->root->data;
+}
+
+int DHC::leafCount() const {
+    return static_cast<int>(tree->terminals.size());
+}
 
 // Seeds the tree from an initial segmentation given as a plane over the
 // root's map (inner coordinates).  Every distinct value under the root becomes
@@ -567,8 +573,9 @@ void DHC::splitLeaf(const SplittingOptions& opts, WSNode* node) {
     }
     if (k >= 2 && (!variableMultiplicity || seeds != nullptr)) {
         std::unique_ptr<int[]> fresh(labels->pickMultiple(k));
-        PottsWS** children = seeds != nullptr ? engine->split(ws, fresh.get(), seeds, opts.keepTests, opts.beta)
-                                              : engine->split(ws, fresh.get(), opts.keepTests, opts.beta);
+        PottsWS** children = seeds != nullptr
+                                 ? engine->split(ws, fresh.get(), seeds, opts.keepTests, opts.beta)
+                                 : engine->split(ws, fresh.get(), opts.keepTests, opts.beta);
         if (ws->splitState == 2 && children != nullptr) {
             node->appendChildren(k, children, fresh.get());
             delete[] children;
@@ -762,16 +769,35 @@ double DHC::blindScore(const SplittingOptions& opts, WSNode* node) const {
         score = (deepEnough && !tooSmall && errorHigh) ? theta + 1.0 : theta - 1.0;
     } else {
         switch (opts.metric) {
-            case 0: score = area; break;
-            case 1: score = distortion; break;
-            case 2: score = distortion / area; break;
-            case 3: score = distortion * std::log(area); break;
-            case 4: score = (distortion / area) * std::log(area); break;
-            case 5: score = node->data->getEnvelopeArea(); break;
-            case 6: score = ws->envelopeCount; break;
-            case 7: score = 1.0 / (depth + 1.0); break;
-            case 8: score = area >= opts.minSplitArea ? 1.0 / (depth + 1.0) : theta - 1.0; break;
-            default: dhc::fatal(-20);
+            case 0:
+                score = area;
+                break;
+            case 1:
+                score = distortion;
+                break;
+            case 2:
+                score = distortion / area;
+                break;
+            case 3:
+                score = distortion * std::log(area);
+                break;
+            case 4:
+                score = (distortion / area) * std::log(area);
+                break;
+            case 5:
+                score = node->data->getEnvelopeArea();
+                break;
+            case 6:
+                score = ws->envelopeCount;
+                break;
+            case 7:
+                score = 1.0 / (depth + 1.0);
+                break;
+            case 8:
+                score = area >= opts.minSplitArea ? 1.0 / (depth + 1.0) : theta - 1.0;
+                break;
+            default:
+                dhc::fatal(-20);
         }
     }
     if (ws->splitState < 0) score = theta - 1.0;
@@ -928,8 +954,7 @@ namespace {
 std::vector<int> linkInner(MixNode* node, Mixture* global) {
     if (node->nChildren == 0) {
         std::vector<int> own;
-        if (node->data != nullptr)
-            own.assign(node->data->linkIndex, node->data->linkIndex + node->data->k);
+        if (node->data != nullptr) own.assign(node->data->linkIndex, node->data->linkIndex + node->data->k);
         return own;
     }
     std::vector<int> below;
@@ -1109,7 +1134,8 @@ PaddedMap* DHC::outputPMap(bool fromMap, bool compact, bool padded, int keep) {
     return out;
 }
 
-void DHC::printReport(std::string fileName, bool withStats, bool withCovariance, int nSplit, int* splitSequence) {
+void DHC::printReport(std::string fileName, bool withStats, bool withCovariance, int nSplit,
+                      int* splitSequence) {
     std::unique_ptr<int[]> extracted;
     if (splitSequence == nullptr) {
         extracted.reset(extractSplitSequence(nSplit));

@@ -40,7 +40,7 @@ struct WSReport;
 struct PaddedMap;
 
 class DHC {
-public:
+  public:
     // Each blind or test split first estimates its number of children by mean shift.
     bool variableMultiplicity = false;
     // Built from `settings` when given, else from `configFile`, else with defaults (owned).
@@ -161,13 +161,14 @@ public:
     void printReport(std::string fileName, bool withStats = true, bool withCovariance = true, int nSplit = 0,
                      int* splitSequence = nullptr);
 
-private:
+  private:
     // Owned copies behind configFile / settings when dhc() had to make them.
     std::string configFileStore_;
     DHC_SET* ownedSettings_ = nullptr;
 
     void initCommon(int maxLabels, const std::function<PottsWS*(int borderLabel, int ownLabel)>& makeRoot);
     PottsEngine* makeEngine();
+    void guarded(const std::function<void()>& step);
     void seedFromPlane(int** initial);
     PottsWS* rootWS() const;
     int leafCount() const;

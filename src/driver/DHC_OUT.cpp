@@ -5,7 +5,9 @@
 #include "data/ROI.h"
 #include "driver/DHC.h"
 
-DHC_OUT::~DHC_OUT() { release(); }
+DHC_OUT::~DHC_OUT() {
+    release();
+}
 
 void DHC_OUT::release() {
     for (int** plane : {labelMap, auxMap}) {
@@ -26,8 +28,13 @@ void DHC_OUT::release() {
 }
 
 DHC_OUT::DHC_OUT(DHC_OUT&& other) noexcept
-    : rows(other.rows), labelMap(other.labelMap), auxMap(other.auxMap), labelRoi(other.labelRoi),
-      fragRoi(other.fragRoi), nClasses(other.nClasses), dhc(other.dhc) {
+    : rows(other.rows),
+      labelMap(other.labelMap),
+      auxMap(other.auxMap),
+      labelRoi(other.labelRoi),
+      fragRoi(other.fragRoi),
+      nClasses(other.nClasses),
+      dhc(other.dhc) {
     other.labelMap = nullptr;
     other.auxMap = nullptr;
     other.labelRoi = nullptr;

@@ -35,6 +35,6 @@ struct DHC_OUT {
     DHC_OUT(DHC_OUT&& other) noexcept;
     DHC_OUT& operator=(DHC_OUT&& other) noexcept;
 
-private:
+  private:
     void release();
 };

@@ -16,12 +16,11 @@
 #include "data/PottsMapRegion.h"
 #include "data/ROI.h"
 #include "driver/DHC.h"
+#include "driver/DriverScene.h"
 #include "settings/DHC_SET.h"
 #include "workspace/PottsWS.h"
 #include "workspace/Tree.h"
 #include "workspace/WSReport.h"
-
-#include "driver/DriverScene.h"
 
 namespace {
 
@@ -70,10 +69,14 @@ struct HandTree : ::testing::Test {
     // root 2 -> 3 (left), 4 (right); 3 -> 5 (top), 6; 4 -> 7 (top), 8;
     // 5 -> 9 (left), 10.  Leaves in terminal order: 6 7 8 9 10.
     void grow(double g3, double g4, double g5) {
-        handSplit(*d, 2, 2, [](int, int c) { return c < 4 ? 0 : 1; }, 1.0);
-        handSplit(*d, 3, 2, [](int r, int) { return r < 4 ? 0 : 1; }, g3);
-        handSplit(*d, 4, 2, [](int r, int) { return r < 4 ? 0 : 1; }, g4);
-        handSplit(*d, 5, 2, [](int, int c) { return c < 2 ? 0 : 1; }, g5);
+        handSplit(
+            *d, 2, 2, [](int, int c) { return c < 4 ? 0 : 1; }, 1.0);
+        handSplit(
+            *d, 3, 2, [](int r, int) { return r < 4 ? 0 : 1; }, g3);
+        handSplit(
+            *d, 4, 2, [](int r, int) { return r < 4 ? 0 : 1; }, g4);
+        handSplit(
+            *d, 5, 2, [](int, int c) { return c < 2 ? 0 : 1; }, g5);
     }
 
     std::vector<int> sequence() {
@@ -95,7 +98,9 @@ std::string tmpPath(const std::string& name) {
     return std::string(dir != nullptr ? dir : "/tmp") + "/" + name;
 }
 
-std::vector<int> asVector(const int* a, int n) { return a != nullptr ? std::vector<int>(a, a + n) : std::vector<int>(); }
+std::vector<int> asVector(const int* a, int n) {
+    return a != nullptr ? std::vector<int>(a, a + n) : std::vector<int>();
+}
 
 }  // namespace
 
@@ -154,7 +159,10 @@ TEST_F(HandTree, ReportsFollowTheNodeListAndKnowTheirPlaceInTheTree) {
 TEST_F(HandTree, TextReportStartsWithTheGeneralBlock) {
     grow(0.5, 1.0, 10.0);
     const std::string path = tmpPath("dhc_hand_report.txt");
-    { std::ofstream stale(path); stale << "left over from an earlier run\n"; }
+    {
+        std::ofstream stale(path);
+        stale << "left over from an earlier run\n";
+    }
     d->printReport(path, false, false);
     const std::string text = slurp(path);
     const std::string general =
@@ -183,13 +191,15 @@ TEST_F(HandTree, TextReportStartsWithTheGeneralBlock) {
         "Beta = 0.25;\n";
     EXPECT_EQ(text.substr(general.size(), rootBlock.size()), rootBlock);
     size_t blocks = 0;
-    for (size_t at = text.find("[NEW WORKSPACE]"); at != std::string::npos; at = text.find("[NEW WORKSPACE]", at + 1))
+    for (size_t at = text.find("[NEW WORKSPACE]"); at != std::string::npos;
+         at = text.find("[NEW WORKSPACE]", at + 1))
         ++blocks;
     EXPECT_EQ(blocks, 9u);
     // A given sequence is used as it stands.
     int given[] = {2, 3};
     d->printReport(path, false, false, 2, given);
-    EXPECT_NE(slurp(path).find("NSplit = 2;\nSplitOrder = [2 3 ];\nOffspringMat = [\n6 7 8 9 10 \n6 9 10 0 0 \n];\n"),
+    EXPECT_NE(slurp(path).find(
+                  "NSplit = 2;\nSplitOrder = [2 3 ];\nOffspringMat = [\n6 7 8 9 10 \n6 9 10 0 0 \n];\n"),
               std::string::npos);
 }
 

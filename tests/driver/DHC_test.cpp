@@ -1,6 +1,8 @@
 // The driver end to end on small synthetic scenes: what a run produces
 // (classes, tree shape, fragments, reports), its tie rules and its fatal exits.
 
+#include "driver/DHC.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -18,14 +20,12 @@
 #include "data/LabelController.h"
 #include "data/PottsMapRegion.h"
 #include "data/ROI.h"
-#include "driver/DHC.h"
+#include "driver/DriverScene.h"
 #include "settings/DHC_SET.h"
 #include "settings/Fatal.h"
 #include "workspace/PottsWS.h"
 #include "workspace/Tree.h"
 #include "workspace/WSReport.h"
-
-#include "driver/DriverScene.h"
 
 namespace {
 
@@ -60,7 +60,9 @@ DHC_IN memoryInput(ROI<int, xy>* roi, DHC_SET* settings) {
     return in;
 }
 
-std::vector<int> values(const ROI<int, xy>* roi) { return std::vector<int>(roi->data, roi->data + roi->count); }
+std::vector<int> values(const ROI<int, xy>* roi) {
+    return std::vector<int>(roi->data, roi->data + roi->count);
+}
 
 // Largest fraction of points on which `got` equals `want` under some
 // one-to-one renaming of got's labels (exhaustive over the truth labels).
@@ -82,7 +84,9 @@ double bestAgreement(const std::vector<int>& got, const std::vector<int>& want) 
     return static_cast<double>(best) / static_cast<double>(got.size());
 }
 
-std::set<int> distinct(const std::vector<int>& v) { return std::set<int>(v.begin(), v.end()); }
+std::set<int> distinct(const std::vector<int>& v) {
+    return std::set<int>(v.begin(), v.end());
+}
 
 std::string slurp(const std::string& path) {
     std::ifstream is(path, std::ios::binary);
@@ -417,7 +421,7 @@ TEST(DhcOutput, OutputRecordIsMoveOnlyAndReleasesEverything) {
     s->fragmentation = true;
     DHC_OUT first = DHC::dhc(memoryInput(roi.get(), s.get()));
     first.rows = 2;
-    first.labelMap = new int*[2]{new int[3](), new int[3]()};
+    first.labelMap = new int* [2] { new int[3](), new int[3]() };
     DHC* driver = first.dhc;
     DHC_OUT second(std::move(first));
     EXPECT_EQ(first.dhc, nullptr);
@@ -490,7 +494,9 @@ namespace {
 struct FatalThrown {
     int status;
 };
-void throwingHandler(int status, const std::string&, dhc::FatalChannel) { throw FatalThrown{status}; }
+void throwingHandler(int status, const std::string&, dhc::FatalChannel) {
+    throw FatalThrown{status};
+}
 }  // namespace
 
 TEST(DhcFatal, ThrowingHandlerUnwindsOutOfTheRun) {
@@ -630,4 +636,39 @@ TEST(DhcBlind, VariableMultiplicityAnnouncesTheEstimatedClassCount) {
     if (k >= 2 && k <= 8 && out.dhc->tree->root->nChildren > 0) {
         EXPECT_EQ(out.nClasses, k);
     }
+}
+
+TEST(DhcBlind, LocalModeGrowsOnlyTheChosenSubtree) {
+    Scene scene = fourQuadrants();
+    std::unique_ptr<ROI<int, xy>> roi(scene.dataRoi());
+    auto s = baseSettings();
+    DHC d(roi.get(), 1000, false, nullptr, s.get());
+    d.start();
+    SplittingOptions o;
+    o.metric = 7;  // 1 / (depth + 1)
+    o.maxNumberOfClasses = 100;
+    o.splitGainThreshold = 0.9;  // the root alone
+    d.blindSplitting(o);
+    TreeNode<PottsWS*>* root = d.tree->root;
+    ASSERT_EQ(root->nChildren, 2);
+    const int chosen = root->children[0]->label;
+    o.localTree = true;
+    o.startLabel = chosen;
+    o.splitGainThreshold = 0.4;  // depths 0 and 1 of the local tree
+    d.blindSplitting(o);
+
+    EXPECT_EQ(root->children[1]->nChildren, 0);
+    ASSERT_EQ(root->children[0]->nChildren, 2);
+    // The main tree's lists follow the mirrored splits: the terminal list holds
+    // exactly the childless nodes, none deeper than local depth 2.
+    std::vector<TreeNode<PottsWS*>*> all{root};
+    for (size_t i = 0; i < all.size(); ++i)
+        for (int c = 0; c < all[i]->nChildren; ++c) all.push_back(all[i]->children[c]);
+    std::set<TreeNode<PottsWS*>*> childless, listed(d.tree->terminals.begin(), d.tree->terminals.end());
+    for (TreeNode<PottsWS*>* node : all) {
+        if (node->nChildren == 0) childless.insert(node);
+        EXPECT_LE(node->depth, 3);
+    }
+    EXPECT_EQ(listed, childless);
+    EXPECT_EQ(d.tree->nodeList.size(), all.size());
 }

@@ -15,8 +15,12 @@ struct Scene {
     std::vector<std::vector<std::vector<int>>> cube;  // [b][r][c]
     std::vector<std::vector<int>> truth;              // [r][c], classes 1..K
 
-    Scene(int r, int c, int b) : rows(r), cols(c), bands(b),
-        cube(b, std::vector<std::vector<int>>(r, std::vector<int>(c, 0))), truth(r, std::vector<int>(c, 0)) {}
+    Scene(int r, int c, int b)
+        : rows(r),
+          cols(c),
+          bands(b),
+          cube(b, std::vector<std::vector<int>>(r, std::vector<int>(c, 0))),
+          truth(r, std::vector<int>(c, 0)) {}
 
     // Fills every pixel from its class: band b = means[class - 1][b] + noise in [-amp, amp].
     void paint(const std::vector<std::vector<int>>& means, int amp) {
