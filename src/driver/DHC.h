@@ -91,6 +91,17 @@ class DHC {
     // --- The run. ---------------------------------------------------------
     // Builds a DHC for in.mode, runs the strategy, paints and extracts the
     // final labels (and fragments), writes in.outputFile if set.
+    //  - labelRoi: unsupervised, the leaves' labels; supervised, the ground-truth
+    //    label matched to each leaf (labelWithGT).  For the file source the points
+    //    are every pixel of the image in raster order.
+    //  - fragRoi: fragment labels (fresh labels above every class label), when
+    //    fragmentation ran.
+    //  - in.outputFile: the label map as it stands at the end (fragments when
+    //    fragmentation ran), renumbered 1, 2, ... in raster order of first
+    //    appearance (outputPMap(true, true, true, -1)).
+    // A file-source run with an initial map adds 1 to the depth limit, which
+    // turns on balanced splitting even when balancedTree is off.
+    // If a fatal handler throws, everything built so far is released.
     static DHC_OUT dhc(DHC_IN in);
 
     // Optional progress hook, called after every split that becomes permanent

@@ -672,3 +672,20 @@ TEST(DhcBlind, LocalModeGrowsOnlyTheChosenSubtree) {
     EXPECT_EQ(listed, childless);
     EXPECT_EQ(d.tree->nodeList.size(), all.size());
 }
+
+TEST(DhcUnsupervised, SplitwiseDisconnectionCutsTheInitialLabelsIntoPieces) {
+    Scene scene = twoBlobs();
+    std::unique_ptr<ROI<int, xy>> roi(scene.dataRoi());
+    // Initial labels = the ground truth: class 2 is two separate blobs.
+    std::unique_ptr<ROI<int, xy>> init(scene.truthRoi(roi.get()));
+    auto s = blobSettings();
+    s->maxNumberOfClasses = 3;
+    s->splitwiseDisconnect = true;
+    DHC_IN in = memoryInput(roi.get(), s.get());
+    in.initLabels = init.get();
+    DHC_OUT out = DHC::dhc(in);
+    EXPECT_EQ(out.dhc->tree->root->nChildren, 3);
+    EXPECT_EQ(out.nClasses, 3);
+    for (TreeNode<PottsWS*>* leaf : out.dhc->tree->terminals)
+        EXPECT_EQ(components(out.labelRoi, leaf->label), 1);
+}
