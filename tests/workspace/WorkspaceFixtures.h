@@ -49,6 +49,17 @@ inline void paint(PottsWS& ws, const std::vector<std::vector<int>>& g) {
         for (size_t c = 0; c < g[r].size(); ++c) ws.root->setPixel(static_cast<int>(r), static_cast<int>(c), g[r][c]);
 }
 
+inline double** newMat(int n) {
+    double** m = new double*[n];
+    for (int i = 0; i < n; ++i) m[i] = new double[n]();
+    return m;
+}
+
+inline void freeMat(double** m, int n) {
+    for (int i = 0; i < n; ++i) delete[] m[i];
+    delete[] m;
+}
+
 // Frees a children array made by PottsWS::split.
 inline void freeChildren(PottsWS** children, int n) {
     for (int j = 0; j < n; ++j) delete children[j];
