@@ -43,4 +43,9 @@ public:
     double dLE(int i, int j, int* pixels, int n);
     // Mean of the squared differences; 0.0 for n < 1.
     double dLE_square(int i, int j, int* pixels, int n);
+
+    // Energy of the d band values x for the Gaussian with mean mu, inverse
+    // covariance sInv and log-determinant logdet (the one formula every energy
+    // of the engine uses).
+    static double gaussianEnergy(const int* x, const double* mu, double** sInv, double logdet, int d);
 };

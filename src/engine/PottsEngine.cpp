@@ -1,0 +1,796 @@
+#include "engine/PottsEngine.h"
+
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <ostream>
+#include <vector>
+
+#include "data/PottsMapRegion.h"
+#include "engine/PottsLikelihoodEnergy.h"
+#include "settings/ConfigFileParser.h"
+#include "settings/DHC_SET.h"
+#include "settings/Fatal.h"
+#include "stats/FMSC.h"
+#include "stats/FeatureSpace.h"
+#include "stats/Mixture.h"
+#include "stats/OpMatrix.h"
+#include "workspace/PottsWS.h"
+
+namespace {
+
+double** newRows(int rows, int cols) {
+    double** m = new double*[rows > 0 ? rows : 0];
+    for (int r = 0; r < rows; ++r) m[r] = new double[cols > 0 ? cols : 0]();
+    return m;
+}
+
+template <typename T>
+void freeRows(T** m, int rows) {
+    if (m == nullptr) return;
+    for (int r = 0; r < rows; ++r) delete[] m[r];
+    delete[] m;
+}
+
+double*** newCube(int n, int d) {
+    double*** c = new double**[n > 0 ? n : 0];
+    for (int i = 0; i < n; ++i) c[i] = newRows(d, d);
+    return c;
+}
+
+void freeCube(double*** c, int n, int d) {
+    for (int i = 0; i < n; ++i) freeRows(c[i], d);
+    delete[] c;
+}
+
+// Map cell of a pixel of the workspace (inner coordinates shifted by the pad).
+inline int& cell(PottsMapRegion* region, const xy& p) { return region->map[p.x + region->pad][p.y + region->pad]; }
+
+const int* pixel(const PottsWS* w, int p) { return w->data + static_cast<std::size_t>(p) * w->bands; }
+
+double squaredDistance(const int* x, const double* c, int d) {
+    double s = 0.0;
+    for (int b = 0; b < d; ++b) {
+        const double t = static_cast<double>(x[b]) - c[b];
+        s += t * t;
+    }
+    return s;
+}
+
+// 32-bit unsigned product of the class counts: zero also when the product is a
+// multiple of 2^32, which the callers deliberately treat as an empty class.
+bool countsProductIsZero(const std::vector<int>& counts) {
+    uint32_t product = 1;
+    for (int c : counts) product *= static_cast<uint32_t>(c);
+    return product == 0;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Configuration
+
+PottsEngine::PottsEngine() = default;
+
+PottsEngine::PottsEngine(int multiplicity_, double betaMin_, double betaMax_, double betaBound_, bool adaptive_,
+                         double rangeBandwidth_, double spatialBandwidth_) {
+    setConfig(multiplicity_, betaMin_, betaMax_, betaBound_, adaptive_, rangeBandwidth_, spatialBandwidth_);
+}
+
+PottsEngine::PottsEngine(DHC_SET* s) : settings(s) {
+    setConfig(s->multiplicity, s->betaMin, s->betaMax, s->adaptive ? s->betaBound : 0.0, s->adaptive,
+              s->rangeBandwidth, s->spatialBandwidth);
+}
+
+PottsEngine::PottsEngine(char* file) : configFile(file) {
+    if (file == nullptr) return;
+    ConfigFileParser parser(file);
+    parser.seekArgument("POTTS_MODEL");
+    multiplicity = parser.seekInt("Multiplicity", 0);
+    betaMin = parser.seekDouble("BetaMin", 0.0);
+    betaMax = parser.seekDouble("BetaMax", 0.0);
+    adaptive = parser.seekFlag("Adaptive");
+    betaBound = adaptive ? parser.seekDouble("BetaBound", 0.0) : 0.0;
+    rangeBandwidth = parser.seekDouble("RangeBandwidth", 0.0);
+    spatialBandwidth = parser.seekDouble("SpatialBandwidth", 0.0);
+    parser.close();
+}
+
+PottsEngine::~PottsEngine() {
+    delete globalMixture;
+    delete energyTable;
+}
+
+void PottsEngine::setConfig(int multiplicity_, double betaMin_, double betaMax_, double betaBound_, bool adaptive_,
+                            double rangeBandwidth_, double spatialBandwidth_) {
+    multiplicity = multiplicity_;
+    betaMin = betaMin_;
+    betaMax = betaMax_;
+    betaBound = betaBound_;
+    adaptive = adaptive_;
+    rangeBandwidth = rangeBandwidth_;
+    spatialBandwidth = spatialBandwidth_;
+}
+
+void PottsEngine::setConfig(int multiplicity_) { multiplicity = multiplicity_; }
+
+// ---------------------------------------------------------------------------
+// Clustering
+
+bool PottsEngine::updateGlobalMixture(PottsWS& w) {
+    int n = 0;
+    int* present = w.root->labels(n);
+    ws = &w;
+    delete globalMixture;
+    globalMixture = nullptr;
+
+    // Label 0 marks unassigned pixels: it is not a class.
+    const int first = (n > 0 && present[0] == 0) ? 1 : 0;
+    const int k = n - first;
+    const int d = w.bands;
+    Mixture* m = new Mixture(k, d);
+    for (int i = 0; i < k; ++i) {
+        double* mu = w.getMi(present[first + i]);
+        double** s = w.getSigma(present[first + i]);
+        m->set(i, mu, s);
+        delete[] mu;
+        freeRows(s, d);
+    }
+    delete[] present;
+    m->inv();
+    globalMixture = m;
+    return m->updateInv();
+}
+
+double** PottsEngine::kGLA(PottsWS* w, int* labels) {
+    const int k = multiplicity;
+    const int d = w->bands;
+    const int n = w->loadedCount;
+    PottsMapRegion* region = w->root;
+
+    w->updateMi();
+    double** code = newRows(k, d);
+    for (int b = 0; b < d && k > 0; ++b) code[0][b] = w->mi[b];
+    std::vector<double> distortion(k, 0.0);
+    std::vector<double> meanDistortion(k, 0.0);
+    std::vector<int> counts(k, 0);
+    std::vector<double> previous(static_cast<std::size_t>(k) * d);
+    std::vector<double> direction(d);
+    double** sigma = newRows(d, d);
+    region->mapRefresh(labels[0], false);
+
+    bool abandoned = false;
+    for (int s = 0; s + 2 <= k && !abandoned; ++s) {
+        const int m = s + 2;  // codewords after this step
+        const int j = OpMatrix::max(meanDistortion.data(), s + 1);
+
+        // Split class j along its principal axis by a thousandth of its mean
+        // standard deviation.
+        w->getSigma(labels[j], sigma);
+        double eps = 0.0;
+        for (int b = 0; b < d; ++b) eps += std::sqrt(sigma[b][b]);
+        eps /= 1000.0 * d;
+        OpMatrix::maxEig(sigma, d, direction.data());
+        for (int b = 0; b < d; ++b) {
+            code[s + 1][b] = code[j][b] - eps * direction[b];
+            code[j][b] = code[j][b] + eps * direction[b];
+        }
+        // A class without spread (eps not positive, or not a number) keeps the
+        // split without Lloyd iterations.
+        if (!(2.0 * eps > eps)) continue;
+
+        // Lloyd iterations; convergence is decided by eps alone.
+        for (;;) {
+            for (int c = 0; c < m; ++c) distortion[c] = 0.0;
+            for (int p = 0; p < n; ++p) {
+                const int* x = pixel(w, p);
+                int best = 0;
+                double bestDist = squaredDistance(x, code[0], d);
+                for (int c = 1; c < m; ++c) {
+                    const double dist = squaredDistance(x, code[c], d);
+                    if (dist < bestDist) {
+                        bestDist = dist;
+                        best = c;
+                    }
+                }
+                distortion[best] += bestDist;
+                cell(region, w->coords[p]) = labels[best];
+            }
+            for (int c = 0; c < m; ++c)
+                for (int b = 0; b < d; ++b) previous[static_cast<std::size_t>(c) * d + b] = code[c][b];
+            w->getMi(m, labels, counts.data(), code);
+
+            double movement = 0.0;
+            bool empty = false;
+            for (int c = 0; c < m; ++c) {
+                if (counts[c] > 0) {
+                    meanDistortion[c] = distortion[c] / counts[c];
+                    for (int b = 0; b < d; ++b) {
+                        const double t = code[c][b] - previous[static_cast<std::size_t>(c) * d + b];
+                        movement += t * t;
+                    }
+                } else {
+                    empty = true;
+                }
+            }
+            movement = std::sqrt(movement / m);
+            if (movement <= eps || empty) {
+                abandoned = empty;
+                break;
+            }
+        }
+    }
+    freeRows(sigma, d);
+
+    if (abandoned) {
+        w->splitState = -1;
+        region->mapRefresh(region->label, false);
+    } else {
+        w->splitState = 1;
+    }
+    return code;
+}
+
+double** PottsEngine::kML(PottsWS* w, int* labels, double** energy) {
+    const int k = multiplicity;
+    const int n = w->loadedCount;
+    PottsMapRegion* region = w->root;
+    for (int p = 0; p < n; ++p) {
+        int best = 0;
+        for (int c = 1; c < k; ++c)
+            if (energy[c][p] < energy[best][p]) best = c;
+        cell(region, w->coords[p]) = labels[best];
+    }
+    double** means = newRows(k, w->bands);
+    std::vector<int> counts(k, 0);
+    w->getMi(k, labels, counts.data(), means);
+    if (countsProductIsZero(counts)) {
+        w->splitState = -1;
+        region->mapRefresh(region->label, false);
+    } else {
+        w->splitState = 1;
+    }
+    return means;
+}
+
+// ---------------------------------------------------------------------------
+// ICM and beta
+
+// ICM sweeps over the loaded pixels of the current workspace.  Labels are
+// written at once, so later pixels of a sweep see them.  Stops when at most
+// 0.1 % of the pixels changed, or after 151 sweeps; returns the sweeps run.
+template <typename EnergyAt>
+int PottsEngine::sweeps(int* labels, int k, EnergyAt energyAt) {
+    PottsMapRegion* region = ws->root;
+    int** map = region->map;
+    const int pad = region->pad;
+    xy* coords = ws->coords;
+    const int n = ws->loadedCount;
+    const double total = ws->envelopeCount;
+    int done = 0;
+    double rate = 0.0;
+    do {
+        int changes = 0;
+        for (int p = 0; p < n; ++p) {
+            xy& q = coords[p];
+            const double bp = (adaptive && q.aux != 0) ? betaBound : beta;
+            const int r = q.x + pad;
+            const int c0 = q.y + pad - 1;
+            const int* up = map[r - 1] + c0;
+            int* mid = map[r] + c0;
+            const int* dn = map[r + 1] + c0;
+            const int nb[8] = {up[0], up[1], up[2], mid[0], mid[2], dn[0], dn[1], dn[2]};
+            int best = 0;
+            double bestScore = 0.0;
+            for (int c = 0; c < k; ++c) {
+                const int l = labels[c];
+                int agree = 0;
+                for (int t = 0; t < 8; ++t) agree += (nb[t] == l);
+                const double score = bp * agree - energyAt(p, c);
+                if (c == 0 || score > bestScore) {
+                    best = c;
+                    bestScore = score;
+                }
+            }
+            if (mid[1] != labels[best]) {
+                mid[1] = labels[best];
+                q.flag = 1;
+                ++changes;
+            }
+        }
+        ++done;
+        rate = changes * 100.0 / total;
+    } while (rate > 0.1 && done < 151);
+    return done;
+}
+
+int PottsEngine::kICM(double** means, int* labels) {
+    if (ws == nullptr) dhc::fatal(-1, "kICMns --> currentContainer == NULL", dhc::FatalChannel::StdErr);
+    const int k = multiplicity;
+    const int d = ws->bands;
+    const int n = ws->loadedCount;
+
+    std::vector<int> counts(k, 0);
+    double*** covs = newCube(k, d);
+    double*** inverses = newCube(k, d);
+    std::vector<double> logdet(k, 0.0);
+    ws->getSigma(k, labels, counts.data(), covs);
+    bool invertible = true;
+    for (int c = 0; c < k; ++c) {
+        int ok = 0;
+        OpMatrix::inv(covs[c], d, inverses[c], ok);
+        if (ok == 0) invertible = false;
+        logdet[c] = OpMatrix::ldet(covs[c], d);
+    }
+
+    int result = -2;
+    lastSweeps = 0;
+    lastPasses = 1;
+    if (invertible) {
+        // Class energies once per call, pixel-major so a sweep reads them in order.
+        std::vector<double> table(static_cast<std::size_t>(n) * k);
+        for (int p = 0; p < n; ++p) {
+            const int* x = pixel(ws, p);
+            for (int c = 0; c < k; ++c)
+                table[static_cast<std::size_t>(p) * k + c] =
+                    PottsLikelihoodEnergy::gaussianEnergy(x, means[c], inverses[c], logdet[c], d);
+        }
+        const double* e = table.data();
+        lastSweeps = sweeps(labels, k, [e, k](int p, int c) { return e[static_cast<std::size_t>(p) * k + c]; });
+        result = 2;
+    }
+    freeCube(covs, k, d);
+    freeCube(inverses, k, d);
+
+    ws->getMi(k, labels, counts.data(), means);
+    for (int c = 0; c < k; ++c)
+        if (counts[c] <= 0) result = -2;
+    return result;
+}
+
+int PottsEngine::kICM(double** means, int* labels, double** energy) {
+    if (ws == nullptr) dhc::fatal(-1, "kICMs --> currentContainer == NULL", dhc::FatalChannel::StdErr);
+    const int k = multiplicity;
+    lastPasses = 1;
+    lastSweeps = sweeps(labels, k, [energy](int p, int c) { return energy[c][p]; });
+    std::vector<int> counts(k, 0);
+    ws->getMi(k, labels, counts.data(), means);
+    return countsProductIsZero(counts) ? -2 : 2;
+}
+
+double PottsEngine::betaHat(int* labels) { return betaHat(labels, multiplicity); }
+
+double PottsEngine::betaHat(int* labels, int k) {
+    // Neighbour configuration of every region pixel, once per estimate:
+    // a = neighbours with the pixel's own label, m = neighbours in the other
+    // classes of the split.
+    std::vector<uint8_t> config;
+    if (ws != nullptr) {
+        PottsMapRegion* region = ws->root;
+        int** map = region->map;
+        const int pad = region->pad;
+        config.reserve(region->area > 0 ? region->area : 0);
+        for (int r = 0; r < region->runCount; ++r) {
+            const run& rn = region->runs[r];
+            const int* up = map[rn.row + pad - 1];
+            const int* mid = map[rn.row + pad];
+            const int* dn = map[rn.row + pad + 1];
+            for (int c = rn.col + pad; c < rn.col + rn.len + pad; ++c) {
+                const int nb[8] = {up[c - 1], up[c], up[c + 1], mid[c - 1], mid[c + 1], dn[c - 1], dn[c], dn[c + 1]};
+                const int own = mid[c];
+                int a = 0;
+                int b = 0;
+                for (int t = 0; t < 8; ++t) {
+                    a += (nb[t] == own);
+                    for (int l = 0; l < k; ++l) {
+                        if (nb[t] == labels[l]) {
+                            ++b;
+                            break;
+                        }
+                    }
+                }
+                // b < a only for a pixel outside every class of the split: it has
+                // no competing configuration and takes no part in the score.
+                if (b >= a) config.push_back(static_cast<uint8_t>(a * 9 + (b - a)));
+            }
+        }
+    }
+
+    // g(beta) = sum over pixels of a - T[a][m], the 9 x 9 table built once per evaluation.
+    auto score = [&config](double bt) {
+        double term[81];
+        for (int a = 0; a <= 8; ++a) {
+            for (int m = 0; m <= 8; ++m) {
+                const double ea = std::exp(bt * a);
+                const double em = std::exp(bt * m);
+                term[a * 9 + m] = a - (a * ea + m * em) / (ea + em);
+            }
+        }
+        double g = 0.0;
+        for (uint8_t code : config) g += term[code];
+        return g;
+    };
+
+    double c = betaMax;
+    double gc = score(c);
+    if (gc >= 0.0) return betaMax;
+    // Bisection; the lower end is taken to be on the positive side.
+    double a = betaMin;
+    double mid = betaMax;
+    while (std::fabs(c - a) > 0.0001) {
+        mid = 0.5 * (a + c);
+        const double gm = score(mid);
+        if (gc * gm < 0.0) {
+            a = mid;
+        } else {
+            c = mid;
+            gc = gm;
+        }
+    }
+    return mid;
+}
+
+int PottsEngine::kEstMaxICM(double** means, int* labels) {
+    // Outside the interval, so the first pass always counts as a change.
+    beta = 2.0 * betaMax;
+    const double tolerance = (betaMax - betaMin) / 10.0;
+    int passes = 0;
+    int total = 0;
+    int r = 2;
+    for (;;) {
+        const double previous = beta;
+        beta = betaHat(labels);
+        r = kICM(means, labels);
+        total += lastSweeps;
+        ++passes;
+        const double delta = std::fabs(previous - beta);
+        if (delta <= tolerance && passes >= 2) break;
+        if (passes >= 150 || r != 2) break;
+    }
+    lastSweeps = total;
+    lastPasses = passes;
+    return r;
+}
+
+int PottsEngine::kSupervisedICM(double** means, int* labels, double** energy) {
+    if (ws == nullptr) return kICM(means, labels, energy);  // reports the missing workspace
+    const int k = multiplicity;
+    const int d = ws->bands;
+    const double tolerance = 1.0 / (static_cast<double>(ws->rows) * ws->cols);
+    lastSweeps = 0;
+    lastPasses = 0;
+    if (!(2.0 * tolerance > tolerance)) return 2;
+
+    std::vector<double> kept(static_cast<std::size_t>(k) * d);
+    for (int c = 0; c < k; ++c)
+        for (int b = 0; b < d; ++b) kept[static_cast<std::size_t>(c) * d + b] = means[c][b];
+    int passes = 0;
+    int total = 0;
+    int r = 2;
+    double shift = 0.0;
+    do {
+        beta = betaHat(labels);
+        r = kICM(means, labels, energy);
+        total += lastSweeps;
+        ++passes;
+        double moved = 0.0;
+        for (int c = 0; c < k; ++c) {
+            for (int b = 0; b < d; ++b) {
+                double& old = kept[static_cast<std::size_t>(c) * d + b];
+                const double t = means[c][b] - old;
+                moved += t * t;
+                old = means[c][b];
+            }
+        }
+        shift = std::sqrt(moved / k);
+    } while (shift > tolerance && passes < 150 && r == 2);
+    lastSweeps = total;
+    lastPasses = passes;
+    return r;
+}
+
+void PottsEngine::updateLikelihoodEnergy(Mixture** classes, int n) {
+    delete energyTable;
+    energyTable = nullptr;
+    if (ws != nullptr) energyTable = new PottsLikelihoodEnergy(classes, n, ws);
+}
+
+// ---------------------------------------------------------------------------
+// Splits
+
+PottsWS** PottsEngine::makeChildren(PottsWS* w, int* labels, int k, bool altGain, double threshold) {
+    PottsWS** children = nullptr;
+    w->split(labels, k, children, true);
+    w->splitGain = altGain ? splitGain(w, k, children, threshold) : splitGain(w, k, children);
+    ws = nullptr;
+    return children;
+}
+
+PottsWS** PottsEngine::icmAndSplit(PottsWS* w, int* labels, double** means, bool altGain, double threshold) {
+    const int r = kEstMaxICM(means, labels);
+    w->splitState = r;
+    if (r != 2) {
+        ws = nullptr;
+        return nullptr;
+    }
+    w->beta = betaHat(labels);
+    return makeChildren(w, labels, multiplicity, altGain, threshold);
+}
+
+PottsWS** PottsEngine::split(PottsWS* w, int* labels, bool altGain, double threshold) {
+    ws = w;
+    double** means = kGLA(w, labels);
+    PottsWS** children = nullptr;
+    if (w->splitState != -1) children = icmAndSplit(w, labels, means, altGain, threshold);
+    freeRows(means, multiplicity);
+    ws = nullptr;
+    return children;
+}
+
+PottsWS** PottsEngine::split(PottsWS* w, int* labels, double** means, bool altGain, double threshold) {
+    ws = w;
+    w->updateMi();
+    if (w->splitState == -1) {
+        ws = nullptr;
+        return nullptr;
+    }
+    return icmAndSplit(w, labels, means, altGain, threshold);
+}
+
+PottsWS** PottsEngine::split(PottsWS* w, int* labels, PottsWS** parts, int nParts, int* classOf, int k,
+                             bool altGain, double threshold) {
+    ws = w;
+    PottsMapRegion* region = w->root;
+    for (int i = 0; i < nParts; ++i) {
+        const int l = labels[classOf[i]];
+        for (int q = 0; q < parts[i]->envelopeCount; ++q) cell(region, parts[i]->coords[q]) = l;
+    }
+    w->splitState = 2;
+    w->beta = betaHat(labels, k);
+    return makeChildren(w, labels, k, altGain, threshold);
+}
+
+PottsWS** PottsEngine::split(PottsWS* w, int* labels, Mixture** classes) {
+    ws = w;
+    if (energyTable == nullptr) {
+        ws = nullptr;
+        return nullptr;
+    }
+    const int k = multiplicity;
+    std::vector<int*> groups(k);
+    std::vector<int> sizes(k);
+    for (int c = 0; c < k; ++c) {
+        groups[c] = classes[c]->linkIndex;
+        sizes[c] = classes[c]->k;
+    }
+    double** energy = energyTable->get(w, groups.data(), sizes.data(), k);
+    double** means = kML(w, labels, energy);
+
+    int r = w->splitState;
+    if (r != -1) {
+        for (int c = 0; c < k; ++c)
+            if (!classes[c]->checkInv()) r = -2;
+        if (r == -2) {
+            w->splitState = -2;
+        } else {
+            r = kSupervisedICM(means, labels, energy);
+            w->splitState = r;
+            if (r == 2) w->beta = betaHat(labels);
+        }
+    }
+    freeRows(energy, k);
+    freeRows(means, k);
+
+    PottsWS** children = nullptr;
+    if (r == 2) {
+        w->split(labels, k, children, true);
+        for (int c = 0; c < k; ++c)
+            if (globalMixture != nullptr && classes[c]->linkIndex != nullptr)
+                children[c]->linkMixture(globalMixture, classes[c]->k, classes[c]->linkIndex);
+    }
+    ws = nullptr;
+    return children;
+}
+
+PottsWS** PottsEngine::fragment(PottsWS* w, int* labels, int n) {
+    ws = w;
+    PottsMapRegion* region = w->root;
+    int pieces = 0;
+    PottsMapRegion* parts = region->fragment(pieces, false);
+    if (parts == nullptr) {
+        ws = nullptr;
+        return nullptr;
+    }
+    // The pieces carry fresh labels now; give piece i the caller's labels[i].
+    int top = 0;
+    for (int i = 0; i < pieces; ++i)
+        if (parts[i].label > top) top = parts[i].label;
+    std::vector<int> table(static_cast<std::size_t>(top) + 1);
+    for (int l = 0; l <= top; ++l) table[l] = l;
+    for (int i = 0; i < pieces && i < n; ++i) table[parts[i].label] = labels[i];
+    delete[] parts;
+    region->setInnerLabels(table.data());
+
+    PottsWS** children = nullptr;
+    w->split(labels, n, children, true);
+    ws = nullptr;
+    return children;
+}
+
+// ---------------------------------------------------------------------------
+// Gains
+
+double PottsEngine::splitGain(PottsWS* w, int k, PottsWS** children) {
+    beta = w->beta;
+    const int d = w->bands;
+    const double n = w->envelopeCount;
+    w->updateSigma();
+    const double logdet = OpMatrix::ldet(w->sigma, d);
+    std::vector<double> childLogdet(k);
+    for (int i = 0; i < k; ++i) childLogdet[i] = OpMatrix::ldet(children[i]->sigma, d);
+    const double e = w->edges;
+    w->updateFeatures();
+    for (int i = 0; i < k; ++i) children[i]->updateFeatures();
+
+    double after = 0.0;
+    for (int i = 0; i < k; ++i)
+        after += 0.5 * children[i]->envelopeCount * childLogdet[i] + children[i]->likelihoodEnergy;
+    const double g = 0.5 * n * logdet + w->likelihoodEnergy - after;
+    return (g / d - e * beta) / n;
+}
+
+double PottsEngine::splitGain(PottsWS* w, int k, PottsWS** children, double threshold) {
+    beta = w->beta;
+    const int d = w->bands;
+    const double n = w->envelopeCount;
+    w->updateSigma();
+    w->updateFeatures();
+    for (int i = 0; i < k; ++i) children[i]->updateFeatures();
+
+    double largest = 0.0;
+    for (int b = 0; b < d; ++b)
+        if (b == 0 || w->sigma[b][b] > largest) largest = w->sigma[b][b];
+    double v = n * largest;
+    if (threshold > v) {
+        double** u = nullptr;
+        double* lambda = nullptr;
+        if (d >= 1) {
+            OpMatrix::eig(w->sigma, d, 1, u, lambda);
+            v = n * lambda[0];
+            freeRows(u, d);
+            delete[] lambda;
+        }
+    }
+    return v;
+}
+
+double PottsEngine::textureGain(PottsWS* w, PottsWS** before, int nBefore, PottsWS** after, int nAfter) {
+    beta = w->beta;
+    const double e = w->edges;
+    const int d = w->bands;
+    auto energyOf = [d](PottsWS** parts, int count) {
+        double sum = 0.0;
+        for (int i = 0; i < count; ++i) {
+            parts[i]->updateSigma();
+            const double logdet = OpMatrix::ldet(parts[i]->sigma, d);
+            parts[i]->updateFeatures();
+            sum += 0.5 * parts[i]->envelopeCount * logdet + parts[i]->likelihoodEnergy;
+        }
+        return sum;
+    };
+    const double g = energyOf(before, nBefore) - energyOf(after, nAfter);
+    const double n = w->envelopeCount;
+    return (g / d - e * beta) / n;
+}
+
+Mixture** PottsEngine::generateLinkedMixtures(int* assign, int k) {
+    Mixture** result = new Mixture*[k > 0 ? k : 0]();
+    if (globalMixture == nullptr) return result;
+    const int classes = globalMixture->k;
+    bool* mask = new bool[classes > 0 ? classes : 0];
+    for (int c = 0; c < k; ++c) {
+        for (int j = 0; j < classes; ++j) mask[j] = assign[j] == c;
+        result[c] = globalMixture->generateLinkedMixture(mask);
+    }
+    delete[] mask;
+    return result;
+}
+
+// ---------------------------------------------------------------------------
+// Number of classes by mean shift
+
+double** PottsEngine::MS_K_est(PottsWS* w, int& k, bool label) {
+    const int d = w->bands;
+    int n = w->envelopeCount < 3000 ? w->envelopeCount : 3000;
+    xy* sampleCoords = nullptr;
+    double** samples = w->getFirstNaturals(n, sampleCoords);
+
+    // Mean shift runs on the principal components of the samples: three of
+    // them, or as many as there are bands when there are fewer.
+    const int dims = d < 3 ? d : 3;
+    FeatureSpace space(1, n);
+    space.addDomain(samples, d);
+    double** projected = n > 0 && dims > 0 ? space.getPCAData(dims, false) : nullptr;
+    std::ostream& out = dhc::out();
+    out << "N.L.P. = " << n;
+
+    w->updateFeatures();
+    const double dist = std::sqrt(w->sqDeviation);
+    out << " - Dist: " << dist << " - ";
+    // A spread below e^0 gives no usable figure: every sample is a neighbour then.
+    const double knnFigure = std::ceil(n / (0.5 * std::log(dist)));
+    const int knn = (std::isfinite(knnFigure) && knnFigure >= 1.0) ? static_cast<int>(knnFigure) : n;
+    out << " (inital knn = " << knn << ")" << std::endl;
+
+    double** modes = nullptr;
+    int* classification = nullptr;
+    int* population = nullptr;
+    k = 0;
+    if (projected != nullptr) {
+        FMSC* shift = nullptr;
+        if (settings != nullptr)
+            shift = new FMSC(projected, dims, n, knn, 0.05, 100.0, settings->autoAdjustkNN, settings->tolerance,
+                             settings->skipLast, settings->kernelType);
+        else if (configFile != nullptr)
+            shift = new FMSC(projected, dims, n, knn, 0.05, 100.0, configFile);
+        else
+            shift = new FMSC(projected, dims, n, knn, 0.05, 100.0, 0, 0.0, 0.0, 0);
+        double** found = shift->getModes(k);
+        int counted = 0;
+        population = shift->getPointsForMode(counted);
+        int classified = 0;
+        classification = shift->getClassification(classified);
+        delete shift;
+
+        // Back to data units: m_b * s_b + mu_b on the clustered coordinates,
+        // the band mean on any band beyond them.
+        double* sd = space.getStDevs(0);
+        double* mu = space.getMi(0);
+        modes = newRows(k, d);
+        for (int i = 0; i < k; ++i)
+            for (int b = 0; b < d; ++b) modes[i][b] = b < dims ? found[i][b] * sd[b] + mu[b] : mu[b];
+        freeRows(found, k);
+        delete[] sd;
+        delete[] mu;
+    }
+
+    setConfig(k);
+    if (k >= 2 && k <= 8) {
+        out << "Modes found:" << std::endl;
+        for (int i = 0; i < k; ++i) out << "Mode #" << i << ": " << population[i] << std::endl;
+        if (label) {
+            PottsMapRegion* region = w->root;
+            int count = 0;
+            int* all = region->PottsMap::labels(count);
+            const int base = count > 0 ? all[count - 1] : 0;
+            delete[] all;
+            region->mapRefresh(0, false);
+            for (int i = 0; i < n; ++i)
+                if (classification != nullptr && classification[i] > 0)
+                    cell(region, sampleCoords[i]) = base + classification[i];
+            freeRows(modes, k);
+            modes = newRows(k, d);
+            w->MLMapCompletion(modes, nullptr);
+            w->splitState = 1;
+        } else if (w->fromRoi == 0) {
+            // Values held in memory only (built from a region of interest) are
+            // complete already and have no file behind them: they stay.
+            if (!w->hrawFileName.empty())
+                w->loadDataHRaw(w->hrawFileName, 100.0f);
+            else if (w->bandFiles != nullptr)
+                w->loadDataRaw(w->bandFiles, w->bands, 100.0f);
+        }
+    } else {
+        freeRows(modes, k);
+        modes = nullptr;
+        w->splitState = -1;
+        k = 1;
+    }
+
+    delete[] classification;
+    delete[] population;
+    freeRows(projected, n);
+    freeRows(samples, n);
+    delete[] sampleCoords;
+    return modes;
+}

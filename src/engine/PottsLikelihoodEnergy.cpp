@@ -1,0 +1,133 @@
+#include "engine/PottsLikelihoodEnergy.h"
+
+#include <cmath>
+#include <cstddef>
+
+#include "stats/Mixture.h"
+#include "stats/OpMatrix.h"
+#include "workspace/PottsWS.h"
+
+namespace {
+
+double** newRows(int rows, int cols) {
+    double** m = new double*[rows > 0 ? rows : 0];
+    for (int r = 0; r < rows; ++r) m[r] = new double[cols > 0 ? cols : 0]();
+    return m;
+}
+
+template <typename T>
+void freeRows(T** m, int rows) {
+    if (m == nullptr) return;
+    for (int r = 0; r < rows; ++r) delete[] m[r];
+    delete[] m;
+}
+
+}  // namespace
+
+double PottsLikelihoodEnergy::gaussianEnergy(const int* x, const double* mu, double** sInv, double logdet, int d) {
+    double q = 0.0;
+    for (int i = 0; i < d; ++i) {
+        const double di = static_cast<double>(x[i]) - mu[i];
+        const double* row = sInv[i];
+        for (int k = 0; k < d; ++k) q += di * row[k] * (static_cast<double>(x[k]) - mu[k]);
+    }
+    return 0.5 * (logdet + q);
+}
+
+PottsLikelihoodEnergy::PottsLikelihoodEnergy(Mixture** classes, int n, PottsWS* ws)
+    : energy(newRows(n, ws->envelopeCount)), nClasses(n), nPixels(ws->envelopeCount) {
+    update(classes, ws);
+}
+
+PottsLikelihoodEnergy::PottsLikelihoodEnergy(PottsWS** wss, int n) : nClasses(n) {
+    for (int j = 0; j < n; ++j) nPixels += wss[j]->envelopeCount;
+    energy = newRows(n, nPixels);
+    update(wss);
+}
+
+PottsLikelihoodEnergy::~PottsLikelihoodEnergy() { freeRows(energy, nClasses); }
+
+void PottsLikelihoodEnergy::update(Mixture** classes, PottsWS* ws) {
+    const int d = ws->bands;
+    const int loaded = ws->loadedCount < nPixels ? ws->loadedCount : nPixels;
+    for (int i = 0; i < nClasses; ++i) {
+        Mixture* m = classes[i];
+        if (m == nullptr || m->k < 1) continue;
+        double** mu = m->getMiCopy();
+        double*** sInv = m->getSigmaInvCopy();
+        double* ld = m->getLogdetCopy();
+        double* row = energy[i];
+        for (int p = 0; p < loaded; ++p)
+            row[p] = gaussianEnergy(ws->data + static_cast<std::size_t>(p) * d, mu[0], sInv[0], ld[0], d);
+        // Further components replace the energy only where strictly smaller.
+        for (int c = 1; c < m->k; ++c) {
+            for (int p = 0; p < loaded; ++p) {
+                const double e =
+                    gaussianEnergy(ws->data + static_cast<std::size_t>(p) * d, mu[c], sInv[c], ld[c], d);
+                if (e < row[p]) row[p] = e;
+            }
+        }
+        for (int c = 0; c < m->k; ++c) freeRows(sInv[c], d);
+        delete[] sInv;
+        freeRows(mu, m->k);
+        delete[] ld;
+    }
+}
+
+void PottsLikelihoodEnergy::update(PottsWS** wss) {
+    for (int i = 0; i < nClasses; ++i) {
+        PottsWS* model = wss[i];
+        const int d = model->bands;
+        double** sInv = newRows(d, d);
+        int ok = 0;
+        OpMatrix::inv(model->sigma, d, sInv, ok);
+        const double logdet = ok ? OpMatrix::ldet(model->sigma, d) : 0.0;
+        double* row = energy[i];
+        int offset = 0;
+        for (int j = 0; j < nClasses; ++j) {
+            PottsWS* w = wss[j];
+            for (int p = 0; p < w->loadedCount; ++p)
+                row[offset + p] = ok ? gaussianEnergy(w->data + static_cast<std::size_t>(p) * w->bands, model->mi,
+                                                      sInv, logdet, d)
+                                     : HUGE_VAL;
+            offset += w->envelopeCount;
+        }
+        freeRows(sInv, d);
+    }
+}
+
+double** PottsLikelihoodEnergy::get(PottsWS* ws, int** groups, int* sizes, int n) {
+    const int count = ws->envelopeCount;
+    double** out = newRows(n, count);
+    for (int g = 0; g < n; ++g) {
+        double* dst = out[g];
+        const int* members = groups[g];
+        for (int p = 0; p < count; ++p) {
+            const int col = ws->pixelIndex != nullptr ? ws->pixelIndex[p] : p;
+            double best = sizes[g] > 0 ? energy[members[0]][col] : HUGE_VAL;
+            for (int s = 1; s < sizes[g]; ++s) {
+                const double e = energy[members[s]][col];
+                if (e < best) best = e;
+            }
+            dst[p] = best;
+        }
+    }
+    return out;
+}
+
+double PottsLikelihoodEnergy::dLE(int i, int j, int* pixels, int n) {
+    if (n < 1) return 0.0;
+    double sum = 0.0;
+    for (int q = 0; q < n; ++q) sum += energy[i][pixels[q]] - energy[j][pixels[q]];
+    return sum / n;
+}
+
+double PottsLikelihoodEnergy::dLE_square(int i, int j, int* pixels, int n) {
+    if (n < 1) return 0.0;
+    double sum = 0.0;
+    for (int q = 0; q < n; ++q) {
+        const double diff = energy[i][pixels[q]] - energy[j][pixels[q]];
+        sum += diff * diff;
+    }
+    return sum / n;
+}
