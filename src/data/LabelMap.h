@@ -30,8 +30,8 @@ public:
     void import(int** source, int offset);
     // New padded plane (caller frees with deletePaddedMap): the inner cells relabelled
     // into fragments 1 .. count numbered by their first cell in raster order;
-    // 8-connectivity when eightConnected, else 4.  The frame keeps the input's values.
-    // The frame label must be -1 (frame cells are recognised by it).
+    // 8-connectivity when eightConnected, else 4.  The frame keeps the input's values
+    // (the system uses -1); frame cells never join a fragment.
     static int** fragmentMap(int** map, int rows, int cols, int pad, int& count,
                              bool eightConnected);
     // Fragments once, then returns a new unpadded rows x cols copy (delete[] each row,

@@ -99,15 +99,18 @@ public:
     // copy); coords receives a new array of their coordinates; n = number taken.
     double** getFirstNaturals(int& n, xy*& coords);
     // New ROI sharing `data` (NOT a copy: set its data to null before deleting it),
-    // with a copy of the coordinates and the bounding box of the coordinates.
+    // with a copy of the coordinates (unchanged), count = envelopeCount, image size
+    // rows x cols, order 1 when shuffled else 2, and the bounding box of the coordinates.
     ROI<int, xy>* getDataRoi();
-    // New one-band ROI of the root's labels at the coordinate list (aux map when onAux).
+    // New one-band ROI of the root's labels at the coordinate list (aux map when
+    // onAux); box 0..rows-1 x 0..cols-1, with the source ROI's offsets when built from one.
     ROI<int, xy>* getLabRoi(bool onAux);
     // On the root's map: optional copy to aux (transposed when reverse), optional
     // compact(n), then a new unpadded copy of the aux map.
     int** outputMap(bool copyToAux, bool doCompact, bool reverse, int n);
 
 private:
+    int bandFileCount = 0;  // entries of bandFiles
     void computeLoadedCount(float percentage);
     void shuffleCoords();
     void buildRasterCoords();
