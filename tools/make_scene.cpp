@@ -38,7 +38,7 @@ const char* const kUsage =
     "                      [--noise SIGMA] [--seed S]\n"
     "Write a deterministic 4-band synthetic scene of four classes (background,\n"
     "disk, rectangle, bar) and, optionally, its truth map (labels 1 to 4).\n"
-    "Defaults: 256 x 256 pixels, noise 8, seed 1.\n";
+    "Defaults: 256 x 256 pixels, noise 5, seed 1.\n";
 
 // Class (1..4) of pixel (r, c) in a rows x cols scene.
 int classAt(int r, int c, int rows, int cols) {
@@ -78,7 +78,7 @@ int fail(const std::string& message) {
 
 int main(int argc, char** argv) {
     std::string out, truth;
-    long rows = 256, cols = 256, noise = 8, seed = 1;
+    long rows = 256, cols = 256, noise = 5, seed = 1;
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
         if (a == "-h" || a == "--help") {
