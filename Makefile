@@ -34,8 +34,18 @@ build: configure
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 
+# Generates the synthetic 4-band scene (four classes, 256 x 256) into out/,
+# segments it with the default configuration and writes labels, report, picture.
+OUT ?= out
 demo: build
-	@echo "The demo segments a bundled synthetic scene once the driver is in place."
+	@mkdir -p $(OUT)
+	$(BUILD)/dhc-make-scene -o $(OUT)/scene.hraw --truth $(OUT)/truth.hraw
+	$(BUILD)/dhc segment $(OUT)/scene.hraw -o $(OUT)/labels.hraw --report $(OUT)/report.txt --png $(OUT)/labels.png
+	@echo
+	@echo "scene:     $(abspath $(OUT))/scene.hraw (truth: $(abspath $(OUT))/truth.hraw)"
+	@echo "label map: $(abspath $(OUT))/labels.hraw"
+	@echo "report:    $(abspath $(OUT))/report.txt"
+	@echo "picture:   $(abspath $(OUT))/labels.png"
 
 bench: build
 	@for b in $(BUILD)/bench/*_bench; do [ -x "$$b" ] && "$$b"; done
