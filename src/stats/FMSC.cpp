@@ -97,7 +97,9 @@ double FMSC::findCenter(int*& visited) {
     std::vector<double> weighted(dim);
     std::vector<double> step(dim, 0.0);
     std::vector<int> order(nPoints);
-    const auto nearer = [&dist2](int a, int b) { return dist2[a] < dist2[b] || (dist2[a] == dist2[b] && a < b); };
+    const auto nearer = [&dist2](int a, int b) {
+        return dist2[a] < dist2[b] || (dist2[a] == dist2[b] && a < b);
+    };
     double movement = 1.0;
     double bandwidthSum = 0.0;
     int iterations = 0;

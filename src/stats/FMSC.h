@@ -15,28 +15,28 @@
 #include <vector>
 
 class FMSC {
-public:
-    double* shift = nullptr;         // d: previous centre while iterating, unit shift direction after
-    double* center = nullptr;        // d: current centre
-    int* classification = nullptr;   // n: 0 = unassigned, else the 1-based mode number
-    double** data = nullptr;         // n x d points (not owned)
-    int dim = 0;                     // d
-    int nPoints = 0;                 // n
-    double tolerance = 0.0;          // smallest population of a kept mode, fraction of n
-    double skipLast = 0.0;           // fraction of points that may stay unassigned when seeding stops
-    double hMin = 0.0;               // smallest bandwidth
-    double hMax = 0.0;               // largest bandwidth
-    int knn = 0;                     // neighbours that fix the bandwidth
-    double farValue = 0.0;           // largest finite double: marks neighbours already taken
-    int kernelType = 0;              // stored only; the step always uses the Gaussian weight
-    bool logging = false;            // the logs are never opened, so nothing is ever written
-    std::ofstream msLog;             // centres ("mslog.txt")
-    std::ofstream hLog;              // bandwidths ("hlog.txt")
-    std::vector<std::vector<double>> modes;     // mode centres, in order of discovery
-    std::vector<int> modeCounts;                // points per mode
-    std::vector<std::vector<int>> modeVisits;   // per mode: how often each point fell inside its bandwidth
-    std::vector<int> pending;                   // point indices of the latest search
-    std::vector<int> deleted;                   // 1-based numbers of discarded modes
+  public:
+    double* shift = nullptr;                 // d: previous centre while iterating, unit shift direction after
+    double* center = nullptr;                // d: current centre
+    int* classification = nullptr;           // n: 0 = unassigned, else the 1-based mode number
+    double** data = nullptr;                 // n x d points (not owned)
+    int dim = 0;                             // d
+    int nPoints = 0;                         // n
+    double tolerance = 0.0;                  // smallest population of a kept mode, fraction of n
+    double skipLast = 0.0;                   // fraction of points that may stay unassigned when seeding stops
+    double hMin = 0.0;                       // smallest bandwidth
+    double hMax = 0.0;                       // largest bandwidth
+    int knn = 0;                             // neighbours that fix the bandwidth
+    double farValue = 0.0;                   // largest finite double: marks neighbours already taken
+    int kernelType = 0;                      // stored only; the step always uses the Gaussian weight
+    bool logging = false;                    // the logs are never opened, so nothing is ever written
+    std::ofstream msLog;                     // centres ("mslog.txt")
+    std::ofstream hLog;                      // bandwidths ("hlog.txt")
+    std::vector<std::vector<double>> modes;  // mode centres, in order of discovery
+    std::vector<int> modeCounts;             // points per mode
+    std::vector<std::vector<int>> modeVisits;  // per mode: how often each point fell inside its bandwidth
+    std::vector<int> pending;                  // point indices of the latest search
+    std::vector<int> deleted;                  // 1-based numbers of discarded modes
 
     FMSC(double** data, int d, int n, int knn, double hMin, double hMax, int autoAdjustKNN, double tolerance,
          double skipLast, int kernelType);

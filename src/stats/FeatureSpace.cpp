@@ -99,9 +99,13 @@ void FeatureSpace::addDomain(double** values, int dim) {
     ++nDomains;
 }
 
-double* FeatureSpace::mean(int d) { return getMi(d); }
+double* FeatureSpace::mean(int d) {
+    return getMi(d);
+}
 
-double** FeatureSpace::covariance(int d) { return getSigma(d); }
+double** FeatureSpace::covariance(int d) {
+    return getSigma(d);
+}
 
 double* FeatureSpace::getMi(int d) {
     if (d < 0 || d >= nDomains) return nullptr;
@@ -120,7 +124,9 @@ double* FeatureSpace::getStDevs(int d) {
     return s;
 }
 
-void FeatureSpace::start() { current_ = 0; }
+void FeatureSpace::start() {
+    current_ = 0;
+}
 
 bool FeatureSpace::next() {
     ++current_;
@@ -129,11 +135,14 @@ bool FeatureSpace::next() {
 
 double* FeatureSpace::get() {
     point_.clear();
-    for (int d = 0; d < nDomains; ++d) point_.insert(point_.end(), data[d][current_], data[d][current_] + dims[d]);
+    for (int d = 0; d < nDomains; ++d)
+        point_.insert(point_.end(), data[d][current_], data[d][current_] + dims[d]);
     return point_.data();
 }
 
-double* FeatureSpace::get(int d) { return data[d][current_]; }
+double* FeatureSpace::get(int d) {
+    return data[d][current_];
+}
 
 double* FeatureSpace::getzm() {
     point_.clear();

@@ -9,24 +9,24 @@
 #include <vector>
 
 class FeatureSpace {
-public:
+  public:
     double*** data = nullptr;      // per domain: nPoints rows of dims[d] values
     double*** normData = nullptr;  // per domain: the same divided by the standard deviations
     int nPoints = 0;
     int maxDomains = 0;
-    int* dims = nullptr;           // per domain
-    int totalDims = 0;             // sum of the dimensions added so far
-    double** means = nullptr;      // per domain
-    double*** covs = nullptr;      // per domain, dims[d] x dims[d]
-    double** pcaData = nullptr;    // nPoints x nComponents (null before the first analysis)
-    int nComponents = -1;          // components of the last analysis; -1 before any
-    double** scatter = nullptr;    // totalDims x totalDims covariance of the concatenated features
+    int* dims = nullptr;              // per domain
+    int totalDims = 0;                // sum of the dimensions added so far
+    double** means = nullptr;         // per domain
+    double*** covs = nullptr;         // per domain, dims[d] x dims[d]
+    double** pcaData = nullptr;       // nPoints x nComponents (null before the first analysis)
+    int nComponents = -1;             // components of the last analysis; -1 before any
+    double** scatter = nullptr;       // totalDims x totalDims covariance of the concatenated features
     double** eigenvectors = nullptr;  // rows: eigenvectors of scatter (totalDims x totalDims)
     double* eigenvalues = nullptr;    // nComponents leading eigenvalues
     int nDomains = 0;
-    bool* normalized = nullptr;    // per domain: normData valid
-    double* pcaMax = nullptr;      // per component: largest projected value
-    double* pcaMin = nullptr;      // per component: smallest projected value
+    bool* normalized = nullptr;  // per domain: normData valid
+    double* pcaMax = nullptr;    // per component: largest projected value
+    double* pcaMin = nullptr;    // per component: smallest projected value
 
     FeatureSpace(int maxDomains, int nPoints);
     ~FeatureSpace();
@@ -70,7 +70,7 @@ public:
     // New copy of the standardised domain d (standardised on demand; null when empty).
     double** getNormData(int d);
 
-private:
+  private:
     int current_ = 0;
     std::vector<double> point_;  // buffer of get()/getzm()
 };

@@ -15,7 +15,7 @@
 // Copying is forbidden; the get*Copy operations give deep copies.
 
 class Mixture {
-public:
+  public:
     int dim = 0;                   // d
     int k = 0;                     // K
     double** mi = nullptr;         // K x d means

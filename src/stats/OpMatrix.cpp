@@ -93,9 +93,13 @@ double OpMatrix::RangeMatrix::operator()(int r, int c) const {
     return rows_[r - rlo_][c - clo_];
 }
 
-OpMatrix::RangeVector<double> OpMatrix::vector(int nl, int nh) { return RangeVector<double>(nl, nh); }
+OpMatrix::RangeVector<double> OpMatrix::vector(int nl, int nh) {
+    return RangeVector<double>(nl, nh);
+}
 
-OpMatrix::RangeVector<int> OpMatrix::ivector(int nl, int nh) { return RangeVector<int>(nl, nh); }
+OpMatrix::RangeVector<int> OpMatrix::ivector(int nl, int nh) {
+    return RangeVector<int>(nl, nh);
+}
 
 OpMatrix::RangeMatrix OpMatrix::matrix(int nrl, int nrh, int ncl, int nch) {
     return RangeMatrix(nrl, nrh, ncl, nch);

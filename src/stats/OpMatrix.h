@@ -19,13 +19,13 @@
 #include <cstddef>
 
 class OpMatrix {
-public:
+  public:
     OpMatrix() = delete;
 
     // Vector with valid indices lo..hi (empty when hi < lo).  Owns its block.
     template <typename T>
     class RangeVector {
-    public:
+      public:
         RangeVector(int lo, int hi);
         ~RangeVector();
         RangeVector(RangeVector&& other) noexcept;
@@ -40,7 +40,7 @@ public:
         // Element lo at index 0 (null when empty).
         T* data() { return block_; }
 
-    private:
+      private:
         T* block_ = nullptr;
         int lo_, hi_;
     };
@@ -48,7 +48,7 @@ public:
     // Matrix with rows rlo..rhi and columns clo..chi; each row is its own block.
     // No rows are allocated when rhi < rlo.
     class RangeMatrix {
-    public:
+      public:
         RangeMatrix(int rlo, int rhi, int clo, int chi);
         ~RangeMatrix();
         RangeMatrix(RangeMatrix&& other) noexcept;
@@ -65,7 +65,7 @@ public:
         int colLo() const { return clo_; }
         int colHi() const { return chi_; }
 
-    private:
+      private:
         double** rows_ = nullptr;
         int rlo_, rhi_, clo_, chi_;
     };

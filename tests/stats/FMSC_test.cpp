@@ -18,7 +18,7 @@ namespace {
 
 // n x d points in row-pointer form.
 class Points {
-public:
+  public:
     void add(std::vector<double> p) { rows_.push_back(std::move(p)); }
     double** get() {
         ptrs_.clear();
@@ -28,7 +28,7 @@ public:
     int size() const { return static_cast<int>(rows_.size()); }
     const std::vector<double>& operator[](int i) const { return rows_[i]; }
 
-private:
+  private:
     std::vector<std::vector<double>> rows_;
     std::vector<double*> ptrs_;
 };
@@ -282,7 +282,7 @@ TEST(FMSCModes, GettersBeforeAnySearch) {
 }
 
 class StreamCapture {
-public:
+  public:
     StreamCapture() { previous_ = dhc::setOut(&buffer_); }
     ~StreamCapture() { dhc::setOut(previous_); }
     std::vector<std::string> lines() const {
@@ -292,7 +292,7 @@ public:
         return out;
     }
 
-private:
+  private:
     std::ostringstream buffer_;
     std::ostream* previous_;
 };

@@ -9,13 +9,13 @@
 namespace {
 
 class Table {
-public:
+  public:
     explicit Table(std::vector<std::vector<double>> rows) : rows_(std::move(rows)) {
         for (auto& r : rows_) ptrs_.push_back(r.data());
     }
     double** get() { return ptrs_.data(); }
 
-private:
+  private:
     std::vector<std::vector<double>> rows_;
     std::vector<double*> ptrs_;
 };

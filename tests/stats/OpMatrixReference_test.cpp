@@ -16,7 +16,7 @@ constexpr int kPerSize = 20;  // 16 sizes x 20 = 320 matrices per property
 
 // Row-pointer copy of an Eigen matrix.
 class RowCopy {
-public:
+  public:
     explicit RowCopy(const Eigen::MatrixXd& m) : n_(static_cast<int>(m.rows())), data_(n_ * n_) {
         for (int r = 0; r < n_; ++r) {
             for (int c = 0; c < n_; ++c) data_[r * n_ + c] = m(r, c);
@@ -25,7 +25,7 @@ public:
     }
     double** get() { return ptrs_.data(); }
 
-private:
+  private:
     int n_;
     std::vector<double> data_;
     std::vector<double*> ptrs_;
@@ -59,7 +59,8 @@ TEST(OpMatrixReference, InverseMatchesEigen) {
             const double scale = expected.cwiseAbs().maxCoeff();
             double worst = 0.0;
             for (int r = 0; r < n; ++r)
-                for (int c = 0; c < n; ++c) worst = std::max(worst, std::fabs(out.get()[r][c] - expected(r, c)));
+                for (int c = 0; c < n; ++c)
+                    worst = std::max(worst, std::fabs(out.get()[r][c] - expected(r, c)));
             EXPECT_LE(worst, kRelTol * scale) << "n = " << n << ", trial " << t;
         }
     }
@@ -120,7 +121,8 @@ TEST(OpMatrixReference, LeadingEigenPairsMatchEigen) {
                 for (int c = 0; c < n; ++c) dot += u[i][c] * expectedVector(c);
                 const double sign = dot < 0 ? -1.0 : 1.0;
                 double worst = 0.0;
-                for (int c = 0; c < n; ++c) worst = std::max(worst, std::fabs(u[i][c] - sign * expectedVector(c)));
+                for (int c = 0; c < n; ++c)
+                    worst = std::max(worst, std::fabs(u[i][c] - sign * expectedVector(c)));
                 EXPECT_LE(worst, kRelTol) << "n = " << n << ", trial " << t << ", pair " << i;
             }
             for (int r = 0; r < n; ++r) delete[] u[r];

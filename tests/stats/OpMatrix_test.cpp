@@ -11,7 +11,7 @@ namespace {
 
 // Zero-based row-pointer matrix built from literal rows; owns its storage.
 class Rows {
-public:
+  public:
     Rows(std::initializer_list<std::initializer_list<double>> values) {
         for (const auto& row : values) data_.emplace_back(row);
         for (auto& row : data_) ptrs_.push_back(row.data());
@@ -22,7 +22,7 @@ public:
     double** get() { return ptrs_.data(); }
     double at(int r, int c) const { return data_[r][c]; }
 
-private:
+  private:
     std::vector<std::vector<double>> data_;
     std::vector<double*> ptrs_;
 };
@@ -344,8 +344,9 @@ TEST(OpMatrixDivergence, OneDimensionalCasesAndEarlyExit) {
                 (std::log(2.0) - 0.5) / 2, 1e-14);
 
     Rows s1inv{{0.5}};
-    EXPECT_NEAR(OpMatrix::kullbackLeibler_Normals(mu0, s0.get(), 0.0, mu1, s1inv.get(), std::log(2.0), 1, -1.0),
-                std::log(2.0) / 2, 1e-14);
+    EXPECT_NEAR(
+        OpMatrix::kullbackLeibler_Normals(mu0, s0.get(), 0.0, mu1, s1inv.get(), std::log(2.0), 1, -1.0),
+        std::log(2.0) / 2, 1e-14);
 }
 
 }  // namespace
