@@ -42,7 +42,8 @@ std::unique_ptr<Scene> scene(int side) {
     for (int r = 0; r < side; ++r) delete[] mask[r];
     delete[] mask;
     for (int r = 0; r < side; ++r)
-        for (int c = 0; c < side; ++c) s->ws->root->setPixel(r, c, s->labels[(r < side / 3 ? 0 : 2) + (c < side / 2)]);
+        for (int c = 0; c < side; ++c)
+            s->ws->root->setPixel(r, c, s->labels[(r < side / 3 ? 0 : 2) + (c < side / 2)]);
     return s;
 }
 

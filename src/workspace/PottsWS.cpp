@@ -61,17 +61,21 @@ inline int firstMatch(const int* labels, int n, int v) {
 // ---------------------------------------------------------------------------
 // Construction
 
-PottsWS::PottsWS() : PottsData() { init(); }
+PottsWS::PottsWS() : PottsData() {
+    init();
+}
 
-PottsWS::PottsWS(int label) : PottsData(label) { init(); }
+PottsWS::PottsWS(int label) : PottsData(label) {
+    init();
+}
 
 PottsWS::PottsWS(ROI<int, xy>* roi_, int pad, int borderLabel, int label, int aux)
     : PottsData(roi_, pad, borderLabel, label, aux) {
     init();
 }
 
-PottsWS::PottsWS(int rows_, int cols_, int bands_, bool shuffle_, float percentage, char** bandFiles_, int pad,
-                 int borderLabel, int aux)
+PottsWS::PottsWS(int rows_, int cols_, int bands_, bool shuffle_, float percentage, char** bandFiles_,
+                 int pad, int borderLabel, int aux)
     : PottsData(rows_, cols_, bands_, shuffle_, percentage, bandFiles_, pad, borderLabel, aux) {
     init();
 }
@@ -155,7 +159,9 @@ double** PottsWS::getSigma() {
     return out;
 }
 
-void PottsWS::setMi(double* m) { std::copy(m, m + bands, mi); }
+void PottsWS::setMi(double* m) {
+    std::copy(m, m + bands, mi);
+}
 
 void PottsWS::setSigma(double** s) {
     for (int i = 0; i < bands; ++i) std::copy(s[i], s[i] + bands, sigma[i]);
@@ -440,8 +446,9 @@ int PottsWS::split(int* labels, int n, PottsWS**& children, bool computeStats) {
         child->coords[q] = record;
         if (isBorder[p]) contours[j][contourFilled[j]++] = record;
         child->pixelIndex[q] = pixelIndex != nullptr ? pixelIndex[p] : p;
-        if (copyValues) std::copy(data + static_cast<size_t>(p) * bands, data + static_cast<size_t>(p + 1) * bands,
-                                  child->data + static_cast<size_t>(q) * bands);
+        if (copyValues)
+            std::copy(data + static_cast<size_t>(p) * bands, data + static_cast<size_t>(p + 1) * bands,
+                      child->data + static_cast<size_t>(q) * bands);
     }
     for (int j = 0; j < nChildren; ++j) {
         PottsMapRegion* r = children[j]->root;

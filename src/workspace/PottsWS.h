@@ -25,22 +25,22 @@ class Mixture;
 struct WSReport;
 
 class PottsWS : public PottsData {
-public:
-    double* mi = nullptr;          // mean of the whole workspace (nBands)
-    double** sigma = nullptr;      // covariance of the whole workspace (nBands x nBands)
-    double sqDeviation = 0.0;      // sum of squared distances of the pixels to mi
-    double likelihoodEnergy = 0.0; // half the sum of squared Mahalanobis distances to (mi, sigma)
-    double beta = 0.0;             // Potts beta of the last split (meaningful when splitState is 2)
-    double splitGain = 0.0;        // gain of the last split (meaningful when splitState is 2)
-    int edges = 0;                 // neighbouring pixel pairs across the children of the split
-    Mixture* mixture = nullptr;    // class model of the split, owned
+  public:
+    double* mi = nullptr;           // mean of the whole workspace (nBands)
+    double** sigma = nullptr;       // covariance of the whole workspace (nBands x nBands)
+    double sqDeviation = 0.0;       // sum of squared distances of the pixels to mi
+    double likelihoodEnergy = 0.0;  // half the sum of squared Mahalanobis distances to (mi, sigma)
+    double beta = 0.0;              // Potts beta of the last split (meaningful when splitState is 2)
+    double splitGain = 0.0;         // gain of the last split (meaningful when splitState is 2)
+    int edges = 0;                  // neighbouring pixel pairs across the children of the split
+    Mixture* mixture = nullptr;     // class model of the split, owned
     // 0 not split (or test split removed), -1 clustering failed, -2 singular
     // class model, 1 classes estimated, 2 split carried out.
     int splitState = 0;
-    bool processed = false;        // set by the driver once it has taken the workspace in
-    double primaryGain = -1.0;     // gain of the method that made the split
-    bool textureBased = false;     // the split was made by the texture-based method
-    double secondaryGain = 0.0;    // gain of the other method (meaningful when splitState is 2)
+    bool processed = false;      // set by the driver once it has taken the workspace in
+    double primaryGain = -1.0;   // gain of the method that made the split
+    bool textureBased = false;   // the split was made by the texture-based method
+    double secondaryGain = 0.0;  // gain of the other method (meaningful when splitState is 2)
     // Entry p: index of pixel p in the root data's pixel list (set by split for
     // every child); null when the workspace has none (the root).
     int* pixelIndex = nullptr;
@@ -66,13 +66,13 @@ public:
     void init();
 
     // ---- Whole-workspace statistics ----
-    double* getMi();                // new copy of mi
-    double** getSigma();            // new copy of sigma
-    void setMi(double* m);          // copies bands values into mi
-    void setSigma(double** s);      // copies bands x bands values into sigma
-    void updateMi();                // mi over all loaded pixels
-    void updateSigma();             // sigma over all loaded pixels (run updateMi first)
-    void updateFeatures();          // sqDeviation and likelihoodEnergy from mi and sigma
+    double* getMi();            // new copy of mi
+    double** getSigma();        // new copy of sigma
+    void setMi(double* m);      // copies bands values into mi
+    void setSigma(double** s);  // copies bands x bands values into sigma
+    void updateMi();            // mi over all loaded pixels
+    void updateSigma();         // sigma over all loaded pixels (run updateMi first)
+    void updateFeatures();      // sqDeviation and likelihoodEnergy from mi and sigma
 
     // ---- Statistics by label (pixels whose current map label is given) ----
     // Mean of one label into out; NaN entries when no pixel has the label.

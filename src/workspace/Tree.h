@@ -23,7 +23,7 @@
 
 template <class T>
 class Tree {
-public:
+  public:
     using NodeList = std::list<TreeNode<T>*>;
 
     TreeNode<T>* root = nullptr;
@@ -219,7 +219,7 @@ public:
         os << "\n";
     }
 
-private:
+  private:
     void makeRoot(T data, int label) {
         root = new TreeNode<T>(data, label, nullptr);
         root->root = true;

@@ -18,7 +18,7 @@
 
 template <class T>
 class TreeNode {
-public:
+  public:
     int label;
     T data;
     TreeNode<T>* parent;
@@ -156,7 +156,7 @@ public:
         for (int c = 0; c < nChildren; ++c) children[c]->print32();
     }
 
-private:
+  private:
     // Puts k in front of the path of this node and of its whole subtree.
     void prependPath(int k) {
         int* longer = new int[depth + 1];

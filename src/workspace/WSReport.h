@@ -13,27 +13,27 @@
 #include <string>
 
 struct WSReport {
-    int WSLab = 0;                      // label of the workspace's region
-    int pathLength = 0;                 // entries of path (driver)
-    int* path = nullptr;                // tree path of the node (driver)
-    int nChildren = 0;                  // (driver)
-    int* children = nullptr;            // labels of the children (driver)
-    int nOffspring = 0;                 // number of leaves below the node (driver)
-    int* offspring = nullptr;           // labels of those leaves (driver)
-    bool split = false;                 // the workspace's splitState is 2
-    bool terminal = false;              // node is a leaf (driver)
-    double beta = 0.0;                  // only when split
-    int edges = 0;                      // only when split
-    bool textureBased = false;          // always copied
-    double splitGainTFR = 0.0;          // workspace splitGain (only when split)
-    double mixtureSplitGainTFR = 0.0;   // primaryGain if textureBased, else secondaryGain
-    double splitGainMRF = 0.0;          // secondaryGain if textureBased, else primaryGain
-    int area = 0;                       // area of the workspace's region
-    int* chAreas = nullptr;             // areas of the children, in children's order (driver)
+    int WSLab = 0;                     // label of the workspace's region
+    int pathLength = 0;                // entries of path (driver)
+    int* path = nullptr;               // tree path of the node (driver)
+    int nChildren = 0;                 // (driver)
+    int* children = nullptr;           // labels of the children (driver)
+    int nOffspring = 0;                // number of leaves below the node (driver)
+    int* offspring = nullptr;          // labels of those leaves (driver)
+    bool split = false;                // the workspace's splitState is 2
+    bool terminal = false;             // node is a leaf (driver)
+    double beta = 0.0;                 // only when split
+    int edges = 0;                     // only when split
+    bool textureBased = false;         // always copied
+    double splitGainTFR = 0.0;         // workspace splitGain (only when split)
+    double mixtureSplitGainTFR = 0.0;  // primaryGain if textureBased, else secondaryGain
+    double splitGainMRF = 0.0;         // secondaryGain if textureBased, else primaryGain
+    int area = 0;                      // area of the workspace's region
+    int* chAreas = nullptr;            // areas of the children, in children's order (driver)
     double totalLikelihoodEnergy = 0.0;
     int nBands = 0;
-    double* mean = nullptr;             // nBands values
-    double** covariance = nullptr;      // nBands x nBands
+    double* mean = nullptr;         // nBands values
+    double** covariance = nullptr;  // nBands x nBands
 
     WSReport() = default;
     ~WSReport();

@@ -13,7 +13,9 @@ WeightTree::WeightTree(Tree<PottsWS*>* source_) : source(source_) {
     mirror(source->root, weights->root);
 }
 
-WeightTree::~WeightTree() { delete weights; }
+WeightTree::~WeightTree() {
+    delete weights;
+}
 
 // Pre-order: give the mirror node the children of the workspace node, validate
 // them, then descend.

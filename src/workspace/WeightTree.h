@@ -15,10 +15,10 @@
 class PottsWS;
 
 class WeightTree {
-public:
-    Tree<double>* weights = nullptr;    // the mirror, owned
-    Tree<PottsWS*>* source = nullptr;   // the workspace tree, not owned
-    int rootLabel = 0;                  // label of the workspace tree's root
+  public:
+    Tree<double>* weights = nullptr;   // the mirror, owned
+    Tree<PottsWS*>* source = nullptr;  // the workspace tree, not owned
+    int rootLabel = 0;                 // label of the workspace tree's root
 
     // Mirrors the current shape of source, every weight 1.0 (moves source's
     // cursor to its root).
@@ -39,6 +39,6 @@ public:
     // The weight of every mirror terminal, each followed by a blank, then a line end.
     void print32();
 
-private:
+  private:
     void mirror(TreeNode<PottsWS*>* from, TreeNode<double>* to);
 };

@@ -1,7 +1,6 @@
 #include "workspace/PottsWS.h"
 
 #include <gtest/gtest.h>
-
 #include <unistd.h>
 
 #include <cmath>

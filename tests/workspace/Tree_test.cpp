@@ -14,7 +14,9 @@ namespace {
 using Node = TreeNode<double>;
 using Paths = std::vector<std::vector<int>>;
 
-std::vector<int> pathOf(const Node* n) { return std::vector<int>(n->path, n->path + n->depth); }
+std::vector<int> pathOf(const Node* n) {
+    return std::vector<int>(n->path, n->path + n->depth);
+}
 
 std::vector<int> labelsOf(const std::list<Node*>& l) {
     std::vector<int> out;
@@ -128,7 +130,7 @@ TEST(TreeNodeTest, LinkToAdoptsParentlessSubtrees) {
     Node* y = new Node(0.0, 3, nullptr);
     append(y, {4});
     append(y->children[0], {5});
-    Node** nodes = new Node*[2]{new Node(0.0, 2, nullptr), y};
+    Node** nodes = new Node* [2] { new Node(0.0, 2, nullptr), y };
     top->linkTo(nodes, 2);
     EXPECT_EQ(top->children, nodes);  // taken over, not copied
     EXPECT_EQ(pathOf(y), (std::vector<int>{1}));
@@ -250,7 +252,8 @@ TEST(TreeTest, SortPathsPadsWithZerosAndKeepsTies) {
             p.resize(4, 0);
             return p;
         };
-        std::stable_sort(expected.begin(), expected.end(), [&](const auto& a, const auto& b) { return pad(a) < pad(b); });
+        std::stable_sort(expected.begin(), expected.end(),
+                         [&](const auto& a, const auto& b) { return pad(a) < pad(b); });
         ASSERT_EQ(sorted(in), expected) << "round " << round;
     }
 }

@@ -1,7 +1,6 @@
 #include "workspace/WSReport.h"
 
 #include <gtest/gtest.h>
-
 #include <unistd.h>
 
 #include <cstdio>
@@ -23,7 +22,7 @@ T* array(std::initializer_list<T> v) {
 }
 
 class ReportFileTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         file_ = "/tmp/dhc_ws_report_" + std::to_string(getpid()) + "_" +
                 ::testing::UnitTest::GetInstance()->current_test_info()->name() + ".txt";
@@ -50,7 +49,7 @@ TEST_F(ReportFileTest, UnsplitLeafWithStatisticsAndCovariance) {
     r.totalLikelihoodEnergy = 3.5;
     r.nBands = 2;
     r.mean = array({1.5, 2.0});
-    r.covariance = new double*[2]{array({1.0, 0.25}), array({0.25, 2.0})};
+    r.covariance = new double* [2] { array({1.0, 0.25}), array({0.25, 2.0}) };
     r.appendToFile(file_, true, true);
     EXPECT_EQ(slurp(),
               "\n"
@@ -130,9 +129,10 @@ TEST_F(ReportFileTest, ReportOfAWorkspaceSwapsGainsOnTextureBased) {
     unsplit->terminal = true;
     unsplit->appendToFile(file_, true, true);
     // Values 0..3: mean 1.5, variance 1.25; energy not computed.
-    EXPECT_EQ(slurp(),
-              "\n[NEW WORKSPACE]\nWSLab = 3;\nPath = [];\nChildren = [];\nOffspring = [];\nArea = 4;\n"
-              "TotalLikelihoodEnergy = 0;\nMean = [1.5 ];\nCovariance = [\n1.25 ];\nSplit = 0;\nTerminal = 1;\n");
+    EXPECT_EQ(
+        slurp(),
+        "\n[NEW WORKSPACE]\nWSLab = 3;\nPath = [];\nChildren = [];\nOffspring = [];\nArea = 4;\n"
+        "TotalLikelihoodEnergy = 0;\nMean = [1.5 ];\nCovariance = [\n1.25 ];\nSplit = 0;\nTerminal = 1;\n");
 
     ws.splitState = 2;
     std::unique_ptr<WSReport> spectral(ws.getWSReport());

@@ -13,7 +13,7 @@ namespace {
 
 // A workspace tree whose payloads only carry pixel counts.
 class WeightTreeTest : public ::testing::Test {
-protected:
+  protected:
     PottsWS* ws(int area) {
         pool_.emplace_back(new PottsWS());
         pool_.back()->envelopeCount = area;

@@ -46,7 +46,8 @@ inline Built makeWS(int rows, int cols, int bands, const std::function<int(int, 
 // Paints label grid g (g[r][c]) into the workspace's map.
 inline void paint(PottsWS& ws, const std::vector<std::vector<int>>& g) {
     for (size_t r = 0; r < g.size(); ++r)
-        for (size_t c = 0; c < g[r].size(); ++c) ws.root->setPixel(static_cast<int>(r), static_cast<int>(c), g[r][c]);
+        for (size_t c = 0; c < g[r].size(); ++c)
+            ws.root->setPixel(static_cast<int>(r), static_cast<int>(c), g[r][c]);
 }
 
 inline double** newMat(int n) {
