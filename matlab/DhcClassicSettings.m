@@ -7,7 +7,7 @@ classdef DhcClassicSettings
   %   minSplitArea        regions smaller than this (pixels) are not split
 
   properties
-    splitGainThreshold = 0.3;
+    splitGainThreshold = 0.2;
     maxNumberOfClasses = 8;
     minSplitArea = 64;
   end

@@ -1,0 +1,80 @@
+% Argument checks: the usage message for wrong argument counts and for output
+% counts that do not fit the settings, the readers' rank assertions, and the
+% refusals of inputs the core cannot address.
+
+usage = 'Wrong in/out arguments. Check usage!';
+img = dhc_quadrants(8, 8, 2);
+p = DhcProblem(img);
+s = dhc_test_settings();
+
+% Input and output counts: two inputs, one or three outputs.
+dhc_expect_error(@() dhc(p), '', usage);
+dhc_expect_error(@() dhc(p, s, s), '', usage);
+dhc_expect_error(@() dhc(), '', usage);
+function two_outputs(p, s)
+  [a, b] = dhc(p, s);
+end
+function four_outputs(p, s)
+  [a, b, c, d] = dhc(p, s);
+end
+dhc_expect_error(@() two_outputs(p, s), '', usage);
+dhc_expect_error(@() four_outputs(p, s), '', usage);
+
+% The tree outputs exist exactly when there is no fragmentation and, in
+% unsupervised runs, no split-wise disconnection.
+function three_outputs(p, s)
+  [a, b, c] = dhc(p, s);
+end
+sf = s;
+sf.fragmentation = 1;
+dhc_expect_error(@() three_outputs(p, sf), '', usage);
+sd = s;
+sd.unsupSet.splitwiseDisconnect = 1;
+dhc_expect_error(@() three_outputs(p, sd), '', usage);
+% ... and a run that has them must ask for them.
+function one_output(p, s)
+  a = dhc(p, s);
+end
+dhc_expect_error(@() one_output(p, s), '', usage);
+
+% Rank assertions of the array readers.
+dhc_expect_error(@() one_output(DhcProblem(ones(4, 4, 2, 2)), sf), 'dhc:assert', '(nd == 2 || nd == 3)');
+dhc_expect_error(@() three_outputs(DhcProblem(img, ones(8, 8, 2)), s), 'dhc:assert', '(nd == 2)');
+dhc_expect_error(@() three_outputs(DhcProblem(img, [], ones(8, 8, 2)), s), 'dhc:assert', '(nd == 2)');
+e = dhc_expect_error(@() three_outputs(DhcProblem(img, [], ones(8, 8, 2)), s), 'dhc:assert', '../src/mex/mxGrip.h:');
+dhc_check(~isempty(strfind(e.message, 'Assertion `(nd == 2)'' failed.')), 'assertion text: %s', e.message);
+sup = s;
+sup.supervisedMode = 1;
+sup.supSet.numberOfClasses = 2;
+sup.supSet.structureLevels = [1 1; 1 1];
+sup.supSet.structurePaths = [0 1];
+dhc_expect_error(@() three_outputs(DhcProblem(img, [], [], ones(8)), sup), 'dhc:assert', '(dim[0] == 1 || dim[1] == 1)');
+
+% Inputs the core would address out of bounds are refused.
+dhc_expect_error(@() three_outputs(DhcProblem(img, ones(8, 7)), s), 'dhc:sizeMismatch', '"initSeg"');
+dhc_expect_error(@() three_outputs(DhcProblem(img, [], ones(9, 8)), s), 'dhc:sizeMismatch', '"roi"');
+sup.supSet.structureLevels = [1 1];
+dhc_expect_error(@() three_outputs(DhcProblem(img, [], [], ones(8, 9)), sup), 'dhc:sizeMismatch', '"gt"');
+dhc_expect_error(@() three_outputs(DhcProblem(img), sup), 'dhc:missingProperty', '"gt"');
+sup.supSet.structurePaths = 0;
+dhc_expect_error(@() three_outputs(DhcProblem(img, [], [], ones(8)), sup), 'dhc:badStructure');
+dhc_expect_error(@() three_outputs(DhcProblem([]), s), 'dhc:badProperty', '"data"');
+dhc_expect_error(@() three_outputs(struct('initSeg', []), s), 'dhc:missingProperty', '"data"');
+dhc_expect_error(@() three_outputs(p, struct('supervisedMode', 0)), 'dhc:missingProperty', '"unsupSet"');
+bad = s;
+bad.engineSet.betaMax = [];
+dhc_expect_error(@() three_outputs(p, bad), 'dhc:badProperty', '"betaMax"');
+bad = s;
+bad.engineSet.betaMax = 'x';
+dhc_expect_error(@() three_outputs(p, bad), 'dhc:badProperty', '"betaMax"');
+
+% Integer and logical arrays are read as their values.
+[a, b, c] = dhc(struct('data', int32(img), 'roi', true(8)), s);
+[a2, b2, c2] = dhc(p, s);
+dhc_check(isequal(a, a2) && isequal(b, b2) && isequal(c, c2), 'int32 data and a logical mask');
+
+% The session goes on after every refusal: a valid call still works.
+[out, summary, reports] = dhc(p, s);
+dhc_check(all(out.segmentation(:) > 0) && summary.NClass >= 1, 'a valid call after the refusals');
+
+printf('test_arguments: passed\n');
