@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "CliError.h"
@@ -43,14 +44,21 @@ std::string OutputFiles::add(const std::string& target) {
         throw CliError(kExitInput, "cannot write \"" + target + "\": it is a directory");
     if (gTemporaryCount >= kMaxTemporaries) throw CliError(kExitUsage, "too many output files");
 
+    // Registered before it exists, so that a signal can never miss it.
     const std::string temporary = target + ".tmp." + std::to_string(::getpid());
-    const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
-    if (fd < 0) throw CliError(kExitInput, "cannot write \"" + target + "\": " + std::strerror(errno));
-    ::close(fd);
     gTemporaries[gTemporaryCount] = strdup(temporary.c_str());
     gTemporaryCount = gTemporaryCount + 1;
     targets_.push_back(target);
     temporaries_.push_back(temporary);
+    const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
+    if (fd < 0) {
+        const int err = errno;
+        temporaries_.pop_back();
+        targets_.pop_back();
+        forget(temporary);
+        throw CliError(kExitInput, "cannot write \"" + target + "\": " + std::strerror(err));
+    }
+    ::close(fd);
     return temporary;
 }
 

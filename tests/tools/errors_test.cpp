@@ -3,7 +3,10 @@
 // output file keeps its bytes and that no temporary file is left behind.
 
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+#include <csignal>
 
 #include "ToolTest.h"
 
@@ -182,6 +185,28 @@ TEST_F(BadInput, OutputThatCannotBeWritten) {
                   "cannot write \"nodir/labels.hraw\": No such file or directory", 1);
     ASSERT_EQ(::mkdir(path("outdir").c_str(), 0755), 0);
     expectRefused(segment({"--report", "outdir"}), "cannot write \"outdir\": it is a directory", 1);
+}
+
+// An interrupted run removes its temporary files and leaves the old output.
+TEST_F(BadInput, InterruptedRunLeavesNothing) {
+    ASSERT_EQ(makeScene({"-o", "big.hraw", "--rows", "512", "--cols", "512"}).status, 0);
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        if (::chdir(dir_.c_str()) != 0) ::_exit(127);
+        ::execl(DHC_TOOL_PATH, "dhc", "segment", "big.hraw", "-o", "labels.hraw", "-q", static_cast<char*>(nullptr));
+        ::_exit(127);
+    }
+    ASSERT_GT(pid, 0);
+    // The temporary file exists from before the run to its end.
+    const std::string temporary = path("labels.hraw.tmp." + std::to_string(pid));
+    for (int i = 0; i < 20000 && !fileExists(temporary); ++i) ::usleep(100);
+    ASSERT_TRUE(fileExists(temporary));
+    ::kill(pid, SIGTERM);
+    int status = 0;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
+    EXPECT_EQ(readFile(path("labels.hraw")), "precious");
+    EXPECT_FALSE(fileExists(temporary));
 }
 
 }  // namespace
