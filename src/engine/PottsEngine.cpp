@@ -48,10 +48,10 @@ inline int& cell(PottsMapRegion* region, const xy& p) { return region->map[p.x +
 
 const int* pixel(const PottsWS* w, int p) { return w->data + static_cast<std::size_t>(p) * w->bands; }
 
-double squaredDistance(const int* x, const double* c, int d) {
+double squaredDistance(const double* x, const double* c, int d) {
     double s = 0.0;
     for (int b = 0; b < d; ++b) {
-        const double t = static_cast<double>(x[b]) - c[b];
+        const double t = x[b] - c[b];
         s += t * t;
     }
     return s;
@@ -156,6 +156,7 @@ double** PottsEngine::kGLA(PottsWS* w, int* labels) {
     std::vector<int> counts(k, 0);
     std::vector<double> previous(static_cast<std::size_t>(k) * d);
     std::vector<double> direction(d);
+    std::vector<double> value(d);
     double** sigma = newRows(d, d);
     region->mapRefresh(labels[0], false);
 
@@ -180,21 +181,25 @@ double** PottsEngine::kGLA(PottsWS* w, int* labels) {
         if (!(2.0 * eps > eps)) continue;
 
         // Lloyd iterations; convergence is decided by eps alone.
+        int** map = region->map;
+        const int pad = region->pad;
         for (;;) {
             for (int c = 0; c < m; ++c) distortion[c] = 0.0;
             for (int p = 0; p < n; ++p) {
                 const int* x = pixel(w, p);
+                for (int b = 0; b < d; ++b) value[b] = x[b];
                 int best = 0;
-                double bestDist = squaredDistance(x, code[0], d);
+                double bestDist = squaredDistance(value.data(), code[0], d);
                 for (int c = 1; c < m; ++c) {
-                    const double dist = squaredDistance(x, code[c], d);
+                    const double dist = squaredDistance(value.data(), code[c], d);
                     if (dist < bestDist) {
                         bestDist = dist;
                         best = c;
                     }
                 }
                 distortion[best] += bestDist;
-                cell(region, w->coords[p]) = labels[best];
+                const xy q = w->coords[p];
+                map[q.x + pad][q.y + pad] = labels[best];
             }
             for (int c = 0; c < m; ++c)
                 for (int b = 0; b < d; ++b) previous[static_cast<std::size_t>(c) * d + b] = code[c][b];

@@ -103,9 +103,12 @@ public:
     // Labelling given by parts: every pixel of parts[i] gets labels[classOf[i]]; K = k.
     PottsWS** split(PottsWS* ws, int* labels, PottsWS** parts, int nParts, int* classOf, int k, bool altGain,
                     double threshold);
-    // Supervised: class c is the mixture classes[c], linked to globalMixture.
-    // Needs energyTable.  Child c receives its own linked mixture over the same
-    // global classes as classes[c] (the caller keeps ownership of classes).
+    // Supervised: class c is the mixture classes[c], linked to globalMixture
+    // (its linkIndex names global classes).  Needs energyTable with one row per
+    // global class, in globalMixture's order (updateLikelihoodEnergy over the
+    // root with the one-class models of the global classes 0, 1, ...).  Child c
+    // receives its own linked mixture over the same global classes as
+    // classes[c]; the caller keeps ownership of classes.
     PottsWS** split(PottsWS* ws, int* labels, Mixture** classes);
     // Cuts the region into its connected pieces (piece i gets labels[i]); null when connected.
     PottsWS** fragment(PottsWS* ws, int* labels, int n);
@@ -125,7 +128,13 @@ public:
     // pixels; sets multiplicity to the number of modes.  2 <= k <= 8: returns
     // the k modes (with `label`, the map is relabelled by maximum likelihood from
     // the modes' sample points and the modes are the class means; splitState 1).
-    // Otherwise k = 1, splitState -1, null.
+    // Otherwise k = 1, splitState -1, null.  Progress lines go to dhc::out();
+    // modes are numbered from 0 in the "Mode #" lines.
+    //
+    // The mean shift runs on the first min(d, 3) principal components of the
+    // samples.  Without `label` the modes come back to data units as
+    // m_b * s_b + mu_b on those coordinates (s, mu: per-band standard deviation
+    // and mean of the samples) and mu_b on any further band.
     //
     // Without `label` a file-backed workspace reloads all its pixel values.  A
     // workspace whose values live in memory only (built from a region of

@@ -3,9 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
 #include <sstream>
 #include <string>
 
+#include "data/ImageFile.h"
 #include "engine/EngineFixtures.h"
 #include "engine/PottsEngine.h"
 #include "settings/DHC_SET.h"
@@ -316,4 +319,56 @@ TEST(MSKEst, NineOrMoreModesAreRefused) {
     EXPECT_EQ(b.ws->splitState, -1);
     EXPECT_EQ(out.text.str().find("Modes found:"), std::string::npos);
     EXPECT_TRUE(regionAll(*b.ws, kRoot));  // the map is left alone
+}
+
+TEST(MSKEst, WithoutLabellingInMemoryValuesStay) {
+    // Built from a region of interest: no file behind the values, and all of
+    // them are loaded; the map is not touched either.
+    Synthetic s = stripes(40, 60, 3, 150.0, 6.0, 81);
+    Built b = s.build();
+    PottsWS& ws = *b.ws;
+    const int* data = ws.data;
+    DHC_SET settings;
+    settings.tolerance = 0.05;
+    PottsEngine e(&settings);
+    int k = 0;
+    CapturedOut out;
+    double** modes = e.MS_K_est(&ws, k, false);
+    ASSERT_EQ(k, 3);
+    ASSERT_NE(modes, nullptr);
+    EXPECT_EQ(ws.loadedCount, 2400);
+    EXPECT_EQ(ws.data, data);
+    EXPECT_EQ(ws.data[2399 * 3 + 2], s.value(39, 59, 2));
+    EXPECT_TRUE(regionAll(ws, kRoot));
+    EXPECT_EQ(ws.splitState, 0);
+    freeMatrix(modes, 3);
+}
+
+TEST(MSKEst, WithoutLabellingAFileBackedWorkspaceReloadsEveryPixel) {
+    Synthetic s = stripes(60, 60, 3, 150.0, 6.0, 91);
+    int*** cube = ImageFile<int>::newCube(3, 60, 60);
+    for (int b = 0; b < 3; ++b)
+        for (int r = 0; r < 60; ++r)
+            for (int c = 0; c < 60; ++c) cube[b][r][c] = s.value(r, c, b);
+    const char* dir = std::getenv("DHC_TEST_TMP");
+    const std::string path = std::string(dir != nullptr ? dir : "/tmp") + "/engine_stripes.hraw";
+    ImageFile<int>::writeHRawInt32(path, cube, 3, 60, 60);
+    ImageFile<int>::deleteCube(cube, 3, 60);
+
+    PottsWS ws(false, 50.0f, path, kPad, kBorder, kRoot);  // the first 30 rows loaded
+    ASSERT_EQ(ws.loadedCount, 1800);
+    ws.updateMi();
+    ws.updateSigma();
+    DHC_SET settings;
+    settings.tolerance = 0.05;
+    PottsEngine e(&settings);
+    int k = 0;
+    CapturedOut out;
+    double** modes = e.MS_K_est(&ws, k, false);
+    ASSERT_EQ(k, 3);
+    EXPECT_EQ(out.text.str().rfind("N.L.P. = 1800 - ", 0), 0u);  // samples come from the loaded pixels
+    EXPECT_EQ(ws.loadedCount, 3600);
+    EXPECT_EQ(ws.data[3599 * 3 + 1], s.value(59, 59, 1));
+    freeMatrix(modes, 3);
+    std::remove(path.c_str());
 }
