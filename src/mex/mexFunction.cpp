@@ -179,7 +179,8 @@ IntMatrix readFrameMap(const mxArray* problem, const char* name, int rows, int c
     const MxValue value = mxNumericProperty(problem, name);
     if (value.empty()) return IntMatrix();
     int r = 0, c = 0;
-    IntMatrix m(readMxMatrix<int>(value.get(), r, c), r);
+    int** rowsRead = readMxMatrix<int>(value.get(), r, c);  // sets r before the owner takes it
+    IntMatrix m(rowsRead, r);
     // The core addresses every map at the data's R x C frame without bounds.
     if (r != rows || c != cols)
         throw MxError("dhc:sizeMismatch", std::string("\"") + name + "\" is " + std::to_string(r) + "x" +
@@ -297,7 +298,8 @@ mxArray* buildReports(const ReportList& reports) {
 void run(int nlhs, mxArray* plhs[], const mxArray* problem, const mxArray* settingsObject) {
     int bands = 0, rows = 0, cols = 0;
     MxValue data = mxRequiredNumericProperty(problem, "data");
-    IntCube cube(readMxCube<int>(data.get(), bands, rows, cols), bands, rows);
+    int*** cubeRead = readMxCube<int>(data.get(), bands, rows, cols);  // sets the sizes first
+    IntCube cube(cubeRead, bands, rows);
     data = MxValue();
     const std::unique_ptr<DHC_SET> settings(dhcConfig(settingsObject));
 
