@@ -12,10 +12,10 @@ constexpr int kExitInput = 1;  // bad input file, configuration or output path
 constexpr int kExitUsage = 2;  // bad command line
 
 class CliError : public std::runtime_error {
-public:
+  public:
     CliError(int status, const std::string& message) : std::runtime_error(message), status_(status) {}
     int status() const { return status_; }
 
-private:
+  private:
     int status_;
 };

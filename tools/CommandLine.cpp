@@ -152,9 +152,11 @@ SegmentOptions parseSegment(const std::vector<std::string>& args) {
     parse(args, options, [&operands](const std::string& v) { operands.push_back(v); });
     if (s.help) return s;
     if (operands.empty()) throw CliError(kExitUsage, "segment: missing IMAGE.hraw (see dhc segment --help)");
-    if (operands.size() > 1) throw CliError(kExitUsage, "segment: unexpected argument \"" + operands[1] + "\"");
+    if (operands.size() > 1)
+        throw CliError(kExitUsage, "segment: unexpected argument \"" + operands[1] + "\"");
     s.image = operands[0];
-    if (s.output.empty()) throw CliError(kExitUsage, "segment: missing -o LABELS.hraw (see dhc segment --help)");
+    if (s.output.empty())
+        throw CliError(kExitUsage, "segment: missing -o LABELS.hraw (see dhc segment --help)");
     return s;
 }
 
@@ -164,6 +166,7 @@ InfoOptions parseInfo(const std::vector<std::string>& args) {
         {"help", 'h', false, [&s](const std::string&) { s.help = true; }},
     };
     parse(args, options, [&s](const std::string& v) { s.files.push_back(v); });
-    if (!s.help && s.files.empty()) throw CliError(kExitUsage, "info: missing FILE.hraw (see dhc info --help)");
+    if (!s.help && s.files.empty())
+        throw CliError(kExitUsage, "info: missing FILE.hraw (see dhc info --help)");
     return s;
 }

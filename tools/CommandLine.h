@@ -6,15 +6,15 @@
 
 // Options of `dhc segment`.
 struct SegmentOptions {
-    std::string image;      // IMAGE.hraw (operand)
-    std::string output;     // -o, --output: label map
-    std::string config;     // --config: ini file (default: the built-in default.ini)
-    std::string mask;       // --mask: pixels with value 1 form the region of interest
-    std::string init;       // --init: initial segmentation
-    std::string gt;         // --gt: ground truth (supervised mode)
-    std::string report;     // --report: text report
-    std::string fragments;  // --fragments: fragment map
-    std::string png;        // --png: picture of the label map
+    std::string image;              // IMAGE.hraw (operand)
+    std::string output;             // -o, --output: label map
+    std::string config;             // --config: ini file (default: the built-in default.ini)
+    std::string mask;               // --mask: pixels with value 1 form the region of interest
+    std::string init;               // --init: initial segmentation
+    std::string gt;                 // --gt: ground truth (supervised mode)
+    std::string report;             // --report: text report
+    std::string fragments;          // --fragments: fragment map
+    std::string png;                // --png: picture of the label map
     std::vector<std::string> sets;  // --set SECTION.Key=value, in order
     bool quiet = false;             // -q, --quiet: no progress lines
     bool help = false;              // -h, --help

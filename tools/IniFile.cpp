@@ -15,10 +15,14 @@ namespace {
 // read as two, so it is refused.
 constexpr size_t kMaxLine = 1022;
 
-bool isBlank(char c) { return c == ' ' || c == '\t'; }
+bool isBlank(char c) {
+    return c == ' ' || c == '\t';
+}
 
 // An empty line closes a section; "\r" alone counts as empty (CRLF files).
-bool isEmpty(const std::string& line) { return line.empty() || line == "\r"; }
+bool isEmpty(const std::string& line) {
+    return line.empty() || line == "\r";
+}
 
 // The value as the library sees it: without the one trailing carriage return.
 std::string stripCr(std::string s) {
@@ -73,10 +77,14 @@ bool parseIntArray(const std::string& text, std::vector<int>& values) {
 
 const char* kindText(IniFile::Kind kind) {
     switch (kind) {
-        case IniFile::Kind::Flag: return "0 or 1";
-        case IniFile::Kind::Int: return "an integer";
-        case IniFile::Kind::Double: return "a number";
-        case IniFile::Kind::IntArray: return "a list of integers in braces, e.g. {1 2}";
+        case IniFile::Kind::Flag:
+            return "0 or 1";
+        case IniFile::Kind::Int:
+            return "an integer";
+        case IniFile::Kind::Double:
+            return "a number";
+        case IniFile::Kind::IntArray:
+            return "a list of integers in braces, e.g. {1 2}";
     }
     return "";
 }
@@ -141,7 +149,8 @@ IniFile::IniFile(std::string name, const std::string& text) : name_(std::move(na
 
 IniFile IniFile::fromFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
-    if (!in) throw CliError(kExitInput, "cannot open configuration \"" + path + "\": " + std::strerror(errno));
+    if (!in)
+        throw CliError(kExitInput, "cannot open configuration \"" + path + "\": " + std::strerror(errno));
     std::ostringstream text;
     text << in.rdbuf();
     if (in.bad()) throw CliError(kExitInput, "cannot read configuration \"" + path + "\"");
@@ -180,20 +189,29 @@ bool IniFile::value(const std::string& section, const std::string& key, std::str
     return true;
 }
 
-void IniFile::checkValue(const Setting& setting, const std::string& text, const std::string& where, int status) {
+void IniFile::checkValue(const Setting& setting, const std::string& text, const std::string& where,
+                         int status) {
     int i = 0;
     double d = 0.0;
     std::vector<int> a;
     bool ok = false;
     switch (setting.kind) {
-        case Kind::Flag: ok = parseInt(text, i) && (i == 0 || i == 1); break;
-        case Kind::Int: ok = parseInt(text, i); break;
-        case Kind::Double: ok = parseDouble(text, d); break;
-        case Kind::IntArray: ok = parseIntArray(text, a); break;
+        case Kind::Flag:
+            ok = parseInt(text, i) && (i == 0 || i == 1);
+            break;
+        case Kind::Int:
+            ok = parseInt(text, i);
+            break;
+        case Kind::Double:
+            ok = parseDouble(text, d);
+            break;
+        case Kind::IntArray:
+            ok = parseIntArray(text, a);
+            break;
     }
     if (!ok)
-        throw CliError(status, where + ": " + setting.key + " must be " + kindText(setting.kind) + ", not \"" +
-                                   text + "\"");
+        throw CliError(status, where + ": " + setting.key + " must be " + kindText(setting.kind) +
+                                   ", not \"" + text + "\"");
 }
 
 void IniFile::applyOverride(const std::string& assignment) {
@@ -231,7 +249,8 @@ void IniFile::applyOverride(const std::string& assignment) {
 void IniFile::check() const {
     for (const Line& l : lines_)
         if (l.text.size() > kMaxLine)
-            throw CliError(kExitInput, l.origin + ": line longer than " + std::to_string(kMaxLine) + " characters");
+            throw CliError(kExitInput,
+                           l.origin + ": line longer than " + std::to_string(kMaxLine) + " characters");
     if (sectionLine("SEGM_MAIN_CONFIGURATION") < 0)
         throw CliError(kExitInput, name_ + ": no [SEGM_MAIN_CONFIGURATION] section");
     for (const Setting& setting : settings()) {
@@ -267,8 +286,11 @@ void IniFile::checkSemantics() const {
     };
 
     const double betaMin = real("POTTS_MODEL", "BetaMin"), betaMax = real("POTTS_MODEL", "BetaMax");
-    if (betaMin > betaMax)
-        throw CliError(kExitInput, where("POTTS_MODEL", "BetaMax") + ": BetaMax must not be below BetaMin");
+    if (betaMin > betaMax) {
+        std::ostringstream m;
+        m << where("POTTS_MODEL", "BetaMin") << ": BetaMin must not exceed BetaMax (" << betaMax << ")";
+        throw CliError(kExitInput, m.str());
+    }
 
     if (integer("SEGM_MAIN_CONFIGURATION", "SupervisedMode") == 0) {
         const bool variable = integer("UNSUPERVISED_MODE_CONF", "VariableMultiplicity") != 0;
@@ -293,8 +315,9 @@ void IniFile::checkSemantics() const {
     std::vector<int> levels, paths;
     if (!value("SUPERVISED_MODE_CONF", "StructureLevels", text) || !parseIntArray(text, levels) ||
         static_cast<int>(levels.size()) != n)
-        throw CliError(kExitInput, where("SUPERVISED_MODE_CONF", "StructureLevels") + ": StructureLevels must list " +
-                                       std::to_string(n) + " path lengths (NumberOfClasses)");
+        throw CliError(kExitInput, where("SUPERVISED_MODE_CONF", "StructureLevels") +
+                                       ": StructureLevels must list " + std::to_string(n) +
+                                       " path lengths (NumberOfClasses)");
     long total = 0;
     for (int l : levels) {
         if (l < 1)
@@ -304,8 +327,9 @@ void IniFile::checkSemantics() const {
     }
     if (!value("SUPERVISED_MODE_CONF", "StructurePaths", text) || !parseIntArray(text, paths) ||
         static_cast<long>(paths.size()) != total)
-        throw CliError(kExitInput, where("SUPERVISED_MODE_CONF", "StructurePaths") + ": StructurePaths must hold " +
-                                       std::to_string(total) + " entries (the sum of StructureLevels)");
+        throw CliError(kExitInput, where("SUPERVISED_MODE_CONF", "StructurePaths") +
+                                       ": StructurePaths must hold " + std::to_string(total) +
+                                       " entries (the sum of StructureLevels)");
 
     // Rebuild the tree the way the driver does: paths in lexicographic order
     // (zero-padded), each entry naming an existing child or the next new one.
@@ -337,8 +361,9 @@ void IniFile::checkSemantics() const {
         for (int e : p) {
             const int count = static_cast<int>(nodes[cur].children.size());
             if (e < 0 || e > count)
-                throw CliError(kExitInput, pathsWhere + ": path entry " + std::to_string(e) +
-                                               " skips a child index (paths must number children 0, 1, 2, ...)");
+                throw CliError(kExitInput,
+                               pathsWhere + ": path entry " + std::to_string(e) +
+                                   " skips a child index (paths must number children 0, 1, 2, ...)");
             if (e == count) {
                 nodes[cur].children.push_back(static_cast<int>(nodes.size()));
                 nodes.emplace_back();

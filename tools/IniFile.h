@@ -17,7 +17,7 @@
 #include "CliError.h"
 
 class IniFile {
-public:
+  public:
     // Kind of value a setting holds, as the library parses it.
     enum class Kind { Flag, Int, Double, IntArray };
 
@@ -54,7 +54,7 @@ public:
     std::string text() const;
     const std::string& name() const { return name_; }
 
-private:
+  private:
     struct Line {
         std::string text;    // without the line end ('\r' kept, as the reader keeps it)
         std::string origin;  // "name:line" or "--set SECTION.Key=value"

@@ -1,10 +1,10 @@
 #include "Inputs.h"
 
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-
-#include <sys/stat.h>
 
 #include "CliError.h"
 #include "data/HrawCheck.h"
@@ -12,7 +12,8 @@
 HrawShape checkHraw(const std::string& path, const std::string& role) {
     // Say why a file does not open (missing, unreadable) in the system's words.
     std::FILE* f = std::fopen(path.c_str(), "rb");
-    if (f == nullptr) throw CliError(kExitInput, "cannot open " + role + " \"" + path + "\": " + std::strerror(errno));
+    if (f == nullptr)
+        throw CliError(kExitInput, "cannot open " + role + " \"" + path + "\": " + std::strerror(errno));
     std::fclose(f);
     struct stat st;
     if (::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode))

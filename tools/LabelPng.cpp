@@ -13,11 +13,11 @@
 
 Rgb labelColour(int k) {
     // Distinct at a glance, then evenly spread hues at two brightness levels.
-    static const Rgb kFirst[] = {{230, 25, 75},   {60, 180, 75},   {255, 225, 25}, {0, 130, 200},
-                                 {245, 130, 48},  {145, 30, 180},  {70, 240, 240}, {240, 50, 230},
-                                 {210, 245, 60},  {250, 190, 212}, {0, 128, 128},  {220, 190, 255},
-                                 {170, 110, 40},  {255, 250, 200}, {128, 0, 0},    {170, 255, 195},
-                                 {128, 128, 0},   {255, 215, 180}, {0, 0, 128},    {128, 128, 128}};
+    static const Rgb kFirst[] = {{230, 25, 75},  {60, 180, 75},   {255, 225, 25}, {0, 130, 200},
+                                 {245, 130, 48}, {145, 30, 180},  {70, 240, 240}, {240, 50, 230},
+                                 {210, 245, 60}, {250, 190, 212}, {0, 128, 128},  {220, 190, 255},
+                                 {170, 110, 40}, {255, 250, 200}, {128, 0, 0},    {170, 255, 195},
+                                 {128, 128, 0},  {255, 215, 180}, {0, 0, 128},    {128, 128, 128}};
     const int nFirst = static_cast<int>(sizeof kFirst / sizeof kFirst[0]);
     if (k < nFirst) return kFirst[k];
     const double hue = std::fmod((k - nFirst) * 137.50776405, 360.0) / 60.0;
@@ -26,12 +26,24 @@ Rgb labelColour(int k) {
     const double x = c * (1.0 - std::fabs(std::fmod(hue, 2.0) - 1.0));
     double r = 0, g = 0, b = 0;
     switch (static_cast<int>(hue)) {
-        case 0: r = c, g = x; break;
-        case 1: r = x, g = c; break;
-        case 2: g = c, b = x; break;
-        case 3: g = x, b = c; break;
-        case 4: r = x, b = c; break;
-        default: r = c, b = x; break;
+        case 0:
+            r = c, g = x;
+            break;
+        case 1:
+            r = x, g = c;
+            break;
+        case 2:
+            g = c, b = x;
+            break;
+        case 3:
+            g = x, b = c;
+            break;
+        case 4:
+            r = x, b = c;
+            break;
+        default:
+            r = c, b = x;
+            break;
     }
     const double m = value - c;
     auto byte = [m](double v) { return static_cast<uint8_t>(std::lround((v + m) * 255.0)); };
@@ -67,19 +79,23 @@ void writeLabelPng(const std::string& path, const std::vector<int>& labels, int 
         pixels[3 * i + 2] = c.b;
     }
     std::vector<png_bytep> rowPointers(static_cast<size_t>(rows));
-    for (int r = 0; r < rows; ++r) rowPointers[static_cast<size_t>(r)] = &pixels[static_cast<size_t>(r) * cols * 3];
+    for (int r = 0; r < rows; ++r)
+        rowPointers[static_cast<size_t>(r)] = &pixels[static_cast<size_t>(r) * cols * 3];
 
     PngFile out;
     out.file = std::fopen(path.c_str(), "wb");
-    if (out.file == nullptr) throw CliError(kExitInput, "cannot write \"" + path + "\": " + std::strerror(errno));
+    if (out.file == nullptr)
+        throw CliError(kExitInput, "cannot write \"" + path + "\": " + std::strerror(errno));
     out.png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
     if (out.png != nullptr) out.info = png_create_info_struct(out.png);
     if (out.png == nullptr || out.info == nullptr) throw CliError(kExitInput, "cannot start the PNG writer");
     // libpng reports errors by longjmp; nothing with a destructor lives between here and the jump.
-    if (setjmp(png_jmpbuf(out.png))) throw CliError(kExitInput, "cannot write the PNG picture \"" + path + "\"");
+    if (setjmp(png_jmpbuf(out.png)))
+        throw CliError(kExitInput, "cannot write the PNG picture \"" + path + "\"");
     png_init_io(out.png, out.file);
     png_set_IHDR(out.png, out.info, static_cast<png_uint_32>(cols), static_cast<png_uint_32>(rows), 8,
-                 PNG_COLOR_TYPE_RGB, PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
+                 PNG_COLOR_TYPE_RGB, PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT,
+                 PNG_FILTER_TYPE_DEFAULT);
     png_write_info(out.png, out.info);
     png_write_image(out.png, rowPointers.data());
     png_write_end(out.png, nullptr);

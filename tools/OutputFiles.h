@@ -13,7 +13,7 @@
 #include <vector>
 
 class OutputFiles {
-public:
+  public:
     OutputFiles();
     // Removes the temporary files unless commit() succeeded.
     ~OutputFiles();
@@ -32,7 +32,7 @@ public:
     // from a signal handler or the library's fatal-condition handler.
     static void removeAllTemporaries();
 
-private:
+  private:
     std::vector<std::string> targets_;
     std::vector<std::string> temporaries_;
     bool committed_ = false;

@@ -54,7 +54,8 @@ std::unique_ptr<DHC_SET> readSettings(const IniFile& ini) {
     std::vector<char> name(pattern.begin(), pattern.end());
     name.push_back('\0');
     const int fd = ::mkstemp(name.data());
-    if (fd < 0) throw CliError(kExitInput, "cannot create a temporary file: " + std::string(std::strerror(errno)));
+    if (fd < 0)
+        throw CliError(kExitInput, "cannot create a temporary file: " + std::string(std::strerror(errno)));
     const std::string text = ini.text();
     size_t done = 0;
     while (done < text.size()) {
@@ -86,9 +87,11 @@ std::vector<int> fullFrame(const LabelRoi& values, int rows, int cols) {
 }
 
 // Writes a one-band hraw map and makes sure all of it reached the file.
-void writeMap(const std::string& path, const std::string& target, std::vector<int>& plane, int rows, int cols) {
+void writeMap(const std::string& path, const std::string& target, std::vector<int>& plane, int rows,
+              int cols) {
     std::vector<int*> rowPointers(static_cast<size_t>(rows));
-    for (int r = 0; r < rows; ++r) rowPointers[static_cast<size_t>(r)] = &plane[static_cast<size_t>(r) * cols];
+    for (int r = 0; r < rows; ++r)
+        rowPointers[static_cast<size_t>(r)] = &plane[static_cast<size_t>(r) * cols];
     ImageFile<int>::writeHRawInt32(path, rowPointers.data(), rows, cols);
     struct stat st;
     const long long expected = 12 + 4LL * rows * cols;
@@ -125,7 +128,8 @@ int runSegment(const SegmentOptions& o) {
     if (supervised && o.gt.empty())
         throw CliError(kExitInput, "supervised mode (SupervisedMode=1) needs a ground truth: --gt GT.hraw");
     if (!supervised && !o.gt.empty())
-        throw CliError(kExitInput, "--gt is used only in supervised mode (set SEGM_MAIN_CONFIGURATION.SupervisedMode=1)");
+        throw CliError(kExitInput,
+                       "--gt is used only in supervised mode (set SEGM_MAIN_CONFIGURATION.SupervisedMode=1)");
     // The same rule as the gateway's: no tree outputs once the map has been cut into pieces.
     const bool treeOutput = !settings->fragmentation && (supervised || !settings->splitwiseDisconnect);
     const bool fragmentOutput = settings->fragmentation && !settings->splitwiseDisconnect;
@@ -148,7 +152,8 @@ int runSegment(const SegmentOptions& o) {
     {
         Cube cube(o.image);
         const int rows = cube.rows, cols = cube.cols;
-        std::unique_ptr<Cube> init = o.init.empty() ? std::make_unique<Cube>(rows, cols, 1) : std::make_unique<Cube>(o.init);
+        std::unique_ptr<Cube> init =
+            o.init.empty() ? std::make_unique<Cube>(rows, cols, 1) : std::make_unique<Cube>(o.init);
         std::unique_ptr<Cube> mask;
         if (!o.mask.empty()) {
             mask = std::make_unique<Cube>(o.mask);
@@ -159,9 +164,10 @@ int runSegment(const SegmentOptions& o) {
         }
         roi.reset(buildRoi(rows, cols, cube.bands, cube.data, mask->data[0], 1, true));
         if (roi->count == 0)
-            throw CliError(kExitInput, o.mask.empty()
-                                           ? "the region of interest is empty: no pixel has a positive initial label"
-                                           : "the region of interest is empty: no mask value is 1");
+            throw CliError(kExitInput,
+                           o.mask.empty()
+                               ? "the region of interest is empty: no pixel has a positive initial label"
+                               : "the region of interest is empty: no mask value is 1");
         if (supervised) {
             Cube gt(o.gt);
             gtRoi.reset(roi->extractLabROI(gt.data[0], 0, true));
@@ -169,10 +175,15 @@ int runSegment(const SegmentOptions& o) {
             initRoi.reset(roi->extractLabROI(init->data[0], 0, true));
         }
     }
-    if (supervised && distinctNonZero(*gtRoi) != settings->numberOfClasses)
-        throw CliError(kExitInput, "ground truth \"" + o.gt + "\" has " + std::to_string(distinctNonZero(*gtRoi)) +
-                                       " classes (non-zero labels) in the region of interest, but NumberOfClasses is " +
-                                       std::to_string(settings->numberOfClasses));
+    if (supervised) {
+        const int classes = distinctNonZero(*gtRoi);
+        if (classes != settings->numberOfClasses)
+            throw CliError(kExitInput, "ground truth \"" + o.gt + "\" holds " + std::to_string(classes) +
+                                           (classes == 1 ? " class" : " classes") +
+                                           " (distinct non-zero labels) in the region of interest, but "
+                                           "NumberOfClasses is " +
+                                           std::to_string(settings->numberOfClasses));
+    }
 
     // 6. The run.
     if (!o.quiet) {
@@ -214,9 +225,11 @@ int runSegment(const SegmentOptions& o) {
     outputs.commit();
 
     if (!o.quiet) {
-        const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-        std::cerr << "dhc: " << out.nClasses << (out.nClasses == 1 ? " class" : " classes") << " in " << std::fixed
-                  << std::setprecision(2) << seconds << " s; label map \"" << o.output << "\"\n";
+        const double seconds =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        std::cerr << "dhc: " << out.nClasses << (out.nClasses == 1 ? " class" : " classes") << " in "
+                  << std::fixed << std::setprecision(2) << seconds << " s; label map \"" << o.output
+                  << "\"\n";
     }
     return kExitOk;
 }

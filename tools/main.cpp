@@ -49,11 +49,13 @@ void onSignal(int sig) {
 void printInfo(const std::string& path) {
     const HrawShape s = checkHraw(path, "file");
     std::FILE* f = std::fopen(path.c_str(), "rb");
-    if (f == nullptr) throw CliError(kExitInput, "cannot open file \"" + path + "\": " + std::strerror(errno));
+    if (f == nullptr)
+        throw CliError(kExitInput, "cannot open file \"" + path + "\": " + std::strerror(errno));
     std::fseek(f, 12, SEEK_SET);
     const size_t plane = static_cast<size_t>(s.rows) * static_cast<size_t>(s.cols);
     std::vector<int32_t> buffer(std::min<size_t>(plane, size_t{1} << 20));
-    std::vector<int32_t> lo(static_cast<size_t>(s.bands), INT32_MAX), hi(static_cast<size_t>(s.bands), INT32_MIN);
+    std::vector<int32_t> lo(static_cast<size_t>(s.bands), INT32_MAX),
+        hi(static_cast<size_t>(s.bands), INT32_MIN);
     for (int b = 0; b < s.bands; ++b) {
         for (size_t done = 0; done < plane;) {
             const size_t n = std::min(buffer.size(), plane - done);
@@ -76,8 +78,8 @@ void printInfo(const std::string& path) {
               << "min: " << *std::min_element(lo.begin(), lo.end()) << "\n"
               << "max: " << *std::max_element(hi.begin(), hi.end()) << "\n";
     for (int b = 0; b < s.bands; ++b)
-        std::cout << "band " << b + 1 << ": " << lo[static_cast<size_t>(b)] << " " << hi[static_cast<size_t>(b)]
-                  << "\n";
+        std::cout << "band " << b + 1 << ": " << lo[static_cast<size_t>(b)] << " "
+                  << hi[static_cast<size_t>(b)] << "\n";
 }
 
 int run(const std::vector<std::string>& args) {

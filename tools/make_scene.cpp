@@ -110,8 +110,8 @@ int main(int argc, char** argv) {
     std::vector<int32_t> labels(plane), image(plane * kBands);
     for (long r = 0; r < rows; ++r)
         for (long c = 0; c < cols; ++c)
-            labels[static_cast<size_t>(r * cols + c)] =
-                classAt(static_cast<int>(r), static_cast<int>(c), static_cast<int>(rows), static_cast<int>(cols));
+            labels[static_cast<size_t>(r * cols + c)] = classAt(
+                static_cast<int>(r), static_cast<int>(c), static_cast<int>(rows), static_cast<int>(cols));
 
     // Pixel-major draws (all bands of a pixel, then the next pixel) into a
     // band-sequential file.  Twelve draws of 0..1000 sum to a value of mean

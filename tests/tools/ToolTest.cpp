@@ -25,7 +25,8 @@ Result runProgram(const std::string& program, const std::vector<std::string>& ar
     if (pid == 0) {
         const int out = ::open(outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         const int err = ::open(errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        if (out < 0 || err < 0 || ::dup2(out, 1) < 0 || ::dup2(err, 2) < 0 || ::chdir(dir.c_str()) != 0) ::_exit(127);
+        if (out < 0 || err < 0 || ::dup2(out, 1) < 0 || ::dup2(err, 2) < 0 || ::chdir(dir.c_str()) != 0)
+            ::_exit(127);
         std::vector<char*> argv;
         argv.push_back(const_cast<char*>(program.c_str()));
         for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
@@ -59,7 +60,9 @@ void ToolTest::TearDown() {
     if (!dir_.empty() && !HasFailure()) std::filesystem::remove_all(dir_);
 }
 
-Result ToolTest::dhc(const std::vector<std::string>& args) const { return runProgram(DHC_TOOL_PATH, args, dir_); }
+Result ToolTest::dhc(const std::vector<std::string>& args) const {
+    return runProgram(DHC_TOOL_PATH, args, dir_);
+}
 
 Result ToolTest::makeScene(const std::vector<std::string>& args) const {
     return runProgram(DHC_SCENE_PATH, args, dir_);
@@ -72,7 +75,8 @@ std::string ToolTest::writeText(const std::string& name, const std::string& text
 
 std::vector<std::string> ToolTest::files() const {
     std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(dir_)) names.push_back(entry.path().filename());
+    for (const auto& entry : std::filesystem::directory_iterator(dir_))
+        names.push_back(entry.path().filename());
     std::sort(names.begin(), names.end());
     return names;
 }
@@ -84,7 +88,9 @@ std::string readFile(const std::string& path) {
     return s.str();
 }
 
-bool fileExists(const std::string& path) { return std::filesystem::exists(path); }
+bool fileExists(const std::string& path) {
+    return std::filesystem::exists(path);
+}
 
 void writeHraw(const std::string& path, const Hraw& image) {
     std::ofstream out(path, std::ios::binary);
@@ -109,7 +115,9 @@ Hraw readHraw(const std::string& path) {
     return h;
 }
 
-Hraw plane(int rows, int cols, const std::vector<int32_t>& values) { return Hraw{1, rows, cols, values}; }
+Hraw plane(int rows, int cols, const std::vector<int32_t>& values) {
+    return Hraw{1, rows, cols, values};
+}
 
 std::vector<int32_t> distinctLabels(const std::vector<int32_t>& labels) {
     std::set<int32_t> s;
@@ -165,7 +173,8 @@ std::vector<int> numbers(const std::string& text) {
 // The text between "[" and "]" of a "Name = [ ... ];" line.
 std::string bracketed(const std::string& line) {
     const size_t a = line.find('['), b = line.rfind(']');
-    return a == std::string::npos || b == std::string::npos || b < a ? std::string() : line.substr(a + 1, b - a - 1);
+    return a == std::string::npos || b == std::string::npos || b < a ? std::string()
+                                                                     : line.substr(a + 1, b - a - 1);
 }
 
 }  // namespace
@@ -182,13 +191,20 @@ std::vector<WorkspaceBlock> parseReport(const std::string& text) {
         if (blocks.empty()) continue;
         WorkspaceBlock& w = blocks.back();
         auto value = [&line]() { return std::atoi(line.substr(line.find('=') + 1).c_str()); };
-        if (line.rfind("WSLab = ", 0) == 0) w.label = value();
-        else if (line.rfind("Path = ", 0) == 0) w.path = numbers(bracketed(line));
-        else if (line.rfind("Children = ", 0) == 0) w.children = numbers(bracketed(line));
-        else if (line.rfind("Offspring = ", 0) == 0) w.offspring = numbers(bracketed(line));
-        else if (line.rfind("Area = ", 0) == 0) w.area = value();
-        else if (line.rfind("Split = ", 0) == 0) w.split = value() != 0;
-        else if (line.rfind("Terminal = ", 0) == 0) w.terminal = value() != 0;
+        if (line.rfind("WSLab = ", 0) == 0)
+            w.label = value();
+        else if (line.rfind("Path = ", 0) == 0)
+            w.path = numbers(bracketed(line));
+        else if (line.rfind("Children = ", 0) == 0)
+            w.children = numbers(bracketed(line));
+        else if (line.rfind("Offspring = ", 0) == 0)
+            w.offspring = numbers(bracketed(line));
+        else if (line.rfind("Area = ", 0) == 0)
+            w.area = value();
+        else if (line.rfind("Split = ", 0) == 0)
+            w.split = value() != 0;
+        else if (line.rfind("Terminal = ", 0) == 0)
+            w.terminal = value() != 0;
     }
     return blocks;
 }

@@ -30,7 +30,7 @@ struct Hraw {
 
 // Each test gets a fresh directory, removed afterwards.
 class ToolTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override;
     void TearDown() override;
 

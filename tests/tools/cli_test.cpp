@@ -82,13 +82,14 @@ bool readPng(const std::string& file, int& width, int& height, std::vector<unsig
 }
 
 TEST_F(Cli, PngShowsOneColourPerClassAndBlackOutside) {
-    ASSERT_EQ(makeScene({"-o", "scene.hraw", "--truth", "truth.hraw", "--rows", "64", "--cols", "48"}).status, 0);
+    ASSERT_EQ(makeScene({"-o", "scene.hraw", "--truth", "truth.hraw", "--rows", "64", "--cols", "48"}).status,
+              0);
     // Leave the top rows out of the region of interest.
     std::vector<int32_t> init(64 * 48, 1);
     std::fill(init.begin(), init.begin() + 5 * 48, 0);
     writeHraw(path("init.hraw"), plane(64, 48, init));
-    const Result run = dhc({"segment", "scene.hraw", "-o", "labels.hraw", "--init", "init.hraw", "--png", "labels.png",
-                         "--quiet"});
+    const Result run = dhc({"segment", "scene.hraw", "-o", "labels.hraw", "--init", "init.hraw", "--png",
+                            "labels.png", "--quiet"});
     ASSERT_EQ(run.status, 0) << run.err;
     const Hraw labels = readHraw(path("labels.hraw"));
     int width = 0, height = 0;

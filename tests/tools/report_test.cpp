@@ -58,7 +58,9 @@ double variance(const std::vector<int>& stripes) {
     return v < 0.01 ? 1.0 : v;
 }
 
-int area(const Node& n) { return static_cast<int>(n.stripes.size()) * kStripeRows * kCols; }
+int area(const Node& n) {
+    return static_cast<int>(n.stripes.size()) * kStripeRows * kCols;
+}
 
 // Half the sum of squared Mahalanobis distances: every pixel of stripe k
 // contributes (v_k - mean)^2 / variance.
@@ -71,7 +73,9 @@ double likelihoodEnergy(const Node& n) {
 
 // Per-pixel decrease of the negative log-likelihood, less the Potts cost.
 double gain(const Node& n) {
-    auto term = [](const Node& x) { return 0.5 * area(x) * std::log(variance(x.stripes)) + likelihoodEnergy(x); };
+    auto term = [](const Node& x) {
+        return 0.5 * area(x) * std::log(variance(x.stripes)) + likelihoodEnergy(x);
+    };
     double g = term(n);
     for (const Node* c : n.children) g -= term(*c);
     return (g - kEdges * kBeta) / area(n);
@@ -116,8 +120,8 @@ TEST_F(Report, MatchesTheIndependentlyDerivedReport) {
     for (int r = 0; r < kRows; ++r)
         for (int c = 0; c < kCols; ++c) image.values.push_back(kValues[r / kStripeRows]);
     writeHraw(path("stripes.hraw"), image);
-    const Result run = dhc({"segment", "stripes.hraw", "-o", "labels.hraw", "--report", "report.txt", "--quiet", "--set",
-                         "UNSUPERVISED_MODE_CONF.MinRegionArea=16"});
+    const Result run = dhc({"segment", "stripes.hraw", "-o", "labels.hraw", "--report", "report.txt",
+                            "--quiet", "--set", "UNSUPERVISED_MODE_CONF.MinRegionArea=16"});
     ASSERT_EQ(run.status, 0) << run.err;
 
     // The leaf label of every stripe, as the run painted them.
@@ -158,15 +162,21 @@ TEST_F(Report, MatchesTheIndependentlyDerivedReport) {
     Node* second = first == &high ? &low : &high;
     ASSERT_GE(root.gain, 0.3);  // the default SplitGainThreshold
 
-    const std::vector<Node*> nodeOrder = {&root, childOrder[0], childOrder[1], first->children[0],
-                                          first->children[1], second->children[0], second->children[1]};
+    const std::vector<Node*> nodeOrder = {&root,
+                                          childOrder[0],
+                                          childOrder[1],
+                                          first->children[0],
+                                          first->children[1],
+                                          second->children[0],
+                                          second->children[1]};
     const std::vector<int> terminals = {first->children[0]->label, first->children[1]->label,
                                         second->children[0]->label, second->children[1]->label};
     auto offspring = [&](const Node& n) {
         std::vector<int> out;
         for (int t : terminals)
             for (const Node* c : n.children)
-                if (c->label == t || (!c->children.empty() && (c->children[0]->label == t || c->children[1]->label == t)))
+                if (c->label == t ||
+                    (!c->children.empty() && (c->children[0]->label == t || c->children[1]->label == t)))
                     out.push_back(t);
         return out;
     };

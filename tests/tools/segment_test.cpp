@@ -14,11 +14,11 @@ namespace {
 constexpr int kSide = 96;  // scene size: small enough for a fast suite
 
 class Segment : public ToolTest {
-protected:
+  protected:
     // The generator's four-class scene and its truth.
     void makeFourClassScene() {
-        const Result run = makeScene({"-o", "scene.hraw", "--truth", "truth.hraw", "--rows", std::to_string(kSide),
-                                   "--cols", std::to_string(kSide)});
+        const Result run = makeScene({"-o", "scene.hraw", "--truth", "truth.hraw", "--rows",
+                                      std::to_string(kSide), "--cols", std::to_string(kSide)});
         ASSERT_EQ(run.status, 0) << run.err;
     }
 
@@ -62,23 +62,24 @@ TEST_F(Segment, DefaultSettingsFindTheFourClasses) {
 TEST_F(Segment, SameRunTwiceGivesIdenticalBytes) {
     makeFourClassScene();
     for (const std::string run : {"1", "2"})
-        segment("labels" + run + ".hraw", {"--report", "report" + run + ".txt", "--png", "labels" + run + ".png"});
+        segment("labels" + run + ".hraw",
+                {"--report", "report" + run + ".txt", "--png", "labels" + run + ".png"});
     EXPECT_EQ(readFile(path("labels1.hraw")), readFile(path("labels2.hraw")));
     EXPECT_EQ(readFile(path("report1.txt")), readFile(path("report2.txt")));
     EXPECT_EQ(readFile(path("labels1.png")), readFile(path("labels2.png")));
     for (const std::string run : {"1", "2"})
-        segment("frag" + run + ".hraw",
-                {"--set", "UNSUPERVISED_MODE_CONF.Fragmentation=1", "--fragments", "fragments" + run + ".hraw"});
+        segment("frag" + run + ".hraw", {"--set", "UNSUPERVISED_MODE_CONF.Fragmentation=1", "--fragments",
+                                         "fragments" + run + ".hraw"});
     EXPECT_EQ(readFile(path("frag1.hraw")), readFile(path("frag2.hraw")));
     EXPECT_EQ(readFile(path("fragments1.hraw")), readFile(path("fragments2.hraw")));
 }
 
 TEST_F(Segment, BalancedDepthTwoGivesAtMostFourLeaves) {
     makeFourClassScene();
-    const Hraw labels = segment("labels.hraw", {"--report", "report.txt", "--set", "UNSUPERVISED_MODE_CONF.BalancedTree=1",
-                                                "--set", "UNSUPERVISED_MODE_CONF.GrowDepth=2", "--set",
-                                                "POTTS_MODEL.Multiplicity=2", "--set",
-                                                "UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=50"});
+    const Hraw labels = segment(
+        "labels.hraw", {"--report", "report.txt", "--set", "UNSUPERVISED_MODE_CONF.BalancedTree=1", "--set",
+                        "UNSUPERVISED_MODE_CONF.GrowDepth=2", "--set", "POTTS_MODEL.Multiplicity=2", "--set",
+                        "UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=50"});
     const size_t classes = distinctLabels(labels.values).size();
     EXPECT_LE(classes, 4u);
     EXPECT_GE(classes, 2u);
@@ -92,8 +93,7 @@ TEST_F(Segment, BalancedDepthTwoGivesAtMostFourLeaves) {
 
 TEST_F(Segment, OneClassAtMost) {
     makeFourClassScene();
-    const Hraw labels =
-        segment("labels.hraw", {"--set", "UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=1"});
+    const Hraw labels = segment("labels.hraw", {"--set", "UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=1"});
     EXPECT_EQ(distinctLabels(labels.values).size(), 1u);
     EXPECT_EQ(std::count(labels.values.begin(), labels.values.end(), 0), 0);
 }
@@ -120,11 +120,11 @@ TEST_F(Segment, BlindDepthOneSplitsOnlyTheRootAndItsChildren) {
 TEST_F(Segment, SupervisedTwoLevelStructureReproducesTheTruth) {
     makeFourClassScene();
     // Classes 1, 2 under one node, 3, 4 under the other.
-    const Hraw labels = segment(
-        "labels.hraw",
-        {"--gt", "truth.hraw", "--report", "report.txt", "--set", "SEGM_MAIN_CONFIGURATION.SupervisedMode=1", "--set",
-         "SUPERVISED_MODE_CONF.NumberOfClasses=4", "--set", "SUPERVISED_MODE_CONF.StructureLevels={2 2 2 2}", "--set",
-         "SUPERVISED_MODE_CONF.StructurePaths={0 0 0 1 1 0 1 1}"});
+    const Hraw labels = segment("labels.hraw", {"--gt", "truth.hraw", "--report", "report.txt", "--set",
+                                                "SEGM_MAIN_CONFIGURATION.SupervisedMode=1", "--set",
+                                                "SUPERVISED_MODE_CONF.NumberOfClasses=4", "--set",
+                                                "SUPERVISED_MODE_CONF.StructureLevels={2 2 2 2}", "--set",
+                                                "SUPERVISED_MODE_CONF.StructurePaths={0 0 0 1 1 0 1 1}"});
     const Hraw truth = readHraw(path("truth.hraw"));
     long same = 0;
     for (size_t i = 0; i < truth.values.size(); ++i) same += labels.values[i] == truth.values[i];
@@ -144,8 +144,9 @@ TEST_F(Segment, FragmentsAreTheConnectedPiecesOfTheClasses) {
     for (int r = 0; r < n; ++r)
         for (int c = 60; c < 64; ++c) mask[static_cast<size_t>(r * n + c)] = 0;
     writeHraw(path("mask.hraw"), plane(n, n, mask));
-    const Hraw labels = segment("labels.hraw", {"--mask", "mask.hraw", "--set", "UNSUPERVISED_MODE_CONF.Fragmentation=1",
-                                                "--fragments", "fragments.hraw"});
+    const Hraw labels =
+        segment("labels.hraw", {"--mask", "mask.hraw", "--set", "UNSUPERVISED_MODE_CONF.Fragmentation=1",
+                                "--fragments", "fragments.hraw"});
     const Hraw fragments = readHraw(path("fragments.hraw"));
     ASSERT_EQ(fragments.values.size(), labels.values.size());
     EXPECT_GE(matchedAgreement(labels.values, readHraw(path("truth.hraw")).values, mask), 0.99);
@@ -189,7 +190,8 @@ TEST_F(Segment, FragmentsAreTheConnectedPiecesOfTheClasses) {
                     const int rr = p / n + dr, cc = p % n + dc;
                     if (!inside(rr, cc)) continue;
                     const int q = rr * n + cc;
-                    if (visited[static_cast<size_t>(q)] || fragments.values[static_cast<size_t>(q)] != f) continue;
+                    if (visited[static_cast<size_t>(q)] || fragments.values[static_cast<size_t>(q)] != f)
+                        continue;
                     visited[static_cast<size_t>(q)] = true;
                     queue.push(q);
                 }
@@ -214,14 +216,16 @@ TEST_F(Segment, RegionOfInterestAsTheGatewayBuildsIt) {
 
     const Hraw masked = segment("masked.hraw", {"--mask", "mask.hraw"});
     for (int i = 0; i < n * n; ++i)
-        EXPECT_EQ(masked.values[static_cast<size_t>(i)] == 0, mask[static_cast<size_t>(i)] != 1) << "pixel " << i;
+        EXPECT_EQ(masked.values[static_cast<size_t>(i)] == 0, mask[static_cast<size_t>(i)] != 1)
+            << "pixel " << i;
 
     // Without a mask the ROI is init > 0; two initial labels seed two leaves,
     // which a class limit of 2 keeps as they are.
-    const Hraw seeded = segment("seeded.hraw", {"--init", "init.hraw", "--set",
-                                                "UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=2"});
+    const Hraw seeded = segment(
+        "seeded.hraw", {"--init", "init.hraw", "--set", "UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=2"});
     for (int i = 0; i < n * n; ++i)
-        EXPECT_EQ(seeded.values[static_cast<size_t>(i)] == 0, init[static_cast<size_t>(i)] <= 0) << "pixel " << i;
+        EXPECT_EQ(seeded.values[static_cast<size_t>(i)] == 0, init[static_cast<size_t>(i)] <= 0)
+            << "pixel " << i;
     EXPECT_EQ(matchedAgreement(seeded.values, init, init), 1.0);
 }
 
@@ -242,10 +246,12 @@ TEST_F(Segment, ConfigFileAndOverridesReadAlike) {
     EXPECT_EQ(readFile(path("a.txt")), readFile(path("b.txt")));
     EXPECT_EQ(distinctLabels(readHraw(path("a.hraw")).values).size(), 2u);
     // A section the file lacks is added by an override.
-    writeText("nomodel.ini", "[SEGM_MAIN_CONFIGURATION]\nSupervisedMode=0\n\n[UNSUPERVISED_MODE_CONF]\n"
-                             "SplitGainThreshold=0.3\nMaxNumberOfClasses=2\nMinRegionArea=64\n");
+    writeText("nomodel.ini",
+              "[SEGM_MAIN_CONFIGURATION]\nSupervisedMode=0\n\n[UNSUPERVISED_MODE_CONF]\n"
+              "SplitGainThreshold=0.3\nMaxNumberOfClasses=2\nMinRegionArea=64\n");
     segment("c.hraw", {"--config", "nomodel.ini", "--set", "POTTS_MODEL.Multiplicity=2", "--set",
-                       "POTTS_MODEL.BetaMax=1.5", "--set", "MEANSHIFT.Tolerance=0.05", "--set", "MEANSHIFT.SkipLast=0.1"});
+                       "POTTS_MODEL.BetaMax=1.5", "--set", "MEANSHIFT.Tolerance=0.05", "--set",
+                       "MEANSHIFT.SkipLast=0.1"});
     EXPECT_EQ(readFile(path("a.hraw")), readFile(path("c.hraw")));
 }
 
