@@ -46,27 +46,6 @@ double** table(int k, int n, double value) {
 // ---------------------------------------------------------------------------
 // Configuration
 
-TEST(PottsEngineConfig, ValuesAndSetConfig) {
-    PottsEngine e(3, 0.1, 2.5, 4.0, true, 7.0, 9.0);
-    EXPECT_EQ(e.multiplicity, 3);
-    EXPECT_EQ(e.betaMin, 0.1);
-    EXPECT_EQ(e.betaMax, 2.5);
-    EXPECT_EQ(e.betaBound, 4.0);
-    EXPECT_TRUE(e.adaptive);
-    EXPECT_EQ(e.rangeBandwidth, 7.0);
-    EXPECT_EQ(e.spatialBandwidth, 9.0);
-    EXPECT_EQ(e.ws, nullptr);
-    EXPECT_EQ(e.globalMixture, nullptr);
-    EXPECT_EQ(e.energyTable, nullptr);
-    e.setConfig(5);
-    EXPECT_EQ(e.multiplicity, 5);
-    EXPECT_EQ(e.betaMax, 2.5);
-    e.setConfig(2, 0.0, 1.0, 0.0, false, 1.0, 2.0);
-    EXPECT_EQ(e.multiplicity, 2);
-    EXPECT_FALSE(e.adaptive);
-    EXPECT_EQ(e.spatialBandwidth, 2.0);
-}
-
 TEST(PottsEngineConfig, SettingsRecordKeepsBetaBoundOnlyWhenAdaptive) {
     DHC_SET s;
     s.multiplicity = 4;
@@ -235,17 +214,6 @@ TEST(KGLA, ConstantWorkspaceIsAbandoned) {
     double** code = e.kGLA(b.ws.get(), labels);
     EXPECT_EQ(b.ws->splitState, -1);
     EXPECT_TRUE(regionAll(*b.ws, kRoot));
-    freeMatrix(code, 2);
-}
-
-TEST(KGLA, SeparatesTwoRectangles) {
-    Synthetic s = rectangles(20, 24, 2, 3, 10.0, 5);
-    Built b = s.build();
-    PottsEngine e(2, 0.0, 1.0, 0.0, false, 0.0, 0.0);
-    int labels[2] = {4, 5};
-    double** code = e.kGLA(b.ws.get(), labels);
-    EXPECT_EQ(b.ws->splitState, 1);
-    EXPECT_GE(agreement(*b.ws, s), 0.99);
     freeMatrix(code, 2);
 }
 
