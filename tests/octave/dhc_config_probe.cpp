@@ -5,6 +5,7 @@
 // for comparing the two ways of filling it.
 
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <string>
 
@@ -37,7 +38,10 @@ mxArray* toStruct(const DHC_SET& s) {
                              s.betaMax,                 s.betaBound,              s.rangeBandwidth,
                              s.spatialBandwidth,        double(s.autoAdjustkNN),  s.skipLast,
                              s.tolerance,               double(s.kernelType)};
-    for (int i = 0; i < n; ++i) mxSetField(out, 0, names[i], mxCreateDoubleScalar(values[i]));
+    // Scalars here; the two structure arrays below (mxSetField does not free
+    // a value it replaces, so each field is set once).
+    for (int i = 0; i < n; ++i)
+        if (std::strncmp(names[i], "structure", 9) != 0) mxSetField(out, 0, names[i], mxCreateDoubleScalar(values[i]));
     // The arrays' lengths are not kept in the record: return what the
     // structure needs, numberOfClasses levels and their sum of path entries.
     auto vector = [](const int* v, int len) {
