@@ -2,7 +2,6 @@
 
 #include <cmath>
 #include <cstddef>
-#include <vector>
 
 #include "stats/Mixture.h"
 #include "stats/OpMatrix.h"
@@ -24,23 +23,6 @@ void freeRows(T** m, int rows) {
 }
 
 }  // namespace
-
-double PottsLikelihoodEnergy::gaussianEnergy(const int* x, const double* mu, double** sInv, double logdet, int d) {
-    // Differences once per call: the bands are few, so a stack buffer covers
-    // the usual case.
-    constexpr int kStack = 16;
-    double stackDiff[kStack];
-    std::vector<double> heapDiff(d > kStack ? d : 0);
-    double* diff = d > kStack ? heapDiff.data() : stackDiff;
-    for (int i = 0; i < d; ++i) diff[i] = static_cast<double>(x[i]) - mu[i];
-    double q = 0.0;
-    for (int i = 0; i < d; ++i) {
-        const double di = diff[i];
-        const double* row = sInv[i];
-        for (int k = 0; k < d; ++k) q += di * row[k] * diff[k];
-    }
-    return 0.5 * (logdet + q);
-}
 
 PottsLikelihoodEnergy::PottsLikelihoodEnergy(Mixture** classes, int n, PottsWS* ws)
     : energy(newRows(n, ws->envelopeCount)), nClasses(n), nPixels(ws->envelopeCount) {

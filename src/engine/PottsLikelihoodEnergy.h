@@ -46,6 +46,25 @@ public:
 
     // Energy of the d band values x for the Gaussian with mean mu, inverse
     // covariance sInv and log-determinant logdet (the one formula every energy
-    // of the engine uses).
-    static double gaussianEnergy(const int* x, const double* mu, double** sInv, double logdet, int d);
+    // of the engine uses; inline, it runs once per pixel and class).
+    static double gaussianEnergy(const int* x, const double* mu, double** sInv, double logdet, int d) {
+        constexpr int kBuffer = 16;  // bands are few: differences on the stack
+        double diff[kBuffer];
+        double q = 0.0;
+        if (d <= kBuffer) {
+            for (int i = 0; i < d; ++i) diff[i] = static_cast<double>(x[i]) - mu[i];
+            for (int i = 0; i < d; ++i) {
+                const double di = diff[i];
+                const double* row = sInv[i];
+                for (int k = 0; k < d; ++k) q += di * row[k] * diff[k];
+            }
+        } else {
+            for (int i = 0; i < d; ++i) {
+                const double di = static_cast<double>(x[i]) - mu[i];
+                const double* row = sInv[i];
+                for (int k = 0; k < d; ++k) q += di * row[k] * (static_cast<double>(x[k]) - mu[k]);
+            }
+        }
+        return 0.5 * (logdet + q);
+    }
 };

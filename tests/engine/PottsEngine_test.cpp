@@ -403,6 +403,25 @@ TEST(KICM, AdaptiveModeUsesBetaBoundOnMarkedPixels) {
     }
 }
 
+TEST(KICM, SweepsStopAfter151) {
+    // Two pixels that never settle: pixel 0 is marked and its betaBound of -1
+    // makes it leave its neighbour's class, pixel 1 (beta 1) follows it.
+    Built b = row(2);
+    PottsWS& ws = *b.ws;
+    int labels[2] = {4, 5};
+    ws.root->mapRefresh(4, false);
+    ws.coords[0].aux = 1;
+    PottsEngine e(2, 0.0, 1.0, -1.0, true, 0.0, 0.0);
+    e.ws = &ws;
+    e.beta = 1.0;
+    double** energy = table(2, 2, 0.0);
+    double** means = newMatrix(2, 1);
+    e.kICM(means, labels, energy);
+    EXPECT_EQ(e.lastSweeps, 151);
+    freeMatrix(energy, 2);
+    freeMatrix(means, 2);
+}
+
 TEST(KICM, SingularClassCovarianceFailsWithoutSweeping) {
     // Class 0 (left half) has a constant first band and a varying second band:
     // its covariance has a zero row and cannot be inverted.
