@@ -43,7 +43,8 @@ Image& image() {
                 mask[r][c] = 1;
                 const int k = (r < kSide / 2 ? 0 : 2) + (c < kSide / 2 ? 0 : 1);
                 for (int b = 0; b < kBands; ++b)
-                    cube[b][r][c] = static_cast<int>(std::lround(500.0 + 120.0 * k * (b % 2 ? -1 : 1) + 30.0 * b + noise(gen)));
+                    cube[b][r][c] = static_cast<int>(
+                        std::lround(500.0 + 120.0 * k * (b % 2 ? -1 : 1) + 30.0 * b + noise(gen)));
             }
         }
         Image out;
@@ -88,8 +89,8 @@ void EngineSplit(benchmark::State& state) {
     const double iterations = static_cast<double>(state.iterations());
     state.counters["sweeps"] = sweeps / iterations;
     state.counters["passes"] = passes / iterations;
-    state.counters["s_per_pixel_sweep"] =
-        benchmark::Counter(sweeps * ws.loadedCount, benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+    state.counters["s_per_pixel_sweep"] = benchmark::Counter(
+        sweeps * ws.loadedCount, benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 
 void IcmSweeps(benchmark::State& state) {

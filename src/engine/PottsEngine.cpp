@@ -44,9 +44,13 @@ void freeCube(double*** c, int n, int d) {
 }
 
 // Map cell of a pixel of the workspace (inner coordinates shifted by the pad).
-inline int& cell(PottsMapRegion* region, const xy& p) { return region->map[p.x + region->pad][p.y + region->pad]; }
+inline int& cell(PottsMapRegion* region, const xy& p) {
+    return region->map[p.x + region->pad][p.y + region->pad];
+}
 
-const int* pixel(const PottsWS* w, int p) { return w->data + static_cast<std::size_t>(p) * w->bands; }
+const int* pixel(const PottsWS* w, int p) {
+    return w->data + static_cast<std::size_t>(p) * w->bands;
+}
 
 double squaredDistance(const double* x, const double* c, int d) {
     double s = 0.0;
@@ -72,8 +76,8 @@ bool countsProductIsZero(const std::vector<int>& counts) {
 
 PottsEngine::PottsEngine() = default;
 
-PottsEngine::PottsEngine(int multiplicity_, double betaMin_, double betaMax_, double betaBound_, bool adaptive_,
-                         double rangeBandwidth_, double spatialBandwidth_) {
+PottsEngine::PottsEngine(int multiplicity_, double betaMin_, double betaMax_, double betaBound_,
+                         bool adaptive_, double rangeBandwidth_, double spatialBandwidth_) {
     setConfig(multiplicity_, betaMin_, betaMax_, betaBound_, adaptive_, rangeBandwidth_, spatialBandwidth_);
 }
 
@@ -101,8 +105,8 @@ PottsEngine::~PottsEngine() {
     delete energyTable;
 }
 
-void PottsEngine::setConfig(int multiplicity_, double betaMin_, double betaMax_, double betaBound_, bool adaptive_,
-                            double rangeBandwidth_, double spatialBandwidth_) {
+void PottsEngine::setConfig(int multiplicity_, double betaMin_, double betaMax_, double betaBound_,
+                            bool adaptive_, double rangeBandwidth_, double spatialBandwidth_) {
     multiplicity = multiplicity_;
     betaMin = betaMin_;
     betaMax = betaMax_;
@@ -112,7 +116,9 @@ void PottsEngine::setConfig(int multiplicity_, double betaMin_, double betaMax_,
     spatialBandwidth = spatialBandwidth_;
 }
 
-void PottsEngine::setConfig(int multiplicity_) { multiplicity = multiplicity_; }
+void PottsEngine::setConfig(int multiplicity_) {
+    multiplicity = multiplicity_;
+}
 
 // ---------------------------------------------------------------------------
 // Clustering
@@ -341,7 +347,8 @@ int PottsEngine::kICM(double** means, int* labels) {
                     PottsLikelihoodEnergy::gaussianEnergy(x, means[c], inverses[c], logdet[c], d);
         }
         const double* e = table.data();
-        lastSweeps = sweeps(labels, k, [e, k](int p, int c) { return e[static_cast<std::size_t>(p) * k + c]; });
+        lastSweeps =
+            sweeps(labels, k, [e, k](int p, int c) { return e[static_cast<std::size_t>(p) * k + c]; });
         result = 2;
     }
     freeCube(covs, k, d);
@@ -363,7 +370,9 @@ int PottsEngine::kICM(double** means, int* labels, double** energy) {
     return countsProductIsZero(counts) ? -2 : 2;
 }
 
-double PottsEngine::betaHat(int* labels) { return betaHat(labels, multiplicity); }
+double PottsEngine::betaHat(int* labels) {
+    return betaHat(labels, multiplicity);
+}
 
 double PottsEngine::betaHat(int* labels, int k) {
     // Neighbour configuration of every region pixel, once per estimate:
@@ -381,7 +390,8 @@ double PottsEngine::betaHat(int* labels, int k) {
             const int* mid = map[rn.row + pad];
             const int* dn = map[rn.row + pad + 1];
             for (int c = rn.col + pad; c < rn.col + rn.len + pad; ++c) {
-                const int nb[8] = {up[c - 1], up[c], up[c + 1], mid[c - 1], mid[c + 1], dn[c - 1], dn[c], dn[c + 1]};
+                const int nb[8] = {up[c - 1],  up[c],     up[c + 1], mid[c - 1],
+                                   mid[c + 1], dn[c - 1], dn[c],     dn[c + 1]};
                 const int own = mid[c];
                 int a = 0;
                 int b = 0;
@@ -734,8 +744,8 @@ double** PottsEngine::MS_K_est(PottsWS* w, int& k, bool label) {
     if (projected != nullptr) {
         FMSC* shift = nullptr;
         if (settings != nullptr)
-            shift = new FMSC(projected, dims, n, knn, 0.05, 100.0, settings->autoAdjustkNN, settings->tolerance,
-                             settings->skipLast, settings->kernelType);
+            shift = new FMSC(projected, dims, n, knn, 0.05, 100.0, settings->autoAdjustkNN,
+                             settings->tolerance, settings->skipLast, settings->kernelType);
         else if (configFile != nullptr)
             shift = new FMSC(projected, dims, n, knn, 0.05, 100.0, configFile);
         else

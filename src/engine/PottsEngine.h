@@ -29,20 +29,20 @@ class PottsLikelihoodEnergy;
 struct DHC_SET;
 
 class PottsEngine {
-public:
-    double betaMin = 0.0;          // lower end of the beta search interval ("BetaMin")
-    double betaMax = 0.0;          // upper end ("BetaMax")
-    double betaBound = 0.0;        // beta of marked pixels in adaptive mode ("BetaBound"); 0 when not adaptive
-    double beta = 0.0;             // working interaction parameter, read by every ICM sweep
-    bool adaptive = false;         // adaptive beta mode ("Adaptive")
-    int multiplicity = 0;          // K, classes per split ("Multiplicity")
-    double rangeBandwidth = 0.0;   // mean-shift range bandwidth ("RangeBandwidth")
-    double spatialBandwidth = 0.0; // mean-shift spatial bandwidth ("SpatialBandwidth")
-    PottsWS* ws = nullptr;         // current workspace (not owned)
-    Mixture* globalMixture = nullptr;             // classes present in the last updateGlobalMixture workspace (owned)
-    PottsLikelihoodEnergy* energyTable = nullptr; // likelihood table of the supervised split (owned)
-    char* configFile = nullptr;    // ini file the engine was read from, or null (not owned)
-    DHC_SET* settings = nullptr;   // settings record the engine was built from, or null (not owned)
+  public:
+    double betaMin = 0.0;         // lower end of the beta search interval ("BetaMin")
+    double betaMax = 0.0;         // upper end ("BetaMax")
+    double betaBound = 0.0;       // beta of marked pixels in adaptive mode ("BetaBound"); 0 when not adaptive
+    double beta = 0.0;            // working interaction parameter, read by every ICM sweep
+    bool adaptive = false;        // adaptive beta mode ("Adaptive")
+    int multiplicity = 0;         // K, classes per split ("Multiplicity")
+    double rangeBandwidth = 0.0;  // mean-shift range bandwidth ("RangeBandwidth")
+    double spatialBandwidth = 0.0;     // mean-shift spatial bandwidth ("SpatialBandwidth")
+    PottsWS* ws = nullptr;             // current workspace (not owned)
+    Mixture* globalMixture = nullptr;  // classes present in the last updateGlobalMixture workspace (owned)
+    PottsLikelihoodEnergy* energyTable = nullptr;  // likelihood table of the supervised split (owned)
+    char* configFile = nullptr;                    // ini file the engine was read from, or null (not owned)
+    DHC_SET* settings = nullptr;  // settings record the engine was built from, or null (not owned)
 
     // Read-only run figures for benchmarks and diagnostics; nothing reads them.
     // lastSweeps: ICM sweeps run by the last kICM call, or by all the passes of
@@ -142,7 +142,7 @@ public:
     // every pixel: its values are kept as they are.
     double** MS_K_est(PottsWS* ws, int& k, bool label);
 
-private:
+  private:
     template <typename EnergyAt>
     int sweeps(int* labels, int k, EnergyAt energyAt);
     double betaHat(int* labels, int k);

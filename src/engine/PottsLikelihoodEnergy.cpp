@@ -35,7 +35,9 @@ PottsLikelihoodEnergy::PottsLikelihoodEnergy(PottsWS** wss, int n) : nClasses(n)
     update(wss);
 }
 
-PottsLikelihoodEnergy::~PottsLikelihoodEnergy() { freeRows(energy, nClasses); }
+PottsLikelihoodEnergy::~PottsLikelihoodEnergy() {
+    freeRows(energy, nClasses);
+}
 
 void PottsLikelihoodEnergy::update(Mixture** classes, PottsWS* ws) {
     const int d = ws->bands;
@@ -77,8 +79,8 @@ void PottsLikelihoodEnergy::update(PottsWS** wss) {
         for (int j = 0; j < nClasses; ++j) {
             PottsWS* w = wss[j];
             for (int p = 0; p < w->loadedCount; ++p)
-                row[offset + p] = ok ? gaussianEnergy(w->data + static_cast<std::size_t>(p) * w->bands, model->mi,
-                                                      sInv, logdet, d)
+                row[offset + p] = ok ? gaussianEnergy(w->data + static_cast<std::size_t>(p) * w->bands,
+                                                      model->mi, sInv, logdet, d)
                                      : HUGE_VAL;
             offset += w->envelopeCount;
         }

@@ -16,7 +16,7 @@ class Mixture;
 class PottsWS;
 
 class PottsLikelihoodEnergy {
-public:
+  public:
     double** energy = nullptr;  // nClasses rows of nPixels
     int nClasses = 0;
     int nPixels = 0;

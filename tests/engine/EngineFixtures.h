@@ -79,7 +79,8 @@ inline Synthetic synthetic(int rows, int cols, const std::vector<std::vector<dou
         for (int c = 0; c < cols; ++c) {
             const int k = classOf(r, c);
             s.truth.push_back(k);
-            for (int b = 0; b < s.bands; ++b) s.values.push_back(static_cast<int>(std::lround(means[k][b] + normal(gen))));
+            for (int b = 0; b < s.bands; ++b)
+                s.values.push_back(static_cast<int>(std::lround(means[k][b] + normal(gen))));
         }
     return s;
 }
@@ -96,7 +97,9 @@ inline Synthetic rectangles(int rows, int cols, int nClasses, int bands, double 
     return synthetic(rows, cols, means, classOf, noise, seed);
 }
 
-inline int mapLabel(const PottsWS& ws, int r, int c) { return ws.root->map[r + ws.root->pad][c + ws.root->pad]; }
+inline int mapLabel(const PottsWS& ws, int r, int c) {
+    return ws.root->map[r + ws.root->pad][c + ws.root->pad];
+}
 
 // Fraction of pixels whose map label, read through the best one-to-one pairing
 // of map labels with truth classes (each label its majority class), agrees with

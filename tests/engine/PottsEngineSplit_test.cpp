@@ -76,7 +76,8 @@ TEST(UnsupervisedSplit, GainOnPureNoiseIsSmall) {
     // variance along the cut), shared here by 3 bands; the Potts cost only
     // lowers the gain further.  Separated rectangles gain several times more.
     Synthetic clean = rectangles(40, 40, 2, 3, 12.0, 23);
-    Synthetic noise = synthetic(40, 40, {{200.0, 215.0, 230.0}}, [](int, int) { return 0; }, 12.0, 23);
+    Synthetic noise = synthetic(
+        40, 40, {{200.0, 215.0, 230.0}}, [](int, int) { return 0; }, 12.0, 23);
     double gains[2];
     int i = 0;
     for (const Synthetic* s : {&clean, &noise}) {
@@ -117,7 +118,7 @@ TEST(SplitFromMeans, StartsFromTheGivenMeans) {
     ASSERT_NE(children, nullptr);
     EXPECT_EQ(b.ws->splitState, 2);
     EXPECT_GE(agreement(*b.ws, s), 0.99);
-    EXPECT_EQ(mapLabel(*b.ws, 0, 0), 4);  // the class of the first mean is labels[0]
+    EXPECT_EQ(mapLabel(*b.ws, 0, 0), 4);   // the class of the first mean is labels[0]
     EXPECT_NEAR(means[0][0], 200.0, 3.0);  // the caller's means now hold the class means
     freeChildren(children, 2);
 
@@ -244,7 +245,8 @@ TEST(SupervisedSplit, FollowsTheClassModels) {
 TEST(Fragment, CutsTheRegionIntoItsPieces) {
     // Two blocks separated by two unselected columns.
     auto selected = [](int, int c) { return c < 3 || c > 4; };
-    Built b = makeWS(4, 8, 1, [](int r, int c, int) { return r + c; }, selected);
+    Built b = makeWS(
+        4, 8, 1, [](int r, int c, int) { return r + c; }, selected);
     PottsEngine e(2, 0.0, 1.0, 0.0, false, 0.0, 0.0);
     int labels[2] = {10, 11};
     PottsWS** children = e.fragment(b.ws.get(), labels, 2);
@@ -271,8 +273,10 @@ namespace {
 // n blobs: quadrant-like vertical stripes with means far apart in three bands.
 Synthetic stripes(int rows, int cols, int n, double spacing, double noise, unsigned seed) {
     std::vector<std::vector<double>> means;
-    for (int k = 0; k < n; ++k) means.push_back({1000.0 + spacing * k, 1000.0 + spacing * ((k * 3) % n), 2000.0 - spacing * k});
-    return synthetic(rows, cols, means, [cols, n](int, int c) { return c * n / cols; }, noise, seed);
+    for (int k = 0; k < n; ++k)
+        means.push_back({1000.0 + spacing * k, 1000.0 + spacing * ((k * 3) % n), 2000.0 - spacing * k});
+    return synthetic(
+        rows, cols, means, [cols, n](int, int c) { return c * n / cols; }, noise, seed);
 }
 
 }  // namespace

@@ -31,7 +31,9 @@ bool regionAll(const PottsWS& ws, int label) {
 }
 
 // A one-row workspace of n pixels (one band, value 0).
-Built row(int n) { return makeWS(1, n, 1, [](int, int, int) { return 0; }); }
+Built row(int n) {
+    return makeWS(1, n, 1, [](int, int, int) { return 0; });
+}
 
 // K x n energy table.
 double** table(int k, int n, double value) {
@@ -285,7 +287,8 @@ TEST(KICM, MissingWorkspaceEndsTheProcess) {
     int labels[2] = {4, 5};
     double** means = newMatrix(2, 1);
     EXPECT_EXIT(e.kICM(means, labels), ::testing::ExitedWithCode(255), "kICMns --> currentContainer == NULL");
-    EXPECT_EXIT(e.kICM(means, labels, means), ::testing::ExitedWithCode(255), "kICMs --> currentContainer == NULL");
+    EXPECT_EXIT(e.kICM(means, labels, means), ::testing::ExitedWithCode(255),
+                "kICMs --> currentContainer == NULL");
     freeMatrix(means, 2);
 }
 
@@ -425,7 +428,8 @@ TEST(KICM, SweepsStopAfter151) {
 TEST(KICM, SingularClassCovarianceFailsWithoutSweeping) {
     // Class 0 (left half) has a constant first band and a varying second band:
     // its covariance has a zero row and cannot be inverted.
-    Built b = makeWS(4, 4, 2, [](int r, int c, int band) { return c < 2 ? (band == 0 ? 7 : r) : 50 + r * c + band; });
+    Built b = makeWS(4, 4, 2,
+                     [](int r, int c, int band) { return c < 2 ? (band == 0 ? 7 : r) : 50 + r * c + band; });
     PottsWS& ws = *b.ws;
     int labels[2] = {4, 5};
     for (int r = 0; r < 4; ++r)
@@ -466,7 +470,8 @@ double referenceScore(const PottsWS& ws, const int* labels, int k, double beta) 
                     if (v == labels[l]) ++b;
             }
         const int m = b - a;
-        g += a - (a * std::exp(beta * a) + m * std::exp(beta * m)) / (std::exp(beta * a) + std::exp(beta * m));
+        g +=
+            a - (a * std::exp(beta * a) + m * std::exp(beta * m)) / (std::exp(beta * a) + std::exp(beta * m));
     }
     return g;
 }

@@ -95,7 +95,7 @@ TEST(PottsLikelihoodEnergy, DescendantsReadTheirRootColumns) {
 TEST(PottsLikelihoodEnergy, WorkspacesAsClasses) {
     // Two workspaces, each its own Gaussian; columns are their pixels in order.
     Built a = makeWS(1, 2, 1, [](int, int c, int) { return c == 0 ? 0 : 2; });  // mean 1, variance 1
-    Built b = makeWS(1, 3, 1, [](int, int c, int) { return 10 + 3 * c; });     // mean 13, variance 6
+    Built b = makeWS(1, 3, 1, [](int, int c, int) { return 10 + 3 * c; });      // mean 13, variance 6
     PottsWS* wss[2] = {a.ws.get(), b.ws.get()};
     PottsLikelihoodEnergy table(wss, 2);
     ASSERT_EQ(table.nPixels, 5);
