@@ -191,20 +191,6 @@ void PottsMap::copyToAuxMap() {
     for (int r = 0; r < totalRows; ++r) std::memcpy(auxMap[r], map[r], sizeof(int) * totalCols);
 }
 
-int PottsMap::copyToAuxMapMax() {
-    const int totalRows = rows + 2 * pad, totalCols = cols + 2 * pad;
-    int top = -1;
-    for (int r = 0; r < totalRows; ++r) {
-        std::memcpy(auxMap[r], map[r], sizeof(int) * totalCols);
-        if (r < pad || r >= rows + pad) continue;
-        const int* row = map[r] + pad;
-        int m = top;
-        for (int c = 0; c < cols; ++c) m = std::max(m, row[c]);
-        top = m;
-    }
-    return top;
-}
-
 void PottsMap::copyToAuxMapRev() {
     // Transposed on purpose; only the square part common to both shapes is defined.
     const int totalRows = rows + 2 * pad, totalCols = cols + 2 * pad;

@@ -150,8 +150,4 @@ public:
     // (band 0, every inner cell is a point).
     void labelWithGT(char* gtFile, int ignore);
 
-protected:
-    // Largest inner label of the map, copying the map into the aux map in the same
-    // pass (frame included); used where both are needed on the whole plane.
-    int copyToAuxMapMax();
 };

@@ -290,8 +290,12 @@ int* PottsMapRegion::labels(int& n) const {
 
 run** PottsMapRegion::retrieveSubRuns(int& n, int*& subLabels, int*& counts) const {
     subLabels = labels(n);
-    const std::vector<int> index = indexTable(subLabels, n);
     counts = new int[n]();
+    return subRunsOf(subLabels, n, counts);
+}
+
+run** PottsMapRegion::subRunsOf(const int* subLabels, int n, int* counts) const {
+    const std::vector<int> index = indexTable(subLabels, n);
     // First pass counts the sub-runs of each label, the second writes them.
     for (int k = 0; k < runCount; ++k) {
         const int* cell = map[runs[k].row + pad] + runs[k].col + pad;
@@ -378,10 +382,8 @@ xy** PottsMapRegion::retrieveSubBorders(int& n, int*& subLabels, int*& counts) c
 PottsMapRegion* PottsMapRegion::split(int& n) {
     int* regionLabels = labels(n);
     copyToAuxMap();
-    int nRuns = 0;
-    int* runLabels = nullptr;
-    int* runCounts = nullptr;
-    run** subRuns = retrieveSubRuns(nRuns, runLabels, runCounts);  // same labels, same order
+    std::vector<int> runCounts(static_cast<size_t>(n), 0);
+    run** subRuns = subRunsOf(regionLabels, n, runCounts.data());
 
     PottsMapRegion* parts = n > 0 ? new PottsMapRegion[n] : nullptr;
     for (int j = 0; j < n; ++j) {
@@ -392,8 +394,6 @@ PottsMapRegion* PottsMapRegion::split(int& n) {
         if (runCounts[j] == 0) delete[] subRuns[j];
     }
     delete[] subRuns;
-    delete[] runLabels;
-    delete[] runCounts;
 
     const std::vector<int> index = indexTable(regionLabels, n);
     int nBorders = 0;
@@ -440,55 +440,106 @@ PottsMapRegion* PottsMapRegion::split(int& n) {
 
 int PottsMapRegion::fragmentOnAuxMap(int*& newLabels) {
     updateMargins(false);
-    // Largest label of the whole map, found while copying the map into the aux map.
-    const int largest = copyToAuxMapMax();
     newLabels = nullptr;
-    if (runCount == 0) return 0;
-
-    // Ring and box get a value above every run index, then run k gets k.
+    if (runCount == 0) {
+        copyToAuxMap();
+        return 0;
+    }
+    // One pass over the planes: the aux map becomes a copy of the map except in the
+    // bounding box enlarged by one, which gets a value above every run index; the
+    // largest label of the map (L) is found on the way.
     const int fillValue = runCount;
-    for (int r = minRow - 1; r <= maxRow + 1; ++r) {
-        int* row = auxMap[r + pad];
-        std::fill(row + minCol - 1 + pad, row + maxCol + 2 + pad, fillValue);
+    const int totalRows = rows + 2 * pad, totalCols = cols + 2 * pad;
+    const int boxTop = minRow - 1 + pad, boxBottom = maxRow + 1 + pad;
+    const int boxLeft = minCol - 1 + pad, boxRight = maxCol + 1 + pad;
+    int largest = -1;
+    for (int r = 0; r < totalRows; ++r) {
+        const int* from = map[r];
+        int* to = auxMap[r];
+        if (r < boxTop || r > boxBottom) {
+            std::memcpy(to, from, sizeof(int) * totalCols);
+        } else {
+            std::memcpy(to, from, sizeof(int) * boxLeft);
+            std::fill(to + boxLeft, to + boxRight + 1, fillValue);
+            std::memcpy(to + boxRight + 1, from + boxRight + 1, sizeof(int) * (totalCols - boxRight - 1));
+        }
+        if (r >= pad && r < rows + pad) {
+            int m = largest;
+            for (int c = pad; c < cols + pad; ++c) m = std::max(m, from[c]);
+            largest = m;
+        }
     }
     for (int k = 0; k < runCount; ++k) {
         int* cell = auxMap[runs[k].row + pad] + runs[k].col + pad;
         std::fill(cell, cell + runs[k].len, k);
     }
 
-    // Alternate forward and backward min-propagation passes until a round changes
-    // nothing.  A cell takes the minimum of its 3 x 3 neighbourhood; cells written
-    // earlier in the same pass are seen at once.
-    auto neighbourhoodMin = [](const int* up, const int* mid, const int* dn, int c) {
-        int m = std::min(std::min(up[c - 1], up[c]), std::min(up[c + 1], mid[c - 1]));
-        return std::min(m, std::min(std::min(mid[c + 1], dn[c - 1]), std::min(dn[c], dn[c + 1])));
+    // Runs of a large region are scattered over planes far larger than the caches:
+    // the rows a run needs are requested a few runs ahead.
+    constexpr int kAhead = 4;
+    auto prefetchRun = [this](const run& next) {
+        const int r = next.row + pad, c = next.col + pad;
+        __builtin_prefetch(auxMap[r - 1] + c);
+        __builtin_prefetch(auxMap[r] + c);
+        __builtin_prefetch(auxMap[r + 1] + c);
+        __builtin_prefetch(auxMap[r - 1] + c + next.len);
+        __builtin_prefetch(auxMap[r] + c + next.len);
+        __builtin_prefetch(auxMap[r + 1] + c + next.len);
     };
+
+    // Alternate forward and backward min-propagation passes until nothing changes.
+    // A cell takes the minimum of its 3 x 3 neighbourhood; cells written earlier in
+    // the same pass are seen at once.  A pass without change has checked every cell
+    // against its settled neighbourhood, so the values are final: stopping there
+    // gives what running out the round would.  While one run is visited only its
+    // own row changes, so the column minima of the rows above and below are taken
+    // once per cell and slid along the run.
     for (;;) {
         long long changes = 0;
         for (int k = 0; k < runCount; ++k) {
+            if (k + kAhead < runCount) prefetchRun(runs[k + kAhead]);
             const int r = runs[k].row + pad, c0 = runs[k].col + pad, c1 = c0 + runs[k].len;
             const int* up = auxMap[r - 1];
             int* mid = auxMap[r];
             const int* dn = auxMap[r + 1];
+            int vPrev = std::min(up[c0 - 1], dn[c0 - 1]);
+            int vCur = std::min(up[c0], dn[c0]);
+            int left = mid[c0 - 1];
             for (int c = c0; c < c1; ++c) {
-                const int m = neighbourhoodMin(up, mid, dn, c);
-                if (m < mid[c]) {
-                    mid[c] = m;
+                const int vNext = std::min(up[c + 1], dn[c + 1]);
+                const int m = std::min(std::min(std::min(vPrev, vCur), std::min(vNext, left)), mid[c + 1]);
+                int cur = mid[c];
+                if (m < cur) {
+                    mid[c] = cur = m;
                     ++changes;
                 }
+                left = cur;
+                vPrev = vCur;
+                vCur = vNext;
             }
         }
+        if (changes == 0) break;
+        changes = 0;
         for (int k = runCount - 1; k >= 0; --k) {
+            if (k - kAhead >= 0) prefetchRun(runs[k - kAhead]);
             const int r = runs[k].row + pad, c0 = runs[k].col + pad, c1 = c0 + runs[k].len;
             const int* up = auxMap[r - 1];
             int* mid = auxMap[r];
             const int* dn = auxMap[r + 1];
+            int vPrev = std::min(up[c1], dn[c1]);
+            int vCur = std::min(up[c1 - 1], dn[c1 - 1]);
+            int right = mid[c1];
             for (int c = c1 - 1; c >= c0; --c) {
-                const int m = neighbourhoodMin(up, mid, dn, c);
-                if (m < mid[c]) {
-                    mid[c] = m;
+                const int vNext = std::min(up[c - 1], dn[c - 1]);
+                const int m = std::min(std::min(std::min(vPrev, vCur), std::min(vNext, right)), mid[c - 1]);
+                int cur = mid[c];
+                if (m < cur) {
+                    mid[c] = cur = m;
                     ++changes;
                 }
+                right = cur;
+                vPrev = vCur;
+                vCur = vNext;
             }
         }
         if (changes == 0) break;

@@ -133,6 +133,9 @@ public:
     void ratioedNeighboursCount(int* labels, int n, double** ratios) const;
 
 private:
+    // Sub-runs for the given ascending labels (all labels under the runs); counts
+    // (n entries, zeroed by the caller) receives the number of runs per label.
+    run** subRunsOf(const int* labels, int n, int* counts) const;
     void freeLists();
     void copyDescription(const PottsMapRegion& source);
 };
