@@ -39,9 +39,11 @@ struct FatalCondition {
     std::string message;
 };
 
+#ifndef DHC_MEX_LITERAL_EXIT
 [[noreturn]] void throwFatal(int status, const std::string& message, dhc::FatalChannel) {
     throw FatalCondition{status, message};
 }
+#endif
 
 // Sends dhc::out() to the MATLAB/Octave console.
 class MexConsoleBuf : public std::streambuf {

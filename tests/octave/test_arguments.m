@@ -38,6 +38,15 @@ end
 dhc_expect_error(@() one_output(p, s), '', usage);
 
 % Rank assertions of the array readers.
+if dhc_literal_build()
+  % The literal build aborts the host process, as a failed C assertion does.
+  [status, output] = dhc_child_octave('[a, b, c] = dhc(DhcProblem(ones(8), ones(8, 8, 2)), dhc_test_settings());');
+  dhc_check(status == 134, 'abort ends the process with status 134, got %d', status);
+  dhc_check(~isempty(strfind(output, '../src/mex/mxGrip.h:')) && ...
+            ~isempty(strfind(output, 'Assertion `(nd == 2)'' failed.')), 'assertion text: %s', output);
+  printf('test_arguments: passed (literal exit)\n');
+  return;
+end
 dhc_expect_error(@() one_output(DhcProblem(ones(4, 4, 2, 2)), sf), 'dhc:assert', '(nd == 2 || nd == 3)');
 dhc_expect_error(@() three_outputs(DhcProblem(img, ones(8, 8, 2)), s), 'dhc:assert', '(nd == 2)');
 dhc_expect_error(@() three_outputs(DhcProblem(img, [], ones(8, 8, 2)), s), 'dhc:assert', '(nd == 2)');

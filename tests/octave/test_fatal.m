@@ -8,6 +8,16 @@ s = dhc_test_settings();
 s.unsupSet.blind = 1;
 s.unsupSet.blindSet.metric = 99;
 
+if dhc_literal_build()
+  % The literal build ends the host process with the status: -20 is 236.
+  [status, output] = dhc_child_octave(['s = dhc_test_settings(); s.unsupSet.blind = 1; ' ...
+                                       's.unsupSet.blindSet.metric = 99; ' ...
+                                       '[a, b, c] = dhc(DhcProblem(dhc_quadrants(12, 12, 2)), s);']);
+  dhc_check(status == 236, 'the process ends with status 236, got %d: %s', status, output);
+  printf('test_fatal: passed (literal exit)\n');
+  return;
+end
+
 % No blind limit is set, so "active" = 1 has no effect: the metric is used.
 s.unsupSet.blindSet.active = 1;
 for k = 1:3

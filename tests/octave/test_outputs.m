@@ -66,6 +66,16 @@ out = dhc(DhcProblem(img), sd);
 dhc_check(isempty(out.fragmentation), 'no fragmentation matrix with split-wise disconnection');
 dhc_check(all(out.segmentation(:) > 0), 'split-wise disconnection segments the frame');
 
+% Progress lines of the core reach the Octave console (evalc captures what
+% mexPrintf prints): with variable multiplicity the mean-shift estimate
+% reports its sample size, min(pixels, 3000) = 320, and the modes it found.
+sv = s;
+sv.unsupSet.variableMultiplicity = 1;
+console = evalc('[out, summary, reports] = dhc(DhcProblem(img), sv);');
+dhc_check(~isempty(strfind(console, 'N.L.P. = 320')), 'progress line on the console: [%s]', console);
+dhc_check(~isempty(strfind(console, 'Modes found:')), 'modes on the console: [%s]', console);
+dhc_check_tree(img, out.segmentation, summary, reports);
+
 % Plain structs are accepted in place of the objects.
 warning('off', 'Octave:classdef-to-struct');
 p = struct('data', img, 'initSeg', [], 'roi', [], 'gt', []);
