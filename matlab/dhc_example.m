@@ -21,16 +21,17 @@ end
 settings = DhcSettings();
 settings.unsupSet.classicSet.maxNumberOfClasses = 3;
 [out, summary, reports] = dhc(DhcProblem(img), settings);
-printf('%d classes, %d splits; split order: %s\n', summary.NClass, summary.NSplit, mat2str(summary.SplitOrder'));
+fprintf('%d classes, %d splits; split order: %s\n', summary.NClass, summary.NSplit, mat2str(summary.SplitOrder'));
 for i = 1:numel(reports)
   rep = reports(i);
-  printf('  region %d: depth %d, %d pixels, %d children, mean %s\n', rep.label, rep.depth, rep.area, ...
+  fprintf('  region %d: depth %d, %d pixels, %d children, mean %s\n', rep.label, rep.depth, rep.area, ...
          rep.nChildren, mat2str(rep.mi', 4));
 end
 
 % Only a region of interest: the pixels outside read 0.
 mask = double(c > 16);
-out2 = dhc(DhcProblem(img, [], mask), settings);
+[out2, ~, ~] = dhc(DhcProblem(img, [], mask), settings);
+fprintf('masked: %d pixels segmented, %d outside\n', nnz(out2.segmentation), nnz(out2.segmentation == 0));
 
 % Supervised: the classes of a ground truth, two of them grouped under one
 % inner node of the class structure.
@@ -41,7 +42,25 @@ sup.supSet.numberOfClasses = 3;
 sup.supSet.structureLevels = [1 2 2];
 sup.supSet.structurePaths = [0  1 0  1 1];
 [out3, summary3, reports3] = dhc(DhcProblem(img, [], [], gt), sup);
-printf('supervised: %d of %d pixels as in the ground truth\n', nnz(out3.segmentation == gt), numel(gt));
+fprintf('supervised: %d classes\n', summary3.NClass);
+
+% Fragmentation: connected pieces of the classes; such runs have one output.
+frag = settings;
+frag.fragmentation = 1;
+out4 = dhc(DhcProblem(img), frag);
+fprintf('fragmentation: %d fragments\n', numel(unique(out4.fragmentation)));
+
+% An unknown blind metric is a fatal condition of the core: it is raised as
+% an error whose identifier carries the status, and the session goes on.
+blind = settings;
+blind.unsupSet.blind = 1;
+blind.unsupSet.blindSet.metric = 42;
+try
+  [~, ~, ~] = dhc(DhcProblem(img), blind);
+catch err
+  fprintf('caught %s: %s\n', err.identifier, err.message);
+end
+fprintf('supervised: %d of %d pixels as in the ground truth\n', nnz(out3.segmentation == gt), numel(gt));
 
 if exist('OCTAVE_VERSION', 'builtin') == 0 || ~isempty(getenv('DISPLAY'))
   figure;
