@@ -48,9 +48,9 @@ PottsMapRegion* labelRegion(PottsMapRegion& full, int label) {
 }
 
 void perMegapixel(benchmark::State& state, int side) {
-    state.counters["sec/MP"] = benchmark::Counter(static_cast<double>(side) * side / 1e6,
-                                                  benchmark::Counter::kIsIterationInvariantRate |
-                                                      benchmark::Counter::kInvert);
+    state.counters["sec/MP"] =
+        benchmark::Counter(static_cast<double>(side) * side / 1e6,
+                           benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
 }
 
 // Pieces of one label (about 1/8 of the map in ~5,000 pieces at 4096^2).

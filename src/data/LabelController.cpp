@@ -9,7 +9,9 @@ LabelController::LabelController(int cap) : capacity(cap) {
     releaseAll();
 }
 
-LabelController::~LabelController() { delete[] used; }
+LabelController::~LabelController() {
+    delete[] used;
+}
 
 int LabelController::pick() {
     const int l = firstFree;

@@ -6,7 +6,7 @@
 #include <cstdint>
 
 class LabelController {
-public:
+  public:
     uint8_t* used = nullptr;  // owned; capacity + 1 bytes, used[l] = 1 when l is taken
     int firstFree = 1;        // lowest label believed free
     int maxUsed = 0;          // highest label taken

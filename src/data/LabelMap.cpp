@@ -12,7 +12,9 @@ LabelMap::LabelMap(int nRows, int nCols, int nPad, int frame, int innerValue, bo
             for (int c = 0; c < cols; ++c) map[r + pad][c + pad] = innerValue;
 }
 
-LabelMap::~LabelMap() { freePlanes(); }
+LabelMap::~LabelMap() {
+    freePlanes();
+}
 
 void LabelMap::freePlanes() {
     deletePaddedMap(map, rows, cols, pad);
@@ -50,7 +52,7 @@ namespace {
 // Union-find over run identifiers.  Joining runs of equal labels yields the same
 // partition as rewriting a class table on every join, in near-linear time.
 class RunClasses {
-public:
+  public:
     explicit RunClasses(size_t n) : parent_(n) { std::iota(parent_.begin(), parent_.end(), 0); }
     int find(int a) {
         while (parent_[a] != a) {
@@ -69,7 +71,7 @@ public:
             parent_[a] = b;
     }
 
-private:
+  private:
     std::vector<int> parent_;
 };
 
@@ -127,7 +129,8 @@ int** LabelMap::fragmentMap(int** input, int nRows, int nCols, int nPad, int& co
 }
 
 int** LabelMap::getFragmentedMap() {
-    if (fragmentedMap == nullptr) fragmentedMap = fragmentMap(map, rows, cols, pad, fragmentCount, eightConnected);
+    if (fragmentedMap == nullptr)
+        fragmentedMap = fragmentMap(map, rows, cols, pad, fragmentCount, eightConnected);
     int** copy = createPaddedMap(rows, cols, 0, -1, 0);
     for (int r = 0; r < rows; ++r)
         for (int c = 0; c < cols; ++c) copy[r][c] = fragmentedMap[r + pad][c + pad];

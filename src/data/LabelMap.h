@@ -3,7 +3,7 @@
 // the plane relabelled into connected fragments of equal labels.  Owns the
 // plane, the fragmented plane and the contour plane.
 class LabelMap {
-public:
+  public:
     int** map = nullptr;            // padded plane, (rows + 2 pad) x (cols + 2 pad)
     int** fragmentedMap = nullptr;  // padded, computed once by getFragmentedMap
     int** contourMap = nullptr;     // null until computed
@@ -32,12 +32,11 @@ public:
     // into fragments 1 .. count numbered by their first cell in raster order;
     // 8-connectivity when eightConnected, else 4.  The frame keeps the input's values
     // (the system uses -1); frame cells never join a fragment.
-    static int** fragmentMap(int** map, int rows, int cols, int pad, int& count,
-                             bool eightConnected);
+    static int** fragmentMap(int** map, int rows, int cols, int pad, int& count, bool eightConnected);
     // Fragments once, then returns a new unpadded rows x cols copy (delete[] each row,
     // then the row array).
     int** getFragmentedMap();
 
-private:
+  private:
     void freePlanes();
 };

@@ -29,7 +29,9 @@ T** newRows(int n, int width) {
 
 PottsData::PottsData() : root(new PottsMapRegion()) {}
 
-PottsData::PottsData(int label) : root(new PottsMapRegion()) { root->label = label; }
+PottsData::PottsData(int label) : root(new PottsMapRegion()) {
+    root->label = label;
+}
 
 PottsData::PottsData(ROI<int, xy>* source, int pad, int borderLabel, int label, int aux) {
     bands = source->bands;
@@ -38,7 +40,8 @@ PottsData::PottsData(ROI<int, xy>* source, int pad, int borderLabel, int label, 
     envelopeCount = loadedCount = source->count;
     coords = new xy[envelopeCount > 0 ? envelopeCount : 0];
     std::copy(source->coords, source->coords + envelopeCount, coords);
-    const size_t values = static_cast<size_t>(envelopeCount > 0 ? envelopeCount : 0) * (bands > 0 ? bands : 0);
+    const size_t values =
+        static_cast<size_t>(envelopeCount > 0 ? envelopeCount : 0) * (bands > 0 ? bands : 0);
     data = new int[values];
     std::copy(source->data, source->data + values, data);
     shuffle = source->order == 1;
@@ -266,7 +269,9 @@ double** PottsData::getLoadedPixelsAsDouble(int& n) {
     return out;
 }
 
-double** PottsData::getLoadedPixelsAsDouble2(int& n) { return getLoadedPixelsAsDouble(n); }
+double** PottsData::getLoadedPixelsAsDouble2(int& n) {
+    return getLoadedPixelsAsDouble(n);
+}
 
 double** PottsData::getLoadedPixelsCoord(int& n) {
     n = loadedCount;

@@ -24,25 +24,25 @@ template <typename T, typename C>
 struct ROI;
 
 class PottsData {
-public:
-    int* data = nullptr;              // owned; loadedCount x bands values
-    PottsMapRegion* root = nullptr;   // owned; the region of interest as a map region
-    int rows = 0;                     // image (or ROI box) height
-    int cols = 0;                     // image (or ROI box) width
+  public:
+    int* data = nullptr;             // owned; loadedCount x bands values
+    PottsMapRegion* root = nullptr;  // owned; the region of interest as a map region
+    int rows = 0;                    // image (or ROI box) height
+    int cols = 0;                    // image (or ROI box) width
     int bands = 0;
-    int envelopeCount = 0;            // entries of coords
-    int loadedCount = 0;              // first loadedCount entries of coords are loaded
-    bool rasterOrder = false;         // loaded pixels are the whole image in raster order
-    bool shuffle = false;             // coordinate list is (to be) in random order
-    xy* coords = nullptr;             // owned; envelopeCount entries
-    double* features = nullptr;       // owned; feature buffer (empty on the main path)
-    char** bandFiles = nullptr;       // owned; bands names of 80-character buffers
+    int envelopeCount = 0;       // entries of coords
+    int loadedCount = 0;         // first loadedCount entries of coords are loaded
+    bool rasterOrder = false;    // loaded pixels are the whole image in raster order
+    bool shuffle = false;        // coordinate list is (to be) in random order
+    xy* coords = nullptr;        // owned; envelopeCount entries
+    double* features = nullptr;  // owned; feature buffer (empty on the main path)
+    char** bandFiles = nullptr;  // owned; bands names of 80-character buffers
     std::string hrawFileName;
-    double* extra = nullptr;          // owned; further feature buffer (empty on the main path)
-    int cursor = 0;                   // scan position of the pixel-list getters
-    ROI<int, xy>* roi = nullptr;      // not owned; the ROI this cube was built from
-    int fromRoi = 0;                  // 1 when built from a ROI
-    bool ownsMaps = false;            // this object frees the root's planes (see above)
+    double* extra = nullptr;      // owned; further feature buffer (empty on the main path)
+    int cursor = 0;               // scan position of the pixel-list getters
+    ROI<int, xy>* roi = nullptr;  // not owned; the ROI this cube was built from
+    int fromRoi = 0;              // 1 when built from a ROI
+    bool ownsMaps = false;        // this object frees the root's planes (see above)
 
     PottsData();
     // As above; the root region's own label is set to label.
@@ -53,14 +53,13 @@ public:
     PottsData(ROI<int, xy>* roi, int pad, int borderLabel, int label, int aux);
     // Band files (headerless int32 rows x cols each); the root is the full image
     // with label aux; seeds the generator when shuffling.
-    PottsData(int rows, int cols, int bands, bool shuffle, float percentage, char** bandFiles,
-              int pad, int borderLabel, int aux);
-    // The same without names (set later with setFileNames).
-    PottsData(int rows, int cols, int bands, bool shuffle, float percentage, int pad,
+    PottsData(int rows, int cols, int bands, bool shuffle, float percentage, char** bandFiles, int pad,
               int borderLabel, int aux);
-    // hraw file; shuffling continues the generator's sequence (no reseeding).
-    PottsData(bool shuffle, float percentage, std::string hrawFile, int pad, int borderLabel,
+    // The same without names (set later with setFileNames).
+    PottsData(int rows, int cols, int bands, bool shuffle, float percentage, int pad, int borderLabel,
               int aux);
+    // hraw file; shuffling continues the generator's sequence (no reseeding).
+    PottsData(bool shuffle, float percentage, std::string hrawFile, int pad, int borderLabel, int aux);
     PottsData(const PottsData&) = delete;
     PottsData& operator=(const PottsData&) = delete;
     ~PottsData();
@@ -91,8 +90,8 @@ public:
     double** getLoadedPixelsCoord(int& n);
     // Coordinates standardised per axis: (v - mean) / standard deviation (population,
     // 1 when zero); the outputs are mean row, spread row, mean column, spread column.
-    double** getLoadedPixelsCoordNorm(int& n, double& meanRow, double& spreadRow,
-                                      double& meanCol, double& spreadCol);
+    double** getLoadedPixelsCoordNorm(int& n, double& meanRow, double& spreadRow, double& meanCol,
+                                      double& spreadCol);
     // While rasterOrder: new band vector of pixel (x, y); otherwise null.
     double* getPixelAsDouble(xy p) const;
     // Up to n pixel vectors, unmarked pixels first (then marked ones, flag 1 in the
@@ -109,7 +108,7 @@ public:
     // compact(n), then a new unpadded copy of the aux map.
     int** outputMap(bool copyToAux, bool doCompact, bool reverse, int n);
 
-private:
+  private:
     int bandFileCount = 0;  // entries of bandFiles
     void computeLoadedCount(float percentage);
     void shuffleCoords();

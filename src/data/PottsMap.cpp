@@ -62,7 +62,9 @@ PottsMap::PottsMap(int nRows, int nCols, int nPad, int border, int** init)
             if (cols > 0) std::memcpy(map[r + pad] + pad, init[r], sizeof(int) * cols);
 }
 
-PottsMap::PottsMap(const PottsMap& source) { setBasicItems(source); }
+PottsMap::PottsMap(const PottsMap& source) {
+    setBasicItems(source);
+}
 
 PottsMap::~PottsMap() = default;
 
@@ -199,9 +201,13 @@ void PottsMap::copyToAuxMapRev() {
         for (int j = 0; j < side; ++j) auxMap[i][j] = map[j][i];
 }
 
-int** PottsMap::outputAuxMap() const { return unpaddedCopy(auxMap, rows, cols, pad); }
+int** PottsMap::outputAuxMap() const {
+    return unpaddedCopy(auxMap, rows, cols, pad);
+}
 
-int** PottsMap::outputMap() const { return unpaddedCopy(map, rows, cols, pad); }
+int** PottsMap::outputMap() const {
+    return unpaddedCopy(map, rows, cols, pad);
+}
 
 int** PottsMap::outputMask(int label, bool onAux) const {
     int** plane = onAux ? auxMap : map;
@@ -306,9 +312,8 @@ void PottsMap::labelWithGT(ROI<int, xy>* gt, int ignore) {
             if (rowLeft[m] && (best < 0 || rowSum[m] > rowSum[best])) best = m;
         int bestCol = -1;
         for (int g = 0; g < nG; ++g)
-            if (colLeft[g] &&
-                (bestCol < 0 || table[static_cast<size_t>(best) * nG + g] >
-                                    table[static_cast<size_t>(best) * nG + bestCol]))
+            if (colLeft[g] && (bestCol < 0 || table[static_cast<size_t>(best) * nG + g] >
+                                                  table[static_cast<size_t>(best) * nG + bestCol]))
                 bestCol = g;
         paired[best] = 1;
         pairOf[best] = gList[bestCol];

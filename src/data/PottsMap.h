@@ -22,7 +22,7 @@ template <typename T, typename C>
 struct ROI;
 
 class PottsMap {
-public:
+  public:
     int** map = nullptr;     // label plane, shared, see the ownership note above
     int** auxMap = nullptr;  // scratch/output plane, same shape, shared
     int rows = 0;            // inner height
@@ -56,8 +56,8 @@ public:
         const int* up = map[r + pad - 1] + c + pad;
         const int* mid = map[r + pad] + c + pad;
         const int* dn = map[r + pad + 1] + c + pad;
-        return up[-1] == label || up[0] == label || up[1] == label || mid[-1] == label ||
-               mid[1] == label || dn[-1] == label || dn[0] == label || dn[1] == label;
+        return up[-1] == label || up[0] == label || up[1] == label || mid[-1] == label || mid[1] == label ||
+               dn[-1] == label || dn[0] == label || dn[1] == label;
     }
     bool isNearBorder(int r, int c) const { return isNear(r, c, borderLabel); }
     // Number (0..8) of the 8 neighbours of (r, c) whose label equals label or other.
@@ -149,5 +149,4 @@ public:
     // The same with the ground truth read from an hraw file covering the map
     // (band 0, every inner cell is a point).
     void labelWithGT(char* gtFile, int ignore);
-
 };

@@ -24,7 +24,7 @@ xy makeXY(int r, int c) {
 
 // Presence table of non-negative labels that grows as larger labels appear.
 class LabelSet {
-public:
+  public:
     void add(int l) {
         if (static_cast<size_t>(l) >= present_.size())
             present_.resize(std::max(static_cast<size_t>(l) + 1, present_.size() * 2), 0);
@@ -40,7 +40,7 @@ public:
         return out;
     }
 
-private:
+  private:
     std::vector<uint8_t> present_ = std::vector<uint8_t>(16, 0);
 };
 
@@ -54,7 +54,9 @@ std::vector<int> indexTable(const int* labels, int n) {
 
 }  // namespace
 
-PottsMapRegion::PottsMapRegion() { empty(); }
+PottsMapRegion::PottsMapRegion() {
+    empty();
+}
 
 PottsMapRegion::PottsMapRegion(int nRows, int nCols, int nPad, int frameLabel, int regionLabel, int** init)
     : PottsMap(nRows, nCols, nPad, frameLabel, init), label(regionLabel) {
@@ -72,7 +74,9 @@ PottsMapRegion::PottsMapRegion(const PottsMapRegion& source, int regionLabel) : 
     reset();
 }
 
-PottsMapRegion::~PottsMapRegion() { freeLists(); }
+PottsMapRegion::~PottsMapRegion() {
+    freeLists();
+}
 
 void PottsMapRegion::freeLists() {
     delete[] runs;
@@ -228,7 +232,9 @@ void PottsMapRegion::updateMargins(bool fromLists) {
     maxCol = c1;
 }
 
-void PottsMapRegion::resetScan() { scanRun = scanOffset = 0; }
+void PottsMapRegion::resetScan() {
+    scanRun = scanOffset = 0;
+}
 
 bool PottsMapRegion::nextElement() {
     if (scanRun >= runCount) return false;
@@ -265,7 +271,9 @@ int PottsMapRegion::uc_contour(int l) const {
     return uc(p.x, p.y, l, true);
 }
 
-void PottsMapRegion::mapRefresh(int l, bool onAux) { refresh(runs, runCount, l, onAux); }
+void PottsMapRegion::mapRefresh(int l, bool onAux) {
+    refresh(runs, runCount, l, onAux);
+}
 
 void PottsMapRegion::mapRestore() {
     for (int k = 0; k < runCount; ++k) {

@@ -21,20 +21,20 @@
 #include "data/xy.h"
 
 class PottsMapRegion : public PottsMap {
-public:
-    int label = 0;          // the region's label in the map
-    int area = 0;           // number of pixels = sum of the run lengths
-    int minCol = 0;         // margins: inclusive bounding box, inner coordinates
+  public:
+    int label = 0;   // the region's label in the map
+    int area = 0;    // number of pixels = sum of the run lengths
+    int minCol = 0;  // margins: inclusive bounding box, inner coordinates
     int maxCol = 0;
     int minRow = 0;
     int maxRow = 0;
-    run* runs = nullptr;    // owned; maximal runs in raster order
+    run* runs = nullptr;  // owned; maximal runs in raster order
     int runCount = 0;
     xy* contour = nullptr;  // owned; contour pixels (x = row, y = column)
     int contourCount = 0;
-    xy* border = nullptr;   // owned; border pixels
+    xy* border = nullptr;  // owned; border pixels
     int borderCount = 0;
-    int scanRun = 0;        // pixel scan cursor: run index and offset inside it
+    int scanRun = 0;  // pixel scan cursor: run index and offset inside it
     int scanOffset = 0;
     int contourCursor = 0;
     int borderCursor = 0;
@@ -132,7 +132,7 @@ public:
     // pixels of the runs; all zero for an empty region).
     void ratioedNeighboursCount(int* labels, int n, double** ratios) const;
 
-private:
+  private:
     // Sub-runs for the given ascending labels (all labels under the runs); counts
     // (n entries, zeroed by the caller) receives the number of runs per label.
     run** subRunsOf(const int* labels, int n, int* counts) const;

@@ -93,7 +93,8 @@ TEST(LabelMap, FragmentMapMatchesFloodFillAndLeavesItsInputAlone) {
         int count = 0;
         int** f = LabelMap::fragmentMap(lm.map, rows, cols, 1, count, eight);
         int expectedCount = 0;
-        EXPECT_EQ(innerOf(f, rows, cols, 1), referenceFragments(g, eight, expectedCount)) << "trial " << trial;
+        EXPECT_EQ(innerOf(f, rows, cols, 1), referenceFragments(g, eight, expectedCount))
+            << "trial " << trial;
         EXPECT_EQ(count, expectedCount);
         EXPECT_EQ(f[0][0], -1);
         EXPECT_EQ(innerOf(lm.map, rows, cols, 1), g);

@@ -22,8 +22,12 @@ inline Grid innerOf(int** plane, int rows, int cols, int pad) {
     return g;
 }
 
-inline Grid mapOf(const PottsMap& m) { return innerOf(m.map, m.rows, m.cols, m.pad); }
-inline Grid auxOf(const PottsMap& m) { return innerOf(m.auxMap, m.rows, m.cols, m.pad); }
+inline Grid mapOf(const PottsMap& m) {
+    return innerOf(m.map, m.rows, m.cols, m.pad);
+}
+inline Grid auxOf(const PottsMap& m) {
+    return innerOf(m.auxMap, m.rows, m.cols, m.pad);
+}
 
 inline void freeRows(int** rows, int n) {
     for (int r = 0; r < n; ++r) delete[] rows[r];

@@ -20,7 +20,9 @@ std::string tmpPath(const std::string& name) {
 }
 
 // Value of band b at (r, c) in the test images: distinct for every cell and band.
-int valueAt(int b, int r, int c) { return 1000 * b + 10 * r + c; }
+int valueAt(int b, int r, int c) {
+    return 1000 * b + 10 * r + c;
+}
 
 std::string writeHraw(const std::string& name, int bands, int rows, int cols) {
     int*** cube = ImageFile<int>::newCube(bands, rows, cols);
@@ -55,7 +57,8 @@ std::vector<std::pair<int, int>> coordsOf(const PottsData& d) {
 void expectValuesMatchCoords(const PottsData& d) {
     for (int i = 0; i < d.loadedCount; ++i)
         for (int b = 0; b < d.bands; ++b)
-            ASSERT_EQ(d.data[i * d.bands + b], valueAt(b, d.coords[i].x, d.coords[i].y)) << i << " band " << b;
+            ASSERT_EQ(d.data[i * d.bands + b], valueAt(b, d.coords[i].x, d.coords[i].y))
+                << i << " band " << b;
 }
 
 ROI<int, xy>* pointsRoi(const std::vector<std::pair<int, int>>& points, int height, int width) {
@@ -79,7 +82,8 @@ ROI<int, xy>* pointsRoi(const std::vector<std::pair<int, int>>& points, int heig
 }  // namespace
 
 TEST(PottsData, LoadedCountFollowsThePercentageInFloat) {
-    const std::vector<std::pair<float, int>> cases = {{100.0f, 7}, {150.0f, 7}, {0.0f, 0}, {-3.0f, 0}, {50.0f, 3}};
+    const std::vector<std::pair<float, int>> cases = {
+        {100.0f, 7}, {150.0f, 7}, {0.0f, 0}, {-3.0f, 0}, {50.0f, 3}};
     for (auto [percentage, expected] : cases) {
         PottsData d(1, 7, 1, false, percentage, 1, -1, 2);
         EXPECT_EQ(d.envelopeCount, 7);

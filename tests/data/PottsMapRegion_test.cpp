@@ -98,8 +98,8 @@ TEST(PottsMapRegion, FullImageRegionOfThreeByFour) {
 
 TEST(PottsMapRegion, RunsAreMaximalInRasterOrder) {
     OwnedRegion reg({{1, 1, 0, 1}, {0, 0, 0, 0}, {1, 0, 1, 1}, {0, 1, 1, 1}}, 1);
-    EXPECT_EQ(runsOf(reg->runs, reg->runCount),
-              (std::vector<std::tuple<int, int, int>>{{0, 0, 2}, {0, 3, 1}, {2, 0, 1}, {2, 2, 2}, {3, 1, 3}}));
+    EXPECT_EQ(runsOf(reg->runs, reg->runCount), (std::vector<std::tuple<int, int, int>>{
+                                                    {0, 0, 2}, {0, 3, 1}, {2, 0, 1}, {2, 2, 2}, {3, 1, 3}}));
     EXPECT_EQ(reg->area, 9);
     EXPECT_EQ(reg->minRow, 0);
     EXPECT_EQ(reg->maxRow, 3);
@@ -192,8 +192,10 @@ TEST(PottsMapRegion, SubRunsAndSubBordersPerLabel) {
     ASSERT_EQ(n, 2);
     EXPECT_EQ(labels[0], 2);
     EXPECT_EQ(labels[1], 3);
-    EXPECT_EQ(runsOf(sub[0], counts[0]), (std::vector<std::tuple<int, int, int>>{{0, 0, 2}, {1, 0, 2}, {2, 0, 3}}));
-    EXPECT_EQ(runsOf(sub[1], counts[1]), (std::vector<std::tuple<int, int, int>>{{0, 2, 2}, {1, 2, 2}, {2, 3, 1}}));
+    EXPECT_EQ(runsOf(sub[0], counts[0]),
+              (std::vector<std::tuple<int, int, int>>{{0, 0, 2}, {1, 0, 2}, {2, 0, 3}}));
+    EXPECT_EQ(runsOf(sub[1], counts[1]),
+              (std::vector<std::tuple<int, int, int>>{{0, 2, 2}, {1, 2, 2}, {2, 3, 1}}));
     EXPECT_TRUE(full.checkRetrieveSubRuns(n, labels, counts, sub));
     sub[1][2].col = 2;  // now claims a cell of label 2 and overlaps
     EXPECT_FALSE(full.checkRetrieveSubRuns(n, labels, counts, sub));
@@ -232,8 +234,10 @@ TEST(PottsMapRegion, SplitGivesRegionsWithRunsContoursBordersAndAreas) {
     EXPECT_EQ(a.label, 2);
     EXPECT_EQ(b.label, 3);
     EXPECT_EQ(a.map, full.map);
-    EXPECT_EQ(runsOf(a.runs, a.runCount), (std::vector<std::tuple<int, int, int>>{{0, 0, 2}, {1, 0, 2}, {2, 0, 3}}));
-    EXPECT_EQ(runsOf(b.runs, b.runCount), (std::vector<std::tuple<int, int, int>>{{0, 2, 2}, {1, 2, 2}, {2, 3, 1}}));
+    EXPECT_EQ(runsOf(a.runs, a.runCount),
+              (std::vector<std::tuple<int, int, int>>{{0, 0, 2}, {1, 0, 2}, {2, 0, 3}}));
+    EXPECT_EQ(runsOf(b.runs, b.runCount),
+              (std::vector<std::tuple<int, int, int>>{{0, 2, 2}, {1, 2, 2}, {2, 3, 1}}));
     EXPECT_EQ(a.area, 7);
     EXPECT_EQ(b.area, 5);
     EXPECT_EQ(std::make_tuple(a.minCol, a.maxCol, a.minRow, a.maxRow), std::make_tuple(0, 2, 0, 2));
@@ -272,7 +276,8 @@ TEST(PottsMapRegion, SplitKeepsSeveralRunsPerRowApart) {
     ASSERT_EQ(n, 2);
     EXPECT_EQ(runsOf(parts[0].runs, parts[0].runCount),
               (std::vector<std::tuple<int, int, int>>{{0, 0, 1}, {0, 2, 3}, {1, 0, 3}, {1, 4, 1}}));
-    EXPECT_EQ(runsOf(parts[1].runs, parts[1].runCount), (std::vector<std::tuple<int, int, int>>{{0, 1, 1}, {1, 3, 1}}));
+    EXPECT_EQ(runsOf(parts[1].runs, parts[1].runCount),
+              (std::vector<std::tuple<int, int, int>>{{0, 1, 1}, {1, 3, 1}}));
     EXPECT_EQ(parts[0].area + parts[1].area, 10);
     EXPECT_EQ(std::make_tuple(parts[1].minCol, parts[1].maxCol, parts[1].minRow, parts[1].maxRow),
               std::make_tuple(1, 3, 0, 1));
@@ -304,10 +309,7 @@ TEST(PottsMapRegion, CornerTouchingPixelsFormOnePiece) {
 
 TEST(PottsMapRegion, TwoBlobsAreLabelledAfterTheLargestLabelInRasterOrder) {
     // Largest label 7.  The blob of label 3 at the top right starts first.
-    Grid g = {{0, 0, 0, 0, 3, 3},
-              {0, 7, 0, 0, 3, 0},
-              {3, 3, 0, 0, 0, 0},
-              {3, 0, 0, 0, 0, 0}};
+    Grid g = {{0, 0, 0, 0, 3, 3}, {0, 7, 0, 0, 3, 0}, {3, 3, 0, 0, 0, 0}, {3, 0, 0, 0, 0, 0}};
     OwnedRegion reg(g, 3);
     int* labels = nullptr;
     EXPECT_EQ(reg->fragmentOnAuxMap(labels), 2);
@@ -320,9 +322,9 @@ TEST(PottsMapRegion, TwoBlobsAreLabelledAfterTheLargestLabelInRasterOrder) {
     EXPECT_EQ(reg->auxMap[3][2], 9);
     EXPECT_EQ(reg->auxMap[4][1], 9);
     // The box enlarged by one holds runCount (4 runs) off the region; beyond it the map copy.
-    EXPECT_EQ(reg->auxMap[2][2], 4);   // the 7 inside the box
-    EXPECT_EQ(reg->auxMap[0][0], 4);   // frame cell in the ring
-    EXPECT_EQ(reg->map[2][2], 7);      // the map is untouched
+    EXPECT_EQ(reg->auxMap[2][2], 4);  // the 7 inside the box
+    EXPECT_EQ(reg->auxMap[0][0], 4);  // frame cell in the ring
+    EXPECT_EQ(reg->map[2][2], 7);     // the map is untouched
     EXPECT_EQ(reg->map[1][5], 3);
 
     int n = 0;
@@ -339,9 +341,7 @@ TEST(PottsMapRegion, TwoBlobsAreLabelledAfterTheLargestLabelInRasterOrder) {
 TEST(PottsMapRegion, PiecesReachedOnlyThroughLaterRowsNeedTheBackwardPass) {
     // A U whose right arm is its own first run in row 0 (run 1) but joins run 0
     // only through the bottom row; a separate dot follows.
-    Grid g = {{4, 0, 0, 0, 4, 0, 0},
-              {4, 0, 0, 0, 4, 0, 4},
-              {0, 4, 4, 4, 0, 0, 0}};
+    Grid g = {{4, 0, 0, 0, 4, 0, 0}, {4, 0, 0, 0, 4, 0, 4}, {0, 4, 4, 4, 0, 0, 0}};
     OwnedRegion reg(g, 4);
     EXPECT_EQ(reg->fragmentOnAuxMap(), 2);
     EXPECT_EQ(auxOf(*reg.r)[0][4], 5);
