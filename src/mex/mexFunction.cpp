@@ -8,12 +8,14 @@
 // error is raised.  With DHC_MEX_LITERAL_EXIT a fatal condition ends the host
 // process with its status instead.
 
+#include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <new>
 #include <ostream>
 #include <streambuf>
 #include <string>
+#include <vector>
 
 #include "data/ROI.h"
 #include "driver/DHC.h"
@@ -191,6 +193,14 @@ IntMatrix readFrameMap(const mxArray* problem, const char* name, int rows, int c
     return m;
 }
 
+int distinctNonZero(const IntRoi& labels) {
+    std::vector<int> v;
+    for (int k = 0; k < labels.count; ++k)
+        if (labels.data[k] != 0) v.push_back(labels.data[k]);
+    std::sort(v.begin(), v.end());
+    return static_cast<int>(std::unique(v.begin(), v.end()) - v.begin());
+}
+
 // n x 1 double column (empty for n = 0) from n values.
 template <typename T>
 mxArray* column(const T* values, int n) {
@@ -331,7 +341,18 @@ void run(int nlhs, mxArray* plhs[], const mxArray* problem, const mxArray* setti
     const std::unique_ptr<IntRoi> roi(buildRoi(rows, cols, bands, cube.get(), mask.get(), 1, true));
     const std::unique_ptr<IntRoi> initLabels(roi->extractLabROI(initSeg.get(), 0, true));
     std::unique_ptr<IntRoi> gtRoi;
-    if (supervised) gtRoi.reset(roi->extractLabROI(gt.get(), 0, true));
+    if (supervised) {
+        gtRoi.reset(roi->extractLabROI(gt.get(), 0, true));
+        // The class models are indexed by the ground truth's classes: any
+        // other count makes the core read past its models.
+        const int classes = distinctNonZero(*gtRoi);
+        if (classes != settings->numberOfClasses)
+            throw MxError("dhc:badGroundTruth",
+                          "\"gt\" holds " + std::to_string(classes) + (classes == 1 ? " class" : " classes") +
+                              " (distinct non-zero labels) in the region of interest, but "
+                              "numberOfClasses is " +
+                              std::to_string(settings->numberOfClasses));
+    }
     cube.reset();
     mask.reset();
     initSeg.reset();

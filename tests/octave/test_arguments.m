@@ -65,6 +65,20 @@ dhc_expect_error(@() three_outputs(DhcProblem(img, [], ones(9, 8)), s), 'dhc:siz
 sup.supSet.structureLevels = [1 1];
 dhc_expect_error(@() three_outputs(DhcProblem(img, [], [], ones(8, 9)), sup), 'dhc:sizeMismatch', '"gt"');
 dhc_expect_error(@() three_outputs(DhcProblem(img), sup), 'dhc:missingProperty', '"gt"');
+% The ground truth must hold numberOfClasses classes (its non-zero labels),
+% more or fewer would make the core read past its class models.
+[~, truth] = dhc_quadrants(8, 8, 2);
+dhc_expect_error(@() three_outputs(DhcProblem(img, [], [], truth), sup), 'dhc:badGroundTruth', ...
+                 '"gt" holds 4 classes');
+dhc_expect_error(@() three_outputs(DhcProblem(img, [], [], ones(8)), sup), 'dhc:badGroundTruth', ...
+                 'numberOfClasses is 2');
+% Unlabelled (0) pixels are not a class; a mask can leave a class out.
+gt2 = 1 + (truth > 2);
+gt2(1, :) = 0;
+[out, ~, ~] = dhc(DhcProblem(img, [], [], gt2), sup);
+dhc_check(all(out.segmentation(:) > 0), 'two classes and unlabelled pixels');
+mask = double(truth <= 2);
+dhc_expect_error(@() three_outputs(DhcProblem(img, [], mask, gt2), sup), 'dhc:badGroundTruth', 'holds 1 class (');
 sup.supSet.structurePaths = 0;
 dhc_expect_error(@() three_outputs(DhcProblem(img, [], [], ones(8)), sup), 'dhc:badStructure');
 dhc_expect_error(@() three_outputs(DhcProblem([]), s), 'dhc:badProperty', '"data"');
