@@ -517,6 +517,9 @@ PottsWS** PottsEngine::makeChildren(PottsWS* w, int* labels, int k, bool altGain
     PottsWS** children = nullptr;
     w->split(labels, k, children, true);
     w->splitGain = altGain ? splitGain(w, k, children, threshold) : splitGain(w, k, children);
+    // The Potts split is the method that made this split, so its gain is the
+    // primary one; the report files it as the MRF gain.
+    w->primaryGain = w->splitGain;
     ws = nullptr;
     return children;
 }

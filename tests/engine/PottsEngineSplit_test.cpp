@@ -57,6 +57,7 @@ TEST(UnsupervisedSplit, RecoversRectangles) {
         EXPECT_EQ(e.ws, nullptr);
         EXPECT_GE(agreement(ws, s), 0.99) << "K = " << k;
         EXPECT_GT(ws.splitGain, 0.0);
+        EXPECT_EQ(ws.primaryGain, ws.splitGain);  // reported as the MRF gain
         EXPECT_GE(ws.beta, 0.0);
         EXPECT_LE(ws.beta, 2.0);
         EXPECT_EQ(totalArea(children, k), 1600);

@@ -103,7 +103,7 @@ std::string block(const Node& n, const std::vector<int>& offspring) {
         s << "Beta = " << kBeta << ";\n";
         s << "Edges = " << kEdges << ";\n";
         s << "TextureBased = 0;\n";
-        s << "SplitGain_MRF = -1;\n";  // no method-specific gain is set by this split
+        s << "SplitGain_MRF = " << n.gain << ";\n";  // the Potts split is the primary method
         s << "MixtureSplitGain_TFR = 0;\n";
         s << "SplitGain_TFR = " << n.gain << ";\n";
         s << "ChAreas = [";

@@ -1,0 +1,16 @@
+#pragma once
+// Helpers shared by the test programs.
+
+#include <cstdlib>
+#include <string>
+
+namespace dhc::test {
+
+// A path for a scratch file: in the directory CTest names (DHC_TEST_TMP), else
+// the current directory, so runs from the build tree never litter the sources.
+inline std::string tmpPath(const std::string& name) {
+    const char* dir = std::getenv("DHC_TEST_TMP");
+    return std::string(dir != nullptr ? dir : ".") + "/" + name;
+}
+
+}  // namespace dhc::test
