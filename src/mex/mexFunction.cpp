@@ -179,12 +179,14 @@ private:
 };
 
 // Reads an optional R x C map of the problem; empty when absent or empty.
+// The map is read (and its rank asserted) even when it has no elements.
 IntMatrix readFrameMap(const mxArray* problem, const char* name, int rows, int cols) {
     const MxValue value = mxNumericProperty(problem, name);
-    if (value.empty()) return IntMatrix();
+    if (!value) return IntMatrix();
     int r = 0, c = 0;
     int** rowsRead = readMxMatrix<int>(value.get(), r, c);  // sets r before the owner takes it
     IntMatrix m(rowsRead, r);
+    if (value.empty()) return IntMatrix();
     // The core addresses every map at the data's R x C frame without bounds.
     if (r != rows || c != cols)
         throw MxError("dhc:sizeMismatch", std::string("\"") + name + "\" is " + std::to_string(r) + "x" +

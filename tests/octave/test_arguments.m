@@ -50,6 +50,8 @@ end
 dhc_expect_error(@() one_output(DhcProblem(ones(4, 4, 2, 2)), sf), 'dhc:assert', '(nd == 2 || nd == 3)');
 dhc_expect_error(@() three_outputs(DhcProblem(img, ones(8, 8, 2)), s), 'dhc:assert', '(nd == 2)');
 dhc_expect_error(@() three_outputs(DhcProblem(img, [], ones(8, 8, 2)), s), 'dhc:assert', '(nd == 2)');
+% An empty map is read too, so an empty array of three dimensions fails.
+dhc_expect_error(@() three_outputs(DhcProblem(img, zeros(0, 0, 2)), s), 'dhc:assert', '(nd == 2)');
 e = dhc_expect_error(@() three_outputs(DhcProblem(img, [], ones(8, 8, 2)), s), 'dhc:assert', '../src/mex/mxGrip.h:');
 dhc_check(~isempty(strfind(e.message, 'Assertion `(nd == 2)'' failed.')), 'assertion text: %s', e.message);
 sup = s;
