@@ -22,15 +22,12 @@ dhc_expect_error(@() four_outputs(p, s), '', usage);
 
 % The tree outputs exist exactly when there is no fragmentation and, in
 % unsupervised runs, no split-wise disconnection.
-function three_outputs(p, s)
-  [a, b, c] = dhc(p, s);
-end
 sf = s;
 sf.fragmentation = 1;
-dhc_expect_error(@() three_outputs(p, sf), '', usage);
+dhc_expect_error(@() dhc_three(p, sf), '', usage);
 sd = s;
 sd.unsupSet.splitwiseDisconnect = 1;
-dhc_expect_error(@() three_outputs(p, sd), '', usage);
+dhc_expect_error(@() dhc_three(p, sd), '', usage);
 % ... and a run that has them must ask for them.
 function one_output(p, s)
   a = dhc(p, s);
@@ -48,31 +45,31 @@ if dhc_literal_build()
   return;
 end
 dhc_expect_error(@() one_output(DhcProblem(ones(4, 4, 2, 2)), sf), 'dhc:assert', '(nd == 2 || nd == 3)');
-dhc_expect_error(@() three_outputs(DhcProblem(img, ones(8, 8, 2)), s), 'dhc:assert', '(nd == 2)');
-dhc_expect_error(@() three_outputs(DhcProblem(img, [], ones(8, 8, 2)), s), 'dhc:assert', '(nd == 2)');
+dhc_expect_error(@() dhc_three(DhcProblem(img, ones(8, 8, 2)), s), 'dhc:assert', '(nd == 2)');
+dhc_expect_error(@() dhc_three(DhcProblem(img, [], ones(8, 8, 2)), s), 'dhc:assert', '(nd == 2)');
 % An empty map is read too, so an empty array of three dimensions fails.
-dhc_expect_error(@() three_outputs(DhcProblem(img, zeros(0, 0, 2)), s), 'dhc:assert', '(nd == 2)');
-e = dhc_expect_error(@() three_outputs(DhcProblem(img, [], ones(8, 8, 2)), s), 'dhc:assert', '../src/mex/mxGrip.h:');
+dhc_expect_error(@() dhc_three(DhcProblem(img, zeros(0, 0, 2)), s), 'dhc:assert', '(nd == 2)');
+e = dhc_expect_error(@() dhc_three(DhcProblem(img, [], ones(8, 8, 2)), s), 'dhc:assert', '../src/mex/mxGrip.h:');
 dhc_check(~isempty(strfind(e.message, 'Assertion `(nd == 2)'' failed.')), 'assertion text: %s', e.message);
 sup = s;
 sup.supervisedMode = 1;
 sup.supSet.numberOfClasses = 2;
 sup.supSet.structureLevels = [1 1; 1 1];
 sup.supSet.structurePaths = [0 1];
-dhc_expect_error(@() three_outputs(DhcProblem(img, [], [], ones(8)), sup), 'dhc:assert', '(dim[0] == 1 || dim[1] == 1)');
+dhc_expect_error(@() dhc_three(DhcProblem(img, [], [], ones(8)), sup), 'dhc:assert', '(dim[0] == 1 || dim[1] == 1)');
 
 % Inputs the core would address out of bounds are refused.
-dhc_expect_error(@() three_outputs(DhcProblem(img, ones(8, 7)), s), 'dhc:sizeMismatch', '"initSeg"');
-dhc_expect_error(@() three_outputs(DhcProblem(img, [], ones(9, 8)), s), 'dhc:sizeMismatch', '"roi"');
+dhc_expect_error(@() dhc_three(DhcProblem(img, ones(8, 7)), s), 'dhc:sizeMismatch', '"initSeg"');
+dhc_expect_error(@() dhc_three(DhcProblem(img, [], ones(9, 8)), s), 'dhc:sizeMismatch', '"roi"');
 sup.supSet.structureLevels = [1 1];
-dhc_expect_error(@() three_outputs(DhcProblem(img, [], [], ones(8, 9)), sup), 'dhc:sizeMismatch', '"gt"');
-dhc_expect_error(@() three_outputs(DhcProblem(img), sup), 'dhc:missingProperty', '"gt"');
+dhc_expect_error(@() dhc_three(DhcProblem(img, [], [], ones(8, 9)), sup), 'dhc:sizeMismatch', '"gt"');
+dhc_expect_error(@() dhc_three(DhcProblem(img), sup), 'dhc:missingProperty', '"gt"');
 % The ground truth must hold numberOfClasses classes (its non-zero labels),
 % more or fewer would make the core read past its class models.
 [~, truth] = dhc_quadrants(8, 8, 2);
-dhc_expect_error(@() three_outputs(DhcProblem(img, [], [], truth), sup), 'dhc:badGroundTruth', ...
+dhc_expect_error(@() dhc_three(DhcProblem(img, [], [], truth), sup), 'dhc:badGroundTruth', ...
                  '"gt" holds 4 classes');
-dhc_expect_error(@() three_outputs(DhcProblem(img, [], [], ones(8)), sup), 'dhc:badGroundTruth', ...
+dhc_expect_error(@() dhc_three(DhcProblem(img, [], [], ones(8)), sup), 'dhc:badGroundTruth', ...
                  'numberOfClasses is 2');
 % Unlabelled (0) pixels are not a class; a mask can leave a class out.
 gt2 = 1 + (truth > 2);
@@ -80,18 +77,18 @@ gt2(1, :) = 0;
 [out, ~, ~] = dhc(DhcProblem(img, [], [], gt2), sup);
 dhc_check(all(out.segmentation(:) > 0), 'two classes and unlabelled pixels');
 mask = double(truth <= 2);
-dhc_expect_error(@() three_outputs(DhcProblem(img, [], mask, gt2), sup), 'dhc:badGroundTruth', 'holds 1 class (');
+dhc_expect_error(@() dhc_three(DhcProblem(img, [], mask, gt2), sup), 'dhc:badGroundTruth', 'holds 1 class (');
 sup.supSet.structurePaths = 0;
-dhc_expect_error(@() three_outputs(DhcProblem(img, [], [], ones(8)), sup), 'dhc:badStructure');
-dhc_expect_error(@() three_outputs(DhcProblem([]), s), 'dhc:badProperty', '"data"');
-dhc_expect_error(@() three_outputs(struct('initSeg', []), s), 'dhc:missingProperty', '"data"');
-dhc_expect_error(@() three_outputs(p, struct('supervisedMode', 0)), 'dhc:missingProperty', '"unsupSet"');
+dhc_expect_error(@() dhc_three(DhcProblem(img, [], [], ones(8)), sup), 'dhc:badStructure');
+dhc_expect_error(@() dhc_three(DhcProblem([]), s), 'dhc:badProperty', '"data"');
+dhc_expect_error(@() dhc_three(struct('initSeg', []), s), 'dhc:missingProperty', '"data"');
+dhc_expect_error(@() dhc_three(p, struct('supervisedMode', 0)), 'dhc:missingProperty', '"unsupSet"');
 bad = s;
 bad.engineSet.betaMax = [];
-dhc_expect_error(@() three_outputs(p, bad), 'dhc:badProperty', '"betaMax"');
+dhc_expect_error(@() dhc_three(p, bad), 'dhc:badProperty', '"betaMax"');
 bad = s;
 bad.engineSet.betaMax = 'x';
-dhc_expect_error(@() three_outputs(p, bad), 'dhc:badProperty', '"betaMax"');
+dhc_expect_error(@() dhc_three(p, bad), 'dhc:badProperty', '"betaMax"');
 
 % Integer and logical arrays are read as their values.
 [a, b, c] = dhc(struct('data', int32(img), 'roi', true(8)), s);
