@@ -49,7 +49,7 @@ struct FatalCondition {
 
 // Sends dhc::out() to the MATLAB/Octave console.
 class MexConsoleBuf : public std::streambuf {
-protected:
+  protected:
     int overflow(int c) override {
         if (c != traits_type::eof()) mexPrintf("%c", static_cast<char>(c));
         return traits_type::not_eof(c);
@@ -63,7 +63,7 @@ protected:
 // Installs the module's fatal handler and console for one call and restores
 // the previous ones when the call ends, however it ends.
 class HostGuard {
-public:
+  public:
     HostGuard() : console_(&buf_) {
         previousOut_ = dhc::setOut(&console_);
 #ifndef DHC_MEX_LITERAL_EXIT
@@ -80,7 +80,7 @@ public:
     HostGuard(const HostGuard&) = delete;
     HostGuard& operator=(const HostGuard&) = delete;
 
-private:
+  private:
     MexConsoleBuf buf_;
     std::ostream console_;
     std::ostream* previousOut_ = nullptr;
@@ -89,7 +89,7 @@ private:
 
 // Owner of a row-pointer matrix made by the readers (rows new[] rows).
 class IntMatrix {
-public:
+  public:
     IntMatrix() = default;
     IntMatrix(int** m, int rows) : m_(m), rows_(rows) {}
     IntMatrix(IntMatrix&& o) noexcept : m_(o.m_), rows_(o.rows_) { o.m_ = nullptr; }
@@ -124,14 +124,14 @@ public:
         m_ = nullptr;
     }
 
-private:
+  private:
     int** m_ = nullptr;
     int rows_ = 0;
 };
 
 // Owner of a cube made by readMxCube.
 class IntCube {
-public:
+  public:
     IntCube(int*** cube, int bands, int rows) : cube_(cube), bands_(bands), rows_(rows) {}
     IntCube(const IntCube&) = delete;
     IntCube& operator=(const IntCube&) = delete;
@@ -148,7 +148,7 @@ public:
         cube_ = nullptr;
     }
 
-private:
+  private:
     int*** cube_;
     int bands_;
     int rows_;
@@ -162,7 +162,7 @@ using IntRoi = ROI<int, xy>;
 
 // The reports of a run: the array and every report in it.
 class ReportList {
-public:
+  public:
     ReportList(WSReport** reports, int n) : reports_(reports), n_(n) {}
     ReportList(const ReportList&) = delete;
     ReportList& operator=(const ReportList&) = delete;
@@ -173,7 +173,7 @@ public:
     int size() const { return n_; }
     const WSReport& operator[](int i) const { return *reports_[i]; }
 
-private:
+  private:
     WSReport** reports_;
     int n_;
 };
@@ -270,9 +270,10 @@ mxArray* buildSummary(const ReportList& reports, DHC& driver) {
 
 // One element per workspace report, 21 fields.
 mxArray* buildReports(const ReportList& reports) {
-    const char* fields[] = {"label", "depth",   "path",   "nChildren", "children", "offspCard", "offspring",
-                            "split", "isTerminal", "beta", "edges",   "textureBased", "sgBasic", "sgTex",
-                            "sgSpec", "area",   "area_k", "TlkE",      "bands",    "mi",        "sigma"};
+    const char* fields[] = {"label",     "depth", "path",       "nChildren", "children", "offspCard",
+                            "offspring", "split", "isTerminal", "beta",      "edges",    "textureBased",
+                            "sgBasic",   "sgTex", "sgSpec",     "area",      "area_k",   "TlkE",
+                            "bands",     "mi",    "sigma"};
     MxOwned s(newStruct(reports.size(), 21, fields));
     for (int i = 0; i < reports.size(); ++i) {
         const WSReport& r = reports[i];
@@ -302,7 +303,8 @@ mxArray* buildReports(const ReportList& reports) {
             mxArray* sigma = mxCreateDoubleMatrix(n, n, mxREAL);
             double* pr = mxGetPr(sigma);
             for (int row = 0; row < n; ++row)
-                for (int col = 0; col < n; ++col) pr[row + static_cast<size_t>(col) * n] = r.covariance[row][col];
+                for (int col = 0; col < n; ++col)
+                    pr[row + static_cast<size_t>(col) * n] = r.covariance[row][col];
             mxSetField(e, i, "sigma", sigma);
         }
     }
@@ -374,7 +376,8 @@ void run(int nlhs, mxArray* plhs[], const mxArray* problem, const mxArray* setti
         in.initLabels = initLabels.get();
     }
     const DHC_OUT out = DHC::dhc(in);
-    if (out.labelRoi == nullptr || out.dhc == nullptr) throw MxError("dhc:internal", "the driver returned no result");
+    if (out.labelRoi == nullptr || out.dhc == nullptr)
+        throw MxError("dhc:internal", "the driver returned no result");
 
     const char* outFields[] = {"segmentation", "fragmentation"};
     MxOwned result(newStruct(1, 2, outFields));

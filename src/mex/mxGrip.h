@@ -18,11 +18,11 @@
 
 // An error to be raised toward MATLAB: identifier and message.
 class MxError : public std::runtime_error {
-public:
+  public:
     MxError(std::string id, const std::string& message) : std::runtime_error(message), id_(std::move(id)) {}
     const std::string& id() const { return id_; }
 
-private:
+  private:
     std::string id_;
 };
 
@@ -102,7 +102,7 @@ T*** readMxCube(const mxArray* array, int& bands, int& rows, int& cols) {
 // when the MATLAB API handed out a copy, and converted to double when the
 // caller stored another numeric or logical type.
 class MxValue {
-public:
+  public:
     MxValue() = default;
     MxValue(mxArray* array, bool owned) : array_(array), owned_(owned) {}
     MxValue(MxValue&& other) noexcept : array_(other.array_), owned_(other.owned_) { other.release(); }
@@ -123,7 +123,7 @@ public:
     explicit operator bool() const { return array_ != nullptr; }
     bool empty() const { return array_ == nullptr || mxGetNumberOfElements(array_) == 0; }
 
-private:
+  private:
     void reset() {
         if (owned_ && array_ != nullptr) mxDestroyArray(array_);
         release();
@@ -154,17 +154,38 @@ inline mxArray* toDouble(const mxArray* a) {
         return mxGetPr(d);
     };
     switch (mxGetClassID(a)) {
-        case mxSINGLE_CLASS: copyAsDouble<float>(a, make(), n); break;
-        case mxINT8_CLASS: copyAsDouble<int8_t>(a, make(), n); break;
-        case mxUINT8_CLASS: copyAsDouble<uint8_t>(a, make(), n); break;
-        case mxINT16_CLASS: copyAsDouble<int16_t>(a, make(), n); break;
-        case mxUINT16_CLASS: copyAsDouble<uint16_t>(a, make(), n); break;
-        case mxINT32_CLASS: copyAsDouble<int32_t>(a, make(), n); break;
-        case mxUINT32_CLASS: copyAsDouble<uint32_t>(a, make(), n); break;
-        case mxINT64_CLASS: copyAsDouble<int64_t>(a, make(), n); break;
-        case mxUINT64_CLASS: copyAsDouble<uint64_t>(a, make(), n); break;
-        case mxLOGICAL_CLASS: copyAsDouble<mxLogical>(a, make(), n); break;
-        default: break;
+        case mxSINGLE_CLASS:
+            copyAsDouble<float>(a, make(), n);
+            break;
+        case mxINT8_CLASS:
+            copyAsDouble<int8_t>(a, make(), n);
+            break;
+        case mxUINT8_CLASS:
+            copyAsDouble<uint8_t>(a, make(), n);
+            break;
+        case mxINT16_CLASS:
+            copyAsDouble<int16_t>(a, make(), n);
+            break;
+        case mxUINT16_CLASS:
+            copyAsDouble<uint16_t>(a, make(), n);
+            break;
+        case mxINT32_CLASS:
+            copyAsDouble<int32_t>(a, make(), n);
+            break;
+        case mxUINT32_CLASS:
+            copyAsDouble<uint32_t>(a, make(), n);
+            break;
+        case mxINT64_CLASS:
+            copyAsDouble<int64_t>(a, make(), n);
+            break;
+        case mxUINT64_CLASS:
+            copyAsDouble<uint64_t>(a, make(), n);
+            break;
+        case mxLOGICAL_CLASS:
+            copyAsDouble<mxLogical>(a, make(), n);
+            break;
+        default:
+            break;
     }
     return d;
 }

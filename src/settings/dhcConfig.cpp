@@ -7,8 +7,12 @@
 
 namespace {
 
-bool asBool(double v) { return v != 0.0; }
-int asInt(double v) { return static_cast<int>(v); }
+bool asBool(double v) {
+    return v != 0.0;
+}
+int asInt(double v) {
+    return static_cast<int>(v);
+}
 
 }  // namespace
 

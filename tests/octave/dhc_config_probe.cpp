@@ -17,31 +17,77 @@
 namespace {
 
 mxArray* toStruct(const DHC_SET& s) {
-    const char* names[] = {"maxLabels",      "supervisedMode",   "variableMultiplicity", "splitGainThreshold",
-                           "maxNumberOfClasses", "minSplitArea", "blind",                "metric",
-                           "distorsionThreshold", "balancedTree", "growDepth",           "doubleSplit",
-                           "fragmentation",  "splitwiseDisconnect", "blindActive",       "blindDepth",
-                           "blindMSE",       "blindArea",        "numberOfClasses",      "structureLevels",
-                           "structurePaths", "multiplicity",     "adaptive",             "betaMin",
-                           "betaMax",        "betaBound",        "rangeBandwidth",       "spatialBandwidth",
-                           "autoAdjustkNN",  "skipLast",         "tolerance",            "kernelType"};
+    const char* names[] = {"maxLabels",
+                           "supervisedMode",
+                           "variableMultiplicity",
+                           "splitGainThreshold",
+                           "maxNumberOfClasses",
+                           "minSplitArea",
+                           "blind",
+                           "metric",
+                           "distorsionThreshold",
+                           "balancedTree",
+                           "growDepth",
+                           "doubleSplit",
+                           "fragmentation",
+                           "splitwiseDisconnect",
+                           "blindActive",
+                           "blindDepth",
+                           "blindMSE",
+                           "blindArea",
+                           "numberOfClasses",
+                           "structureLevels",
+                           "structurePaths",
+                           "multiplicity",
+                           "adaptive",
+                           "betaMin",
+                           "betaMax",
+                           "betaBound",
+                           "rangeBandwidth",
+                           "spatialBandwidth",
+                           "autoAdjustkNN",
+                           "skipLast",
+                           "tolerance",
+                           "kernelType"};
     const int n = sizeof names / sizeof names[0];
     mxArray* out = mxCreateStructMatrix(1, 1, n, names);
-    const double values[] = {double(s.maxLabels),       double(s.supervisedMode), double(s.variableMultiplicity),
-                             s.splitGainThreshold,      double(s.maxNumberOfClasses), s.minSplitArea,
-                             double(s.blind),           double(s.metric),         s.distorsionThreshold,
-                             double(s.balancedTree),    double(s.growDepth),      double(s.doubleSplit),
-                             double(s.fragmentation),   double(s.splitwiseDisconnect), double(s.blindActive),
-                             s.blindDepth,              s.blindMSE,               s.blindArea,
-                             double(s.numberOfClasses), 0.0,                      0.0,
-                             double(s.multiplicity),    double(s.adaptive),       s.betaMin,
-                             s.betaMax,                 s.betaBound,              s.rangeBandwidth,
-                             s.spatialBandwidth,        double(s.autoAdjustkNN),  s.skipLast,
-                             s.tolerance,               double(s.kernelType)};
+    const double values[] = {double(s.maxLabels),
+                             double(s.supervisedMode),
+                             double(s.variableMultiplicity),
+                             s.splitGainThreshold,
+                             double(s.maxNumberOfClasses),
+                             s.minSplitArea,
+                             double(s.blind),
+                             double(s.metric),
+                             s.distorsionThreshold,
+                             double(s.balancedTree),
+                             double(s.growDepth),
+                             double(s.doubleSplit),
+                             double(s.fragmentation),
+                             double(s.splitwiseDisconnect),
+                             double(s.blindActive),
+                             s.blindDepth,
+                             s.blindMSE,
+                             s.blindArea,
+                             double(s.numberOfClasses),
+                             0.0,
+                             0.0,
+                             double(s.multiplicity),
+                             double(s.adaptive),
+                             s.betaMin,
+                             s.betaMax,
+                             s.betaBound,
+                             s.rangeBandwidth,
+                             s.spatialBandwidth,
+                             double(s.autoAdjustkNN),
+                             s.skipLast,
+                             s.tolerance,
+                             double(s.kernelType)};
     // Scalars here; the two structure arrays below (mxSetField does not free
     // a value it replaces, so each field is set once).
     for (int i = 0; i < n; ++i)
-        if (std::strncmp(names[i], "structure", 9) != 0) mxSetField(out, 0, names[i], mxCreateDoubleScalar(values[i]));
+        if (std::strncmp(names[i], "structure", 9) != 0)
+            mxSetField(out, 0, names[i], mxCreateDoubleScalar(values[i]));
     // The arrays' lengths are not kept in the record: return what the
     // structure needs, numberOfClasses levels and their sum of path entries.
     auto vector = [](const int* v, int len) {
