@@ -144,7 +144,9 @@ double FMSC::findCenter(int*& visited) {
             total += dj;
             const int m = taken + 1;
             h2 = total / m;
-            if ((m >= knn && h2 >= hMin2) || h2 >= hMax2) break;
+            // Past the last point the bandwidth is huge, but a NaN distance
+            // compares false with everything: stop there all the same.
+            if ((m >= knn && h2 >= hMin2) || h2 >= hMax2 || taken >= nPoints) break;
         }
 
         double weightSum = 0.0;
@@ -190,6 +192,12 @@ void FMSC::findModes() {
     deleted.clear();
     delete[] classification;
     classification = new int[nPoints]();
+
+    // A point set with a non-finite coordinate (the projection of a sample
+    // without spread) has no modes; seeding from it would never converge.
+    for (int p = 0; p < nPoints; ++p)
+        for (int c = 0; c < dim; ++c)
+            if (!std::isfinite(data[p][c])) return;
 
     const double seedLimit = (1.0 - skipLast) * nPoints;
     int assigned = 0;
