@@ -1,35 +1,41 @@
 #include "settings/DHC_SET.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cstdlib>
+#include <cstdio>
 #include <fstream>
-#include <sstream>
+#include <initializer_list>
 #include <string>
 #include <utility>
+#include <vector>
+
+#include "common/TestSupport.h"
 
 namespace {
 
-std::string tempDir() {
-    const char* dir = std::getenv("DHC_TEST_TMP");
-    return dir != nullptr ? std::string(dir) + "/" : ::testing::TempDir();
-}
-
-std::string writeFile(const std::string& name, const std::string& text) {
-    const std::string path = tempDir() + "set_" + std::to_string(::getpid()) + "_" + name;
+std::string writeIni(const std::string& name, const std::string& text) {
+    const std::string path = dhc::test::tmpPath("set_" + name);
     std::ofstream(path, std::ios::binary) << text;
     return path;
 }
 
-// Turns "\n" line ends into "\r\n".
 std::string crlf(const std::string& text) {
     std::string out;
-    for (char c : text) {
-        if (c == '\n') out += '\r';
-        out += c;
-    }
+    for (char c : text) out += c == '\n' ? std::string("\r\n") : std::string(1, c);
     return out;
+}
+
+// A field's value next to the expected one; fields of every type compare as doubles.
+struct Field {
+    template <typename T>
+    Field(const char* n, T g, double w) : name(n), got(static_cast<double>(g)), want(w) {}
+    const char* name;
+    double got, want;
+};
+#define FIELD(set, f, want) Field(#f, (set).f, want)
+
+void expectFields(std::initializer_list<Field> fields) {
+    for (const Field& f : fields) EXPECT_EQ(f.got, f.want) << f.name;
 }
 
 const std::string kPotts =
@@ -37,92 +43,49 @@ const std::string kPotts =
     "RangeBandwidth=12.5\nSpatialBandwidth=7.75\n\n"
     "[MEANSHIFT]\nAutoAdjustKNN=15\nSkipLast=0.125\nTolerance=0.001\nKernelType=2\n";
 
-const std::string kUnsupervised =
-    "[SEGM_MAIN_CONFIGURATION]\nSupervisedMode=0\n\n"
-    "[UNSUPERVISED_MODE_CONF]\nVariableMultiplicity=1\nSplitGainThreshold=0.75\nMaxNumberOfClasses=9\n"
-    "Fragmentation=1\nDoubleSplit=1\nBalancedTree=1\nGrowDepth=4\nMinRegionArea=30.5\nBlind=1\nMetric=2\n"
-    "DistortionThreshold=0.05\nSplitwiseDisconnect=1\nBlindSplitDepthMax=0\nBlindSplitAreaMin=5\n"
-    "BlindSplitMSEMin=0\n\n";
+// Distinct values per key, so a key read into the wrong field shows.
+const std::string kUnsupervisedKeys =
+    "VariableMultiplicity=1\nSplitGainThreshold=0.75\nMaxNumberOfClasses=9\nFragmentation=1\nDoubleSplit=1\n"
+    "BalancedTree=1\nGrowDepth=4\nMinRegionArea=30.5\nBlind=1\nMetric=2\nDistortionThreshold=0.05\n"
+    "SplitwiseDisconnect=1\nBlindSplitDepthMax=0\nBlindSplitAreaMin=5\nBlindSplitMSEMin=0\n\n";
 
 void expectPottsAndMeanShift(const DHC_SET& s) {
-    EXPECT_TRUE(s.adaptive);
-    EXPECT_DOUBLE_EQ(s.betaBound, 4.5);
-    EXPECT_DOUBLE_EQ(s.betaMax, 3.25);
-    EXPECT_DOUBLE_EQ(s.betaMin, 0.5);
-    EXPECT_EQ(s.multiplicity, 3);
-    EXPECT_DOUBLE_EQ(s.rangeBandwidth, 12.5);
-    EXPECT_DOUBLE_EQ(s.spatialBandwidth, 7.75);
-    EXPECT_EQ(s.autoAdjustkNN, 15);
-    EXPECT_DOUBLE_EQ(s.skipLast, 0.125);
-    EXPECT_DOUBLE_EQ(s.tolerance, 0.001);
-    EXPECT_EQ(s.kernelType, 2);
+    expectFields({FIELD(s, adaptive, 1), FIELD(s, betaBound, 4.5), FIELD(s, betaMax, 3.25),
+                  FIELD(s, betaMin, 0.5), FIELD(s, multiplicity, 3), FIELD(s, rangeBandwidth, 12.5),
+                  FIELD(s, spatialBandwidth, 7.75), FIELD(s, autoAdjustkNN, 15), FIELD(s, skipLast, 0.125),
+                  FIELD(s, tolerance, 0.001), FIELD(s, kernelType, 2)});
 }
 
-TEST(DHC_SET, UnsupervisedFileWithCrlfEndings) {
-    for (bool windows : {false, true}) {
-        SCOPED_TRACE(windows ? "CRLF" : "LF");
-        const std::string text = kUnsupervised + kPotts;
-        const std::string path = writeFile("unsup.ini", windows ? crlf(text) : text);
-        DHC_SET s(path);
-        EXPECT_EQ(s.maxLabels, 1000000);
-        EXPECT_FALSE(s.supervisedMode);
-        EXPECT_TRUE(s.variableMultiplicity);
-        EXPECT_DOUBLE_EQ(s.splitGainThreshold, 0.75);
-        EXPECT_EQ(s.maxNumberOfClasses, 9);
-        EXPECT_TRUE(s.fragmentation);
-        EXPECT_TRUE(s.doubleSplit);
-        EXPECT_TRUE(s.balancedTree);
-        EXPECT_EQ(s.growDepth, 4);
-        EXPECT_DOUBLE_EQ(s.minSplitArea, 30.5);
-        EXPECT_TRUE(s.blind);
-        EXPECT_EQ(s.metric, 2);
-        EXPECT_DOUBLE_EQ(s.distorsionThreshold, 0.05);
-        EXPECT_TRUE(s.splitwiseDisconnect);
-        EXPECT_DOUBLE_EQ(s.blindDepth, 0.0);
-        EXPECT_DOUBLE_EQ(s.blindArea, 5.0);
-        EXPECT_DOUBLE_EQ(s.blindMSE, 0.0);
-        EXPECT_TRUE(s.blindActive);  // area alone is enough
-        EXPECT_EQ(s.numberOfClasses, 0);
-        EXPECT_EQ(s.structureLevels, nullptr);
-        expectPottsAndMeanShift(s);
-        std::remove(path.c_str());
-    }
-}
-
-TEST(DHC_SET, MissingKeysAndSectionsReadAsZero) {
+TEST(DHC_SET, UnsupervisedFileReadsEveryKey) {
     const std::string path =
-        writeFile("sparse.ini", "[SEGM_MAIN_CONFIGURATION]\n\n[UNSUPERVISED_MODE_CONF]\nGrowDepth=2\n");
+        writeIni("unsup.ini", "[SEGM_MAIN_CONFIGURATION]\nSupervisedMode=0\n\n[UNSUPERVISED_MODE_CONF]\n" +
+                                  kUnsupervisedKeys + kPotts);
     DHC_SET s(path);
-    EXPECT_EQ(s.maxLabels, 1000000);
-    EXPECT_FALSE(s.supervisedMode);
-    EXPECT_EQ(s.growDepth, 2);
-    EXPECT_FALSE(s.variableMultiplicity);
-    EXPECT_DOUBLE_EQ(s.splitGainThreshold, 0.0);
-    EXPECT_EQ(s.maxNumberOfClasses, 0);
-    EXPECT_FALSE(s.blindActive);
-    EXPECT_FALSE(s.adaptive);
-    EXPECT_EQ(s.multiplicity, 0);
-    EXPECT_DOUBLE_EQ(s.betaMax, 0.0);
-    EXPECT_EQ(s.autoAdjustkNN, 0);
-    EXPECT_EQ(s.kernelType, 0);
+    expectFields({FIELD(s, maxLabels, 1000000), FIELD(s, supervisedMode, 0),
+                  FIELD(s, variableMultiplicity, 1), FIELD(s, splitGainThreshold, 0.75),
+                  FIELD(s, maxNumberOfClasses, 9), FIELD(s, fragmentation, 1), FIELD(s, doubleSplit, 1),
+                  FIELD(s, balancedTree, 1), FIELD(s, growDepth, 4), FIELD(s, minSplitArea, 30.5),
+                  FIELD(s, blind, 1), FIELD(s, metric, 2), FIELD(s, distorsionThreshold, 0.05),
+                  FIELD(s, splitwiseDisconnect, 1), FIELD(s, blindDepth, 0), FIELD(s, blindArea, 5),
+                  FIELD(s, blindMSE, 0), FIELD(s, blindActive, 1), FIELD(s, numberOfClasses, 0)});
     EXPECT_EQ(s.structureLevels, nullptr);
+    expectPottsAndMeanShift(s);
     std::remove(path.c_str());
 }
 
-TEST(DHC_SET, BlindActiveFollowsTheThreeLimits) {
-    // (depth, MSE, area) -> blindActive
-    const std::pair<std::string, bool> cases[] = {
-        {"0 0 0", false}, {"3 0 0", true}, {"0 0.5 0", true}, {"0 0 5", true}, {"-1 0 0", true}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.first);
-        std::istringstream in(c.first);
-        std::string depth, mse, area;
-        in >> depth >> mse >> area;
-        const std::string path = writeFile(
-            "blind.ini",
-            "[SEGM_MAIN_CONFIGURATION]\nSupervisedMode=0\n\n[UNSUPERVISED_MODE_CONF]\nBlindSplitDepthMax=" +
-                depth + "\nBlindSplitMSEMin=" + mse + "\nBlindSplitAreaMin=" + area + "\n");
-        EXPECT_EQ(DHC_SET(path).blindActive, c.second);
+TEST(DHC_SET, BlindActiveIsTrueExactlyWhenALimitIsNonZero) {
+    // An absent limit reads as 0.
+    const std::pair<const char*, bool> cases[] = {
+        {"BlindSplitDepthMax=0\nBlindSplitMSEMin=0\nBlindSplitAreaMin=0\n", false},
+        {"BlindSplitDepthMax=3\n", true},
+        {"BlindSplitMSEMin=0.5\n", true},
+        {"BlindSplitAreaMin=5\n", true},
+        {"BlindSplitDepthMax=-1\n", true}};
+    for (const auto& [limits, active] : cases) {
+        SCOPED_TRACE(limits);
+        const std::string path = writeIni(
+            "blind.ini", std::string("[SEGM_MAIN_CONFIGURATION]\n\n[UNSUPERVISED_MODE_CONF]\n") + limits);
+        EXPECT_EQ(DHC_SET(path).blindActive, active);
         std::remove(path.c_str());
     }
     DHC_SET r;
@@ -132,65 +95,51 @@ TEST(DHC_SET, BlindActiveFollowsTheThreeLimits) {
 }
 
 TEST(DHC_SET, SupervisedFileReadsTheStructureAndSkipsUnsupervisedKeys) {
-    const std::string text =
-        "[SEGM_MAIN_CONFIGURATION]\nSupervisedMode=1\n\n"
-        "[UNSUPERVISED_MODE_CONF]\nVariableMultiplicity=1\nSplitGainThreshold=0.75\nMaxNumberOfClasses=9\n"
-        "Fragmentation=1\nBlind=1\nGrowDepth=4\nBlindSplitDepthMax=3\nBlindSplitAreaMin=5\nBlindSplitMSEMin="
-        "2\n\n"
-        "[SUPERVISED_MODE_CONF]\nNumberOfClasses=3\nStructureLevels={1 2 3}\n"
-        "StructurePaths={4 5 6 7 8 9 10 11}\n\n" +
-        kPotts;
-    const std::string path = writeFile("sup.ini", crlf(text));
+    const std::string text = "[SEGM_MAIN_CONFIGURATION]\nSupervisedMode=1\n\n[UNSUPERVISED_MODE_CONF]\n" +
+                             kUnsupervisedKeys +
+                             "[SUPERVISED_MODE_CONF]\nNumberOfClasses=3\nStructureLevels={1 2 3}\n"
+                             "StructurePaths={4 5 6 7 8 9 10 11}\n\n" +
+                             kPotts;
+    const std::string path = writeIni("sup.ini", crlf(text));
     DHC_SET s(path);
-    EXPECT_TRUE(s.supervisedMode);
-    EXPECT_TRUE(s.fragmentation);  // the one key read from the unsupervised section
-    EXPECT_FALSE(s.variableMultiplicity);
-    EXPECT_DOUBLE_EQ(s.splitGainThreshold, 0.0);
-    EXPECT_EQ(s.maxNumberOfClasses, 0);
-    EXPECT_FALSE(s.blind);
-    EXPECT_EQ(s.growDepth, 0);
-    EXPECT_DOUBLE_EQ(s.blindDepth, 0.0);
-    EXPECT_DOUBLE_EQ(s.blindArea, 0.0);
-    EXPECT_DOUBLE_EQ(s.blindMSE, 0.0);
-    EXPECT_FALSE(s.blindActive);
-    EXPECT_EQ(s.numberOfClasses, 3);
+    expectFields({FIELD(s, supervisedMode, 1), FIELD(s, fragmentation, 1), FIELD(s, variableMultiplicity, 0),
+                  FIELD(s, splitGainThreshold, 0), FIELD(s, maxNumberOfClasses, 0), FIELD(s, blind, 0),
+                  FIELD(s, growDepth, 0), FIELD(s, blindArea, 0), FIELD(s, blindActive, 0),
+                  FIELD(s, numberOfClasses, 3)});
     ASSERT_NE(s.structureLevels, nullptr);
-    EXPECT_EQ(s.structureLevels[0], 1);
-    EXPECT_EQ(s.structureLevels[1], 2);
-    EXPECT_EQ(s.structureLevels[2], 3);
+    EXPECT_EQ(std::vector<int>(s.structureLevels, s.structureLevels + 3), (std::vector<int>{1, 2, 3}));
     // 1 + 2 + 3 = 6 path entries; the file's extra entries are not part of it.
     ASSERT_NE(s.structurePaths, nullptr);
-    for (int i = 0; i < 6; ++i) EXPECT_EQ(s.structurePaths[i], 4 + i);
+    EXPECT_EQ(std::vector<int>(s.structurePaths, s.structurePaths + 6), (std::vector<int>{4, 5, 6, 7, 8, 9}));
     expectPottsAndMeanShift(s);
     std::remove(path.c_str());
-}
 
-TEST(DHC_SET, SupervisedWithoutClassesLeavesTheStructureUnset) {
-    const std::string path = writeFile(
+    // Without classes the structure stays unset.
+    const std::string none = writeIni(
         "sup0.ini",
         "[SEGM_MAIN_CONFIGURATION]\nSupervisedMode=1\n\n[SUPERVISED_MODE_CONF]\nStructureLevels={1 2}\n");
-    DHC_SET s(path);
-    EXPECT_TRUE(s.supervisedMode);
-    EXPECT_EQ(s.numberOfClasses, 0);
-    EXPECT_EQ(s.structureLevels, nullptr);
-    EXPECT_EQ(s.structurePaths, nullptr);
-    std::remove(path.c_str());
+    DHC_SET z(none);
+    EXPECT_EQ(z.structureLevels, nullptr);
+    EXPECT_EQ(z.structurePaths, nullptr);
+    std::remove(none.c_str());
 }
 
-TEST(DHC_SET, OnlyTheFirst200CharactersOfTheNameAreUsed) {
-    const std::string dir = tempDir();
-    ASSERT_LT(dir.size(), 150u) << "temporary directory too deep for this test";
+TEST(DHC_SET, MissingKeysAndSectionsReadAsZeroAndOnlyTheFirst200CharactersOfTheNameCount) {
+    const std::string dir = dhc::test::tmpPath("");
+    ASSERT_LT(dir.size(), 150u) << "scratch directory too deep for this test";
     const std::string path = dir + std::string(200 - dir.size(), 'n');
     std::ofstream(path, std::ios::binary) << "[SEGM_MAIN_CONFIGURATION]\n\n[POTTS_MODEL]\nMultiplicity=5\n";
     DHC_SET s(path + ".ignored_tail");
-    EXPECT_EQ(s.multiplicity, 5);
+    expectFields({FIELD(s, multiplicity, 5), FIELD(s, maxLabels, 1000000), FIELD(s, supervisedMode, 0),
+                  FIELD(s, growDepth, 0), FIELD(s, splitGainThreshold, 0), FIELD(s, blindActive, 0),
+                  FIELD(s, betaMax, 0), FIELD(s, kernelType, 0)});
     std::remove(path.c_str());
 }
 
 TEST(DHC_SETDeath, FileWithoutTheMainSectionEndsWithMinusOne) {
-    const std::string path = writeFile("nomain.ini", "[POTTS_MODEL]\nMultiplicity=2\n");
-    EXPECT_EXIT({ DHC_SET s(path); }, ::testing::ExitedWithCode(255), "");
-    EXPECT_EXIT({ DHC_SET s(tempDir() + "no_such_settings.ini"); }, ::testing::ExitedWithCode(255), "");
+    const std::string path = writeIni("nomain.ini", "[POTTS_MODEL]\nMultiplicity=2\n");
+    EXPECT_EXIT(DHC_SET{path}, ::testing::ExitedWithCode(255), "");
+    EXPECT_EXIT(DHC_SET{path + ".absent"}, ::testing::ExitedWithCode(255), "");
     std::remove(path.c_str());
 }
 
