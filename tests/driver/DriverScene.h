@@ -8,19 +8,21 @@
 
 namespace driver_test {
 
-// A multi-band scene with its ground truth; values are class means plus a
-// small deterministic noise (own generator, so rand() is left alone).
+// A multi-band scene with its ground truth and mask; values are class means
+// plus a small deterministic noise (own generator, so rand() is left alone).
 struct Scene {
     int rows = 0, cols = 0, bands = 0;
     std::vector<std::vector<std::vector<int>>> cube;  // [b][r][c]
     std::vector<std::vector<int>> truth;              // [r][c], classes 1..K
+    std::vector<std::vector<int>> mask;               // [r][c], 1 = in the region of interest
 
     Scene(int r, int c, int b)
         : rows(r),
           cols(c),
           bands(b),
           cube(b, std::vector<std::vector<int>>(r, std::vector<int>(c, 0))),
-          truth(r, std::vector<int>(c, 0)) {}
+          truth(r, std::vector<int>(c, 0)),
+          mask(r, std::vector<int>(c, 1)) {}
 
     // Fills every pixel from its class: band b = means[class - 1][b] + noise in [-amp, amp].
     void paint(const std::vector<std::vector<int>>& means, int amp) {
@@ -41,7 +43,6 @@ struct Scene {
             for (int r = 0; r < rows; ++r) bandRows[b][r] = cube[b][r].data();
             planes[b] = bandRows[b].data();
         }
-        std::vector<std::vector<int>> mask(rows, std::vector<int>(cols, 1));
         std::vector<int*> maskRows(rows);
         for (int r = 0; r < rows; ++r) maskRows[r] = mask[r].data();
         return buildRoi(rows, cols, bands, planes.data(), maskRows.data(), 1, true);
