@@ -4,8 +4,6 @@
 #include <new>
 #include <vector>
 
-#include "data/PaddedMap.h"
-#include "data/PaddedMatrix.h"
 #include "data/PlaneIO.h"
 
 using namespace dhc::planeio;
@@ -37,11 +35,8 @@ P** readRawPlane(const std::string& path, int rows, int cols, int pad, P frame) 
 
 template <typename E>
 void writeRawPlane(const std::string& path, E** map, int rows, int cols, int pad) {
-    const int r0 = nonNegative(rows), c0 = nonNegative(cols);
-    std::vector<E> buffer(static_cast<size_t>(r0) * c0);
-    size_t k = 0;
-    for (int r = 0; r < r0; ++r)
-        for (int c = 0; c < c0; ++c) buffer[k++] = map[pad + r][pad + c];
+    std::vector<E> buffer;
+    appendInner(buffer, map, rows, cols, pad);
     writeWhole(path, buffer.data(), buffer.size());
 }
 

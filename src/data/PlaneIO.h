@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <string>
+#include <vector>
 
 namespace dhc {
 namespace planeio {
@@ -43,6 +44,14 @@ T** copyPlane(T** plane, int rows, int cols, int pad, T frame, bool keepPad) {
     for (int r = 0; r < rows; ++r)
         for (int c = 0; c < cols; ++c) copy[r + outPad][c + outPad] = plane[r + pad][c + pad];
     return copy;
+}
+
+// Appends the inner rows x cols cells of a padded plane to out, row by row.
+template <typename T>
+void appendInner(std::vector<T>& out, T* const* plane, int rows, int cols, int pad) {
+    const int r0 = nonNegative(rows), c0 = nonNegative(cols);
+    out.reserve(out.size() + static_cast<std::size_t>(r0) * c0);
+    for (int r = 0; r < r0; ++r) out.insert(out.end(), plane[pad + r] + pad, plane[pad + r] + pad + c0);
 }
 
 // Writes count elements of buffer to a truncated file with one write; an
