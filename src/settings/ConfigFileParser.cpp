@@ -81,12 +81,10 @@ T* parseArray(const std::vector<std::string>& items, int n, Parse parse) {
 
 template <typename T, typename Parse>
 T** parseMatrix(const std::vector<std::string>& items, int rows, int cols, Parse parse) {
-    T** out = new T*[rows > 0 ? rows : 0];
-    for (int r = 0; r < rows; ++r) {
-        out[r] = new T[cols > 0 ? cols : 0];
+    T** out = dhc::newRows<T>(rows, cols);
+    for (int r = 0; r < rows; ++r)
         for (int c = 0; c < cols; ++c)
             out[r][c] = static_cast<T>(parse(items[static_cast<size_t>(r) * cols + c].c_str()));
-    }
     return out;
 }
 
@@ -269,9 +267,7 @@ double** ConfigFileParser::seekDoubleMatrix(const std::string& key, int rows, in
 }
 
 void ConfigFileParser::freeStrings(char** strings, int n) {
-    if (strings == nullptr) return;
-    for (int i = 0; i < n; ++i) delete[] strings[i];
-    delete[] strings;
+    dhc::deleteRows(strings, n);
 }
 
 void ConfigFileParser::freeStringMatrix(char*** strings, int rows, int cols) {

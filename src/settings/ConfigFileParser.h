@@ -25,6 +25,8 @@
 #include <string>
 #include <vector>
 
+#include "settings/RowMatrix.h"
+
 class ConfigFileParser {
   public:
     static constexpr int kLineSize = 1024;
@@ -69,9 +71,7 @@ class ConfigFileParser {
     static void freeStringMatrix(char*** strings, int rows, int cols);
     template <typename T>
     static void freeMatrix(T** matrix, int rows) {
-        if (matrix == nullptr) return;
-        for (int r = 0; r < rows; ++r) delete[] matrix[r];
-        delete[] matrix;
+        dhc::deleteRows(matrix, rows);
     }
 
     // ---- Non-fatal queries for callers that validate their input ----

@@ -7,6 +7,7 @@
 
 #include "settings/ConfigFileParser.h"
 #include "settings/Fatal.h"
+#include "settings/RowMatrix.h"
 
 namespace {
 
@@ -348,11 +349,8 @@ double** FMSC::getModes(int& k) {
     finalize();
     deleteNonModes();
     k = static_cast<int>(modes.size());
-    double** result = new double*[k];
-    for (int j = 0; j < k; ++j) {
-        result[j] = new double[dim];
-        for (int c = 0; c < dim; ++c) result[j][c] = modes[j][c];
-    }
+    double** result = dhc::newRows<double>(k, dim);
+    for (int j = 0; j < k; ++j) std::copy(modes[j].begin(), modes[j].begin() + dim, result[j]);
     return result;
 }
 

@@ -4,30 +4,10 @@
 #include <cmath>
 
 #include "settings/Fatal.h"
+#include "settings/RowMatrix.h"
 #include "stats/OpMatrix.h"
 
 namespace {
-
-double** newMatrix(int rows, int cols) {
-    double** m = new double*[rows];
-    for (int r = 0; r < rows; ++r) m[r] = new double[cols]();
-    return m;
-}
-
-void deleteMatrix(double** m, int rows) {
-    if (m == nullptr) return;
-    for (int r = 0; r < rows; ++r) delete[] m[r];
-    delete[] m;
-}
-
-double** copyMatrix(double** from, int rows, int cols) {
-    double** m = new double*[rows];
-    for (int r = 0; r < rows; ++r) {
-        m[r] = new double[cols];
-        std::copy(from[r], from[r] + cols, m[r]);
-    }
-    return m;
-}
 
 double* copyVector(const double* from, int n) {
     double* v = new double[n];
@@ -48,10 +28,10 @@ FeatureSpace::FeatureSpace(int capacity, int points) : nPoints(points), maxDomai
 
 FeatureSpace::~FeatureSpace() {
     for (int d = 0; d < maxDomains; ++d) {
-        deleteMatrix(data[d], nPoints);
-        deleteMatrix(normData[d], nPoints);
+        dhc::deleteRows(data[d], nPoints);
+        dhc::deleteRows(normData[d], nPoints);
         delete[] means[d];
-        deleteMatrix(covs[d], dims[d]);
+        dhc::deleteRows(covs[d], dims[d]);
     }
     delete[] data;
     delete[] normData;
@@ -59,9 +39,9 @@ FeatureSpace::~FeatureSpace() {
     delete[] means;
     delete[] covs;
     delete[] normalized;
-    deleteMatrix(pcaData, nPoints);
-    deleteMatrix(scatter, totalDims);
-    deleteMatrix(eigenvectors, totalDims);
+    dhc::deleteRows(pcaData, nPoints);
+    dhc::deleteRows(scatter, totalDims);
+    dhc::deleteRows(eigenvectors, totalDims);
     delete[] eigenvalues;
     delete[] pcaMax;
     delete[] pcaMin;
@@ -70,7 +50,7 @@ FeatureSpace::~FeatureSpace() {
 void FeatureSpace::addDomain(double** values, int dim) {
     if (nDomains >= maxDomains) dhc::fatal(-10);
     const int d = nDomains;
-    data[d] = copyMatrix(values, nPoints, dim);
+    data[d] = dhc::copyRows(values, nPoints, dim);
     dims[d] = dim;
 
     double* mu = new double[dim]();
@@ -80,7 +60,7 @@ void FeatureSpace::addDomain(double** values, int dim) {
     means[d] = mu;
 
     // Biased (divide by n) covariance.
-    double** cov = newMatrix(dim, dim);
+    double** cov = dhc::newRows<double>(dim, dim);
     for (int i = 0; i < dim; ++i) {
         for (int j = 0; j < dim; ++j) {
             double s = 0.0;
@@ -91,9 +71,9 @@ void FeatureSpace::addDomain(double** values, int dim) {
     covs[d] = cov;
 
     // The scatter matrix is sized by totalDims, so release it before that changes.
-    deleteMatrix(scatter, totalDims);
+    dhc::deleteRows(scatter, totalDims);
     scatter = nullptr;
-    deleteMatrix(eigenvectors, totalDims);
+    dhc::deleteRows(eigenvectors, totalDims);
     eigenvectors = nullptr;
     totalDims += dim;
     ++nDomains;
@@ -114,7 +94,7 @@ double* FeatureSpace::getMi(int d) {
 
 double** FeatureSpace::getSigma(int d) {
     if (d < 0 || d >= nDomains) return nullptr;
-    return copyMatrix(covs[d], dims[d], dims[d]);
+    return dhc::copyRows(covs[d], dims[d], dims[d]);
 }
 
 double* FeatureSpace::getStDevs(int d) {
@@ -159,13 +139,13 @@ double* FeatureSpace::getzm(int d) {
 
 void FeatureSpace::PCA(int k) {
     if (nComponents >= k) return;
-    deleteMatrix(pcaData, nPoints);
+    dhc::deleteRows(pcaData, nPoints);
     pcaData = nullptr;
     nComponents = k;
     const int n = totalDims;
 
-    deleteMatrix(scatter, n);
-    scatter = newMatrix(n, n);
+    dhc::deleteRows(scatter, n);
+    scatter = dhc::newRows<double>(n, n);
     start();
     for (int p = 0; p < nPoints; ++p, next()) {
         const double* z = getzm();
@@ -175,7 +155,7 @@ void FeatureSpace::PCA(int k) {
     for (int i = 0; i < n; ++i)
         for (int j = 0; j < n; ++j) scatter[i][j] /= nPoints;
 
-    deleteMatrix(eigenvectors, n);
+    dhc::deleteRows(eigenvectors, n);
     eigenvectors = nullptr;
     delete[] eigenvalues;
     eigenvalues = nullptr;
@@ -187,7 +167,7 @@ void FeatureSpace::PCA(int k) {
     if (found != nullptr) std::copy(found, found + analysed, eigenvalues);
     delete[] found;
 
-    pcaData = newMatrix(nPoints, k);
+    pcaData = dhc::newRows<double>(nPoints, k);
     start();
     for (int p = 0; p < nPoints; ++p, next()) {
         if (analysed < 1) break;
@@ -213,19 +193,17 @@ double** FeatureSpace::getPCAData(int k, bool normalize) {
     // An analysis with fewer components is deliberately not recomputed.
     if (nComponents >= 0 && nComponents < k) return nullptr;
     PCA(k);
-    double** result = new double*[nPoints];
-    for (int p = 0; p < nPoints; ++p) {
-        result[p] = new double[k];
+    double** result = dhc::newRows<double>(nPoints, k);
+    for (int p = 0; p < nPoints; ++p)
         for (int c = 0; c < k; ++c) result[p][c] = normalize ? pcaData[p][c] / eigenvalues[c] : pcaData[p][c];
-    }
     return result;
 }
 
 void FeatureSpace::normalizeWithStd(int d) {
     if (d < 0 || d >= nDomains) return;
     double* sd = getStDevs(d);
-    deleteMatrix(normData[d], nPoints);
-    normData[d] = copyMatrix(data[d], nPoints, dims[d]);
+    dhc::deleteRows(normData[d], nPoints);
+    normData[d] = dhc::copyRows(data[d], nPoints, dims[d]);
     // A constant feature has nothing to scale and is kept as it is.
     for (int p = 0; p < nPoints; ++p)
         for (int i = 0; i < dims[d]; ++i)
@@ -237,5 +215,5 @@ void FeatureSpace::normalizeWithStd(int d) {
 double** FeatureSpace::getNormData(int d) {
     if (d < 0 || d >= nDomains) return nullptr;
     if (!normalized[d]) normalizeWithStd(d);
-    return copyMatrix(normData[d], nPoints, dims[d]);
+    return dhc::copyRows(normData[d], nPoints, dims[d]);
 }

@@ -1,36 +1,14 @@
 #include "stats/Mixture.h"
 
+#include "settings/RowMatrix.h"
 #include "stats/OpMatrix.h"
-
-namespace {
-
-double** newMatrix(int rows, int cols) {
-    double** m = new double*[rows];
-    for (int r = 0; r < rows; ++r) m[r] = new double[cols]();
-    return m;
-}
-
-void deleteMatrix(double** m, int rows) {
-    for (int r = 0; r < rows; ++r) delete[] m[r];
-    delete[] m;
-}
-
-void copyMatrix(double** from, double** to, int n) {
-    for (int r = 0; r < n; ++r)
-        for (int c = 0; c < n; ++c) to[r][c] = from[r][c];
-}
-
-}  // namespace
 
 Mixture::Mixture() = default;
 
 Mixture::Mixture(int nClasses, int d) : dim(d), k(nClasses), storage(2) {
-    mi = new double*[k];
+    mi = dhc::newRows<double>(k, dim);
     sigma = new double**[k];
-    for (int i = 0; i < k; ++i) {
-        mi[i] = new double[dim]();
-        sigma[i] = newMatrix(dim, dim);
-    }
+    for (int i = 0; i < k; ++i) sigma[i] = dhc::newRows<double>(dim, dim);
 }
 
 Mixture::Mixture(int nClasses, int d, double** means, double*** covariances, bool withInv)
@@ -69,7 +47,7 @@ Mixture::~Mixture() {
         if (storage == 2) {
             for (int i = 0; i < k; ++i) {
                 delete[] mi[i];
-                deleteMatrix(sigma[i], dim);
+                dhc::deleteRows(sigma[i], dim);
             }
         }
         delete[] mi;
@@ -77,7 +55,7 @@ Mixture::~Mixture() {
     }
     if (hasInv == 1) {
         if (storage == 2)
-            for (int i = 0; i < k; ++i) deleteMatrix(sigmaInv[i], dim);
+            for (int i = 0; i < k; ++i) dhc::deleteRows(sigmaInv[i], dim);
         delete[] sigmaInv;
         delete[] logdet;
         delete[] invOk;
@@ -87,7 +65,7 @@ Mixture::~Mixture() {
 void Mixture::set(int i, double* mean, double** covariance) {
     if (storage < 1 || dim < 1) return;
     for (int c = 0; c < dim; ++c) mi[i][c] = mean[c];
-    copyMatrix(covariance, sigma[i], dim);
+    dhc::copyRowsInto(covariance, sigma[i], dim, dim);
 }
 
 void Mixture::set(double** means, double*** covariances, bool copy) {
@@ -104,7 +82,7 @@ void Mixture::inv() {
     // The storage is made once; a second call keeps it.
     if (hasInv == 1) return;
     sigmaInv = new double**[k];
-    for (int i = 0; i < k; ++i) sigmaInv[i] = newMatrix(dim, dim);
+    for (int i = 0; i < k; ++i) sigmaInv[i] = dhc::newRows<double>(dim, dim);
     invOk = new int[k]();
     logdet = new double[k]();
     hasInv = 1;
@@ -122,13 +100,12 @@ bool Mixture::updateInv(int i) {
     if (hasInv == 0) return false;
     // Work on a copy so the covariance itself is never touched; a singular class
     // keeps its previous inverse and log-determinant.
-    double** work = newMatrix(dim, dim);
-    copyMatrix(sigma[i], work, dim);
+    double** work = dhc::copyRows(sigma[i], dim, dim);
     int ok;
     OpMatrix::inv(work, dim, sigmaInv[i], ok);
     invOk[i] = ok;
     if (ok != 0) logdet[i] = OpMatrix::ldet(work, dim);
-    deleteMatrix(work, dim);
+    dhc::deleteRows(work, dim);
     return invOk[i] > 0;
 }
 
@@ -154,21 +131,13 @@ Mixture* Mixture::generateLinkedMixture(bool* mask) {
 }
 
 double** Mixture::getMiCopy() const {
-    double** copy = new double*[k];
-    for (int i = 0; i < k; ++i) {
-        copy[i] = new double[dim];
-        for (int c = 0; c < dim; ++c) copy[i][c] = mi[i][c];
-    }
-    return copy;
+    return dhc::copyRows(mi, k, dim);
 }
 
 double*** Mixture::getSigmaInvCopy() const {
     if (hasInv == 0) return nullptr;
     double*** copy = new double**[k];
-    for (int i = 0; i < k; ++i) {
-        copy[i] = newMatrix(dim, dim);
-        copyMatrix(sigmaInv[i], copy[i], dim);
-    }
+    for (int i = 0; i < k; ++i) copy[i] = dhc::copyRows(sigmaInv[i], dim, dim);
     return copy;
 }
 

@@ -1,11 +1,13 @@
 #include "stats/OpMatrix.h"
 
+#include <algorithm>
 #include <cassert>
 #include <cmath>
 #include <cstdlib>
 #include <utility>
 
 #include "settings/Fatal.h"
+#include "settings/RowMatrix.h"
 
 // ---------------------------------------------------------------------------
 // Index-range work storage
@@ -20,18 +22,6 @@ T* heapBlock(int count) {
     void* p = std::malloc(sizeof(T) * static_cast<std::size_t>(count));
     if (p == nullptr) dhc::fatal(1);
     return static_cast<T*>(p);
-}
-
-// Zero-based new[] matrix handed to a caller.
-double** newMatrix(int rows, int cols) {
-    double** m = new double*[rows];
-    for (int r = 0; r < rows; ++r) m[r] = new double[cols]();
-    return m;
-}
-
-void deleteMatrix(double** m, int rows) {
-    for (int r = 0; r < rows; ++r) delete[] m[r];
-    delete[] m;
 }
 
 }  // namespace
@@ -299,12 +289,8 @@ bool OpMatrix::gramSchmidtCompletion(double**& u, int m, int n) {
             if (s != r && std::fabs(scalar(u[r], u[s], n)) >= kTol) return false;
     }
 
-    double** basis = new double*[n];
-    for (int r = 0; r < n; ++r) {
-        basis[r] = new double[n]();
-        if (r < m)
-            for (int c = 0; c < n; ++c) basis[r][c] = u[r][c];
-    }
+    double** basis = dhc::newRows<double>(n, n);
+    dhc::copyRowsInto(u, basis, m, n);
     delete[] u;
     u = basis;
 
@@ -347,7 +333,7 @@ bool OpMatrix::gramSchmidtCompletion(double**& u, int m, int n) {
 
 int OpMatrix::eig(double** a, int n, int k, double**& u, double*& lambda) {
     if (k < 1 || k > n) return 0;
-    u = newMatrix(n, n);
+    u = dhc::newRows<double>(n, n);
     for (int i = 0; i < n; ++i) u[i][i] = 1.0;
     lambda = new double[k]();
 
@@ -359,15 +345,13 @@ int OpMatrix::eig(double** a, int n, int k, double**& u, double*& lambda) {
     int j = 1;
     for (; j < k; ++j) {
         // The completion copies the rows into a new array; the old rows are ours to release.
-        double** previous = u;
         double** previousRows = new double*[n];
-        for (int r = 0; r < n; ++r) previousRows[r] = previous[r];
+        std::copy(u, u + n, previousRows);
         if (!gramSchmidtCompletion(u, j, n)) {
             delete[] previousRows;
             break;
         }
-        for (int r = 0; r < n; ++r) delete[] previousRows[r];
-        delete[] previousRows;
+        dhc::deleteRows(previousRows, n);
 
         // Restriction of A to the complement of the eigenvectors found so far.
         const int m = n - j;
@@ -381,7 +365,7 @@ int OpMatrix::eig(double** a, int n, int k, double**& u, double*& lambda) {
         for (int c = 0; c < n; ++c) u[j][c] = mapped[c];
         delete[] mapped;
         delete[] w;
-        deleteMatrix(b, m);
+        dhc::deleteRows(b, m);
     }
     return j;
 }
@@ -391,7 +375,7 @@ int OpMatrix::eig(double** a, int n, int k, double**& u, double*& lambda) {
 // ---------------------------------------------------------------------------
 
 double** OpMatrix::uT_a_u(double** u, double** a, int m, int n) {
-    double** c = newMatrix(m, m);
+    double** c = dhc::newRows<double>(m, m);
     for (int p = 0; p < m; ++p) {
         for (int q = p; q < m; ++q) {
             double s = 0.0;
@@ -477,13 +461,13 @@ double OpMatrix::kullbackLeibler_Normals(double* mu0, double** s0, double* mu1, 
                                          double bound) {
     const double ld0 = ldet(s0, d);
     const double ld1 = ldet(s1, d);
-    double** s1inv = newMatrix(d, d);
+    double** s1inv = dhc::newRows<double>(d, d);
     int ok;
     inv(s1, d, s1inv, ok);
     // A singular s1 admits no density: the divergence is unbounded.
     const double result =
         ok == 0 ? HUGE_VAL : kullbackLeibler_Normals(mu0, s0, ld0, mu1, s1inv, ld1, d, bound);
-    deleteMatrix(s1inv, d);
+    dhc::deleteRows(s1inv, d);
     return result;
 }
 
