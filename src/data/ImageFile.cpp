@@ -46,20 +46,14 @@ template <typename T>
 T*** ImageFile<T>::newCube(int bands, int rows, int cols) {
     const int b0 = nonNegative(bands), r0 = nonNegative(rows), c0 = nonNegative(cols);
     T*** cube = new T**[b0];
-    for (int b = 0; b < b0; ++b) {
-        cube[b] = new T*[r0];
-        for (int r = 0; r < r0; ++r) cube[b][r] = new T[c0]();
-    }
+    for (int b = 0; b < b0; ++b) cube[b] = dhc::newRows<T>(r0, c0);
     return cube;
 }
 
 template <typename T>
 void ImageFile<T>::deleteCube(T*** cube, int bands, int rows) {
     if (cube == nullptr) return;
-    for (int b = 0; b < nonNegative(bands); ++b) {
-        for (int r = 0; r < nonNegative(rows); ++r) delete[] cube[b][r];
-        delete[] cube[b];
-    }
+    for (int b = 0; b < nonNegative(bands); ++b) dhc::deleteRows(cube[b], nonNegative(rows));
     delete[] cube;
 }
 

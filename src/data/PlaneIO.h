@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "settings/RowMatrix.h"
+
 namespace dhc {
 namespace planeio {
 
@@ -30,10 +32,7 @@ T** createFrame(int rows, int cols, int pad, T frame, T inner) {
 
 template <typename T>
 void deleteFrame(T** plane, int rows, int pad) {
-    if (plane == nullptr) return;
-    const int totalRows = nonNegative(rows) + 2 * nonNegative(pad);
-    for (int r = 0; r < totalRows; ++r) delete[] plane[r];
-    delete[] plane;
+    dhc::deleteRows(plane, nonNegative(rows) + 2 * nonNegative(pad));
 }
 
 // Copy of a padded plane, keeping the padding (keepPad) or only the inner part.

@@ -12,18 +12,12 @@
 #include "data/PaddedMap.h"
 #include "data/ROI.h"
 #include "settings/Fatal.h"
+#include "settings/RowMatrix.h"
 
 namespace {
 
 constexpr unsigned kShuffleSeed = 3605118785u;  // d6e1bf41
 constexpr int kFileNameBuffer = 80;
-
-template <typename T>
-T** newRows(int n, int width) {
-    T** out = new T*[n > 0 ? n : 0];
-    for (int i = 0; i < n; ++i) out[i] = new T[width > 0 ? width : 0];
-    return out;
-}
 
 }  // namespace
 
@@ -102,9 +96,7 @@ PottsData::~PottsData() {
 }
 
 void PottsData::freeBandFiles() {
-    if (bandFiles == nullptr) return;
-    for (int b = 0; b < bandFileCount; ++b) delete[] bandFiles[b];
-    delete[] bandFiles;
+    dhc::deleteRows(bandFiles, bandFileCount);
     bandFiles = nullptr;
     bandFileCount = 0;
 }
@@ -235,8 +227,7 @@ void PottsData::inputFileNames(int n) {
         std::strcpy(names[b], name.c_str());
     }
     setFileNames(names, n);
-    for (int b = 0; b < n; ++b) delete[] names[b];
-    delete[] names;
+    dhc::deleteRows(names, n);
 }
 
 int PottsData::getEnvelopeArea() const {
@@ -254,7 +245,7 @@ double* PottsData::getSpatialCenter() const {
 
 int** PottsData::getLoadedPixels(int& n) {
     n = loadedCount;
-    int** out = newRows<int>(n, bands);
+    int** out = dhc::newRows<int>(n, bands);
     for (cursor = 0; cursor < n; ++cursor)
         std::copy(data + static_cast<size_t>(cursor) * bands, data + static_cast<size_t>(cursor + 1) * bands,
                   out[cursor]);
@@ -263,7 +254,7 @@ int** PottsData::getLoadedPixels(int& n) {
 
 double** PottsData::getLoadedPixelsAsDouble(int& n) {
     n = loadedCount;
-    double** out = newRows<double>(n, bands);
+    double** out = dhc::newRows<double>(n, bands);
     for (cursor = 0; cursor < n; ++cursor)
         for (int b = 0; b < bands; ++b) out[cursor][b] = data[static_cast<size_t>(cursor) * bands + b];
     return out;
@@ -275,7 +266,7 @@ double** PottsData::getLoadedPixelsAsDouble2(int& n) {
 
 double** PottsData::getLoadedPixelsCoord(int& n) {
     n = loadedCount;
-    double** out = newRows<double>(n, 2);
+    double** out = dhc::newRows<double>(n, 2);
     for (cursor = 0; cursor < n; ++cursor) {
         out[cursor][0] = coords[cursor].x;
         out[cursor][1] = coords[cursor].y;
@@ -330,7 +321,7 @@ double** PottsData::getFirstNaturals(int& n, xy*& taken) {
     for (cursor = 0; cursor < loadedCount && static_cast<int>(picked.size()) < wanted; ++cursor)
         if (coords[cursor].flag != 0) picked.push_back(cursor);
     n = static_cast<int>(picked.size());
-    double** out = newRows<double>(n, bands);
+    double** out = dhc::newRows<double>(n, bands);
     taken = new xy[n];
     for (int k = 0; k < n; ++k) {
         const int i = picked[k];

@@ -8,55 +8,16 @@
 
 #include "data/ImageFile.h"
 #include "data/PaddedMap.h"
+#include "data/PlaneIO.h"
 #include "data/ROI.h"
 #include "settings/Fatal.h"
-
-namespace {
-
-int** newPlane(int totalRows, int totalCols) {
-    int** plane = new int*[totalRows];
-    for (int r = 0; r < totalRows; ++r) plane[r] = new int[totalCols]();
-    return plane;
-}
-
-void fillFrame(int** plane, int rows, int cols, int pad, int value) {
-    const int totalRows = rows + 2 * pad, totalCols = cols + 2 * pad;
-    for (int r = 0; r < totalRows; ++r) {
-        if (r < pad || r >= rows + pad) {
-            std::fill(plane[r], plane[r] + totalCols, value);
-        } else {
-            std::fill(plane[r], plane[r] + pad, value);
-            std::fill(plane[r] + pad + cols, plane[r] + totalCols, value);
-        }
-    }
-}
-
-void freePlane(int**& plane, int totalRows) {
-    if (plane == nullptr) return;
-    for (int r = 0; r < totalRows; ++r) delete[] plane[r];
-    delete[] plane;
-    plane = nullptr;
-}
-
-int** unpaddedCopy(int** plane, int rows, int cols, int pad) {
-    int** out = new int*[rows];
-    for (int r = 0; r < rows; ++r) {
-        out[r] = new int[cols];
-        if (cols > 0) std::memcpy(out[r], plane[r + pad] + pad, sizeof(int) * cols);
-    }
-    return out;
-}
-
-}  // namespace
+#include "settings/RowMatrix.h"
 
 PottsMap::PottsMap(int nRows, int nCols, int nPad, int border, int** init)
     : rows(nRows), cols(nCols), pad(nPad), borderLabel(border) {
     if (pad < 1) dhc::fatal(-1);
-    const int totalRows = rows + 2 * pad, totalCols = cols + 2 * pad;
-    map = newPlane(totalRows, totalCols);
-    auxMap = newPlane(totalRows, totalCols);
-    fillFrame(map, rows, cols, pad, borderLabel);
-    fillFrame(auxMap, rows, cols, pad, borderLabel);
+    map = PaddedMap::createPaddedMapFrame(rows, cols, pad, borderLabel, 0);
+    auxMap = PaddedMap::createPaddedMapFrame(rows, cols, pad, borderLabel, 0);
     if (init != nullptr)
         for (int r = 0; r < rows; ++r)
             if (cols > 0) std::memcpy(map[r + pad] + pad, init[r], sizeof(int) * cols);
@@ -78,8 +39,9 @@ void PottsMap::setBasicItems(const PottsMap& source) {
 }
 
 void PottsMap::destroyMaps() {
-    freePlane(map, rows + 2 * pad);
-    freePlane(auxMap, rows + 2 * pad);
+    PaddedMap::deletePaddedMapFrame(map, rows, cols, pad);
+    PaddedMap::deletePaddedMapFrame(auxMap, rows, cols, pad);
+    map = auxMap = nullptr;
 }
 
 void PottsMap::deleteMap() {
@@ -202,20 +164,18 @@ void PottsMap::copyToAuxMapRev() {
 }
 
 int** PottsMap::outputAuxMap() const {
-    return unpaddedCopy(auxMap, rows, cols, pad);
+    return dhc::planeio::copyPlane(auxMap, rows, cols, pad, 0, false);
 }
 
 int** PottsMap::outputMap() const {
-    return unpaddedCopy(map, rows, cols, pad);
+    return dhc::planeio::copyPlane(map, rows, cols, pad, 0, false);
 }
 
 int** PottsMap::outputMask(int label, bool onAux) const {
     int** plane = onAux ? auxMap : map;
-    int** out = new int*[rows];
-    for (int r = 0; r < rows; ++r) {
-        out[r] = new int[cols];
+    int** out = dhc::newRows<int>(rows, cols);
+    for (int r = 0; r < rows; ++r)
         for (int c = 0; c < cols; ++c) out[r][c] = plane[r + pad][c + pad] == label ? 1 : 0;
-    }
     return out;
 }
 
