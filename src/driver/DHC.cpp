@@ -18,6 +18,7 @@
 #include "settings/DHC_SET.h"
 #include "settings/Fatal.h"
 #include "settings/FileName.h"
+#include "settings/RowMatrix.h"
 #include "stats/Mixture.h"
 #include "stats/OpMatrix.h"
 #include "workspace/PottsWS.h"
@@ -66,12 +67,6 @@ void deleteModel(Mixture* m) {
     int* idx = m->linkIndex;
     delete m;
     delete[] idx;
-}
-
-void deleteRows(double** rows, int n) {
-    if (rows == nullptr) return;
-    for (int i = 0; i < n; ++i) delete[] rows[i];
-    delete[] rows;
 }
 
 void refreshStats(PottsWS* ws) {
@@ -133,8 +128,7 @@ ROI<int, xy>* disconnectLabels(ROI<int, xy>* initial) {
     lm.import(rowPtr.data(), 0);
     int** fragmented = lm.getFragmentedMap();
     ROI<int, xy>* out = initial->extractLabROI(fragmented, 0, true);
-    for (int r = 0; r < rows; ++r) delete[] fragmented[r];
-    delete[] fragmented;
+    dhc::deleteRows(fragmented, rows);
     return out;
 }
 
@@ -583,7 +577,7 @@ void DHC::splitLeaf(const SplittingOptions& opts, WSNode* node) {
             abandonSplit(labels, ws, fresh.get(), k, children);
         }
     }
-    deleteRows(seeds, k);
+    dhc::deleteRows(seeds, k);
 }
 
 // splitOption 2: the leaf came apart into pieces.  Every piece is split on its
@@ -631,7 +625,7 @@ void DHC::splitPieces(const SplittingOptions& opts, WSNode* node, PottsWS** piec
         } else {
             parts.push_back(piece);
         }
-        deleteRows(seeds, k);
+        dhc::deleteRows(seeds, k);
     }
 
     if (refFirst >= 0) {
@@ -873,7 +867,7 @@ void DHC::blindSplitting(SplittingOptions opts) {
                     abandonSplit(labels, ws, fresh.get(), k, children);
                 }
             }
-            deleteRows(seeds, k);
+            dhc::deleteRows(seeds, k);
         }
         if (leaves() >= opts.maxNumberOfClasses) break;
     }

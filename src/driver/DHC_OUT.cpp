@@ -4,17 +4,15 @@
 
 #include "data/ROI.h"
 #include "driver/DHC.h"
+#include "settings/RowMatrix.h"
 
 DHC_OUT::~DHC_OUT() {
     release();
 }
 
 void DHC_OUT::release() {
-    for (int** plane : {labelMap, auxMap}) {
-        if (plane == nullptr) continue;
-        for (int r = 0; r < rows; ++r) delete[] plane[r];
-        delete[] plane;
-    }
+    dhc::deleteRows(labelMap, rows);
+    dhc::deleteRows(auxMap, rows);
     labelMap = nullptr;
     auxMap = nullptr;
     delete labelRoi;

@@ -11,6 +11,7 @@
 #include "settings/ConfigFileParser.h"
 #include "settings/DHC_SET.h"
 #include "settings/Fatal.h"
+#include "settings/RowMatrix.h"
 #include "stats/FMSC.h"
 #include "stats/FeatureSpace.h"
 #include "stats/Mixture.h"
@@ -19,27 +20,15 @@
 
 namespace {
 
-double** newRows(int rows, int cols) {
-    double** m = new double*[rows > 0 ? rows : 0];
-    for (int r = 0; r < rows; ++r) m[r] = new double[cols > 0 ? cols : 0]();
-    return m;
-}
-
-template <typename T>
-void freeRows(T** m, int rows) {
-    if (m == nullptr) return;
-    for (int r = 0; r < rows; ++r) delete[] m[r];
-    delete[] m;
-}
-
+// n square d x d matrices.
 double*** newCube(int n, int d) {
     double*** c = new double**[n > 0 ? n : 0];
-    for (int i = 0; i < n; ++i) c[i] = newRows(d, d);
+    for (int i = 0; i < n; ++i) c[i] = dhc::newRows<double>(d, d);
     return c;
 }
 
 void freeCube(double*** c, int n, int d) {
-    for (int i = 0; i < n; ++i) freeRows(c[i], d);
+    for (int i = 0; i < n; ++i) dhc::deleteRows(c[i], d);
     delete[] c;
 }
 
@@ -140,7 +129,7 @@ bool PottsEngine::updateGlobalMixture(PottsWS& w) {
         double** s = w.getSigma(present[first + i]);
         m->set(i, mu, s);
         delete[] mu;
-        freeRows(s, d);
+        dhc::deleteRows(s, d);
     }
     delete[] present;
     m->inv();
@@ -155,7 +144,7 @@ double** PottsEngine::kGLA(PottsWS* w, int* labels) {
     PottsMapRegion* region = w->root;
 
     w->updateMi();
-    double** code = newRows(k, d);
+    double** code = dhc::newRows<double>(k, d);
     for (int b = 0; b < d && k > 0; ++b) code[0][b] = w->mi[b];
     std::vector<double> distortion(k, 0.0);
     std::vector<double> meanDistortion(k, 0.0);
@@ -163,7 +152,7 @@ double** PottsEngine::kGLA(PottsWS* w, int* labels) {
     std::vector<double> previous(static_cast<std::size_t>(k) * d);
     std::vector<double> direction(d);
     std::vector<double> value(d);
-    double** sigma = newRows(d, d);
+    double** sigma = dhc::newRows<double>(d, d);
     region->mapRefresh(labels[0], false);
 
     bool abandoned = false;
@@ -231,7 +220,7 @@ double** PottsEngine::kGLA(PottsWS* w, int* labels) {
             }
         }
     }
-    freeRows(sigma, d);
+    dhc::deleteRows(sigma, d);
 
     if (abandoned) {
         w->splitState = -1;
@@ -252,7 +241,7 @@ double** PottsEngine::kML(PottsWS* w, int* labels, double** energy) {
             if (energy[c][p] < energy[best][p]) best = c;
         cell(region, w->coords[p]) = labels[best];
     }
-    double** means = newRows(k, w->bands);
+    double** means = dhc::newRows<double>(k, w->bands);
     std::vector<int> counts(k, 0);
     w->getMi(k, labels, counts.data(), means);
     if (countsProductIsZero(counts)) {
@@ -540,7 +529,7 @@ PottsWS** PottsEngine::split(PottsWS* w, int* labels, bool altGain, double thres
     double** means = kGLA(w, labels);
     PottsWS** children = nullptr;
     if (w->splitState != -1) children = icmAndSplit(w, labels, means, altGain, threshold);
-    freeRows(means, multiplicity);
+    dhc::deleteRows(means, multiplicity);
     ws = nullptr;
     return children;
 }
@@ -596,8 +585,8 @@ PottsWS** PottsEngine::split(PottsWS* w, int* labels, Mixture** classes) {
             if (r == 2) w->beta = betaHat(labels);
         }
     }
-    freeRows(energy, k);
-    freeRows(means, k);
+    dhc::deleteRows(energy, k);
+    dhc::deleteRows(means, k);
 
     PottsWS** children = nullptr;
     if (r == 2) {
@@ -675,7 +664,7 @@ double PottsEngine::splitGain(PottsWS* w, int k, PottsWS** children, double thre
         if (d >= 1) {
             OpMatrix::eig(w->sigma, d, 1, u, lambda);
             v = n * lambda[0];
-            freeRows(u, d);
+            dhc::deleteRows(u, d);
             delete[] lambda;
         }
     }
@@ -764,10 +753,10 @@ double** PottsEngine::MS_K_est(PottsWS* w, int& k, bool label) {
         // the band mean on any band beyond them.
         double* sd = space.getStDevs(0);
         double* mu = space.getMi(0);
-        modes = newRows(k, d);
+        modes = dhc::newRows<double>(k, d);
         for (int i = 0; i < k; ++i)
             for (int b = 0; b < d; ++b) modes[i][b] = b < dims ? found[i][b] * sd[b] + mu[b] : mu[b];
-        freeRows(found, k);
+        dhc::deleteRows(found, k);
         delete[] sd;
         delete[] mu;
     }
@@ -786,8 +775,8 @@ double** PottsEngine::MS_K_est(PottsWS* w, int& k, bool label) {
             for (int i = 0; i < n; ++i)
                 if (classification != nullptr && classification[i] > 0)
                     cell(region, sampleCoords[i]) = base + classification[i];
-            freeRows(modes, k);
-            modes = newRows(k, d);
+            dhc::deleteRows(modes, k);
+            modes = dhc::newRows<double>(k, d);
             w->MLMapCompletion(modes, nullptr);
             w->splitState = 1;
         } else if (w->fromRoi == 0) {
@@ -799,7 +788,7 @@ double** PottsEngine::MS_K_est(PottsWS* w, int& k, bool label) {
                 w->loadDataRaw(w->bandFiles, w->bands, 100.0f);
         }
     } else {
-        freeRows(modes, k);
+        dhc::deleteRows(modes, k);
         modes = nullptr;
         w->splitState = -1;
         k = 1;
@@ -807,8 +796,8 @@ double** PottsEngine::MS_K_est(PottsWS* w, int& k, bool label) {
 
     delete[] classification;
     delete[] population;
-    freeRows(projected, n);
-    freeRows(samples, n);
+    dhc::deleteRows(projected, n);
+    dhc::deleteRows(samples, n);
     delete[] sampleCoords;
     return modes;
 }

@@ -3,40 +3,24 @@
 #include <cmath>
 #include <cstddef>
 
+#include "settings/RowMatrix.h"
 #include "stats/Mixture.h"
 #include "stats/OpMatrix.h"
 #include "workspace/PottsWS.h"
 
-namespace {
-
-double** newRows(int rows, int cols) {
-    double** m = new double*[rows > 0 ? rows : 0];
-    for (int r = 0; r < rows; ++r) m[r] = new double[cols > 0 ? cols : 0]();
-    return m;
-}
-
-template <typename T>
-void freeRows(T** m, int rows) {
-    if (m == nullptr) return;
-    for (int r = 0; r < rows; ++r) delete[] m[r];
-    delete[] m;
-}
-
-}  // namespace
-
 PottsLikelihoodEnergy::PottsLikelihoodEnergy(Mixture** classes, int n, PottsWS* ws)
-    : energy(newRows(n, ws->envelopeCount)), nClasses(n), nPixels(ws->envelopeCount) {
+    : energy(dhc::newRows<double>(n, ws->envelopeCount)), nClasses(n), nPixels(ws->envelopeCount) {
     update(classes, ws);
 }
 
 PottsLikelihoodEnergy::PottsLikelihoodEnergy(PottsWS** wss, int n) : nClasses(n) {
     for (int j = 0; j < n; ++j) nPixels += wss[j]->envelopeCount;
-    energy = newRows(n, nPixels);
+    energy = dhc::newRows<double>(n, nPixels);
     update(wss);
 }
 
 PottsLikelihoodEnergy::~PottsLikelihoodEnergy() {
-    freeRows(energy, nClasses);
+    dhc::deleteRows(energy, nClasses);
 }
 
 void PottsLikelihoodEnergy::update(Mixture** classes, PottsWS* ws) {
@@ -59,9 +43,9 @@ void PottsLikelihoodEnergy::update(Mixture** classes, PottsWS* ws) {
                 if (e < row[p]) row[p] = e;
             }
         }
-        for (int c = 0; c < m->k; ++c) freeRows(sInv[c], d);
+        for (int c = 0; c < m->k; ++c) dhc::deleteRows(sInv[c], d);
         delete[] sInv;
-        freeRows(mu, m->k);
+        dhc::deleteRows(mu, m->k);
         delete[] ld;
     }
 }
@@ -70,7 +54,7 @@ void PottsLikelihoodEnergy::update(PottsWS** wss) {
     for (int i = 0; i < nClasses; ++i) {
         PottsWS* model = wss[i];
         const int d = model->bands;
-        double** sInv = newRows(d, d);
+        double** sInv = dhc::newRows<double>(d, d);
         int ok = 0;
         OpMatrix::inv(model->sigma, d, sInv, ok);
         const double logdet = ok ? OpMatrix::ldet(model->sigma, d) : 0.0;
@@ -84,13 +68,13 @@ void PottsLikelihoodEnergy::update(PottsWS** wss) {
                                      : HUGE_VAL;
             offset += w->envelopeCount;
         }
-        freeRows(sInv, d);
+        dhc::deleteRows(sInv, d);
     }
 }
 
 double** PottsLikelihoodEnergy::get(PottsWS* ws, int** groups, int* sizes, int n) {
     const int count = ws->envelopeCount;
-    double** out = newRows(n, count);
+    double** out = dhc::newRows<double>(n, count);
     for (int g = 0; g < n; ++g) {
         double* dst = out[g];
         const int* members = groups[g];

@@ -25,6 +25,7 @@
 #include "mex/mxGrip.h"
 #include "settings/DHC_SET.h"
 #include "settings/Fatal.h"
+#include "settings/RowMatrix.h"
 #include "settings/dhcConfig.h"
 #include "workspace/WSReport.h"
 
@@ -108,19 +109,14 @@ class IntMatrix {
 
     // rows x cols, every element v.
     static IntMatrix filled(int rows, int cols, int v) {
-        IntMatrix out(new int*[rows](), rows);
-        for (int r = 0; r < rows; ++r) {
-            out.m_[r] = new int[cols];
-            for (int c = 0; c < cols; ++c) out.m_[r][c] = v;
-        }
+        IntMatrix out(dhc::newRows<int>(rows, cols), rows);
+        for (int r = 0; r < rows; ++r) std::fill(out.m_[r], out.m_[r] + cols, v);
         return out;
     }
 
     int** get() const { return m_; }
     void reset() {
-        if (m_ == nullptr) return;
-        for (int r = 0; r < rows_; ++r) delete[] m_[r];
-        delete[] m_;
+        dhc::deleteRows(m_, rows_);
         m_ = nullptr;
     }
 
@@ -140,10 +136,7 @@ class IntCube {
     int*** get() const { return cube_; }
     void reset() {
         if (cube_ == nullptr) return;
-        for (int b = 0; b < bands_; ++b) {
-            for (int r = 0; r < rows_; ++r) delete[] cube_[b][r];
-            delete[] cube_[b];
-        }
+        for (int b = 0; b < bands_; ++b) dhc::deleteRows(cube_[b], rows_);
         delete[] cube_;
         cube_ = nullptr;
     }

@@ -10,6 +10,7 @@
 
 #include "data/PottsMapRegion.h"
 #include "data/run.h"
+#include "settings/RowMatrix.h"
 #include "stats/Mixture.h"
 #include "stats/OpMatrix.h"
 #include "workspace/WSReport.h"
@@ -21,18 +22,6 @@ namespace {
 // always done.  Formed unsigned so the wrap is defined.
 inline double wrappedProduct(int a, int b) {
     return static_cast<double>(static_cast<int32_t>(static_cast<uint32_t>(a) * static_cast<uint32_t>(b)));
-}
-
-double** newMatrix(int n) {
-    double** m = new double*[n];
-    for (int i = 0; i < n; ++i) m[i] = new double[n]();
-    return m;
-}
-
-void deleteMatrix(double** m, int n) {
-    if (m == nullptr) return;
-    for (int i = 0; i < n; ++i) delete[] m[i];
-    delete[] m;
 }
 
 void zeroMatrix(double** m, int n) {
@@ -93,19 +82,19 @@ PottsWS::PottsWS(bool shuffle_, float percentage, std::string hrawFile, int pad,
 
 PottsWS::~PottsWS() {
     delete[] mi;
-    deleteMatrix(sigma, bands);
+    dhc::deleteRows(sigma, bands);
     delete mixture;
     delete[] pixelIndex;
 }
 
 void PottsWS::init() {
     delete[] mi;
-    deleteMatrix(sigma, bands);
+    dhc::deleteRows(sigma, bands);
     mi = nullptr;
     sigma = nullptr;
     if (bands > 0) {
         mi = new double[bands]();
-        sigma = newMatrix(bands);
+        sigma = dhc::newRows<double>(bands, bands);
     }
     sqDeviation = 0.0;
     likelihoodEnergy = 0.0;
@@ -151,12 +140,7 @@ double* PottsWS::getMi() {
 
 double** PottsWS::getSigma() {
     if (sigma == nullptr) return nullptr;
-    double** out = new double*[bands];
-    for (int i = 0; i < bands; ++i) {
-        out[i] = new double[bands];
-        std::copy(sigma[i], sigma[i] + bands, out[i]);
-    }
-    return out;
+    return dhc::copyRows(sigma, bands, bands);
 }
 
 void PottsWS::setMi(double* m) {
@@ -206,7 +190,7 @@ void PottsWS::updateFeatures() {
     likelihoodEnergy = 0.0;
     if (d <= 0) return;
     double** work = getSigma();
-    double** inverse = newMatrix(d);
+    double** inverse = dhc::newRows<double>(d, d);
     int ok = 0;
     OpMatrix::inv(work, d, inverse, ok);
     std::vector<double> diff(d);
@@ -224,8 +208,8 @@ void PottsWS::updateFeatures() {
     }
     scan.finish();
     if (ok) likelihoodEnergy = 0.5 * mahalanobis;
-    deleteMatrix(work, d);
-    deleteMatrix(inverse, d);
+    dhc::deleteRows(work, d);
+    dhc::deleteRows(inverse, d);
 }
 
 // ---------------------------------------------------------------------------
@@ -297,7 +281,7 @@ void PottsWS::getSigma(int label, double** out) {
 }
 
 double** PottsWS::getSigma(int label) {
-    double** out = newMatrix(bands > 0 ? bands : 0);
+    double** out = dhc::newRows<double>(bands, bands);
     getSigma(label, out);
     return out;
 }
@@ -523,7 +507,7 @@ int PottsWS::split(int* labels, int n, PottsWS**& children, bool computeStats) {
     for (int j = 0; j < nChildren; ++j) {
         PottsWS* child = children[j];
         if (child->mi == nullptr && bands > 0) child->mi = new double[bands]();
-        if (child->sigma == nullptr && bands > 0) child->sigma = newMatrix(bands);
+        if (child->sigma == nullptr && bands > 0) child->sigma = dhc::newRows<double>(bands, bands);
         if (computeStats) {
             child->updateMi();
             child->updateSigma();
@@ -593,7 +577,7 @@ void PottsWS::MLMapCompletion(double** means, double*** covs) {
     std::vector<int> counts(k, 0);
     std::vector<std::vector<double>> mu(k, std::vector<double>(d, 0.0));
     std::vector<double**> cov(k);
-    for (int c = 0; c < k; ++c) cov[c] = newMatrix(d);
+    for (int c = 0; c < k; ++c) cov[c] = dhc::newRows<double>(d, d);
     cursor = 0;
     for (int p = 0; p < scan.count(); ++p) {
         const int v = scan.label(p);
@@ -620,7 +604,7 @@ void PottsWS::MLMapCompletion(double** means, double*** covs) {
     std::vector<int> eligible(k, 0);
     std::vector<double> logDet(k, 0.0);
     for (int c = 0; c < k; ++c) {
-        inverse[c] = newMatrix(d);
+        inverse[c] = dhc::newRows<double>(d, d);
         int ok = 0;
         OpMatrix::inv(cov[c], d, inverse[c], ok);
         eligible[c] = ok;
@@ -651,10 +635,9 @@ void PottsWS::MLMapCompletion(double** means, double*** covs) {
 
     for (int c = 0; c < k; ++c) {
         if (means != nullptr) std::copy(mu[c].begin(), mu[c].end(), means[c]);
-        if (covs != nullptr)
-            for (int i = 0; i < d; ++i) std::copy(cov[c][i], cov[c][i] + d, covs[c][i]);
-        deleteMatrix(cov[c], d);
-        deleteMatrix(inverse[c], d);
+        if (covs != nullptr) dhc::copyRowsInto(cov[c], covs[c], d, d);
+        dhc::deleteRows(cov[c], d);
+        dhc::deleteRows(inverse[c], d);
     }
 }
 

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "settings/Fatal.h"
+#include "settings/RowMatrix.h"
 #include "workspace/TreeNode.h"
 
 template <class T>
@@ -80,8 +81,7 @@ class Tree {
                 node = node->children[e];
             }
         }
-        for (int p = 0; p < n; ++p) delete[] sortedPaths[p];
-        delete[] sortedPaths;
+        dhc::deleteRows(sortedPaths, n);
         delete[] sortedLengths;
         current = root;
         resetCursors();

@@ -2,16 +2,15 @@
 
 #include <fstream>
 
+#include "settings/RowMatrix.h"
+
 WSReport::~WSReport() {
     delete[] path;
     delete[] children;
     delete[] offspring;
     delete[] chAreas;
     delete[] mean;
-    if (covariance != nullptr) {
-        for (int i = 0; i < nBands; ++i) delete[] covariance[i];
-        delete[] covariance;
-    }
+    dhc::deleteRows(covariance, nBands);
 }
 
 namespace {
