@@ -1,6 +1,8 @@
 #pragma once
-// Small workspaces for the tests: every pixel of a rows x cols image selected,
-// band values given per pixel, the label map painted from a label grid.
+// Small workspaces for the workspace and engine tests: a rows x cols image whose
+// pixels are selected by a mask (all of them by default), built into a PottsWS
+// the way the driver builds its root (from a region of interest, then updateMi
+// and updateSigma).
 
 #include <functional>
 #include <memory>
@@ -15,7 +17,7 @@ namespace wstest {
 
 constexpr int kPad = 1;
 constexpr int kBorder = 1;   // frame label
-constexpr int kOutside = 2;  // label of box cells outside the ROI
+constexpr int kOutside = 2;  // label of box cells outside the mask
 constexpr int kRoot = 3;     // the root region's label
 
 // Owns the ROI the workspace was built from (the workspace only observes it).
@@ -24,22 +26,25 @@ struct Built {
     std::unique_ptr<PottsWS> ws;
 };
 
-// value(r, c, b) gives band b of pixel (r, c).
-inline Built makeWS(int rows, int cols, int bands, const std::function<int(int, int, int)>& value) {
+// value(r, c, b) gives band b of pixel (r, c); selected(r, c) the mask.
+inline Built makeWS(int rows, int cols, int bands, const std::function<int(int, int, int)>& value,
+                    const std::function<bool(int, int)>& selected = nullptr) {
     int*** cube = ImageFile<int>::newCube(bands, rows, cols);
-    int** mask = new int*[rows];
-    for (int r = 0; r < rows; ++r) mask[r] = new int[cols];
-    for (int r = 0; r < rows; ++r)
+    std::vector<std::vector<int>> maskRows(rows, std::vector<int>(cols));
+    std::vector<int*> mask(rows);
+    for (int r = 0; r < rows; ++r) {
+        mask[r] = maskRows[r].data();
         for (int c = 0; c < cols; ++c) {
-            mask[r][c] = 1;
+            mask[r][c] = (!selected || selected(r, c)) ? 1 : 0;
             for (int b = 0; b < bands; ++b) cube[b][r][c] = value(r, c, b);
         }
+    }
     Built out;
-    out.roi.reset(buildRoi(rows, cols, bands, cube, mask, 1, false));
+    out.roi.reset(buildRoi(rows, cols, bands, cube, mask.data(), 1, false));
     out.ws.reset(new PottsWS(out.roi.get(), kPad, kBorder, kRoot, kOutside));
+    out.ws->updateMi();
+    out.ws->updateSigma();
     ImageFile<int>::deleteCube(cube, bands, rows);
-    for (int r = 0; r < rows; ++r) delete[] mask[r];
-    delete[] mask;
     return out;
 }
 
@@ -50,19 +55,26 @@ inline void paint(PottsWS& ws, const std::vector<std::vector<int>>& g) {
             ws.root->setPixel(static_cast<int>(r), static_cast<int>(c), g[r][c]);
 }
 
-inline double** newMat(int n) {
-    double** m = new double*[n];
-    for (int i = 0; i < n; ++i) m[i] = new double[n]();
+inline int mapLabel(const PottsWS& ws, int r, int c) {
+    return ws.root->map[r + ws.root->pad][c + ws.root->pad];
+}
+
+// Rows x cols zero-initialised new[] matrix and its release.
+inline double** newMatrix(int rows, int cols) {
+    double** m = new double*[rows];
+    for (int r = 0; r < rows; ++r) m[r] = new double[cols]();
     return m;
 }
 
-inline void freeMat(double** m, int n) {
-    for (int i = 0; i < n; ++i) delete[] m[i];
+inline void freeMatrix(double** m, int rows) {
+    if (m == nullptr) return;
+    for (int r = 0; r < rows; ++r) delete[] m[r];
     delete[] m;
 }
 
-// Frees a children array made by PottsWS::split.
+// Frees a children array made by a split.
 inline void freeChildren(PottsWS** children, int n) {
+    if (children == nullptr) return;
     for (int j = 0; j < n; ++j) delete children[j];
     delete[] children;
 }
