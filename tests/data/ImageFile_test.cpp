@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "MapTestUtil.h"
 #include "common/TestSupport.h"
 #include "data/HrawCheck.h"
 #include "data/PaddedMap.h"
@@ -145,25 +146,18 @@ TEST(PaddedPlanes, FrameAndCopies) {
         for (int c = 0; c < 7; ++c) EXPECT_EQ(pm.map[r][c], r >= 2 && r < 4 && c >= 2 && c < 5 ? 5 : -1);
     pm.map[3][4] = 42;  // inner (1, 2)
 
-    int pad = 1;  // non-zero: keep the padding
+    int pad = 1;  // non-zero: a copy with the padding
     int** padded = pm.getMap(pad);
     EXPECT_EQ(pad, 2);
-    EXPECT_EQ(std::make_tuple(padded[0][0], padded[5][6], padded[2][2], padded[3][4]),
-              std::make_tuple(-1, -1, 5, 42));
+    EXPECT_EQ(cells(&padded, 1, 6, 7), cells(&pm.map, 1, 6, 7));
     padded[3][4] = 0;  // a copy, not a view
     EXPECT_EQ(pm.map[3][4], 42);
     PaddedMap::deletePaddedMapFrame(padded, 2, 3, 2);
-    pad = 0;
+    pad = 0;  // zero: the inner cells only
     int** bare = pm.getMap(pad);
-    EXPECT_EQ(std::make_tuple(pad, bare[0][0], bare[1][2]), std::make_tuple(0, 5, 42));
+    EXPECT_EQ(pad, 0);
+    EXPECT_EQ(cells(&bare, 1, 2, 3), (std::vector<int>{5, 5, 5, 5, 5, 42}));
     PaddedMap::deletePaddedMapFrame(bare, 2, 3, 0);
-
-    PaddedMatrix dm(2, 2, 1, -0.5, 0.25);
-    dm.map[2][1] = 3.5;
-    pad = 3;
-    double** dpad = dm.getMatrix(pad);
-    EXPECT_EQ(std::make_tuple(pad, dpad[0][3], dpad[1][1], dpad[2][1]), std::make_tuple(1, -0.5, 0.25, 3.5));
-    PaddedMatrix::deletePaddedMatrixFrame(dpad, 2, 2, 1);
 }
 
 TEST(PaddedPlanes, HRawWritersLeaveTheFrameOut) {
@@ -192,9 +186,8 @@ TEST(Raw, ReadsIntoAFramedPlaneAndWritesTheInnerCells) {
     const std::string path = dhc::test::tmpPath("img_plane.raw");
     writeInts(path, {1, 2, 3, 4, 5});  // one short: the missing element reads 0
     int** m = ImageFile<int>::readRawInt32(path, 2, 3, 1, -5);
-    const std::vector<int> framed = {-5, -5, -5, -5, -5, -5, 1,  2,  3,  -5,
-                                     -5, 4,  5,  0,  -5, -5, -5, -5, -5, -5};
-    EXPECT_EQ(cells(&m, 1, 4, 5), framed);  // the whole padded plane, row by row
+    EXPECT_EQ(innerOf(m, 4, 5, 0),
+              (Grid{{-5, -5, -5, -5, -5}, {-5, 1, 2, 3, -5}, {-5, 4, 5, 0, -5}, {-5, -5, -5, -5, -5}}));
     m[2][3] = -8;
     ImageFile<int>::writeRawInt32(path, m, 2, 3, 1);
     EXPECT_EQ(fileBytes(path), leBytes({1, 2, 3, 4, 5, -8}));

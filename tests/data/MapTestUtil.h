@@ -1,6 +1,6 @@
 #pragma once
-// Helpers shared by the label-map tests: planes from literals and back, and an
-// independent flood-fill reference for connected pieces.
+// Helpers shared by the data tests: planes and regions of interest from literals
+// and back, and an independent flood-fill reference for connected pieces.
 #include <algorithm>
 #include <optional>
 #include <queue>
@@ -8,8 +8,37 @@
 #include <vector>
 
 #include "data/PottsMap.h"
+#include "data/ROI.h"
 
 using Grid = std::vector<std::vector<int>>;
+using Cells = std::vector<std::pair<int, int>>;
+
+inline Cells cellsOf(const xy* list, int n) {
+    Cells v;
+    for (int i = 0; i < n; ++i) v.emplace_back(list[i].x, list[i].y);
+    return v;
+}
+
+// A ROI of the box-relative points in a height x width box at (minRow, minCol);
+// value(b, r, c) gives band b of the point (r, c).
+template <typename Value>
+ROI<int, xy>* roiOf(const Cells& points, int bands, int minRow, int minCol, int height, int width,
+                    Value value) {
+    ROI<int, xy>* roi = new ROI<int, xy>(static_cast<int>(points.size()), bands);
+    for (size_t k = 0; k < points.size(); ++k) {
+        const auto [r, c] = points[k];
+        roi->coords[k] = xy{static_cast<uint16_t>(r), static_cast<uint16_t>(c), 0, 0};
+        for (int b = 0; b < bands; ++b) roi->data[k * bands + b] = value(b, r, c);
+    }
+    roi->minRow = minRow;
+    roi->minCol = minCol;
+    roi->height = height;
+    roi->width = width;
+    roi->imageRows = minRow + height;
+    roi->imageCols = minCol + width;
+    roi->order = 2;
+    return roi;
+}
 
 // Row-pointer view of a grid, valid while the object lives.
 struct RowPointers {

@@ -16,8 +16,6 @@
 
 namespace {
 
-using Points = std::vector<std::pair<int, int>>;
-
 // Value of band b at (r, c) in the test images: distinct for every cell and band.
 int valueAt(int b, int r, int c) {
     return 1000 * b + 10 * r + c;
@@ -49,12 +47,6 @@ void freeTable(T** table, int n) {
     delete[] table;
 }
 
-Points coordsOf(const PottsData& d) {
-    Points v;
-    for (int k = 0; k < d.envelopeCount; ++k) v.emplace_back(d.coords[k].x, d.coords[k].y);
-    return v;
-}
-
 void expectValuesMatchCoords(const PottsData& d) {
     for (int i = 0; i < d.loadedCount; ++i)
         for (int b = 0; b < d.bands; ++b)
@@ -62,22 +54,13 @@ void expectValuesMatchCoords(const PottsData& d) {
                 << i << " band " << b;
 }
 
-// A two-band ROI of the given box-relative points in a height x width box at (4, 6).
-ROI<int, xy>* pointsRoi(const Points& points, int height, int width) {
-    ROI<int, xy>* roi = new ROI<int, xy>(static_cast<int>(points.size()), 2);
-    for (size_t k = 0; k < points.size(); ++k) {
-        const auto [r, c] = points[k];
-        roi->coords[k] = xy{static_cast<uint16_t>(r), static_cast<uint16_t>(c), 0, 0};
-        roi->data[2 * k] = valueAt(0, r, c);
-        roi->data[2 * k + 1] = valueAt(1, r, c);
-    }
-    roi->minRow = 4;
-    roi->height = height;
-    roi->minCol = 6;
-    roi->width = width;
-    roi->imageRows = roi->imageCols = 20;
-    roi->order = 2;
-    return roi;
+// A two-band ROI of the box-relative points in a height x width box at (4, 6).
+ROI<int, xy>* pointsRoi(const Cells& points, int height, int width) {
+    return roiOf(points, 2, 4, 6, height, width, valueAt);
+}
+
+Cells coordsOf(const PottsData& d) {
+    return cellsOf(d.coords, d.envelopeCount);
 }
 
 TEST(PottsData, LoadedCountFollowsThePercentageInFloat) {
@@ -98,7 +81,7 @@ TEST(PottsData, BandFilesLoadTheFirstPixelsInRasterOrder) {
     EXPECT_EQ(d.loadedCount, 6);
     EXPECT_TRUE(d.rasterOrder);
     for (int k = 0; k < 12; ++k)
-        EXPECT_EQ(Points::value_type(d.coords[k].x, d.coords[k].y), Points::value_type(k / 4, k % 4));
+        EXPECT_EQ(Cells::value_type(d.coords[k].x, d.coords[k].y), Cells::value_type(k / 4, k % 4));
     expectValuesMatchCoords(d);
     double* v = d.getPixelAsDouble(xy{1, 1, 0, 0});
     ASSERT_NE(v, nullptr);
@@ -123,7 +106,7 @@ TEST(PottsData, ShuffledSamplesAreSeededForBandFilesAndContinueTheGeneratorForHr
     EXPECT_EQ(a.getPixelAsDouble(xy{}), nullptr);
 
     // Ten swaps per pixel, each from four draws in order r1, r2, r3, r4.
-    Points expected;
+    Cells expected;
     for (int k = 0; k < 20; ++k) expected.emplace_back(k / 5, k % 5);
     std::srand(3605118785u);
     for (int s = 0; s < 200; ++s) {
@@ -178,13 +161,13 @@ TEST(PottsData, FirstNaturalsTakeUnmarkedPixelsFirst) {
     for (int asked : {4, 9}) {
         SCOPED_TRACE(asked);
         // Unmarked in list order, then the marked ones with flag 1 in the copy.
-        const Points order = {{0, 1}, {1, 0}, {1, 1}, {0, 0}, {0, 2}};
+        const Cells order = {{0, 1}, {1, 0}, {1, 1}, {0, 0}, {0, 2}};
         int n = asked;
         xy* taken = nullptr;
         double** values = d.getFirstNaturals(n, taken);
         ASSERT_EQ(n, std::min(asked, 5));
         for (int k = 0; k < n; ++k) {
-            EXPECT_EQ(Points::value_type(taken[k].x, taken[k].y), order[k]);
+            EXPECT_EQ(Cells::value_type(taken[k].x, taken[k].y), order[k]);
             EXPECT_EQ(taken[k].flag, k < 3 ? 0 : 1);
             EXPECT_EQ(values[k][1], valueAt(1, order[k].first, order[k].second));
         }

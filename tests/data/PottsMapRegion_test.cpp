@@ -11,14 +11,14 @@
 namespace {
 
 using Runs = std::vector<std::tuple<int, int, int>>;
-using Cells = std::vector<std::pair<int, int>>;
 
-// A region over a map built from a grid, described from the map; the test owns the planes.
+// A region over a map holding the grid; the test owns the planes.  A whole-image
+// region keeps the full-image description; otherwise the label's cells are described.
 struct OwnedRegion {
-    OwnedRegion(Grid g, int label) {
-        RowPointers p(g);
+    OwnedRegion(Grid g, int label, bool wholeImage = false) {
         r = new PottsMapRegion(static_cast<int>(g.size()), static_cast<int>(g[0].size()), 1, -1, label,
-                               p.get());
+                               RowPointers(g).get());
+        if (wholeImage) return;
         r->updateRuns();  // within the full-image margins
         r->updateMargins(false);
         r->updateArea();
@@ -31,23 +31,9 @@ struct OwnedRegion {
     PottsMapRegion* r;
 };
 
-// A full-image region whose map holds the grid; destroyMaps is the test's.
-PottsMapRegion* fullOver(Grid g) {
-    auto* full =
-        new PottsMapRegion(static_cast<int>(g.size()), static_cast<int>(g[0].size()), 1, -1, 0, nullptr);
-    full->readMap(RowPointers(g).get());
-    return full;
-}
-
 Runs runsOf(const run* runs, int n) {
     Runs v;
     for (int i = 0; i < n; ++i) v.emplace_back(runs[i].row, runs[i].col, runs[i].len);
-    return v;
-}
-
-Cells cellsOf(const xy* list, int n) {
-    Cells v;
-    for (int i = 0; i < n; ++i) v.emplace_back(list[i].x, list[i].y);
     return v;
 }
 
@@ -116,21 +102,19 @@ TEST(PottsMapRegion, RefreshRestoreAndInnerRelabelling) {
     reg->mapRefresh(1, false);
     EXPECT_EQ(mapOf(*reg.r), (Grid{{1, 1, 2}, {1, 3, 3}}));
 
-    PottsMapRegion* full = fullOver({{4, 0, 4}, {9, 9, 9}, {2, 2, 2}});
+    OwnedRegion full({{4, 0, 4}, {9, 9, 9}, {2, 2, 2}}, 0, true);
     int n = 0;
     int* labels = full->labels(n);
     EXPECT_EQ(std::vector<int>(labels, labels + n), (std::vector<int>{0, 2, 4, 9}));
     delete[] labels;
     int table[10] = {5, 0, 6, 0, 7, 0, 0, 0, 0, 8};
     full->setInnerLabels(table);
-    EXPECT_EQ(mapOf(*full), (Grid{{7, 5, 7}, {8, 8, 8}, {6, 6, 6}}));
-    full->destroyMaps();
-    delete full;
+    EXPECT_EQ(mapOf(*full.r), (Grid{{7, 5, 7}, {8, 8, 8}, {6, 6, 6}}));
 }
 
 TEST(PottsMapRegion, SplitGivesRegionsWithRunsContoursBordersAndAreas) {
     const Grid g = {{2, 2, 3, 3}, {2, 2, 3, 3}, {2, 2, 2, 3}};
-    PottsMapRegion* full = fullOver(g);
+    OwnedRegion full(g, 0, true);
     int n = 0;
     PottsMapRegion* parts = full->split(n);
     ASSERT_EQ(n, 2);
@@ -147,7 +131,7 @@ TEST(PottsMapRegion, SplitGivesRegionsWithRunsContoursBordersAndAreas) {
     // Each keeps its share of the image perimeter, in the parent's order.
     EXPECT_EQ(cellsOf(a.border, a.borderCount), (Cells{{0, 0}, {0, 1}, {2, 1}, {2, 2}, {1, 0}, {2, 0}}));
     EXPECT_EQ(cellsOf(b.border, b.borderCount), (Cells{{0, 2}, {0, 3}, {1, 3}, {2, 3}}));
-    EXPECT_EQ(auxOf(*full), g);  // split leaves a copy of the map in the aux map
+    EXPECT_EQ(auxOf(*full.r), g);  // split leaves a copy of the map in the aux map
 
     a.resetContourScan();
     EXPECT_EQ(a.uc_contour(3), 2);  // (0,1): (0,2) and (1,2)
@@ -155,8 +139,6 @@ TEST(PottsMapRegion, SplitGivesRegionsWithRunsContoursBordersAndAreas) {
     EXPECT_EQ(a.uc_contour(3), 3);  // (2,2): (1,2), (1,3), (2,3)
     EXPECT_FALSE(a.nextContourElement());
     delete[] parts;
-    full->destroyMaps();
-    delete full;
 }
 
 TEST(PottsMapRegion, SplitKeepsSeveralRunsPerRowApart) {

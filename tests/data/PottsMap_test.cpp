@@ -20,23 +20,12 @@ std::vector<int> labelsOf(const PottsMap& m) {
     return v;
 }
 
-// One-band label ROI over a whole grid (box-relative points in raster order).
+// One-band label ROI over a whole grid (points in raster order).
 ROI<int, xy>* gridRoi(const Grid& g, int minRow, int minCol) {
-    const int rows = static_cast<int>(g.size()), cols = static_cast<int>(g[0].size());
-    ROI<int, xy>* roi = new ROI<int, xy>(rows * cols, 1);
-    for (int k = 0; k < rows * cols; ++k) {
-        roi->coords[k].x = static_cast<uint16_t>(k / cols);
-        roi->coords[k].y = static_cast<uint16_t>(k % cols);
-        roi->data[k] = g[k / cols][k % cols];
-    }
-    roi->minRow = minRow;
-    roi->height = rows;
-    roi->minCol = minCol;
-    roi->width = cols;
-    roi->imageRows = minRow + rows;
-    roi->imageCols = minCol + cols;
-    roi->order = 2;
-    return roi;
+    Cells all;
+    for (size_t k = 0; k < g.size() * g[0].size(); ++k) all.emplace_back(k / g[0].size(), k % g[0].size());
+    return roiOf(all, 1, minRow, minCol, static_cast<int>(g.size()), static_cast<int>(g[0].size()),
+                 [&](int, int r, int c) { return g[r][c]; });
 }
 
 TEST(PottsMap, FrameOfBothPlanesHoldsTheBorderLabelAndInitIsCopied) {

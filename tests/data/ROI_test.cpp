@@ -8,11 +8,10 @@
 #include <utility>
 #include <vector>
 
+#include "MapTestUtil.h"
 #include "common/TestSupport.h"
 
 namespace {
-
-using Points = std::vector<std::pair<int, int>>;
 
 // An image whose band b value at (r, c) is 1000 * b + 100 * r + c, with a zero mask.
 struct Image {
@@ -38,17 +37,15 @@ struct Image {
     }
 };
 
-Points pointsOf(const ROI<int, xy>& roi) {
-    Points v;
-    for (int k = 0; k < roi.count; ++k) v.emplace_back(roi.coords[k].x, roi.coords[k].y);
-    return v;
+Cells pointsOf(const ROI<int, xy>& roi) {
+    return cellsOf(roi.coords, roi.count);
 }
 
 std::tuple<int, int, int, int, int> boxOf(const ROI<int, xy>& roi) {
     return {roi.count, roi.minRow, roi.height, roi.minCol, roi.width};
 }
 
-TEST(BuildRoi, BoundingBoxAndRebasedPoints) {
+TEST(BuildRoi, BoundingBoxAndRebasedCells) {
     Image im(5, 7, 2);
     im.mask[0][1][2] = 1;
     im.mask[0][3][5] = 1;
@@ -57,7 +54,7 @@ TEST(BuildRoi, BoundingBoxAndRebasedPoints) {
     EXPECT_EQ(boxOf(*roi), std::make_tuple(2, 1, 3, 2, 4));
     EXPECT_EQ(std::make_tuple(roi->bands, roi->imageRows, roi->imageCols, roi->order),
               std::make_tuple(2, 5, 7, 2));
-    EXPECT_EQ(pointsOf(*roi), (Points{{0, 0}, {2, 3}}));
+    EXPECT_EQ(pointsOf(*roi), (Cells{{0, 0}, {2, 3}}));
     // Pixel-interleaved values: band b of point k at [k * bands + b].
     EXPECT_EQ(std::vector<int>(roi->data, roi->data + 4), (std::vector<int>{102, 1102, 305, 1305}));
     delete roi;
@@ -65,7 +62,7 @@ TEST(BuildRoi, BoundingBoxAndRebasedPoints) {
     im.mask[0][2][1] = 7;
     roi = im.roi(7, false);
     EXPECT_EQ(boxOf(*roi), std::make_tuple(1, 2, 1, 1, 1));
-    EXPECT_EQ(pointsOf(*roi), (Points{{0, 0}}));
+    EXPECT_EQ(pointsOf(*roi), (Cells{{0, 0}}));
     delete roi;
     for (bool shuffle : {false, true}) {
         roi = im.roi(5, shuffle);
@@ -96,7 +93,7 @@ TEST(BuildRoi, ShuffleIsTheSeededSwapSequence) {
         std::swap(perm[i], perm[std::rand() % n]);
     }
     EXPECT_EQ(afterA, std::rand());  // exactly 20 * n draws were made
-    Points expected;
+    Cells expected;
     for (int k = 0; k < n; ++k) expected.emplace_back(plain->coords[perm[k]].x, plain->coords[perm[k]].y);
     EXPECT_EQ(pointsOf(*a), expected);
     for (int k = 0; k < n; ++k)
@@ -122,7 +119,7 @@ TEST(LabelsRoi, DistinctValuesAscending) {
 }
 
 TEST(RoiLabels, ExtractLabROIAndWriteHRawInt32AreInverses) {
-    // Points at image positions (2,3), (2,5), (4,4), (5,6) of a 6 x 8 image: box (2, 3), 4 x 4.
+    // Cells at image positions (2,3), (2,5), (4,4), (5,6) of a 6 x 8 image: box (2, 3), 4 x 4.
     Image im(6, 8, 1);
     im.mask[0][2][3] = im.mask[0][2][5] = im.mask[0][4][4] = im.mask[0][5][6] = 1;
     ROI<int, xy>* roi = im.roi(1, false);
@@ -137,8 +134,8 @@ TEST(RoiLabels, ExtractLabROIAndWriteHRawInt32AreInverses) {
             EXPECT_EQ(std::make_tuple(bands, rows, cols),
                       std::make_tuple(1, (absolute ? 6 : 4) + 2 * offset, (absolute ? 8 : 4) + 2 * offset));
             // Each point at its own cell, every other cell 0.
-            const Points cellsAt =
-                absolute ? Points{{2, 3}, {2, 5}, {4, 4}, {5, 6}} : Points{{0, 0}, {0, 2}, {2, 1}, {3, 3}};
+            const Cells cellsAt =
+                absolute ? Cells{{2, 3}, {2, 5}, {4, 4}, {5, 6}} : Cells{{0, 0}, {0, 2}, {2, 1}, {3, 3}};
             int nonZero = 0;
             for (int r = 0; r < rows; ++r)
                 for (int c = 0; c < cols; ++c) nonZero += cube[0][r][c] != 0;
