@@ -22,6 +22,8 @@
 // one of the two possible outcomes.
 
 #include <cmath>
+#include <map>
+#include <set>
 #include <sstream>
 
 #include "ToolTest.h"
@@ -29,173 +31,132 @@
 namespace tooltest {
 namespace {
 
-constexpr int kRows = 16, kCols = 8, kStripeRows = 4;
+constexpr int kRows = 16, kCols = 8, kStripeArea = 4 * kCols;
 constexpr int kValues[4] = {10, 30, 100, 130};
 constexpr double kBeta = 1.5;  // BetaMax of the default configuration
 constexpr int kEdges = kCols + 2 * (kCols - 1);
 
-// One region of the expected tree.
-struct Node {
-    int label = 0;
-    std::vector<int> path;
-    std::vector<int> stripes;     // stripes it covers
-    std::vector<Node*> children;  // in child order (ascending label)
-    double gain = 0.0;
-};
+using Stripes = std::vector<int>;  // the stripes a region covers
 
-double mean(const std::vector<int>& stripes) {
-    double s = 0;
-    for (int k : stripes) s += kValues[k];
-    return s / static_cast<double>(stripes.size());
+int area(const Stripes& s) {
+    return static_cast<int>(s.size()) * kStripeArea;
+}
+
+double mean(const Stripes& s) {
+    double sum = 0;
+    for (int k : s) sum += kValues[k];
+    return sum / static_cast<double>(s.size());
 }
 
 // Variance of equal-sized stripes, with the unit variance of a constant region.
-double variance(const std::vector<int>& stripes) {
-    const double m = mean(stripes);
-    double s = 0;
-    for (int k : stripes) s += (kValues[k] - m) * (kValues[k] - m);
-    const double v = s / static_cast<double>(stripes.size());
-    return v < 0.01 ? 1.0 : v;
-}
-
-int area(const Node& n) {
-    return static_cast<int>(n.stripes.size()) * kStripeRows * kCols;
+double variance(const Stripes& s) {
+    double sum = 0;
+    for (int k : s) sum += (kValues[k] - mean(s)) * (kValues[k] - mean(s));
+    return sum < 0.01 ? 1.0 : sum / static_cast<double>(s.size());
 }
 
 // Half the sum of squared Mahalanobis distances: every pixel of stripe k
 // contributes (v_k - mean)^2 / variance.
-double likelihoodEnergy(const Node& n) {
-    const double m = mean(n.stripes), v = variance(n.stripes);
-    double s = 0;
-    for (int k : n.stripes) s += kStripeRows * kCols * (kValues[k] - m) * (kValues[k] - m) / v;
-    return 0.5 * s;
+double likelihoodEnergy(const Stripes& s) {
+    double sum = 0;
+    for (int k : s) sum += kStripeArea * (kValues[k] - mean(s)) * (kValues[k] - mean(s)) / variance(s);
+    return 0.5 * sum;
 }
 
-// Per-pixel decrease of the negative log-likelihood, less the Potts cost.
-double gain(const Node& n) {
-    auto term = [](const Node& x) {
-        return 0.5 * area(x) * std::log(variance(x.stripes)) + likelihoodEnergy(x);
-    };
-    double g = term(n);
-    for (const Node* c : n.children) g -= term(*c);
-    return (g - kEdges * kBeta) / area(n);
-}
-
-std::string block(const Node& n, const std::vector<int>& offspring) {
-    std::ostringstream s;
-    s << "\n[NEW WORKSPACE]\n";
-    s << "WSLab = " << n.label << ";\n";
-    s << "Path = [";
-    for (int p : n.path) s << p << " ";
-    s << "];\nChildren = [";
-    for (const Node* c : n.children) s << c->label << " ";
-    s << "];\nOffspring = [";
-    for (int o : offspring) s << o << " ";
-    s << "];\n";
-    s << "Area = " << area(n) << ";\n";
-    s << "TotalLikelihoodEnergy = " << likelihoodEnergy(n) << ";\n";
-    s << "Mean = [" << mean(n.stripes) << " ];\n";
-    s << "Covariance = [\n" << variance(n.stripes) << " ];\n";
-    const bool split = !n.children.empty();
-    s << "Split = " << split << ";\n";
-    s << "Terminal = " << !split << ";\n";
-    if (split) {
-        s << "Beta = " << kBeta << ";\n";
-        s << "Edges = " << kEdges << ";\n";
-        s << "TextureBased = 0;\n";
-        s << "SplitGain_MRF = " << n.gain << ";\n";  // the Potts split is the primary method
-        s << "MixtureSplitGain_TFR = 0;\n";
-        s << "SplitGain_TFR = " << n.gain << ";\n";
-        s << "ChAreas = [";
-        for (const Node* c : n.children) s << area(*c) << " ";
-        s << "];\n";
-    }
-    return s.str();
+// Negative log-likelihood of a region, up to terms that cancel in a gain.
+double cost(const Stripes& s) {
+    return 0.5 * area(s) * std::log(variance(s)) + likelihoodEnergy(s);
 }
 
 class Report : public ToolTest {};
 
 TEST_F(Report, MatchesTheIndependentlyDerivedReport) {
     Hraw image{1, kRows, kCols, {}};
-    for (int r = 0; r < kRows; ++r)
-        for (int c = 0; c < kCols; ++c) image.values.push_back(kValues[r / kStripeRows]);
-    writeHraw(path("stripes.hraw"), image);
+    for (int i = 0; i < kRows * kCols; ++i) image.values.push_back(kValues[i / kStripeArea]);
+    writeHraw("stripes.hraw", image);
     const Result run = dhc({"segment", "stripes.hraw", "-o", "labels.hraw", "--report", "report.txt",
                             "--quiet", "--set", "UNSUPERVISED_MODE_CONF.MinRegionArea=16"});
     ASSERT_EQ(run.status, 0) << run.err;
 
-    // The leaf label of every stripe, as the run painted them.
-    const Hraw labels = readHraw(path("labels.hraw"));
+    // In labels the tree is fixed; the map tells which stripe each leaf holds.
+    const std::map<int, std::vector<int>> children{{2, {3, 4}}, {3, {5, 6}}, {4, {7, 8}}};
+    const std::map<int, std::vector<int>> paths{{2, {}},     {3, {0}},    {4, {1}},   {5, {0, 0}},
+                                                {6, {0, 1}}, {7, {1, 0}}, {8, {1, 1}}};
+    const Hraw labels = readHraw("labels.hraw");
     ASSERT_EQ(labels.values.size(), static_cast<size_t>(kRows * kCols));
-    int leaf[4];
-    for (int k = 0; k < 4; ++k) {
-        leaf[k] = labels.at(0, k * kStripeRows, 0);
-        for (int r = k * kStripeRows; r < (k + 1) * kStripeRows; ++r)
-            for (int c = 0; c < kCols; ++c) ASSERT_EQ(labels.at(0, r, c), leaf[k]);
+    std::map<int, Stripes> stripes{{2, {0, 1, 2, 3}}, {3, {}}, {4, {}}};
+    for (int i = 0; i < kRows * kCols; ++i) {
+        ASSERT_EQ(labels.values[i], labels.values[i / kStripeArea * kStripeArea]) << "pixel " << i;
+        if (i % kStripeArea == 0) stripes[labels.values[i]] = {i / kStripeArea};
     }
-    // Low stripes under child 3 (leaves 5, 6) or under child 4 (leaves 7, 8).
-    const bool lowFirst = std::min(leaf[0], leaf[1]) == 5;
-    ASSERT_EQ(std::min(leaf[0], leaf[1]), lowFirst ? 5 : 7);
-    ASSERT_EQ(std::max(leaf[0], leaf[1]), lowFirst ? 6 : 8);
-    ASSERT_EQ(std::min(leaf[2], leaf[3]), lowFirst ? 7 : 5);
-    ASSERT_EQ(std::max(leaf[2], leaf[3]), lowFirst ? 8 : 6);
+    ASSERT_EQ(stripes.size(), 7u);
+    for (int parent : {3, 4})
+        for (int leaf : children.at(parent)) {
+            ASSERT_EQ(stripes.count(leaf), 1u) << "leaf " << leaf;
+            stripes[parent].push_back(stripes[leaf][0]);
+        }
+    std::sort(stripes[3].begin(), stripes[3].end());
+    // The root separates the low stripes from the high ones.
+    ASSERT_TRUE(stripes[3] == Stripes({0, 1}) || stripes[3] == Stripes({2, 3}));
 
-    // The expected tree.
-    Node root{2, {}, {0, 1, 2, 3}, {}, 0.0};
-    Node low{lowFirst ? 3 : 4, {}, {0, 1}, {}, 0.0}, high{lowFirst ? 4 : 3, {}, {2, 3}, {}, 0.0};
-    Node* childOrder[2] = {lowFirst ? &low : &high, lowFirst ? &high : &low};
-    Node leaves[4];
-    for (int k = 0; k < 4; ++k) leaves[k] = Node{leaf[k], {}, {k}, {}, 0.0};
-    root.children = {childOrder[0], childOrder[1]};
-    for (int i = 0; i < 2; ++i) childOrder[i]->path = {i};
-    for (Node* parent : {&low, &high}) {
-        Node* a = &leaves[parent->stripes[0]];
-        Node* b = &leaves[parent->stripes[1]];
-        if (b->label < a->label) std::swap(a, b);
-        parent->children = {a, b};
-        a->path = {parent->path[0], 0};
-        b->path = {parent->path[0], 1};
-    }
-    for (Node* n : {&root, &low, &high}) n->gain = gain(*n);
+    // Per-pixel decrease of the negative log-likelihood, less the Potts cost.
+    auto gain = [&](int label) {
+        double g = cost(stripes[label]) - kEdges * kBeta;
+        for (int c : children.at(label)) g -= cost(stripes[c]);
+        return g / area(stripes[label]);
+    };
+    ASSERT_GE(gain(2), 0.3);  // the default SplitGainThreshold
     // Greedy by gain: the better child is made permanent (and listed) first.
-    Node* first = high.gain > low.gain ? &high : &low;
-    Node* second = first == &high ? &low : &high;
-    ASSERT_GE(root.gain, 0.3);  // the default SplitGainThreshold
-
-    const std::vector<Node*> nodeOrder = {&root,
-                                          childOrder[0],
-                                          childOrder[1],
-                                          first->children[0],
-                                          first->children[1],
-                                          second->children[0],
-                                          second->children[1]};
-    const std::vector<int> terminals = {first->children[0]->label, first->children[1]->label,
-                                        second->children[0]->label, second->children[1]->label};
-    auto offspring = [&](const Node& n) {
+    const int first = gain(4) > gain(3) ? 4 : 3, second = 7 - first;
+    std::vector<int> terminals = children.at(first);
+    terminals.insert(terminals.end(), children.at(second).begin(), children.at(second).end());
+    // The leaves below a region, in terminal order.
+    auto offspring = [&](int label) {
         std::vector<int> out;
         for (int t : terminals)
-            for (const Node* c : n.children)
-                if (c->label == t ||
-                    (!c->children.empty() && (c->children[0]->label == t || c->children[1]->label == t)))
-                    out.push_back(t);
+            if (children.count(label) != 0 &&
+                std::count(stripes[label].begin(), stripes[label].end(), stripes[t][0]))
+                out.push_back(t);
         return out;
+    };
+    auto list = [](std::ostream& s, const std::vector<int>& values) -> std::ostream& {
+        s << "[";
+        for (int v : values) s << v << " ";
+        return s << "]";
     };
 
     std::ostringstream expected;
-    expected << "[GENERAL INFORMATION]\nNClass = 4;\nClasses = [";
-    for (int t : terminals) expected << t << " ";
-    expected << "];\nNSplit = 3;\nSplitOrder = [" << root.label << " " << first->label << " " << second->label
-             << " ];\nOffspringMat = [\n";
-    for (const Node* n : {&root, first, second}) {
-        std::vector<int> row = offspring(*n);
+    expected << "[GENERAL INFORMATION]\nNClass = 4;\nClasses = ";
+    list(expected, terminals) << ";\nNSplit = 3;\nSplitOrder = [2 " << first << " " << second << " ];\n";
+    expected << "OffspringMat = [\n";
+    for (int label : {2, first, second}) {
+        std::vector<int> row = offspring(label);
         row.resize(4, 0);  // zero-padded to the number of leaves
         for (int v : row) expected << v << " ";
         expected << "\n";
     }
     expected << "];\n[END GENERAL INFORMATION]\n";
-    for (const Node* n : nodeOrder) expected << block(*n, offspring(*n));
-
-    EXPECT_EQ(readFile(path("report.txt")), expected.str());
+    std::vector<int> nodeOrder{2, 3, 4};
+    nodeOrder.insert(nodeOrder.end(), terminals.begin(), terminals.end());
+    for (int label : nodeOrder) {
+        const Stripes& s = stripes[label];
+        const bool split = children.count(label) != 0;
+        expected << "\n[NEW WORKSPACE]\nWSLab = " << label << ";\nPath = ";
+        list(expected, paths.at(label)) << ";\nChildren = ";
+        list(expected, split ? children.at(label) : std::vector<int>()) << ";\nOffspring = ";
+        list(expected, offspring(label)) << ";\nArea = " << area(s) << ";\n";
+        expected << "TotalLikelihoodEnergy = " << likelihoodEnergy(s) << ";\nMean = [" << mean(s) << " ];\n";
+        expected << "Covariance = [\n"
+                 << variance(s) << " ];\nSplit = " << split << ";\nTerminal = " << !split << ";\n";
+        if (!split) continue;
+        expected << "Beta = " << kBeta << ";\nEdges = " << kEdges << ";\nTextureBased = 0;\n";
+        // The Potts split is the primary method.
+        expected << "SplitGain_MRF = " << gain(label)
+                 << ";\nMixtureSplitGain_TFR = 0;\nSplitGain_TFR = " << gain(label) << ";\nChAreas = ["
+                 << area(stripes[children.at(label)[0]]) << " " << area(stripes[children.at(label)[1]])
+                 << " ];\n";
+    }
+    EXPECT_EQ(read("report.txt"), expected.str());
 }
 
 }  // namespace
