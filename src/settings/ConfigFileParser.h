@@ -75,8 +75,6 @@ class ConfigFileParser {
     }
 
     // ---- Non-fatal queries for callers that validate their input ----
-    // True once some seekArgument() has succeeded on this parser.
-    bool sectionFound() const { return sectionFound_; }
     // Value text of key in the current section; false when absent or when no
     // section has been found (never ends the process).
     bool findValue(const std::string& key, std::string& value);

@@ -60,10 +60,6 @@ class OpMatrix {
         double operator()(int r, int c) const;
         // Row pointers with element (rlo, clo) at [0][0], for the routines below.
         double** rows() { return rows_; }
-        int rowLo() const { return rlo_; }
-        int rowHi() const { return rhi_; }
-        int colLo() const { return clo_; }
-        int colHi() const { return chi_; }
 
       private:
         double** rows_ = nullptr;
