@@ -38,11 +38,11 @@ struct HandTree : ::testing::Test {
         d.reset(new DHC(roi.get(), 1000, false, nullptr, &settings));
     }
 
-    // Splits the node `label` into k tentative children: pixel (r, c) goes to
-    // child part(r, c); the children take the next k free labels.
-    TreeNode<PottsWS*>* attach(int label, int k, const std::function<int(int, int)>& part, double gain) {
+    // Splits the node `label` into two tentative children: pixel (r, c) goes to
+    // child part(r, c); the children take the next two free labels.
+    TreeNode<PottsWS*>* attach(int label, double gain, const std::function<int(int, int)>& part) {
         TreeNode<PottsWS*>* node = d->tree->root->find(label);
-        std::unique_ptr<int[]> fresh(d->labels->pickMultiple(k));
+        std::unique_ptr<int[]> fresh(d->labels->pickMultiple(2));
         PottsMapRegion* region = node->data->root;
         region->resetScan();
         do {
@@ -50,32 +50,28 @@ struct HandTree : ::testing::Test {
             region->setPixel(p.x, p.y, fresh[part(p.x, p.y)]);
         } while (region->nextElement());
         PottsWS** children = nullptr;
-        node->data->split(fresh.get(), k, children, true);
+        node->data->split(fresh.get(), 2, children, true);
         node->data->splitState = 2;
         node->data->splitGain = gain;
         node->data->beta = 0.25;
-        node->appendChildren(k, children, fresh.get());
+        node->appendChildren(2, children, fresh.get());
         delete[] children;
         return node;
     }
 
     // A permanent split: the tentative children validated.
-    void handSplit(int label, const std::function<int(int, int)>& part, double gain) {
-        d->tree->current = attach(label, 2, part, gain);
+    void handSplit(int label, double gain, const std::function<int(int, int)>& part) {
+        d->tree->current = attach(label, gain, part);
         d->tree->validate(0);
     }
 
     // root 2 -> 3 (left), 4 (right); 3 -> 5 (top), 6; 4 -> 7 (top), 8;
     // 5 -> 9 (left), 10.  Leaves in terminal order: 6 7 8 9 10.
     void grow(double g3, double g4, double g5) {
-        handSplit(
-            2, [](int, int c) { return c < 4 ? 0 : 1; }, 1.0);
-        handSplit(
-            3, [](int r, int) { return r < 4 ? 0 : 1; }, g3);
-        handSplit(
-            4, [](int r, int) { return r < 4 ? 0 : 1; }, g4);
-        handSplit(
-            5, [](int, int c) { return c < 2 ? 0 : 1; }, g5);
+        handSplit(2, 1.0, [](int, int c) { return c < 4 ? 0 : 1; });
+        handSplit(3, g3, [](int r, int) { return r < 4 ? 0 : 1; });
+        handSplit(4, g4, [](int r, int) { return r < 4 ? 0 : 1; });
+        handSplit(5, g5, [](int, int c) { return c < 2 ? 0 : 1; });
     }
 
     std::vector<int> sequence() {
@@ -190,8 +186,7 @@ TEST_F(HandTree, TextReportStartsWithTheGeneralBlock) {
 
 TEST_F(HandTree, RemovingTestSplitsAndStartingAgainGiveTheLabelsBack) {
     grow(0.5, 1.0, 10.0);
-    TreeNode<PottsWS*>* six = attach(
-        6, 2, [](int, int c) { return c < 2 ? 0 : 1; }, 0.3);
+    TreeNode<PottsWS*>* six = attach(6, 0.3, [](int, int c) { return c < 2 ? 0 : 1; });
     ASSERT_EQ(six->children[0]->label, 11);
     d->removeTestSplits(false);
     EXPECT_EQ(six->nChildren, 0);

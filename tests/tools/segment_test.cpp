@@ -22,10 +22,13 @@ class Segment : public ToolTest {
         truth = readHraw("truth.hraw").values;
     }
 
-    // dhc segment scene.hraw -o OUT --quiet + extra; returns the label map.
-    std::vector<int32_t> segment(const std::string& out, const std::vector<std::string>& extra) {
+    // dhc segment scene.hraw -o OUT --quiet, the extra arguments and a --set
+    // per setting; returns the label map.
+    std::vector<int32_t> segment(const std::string& out, const std::vector<std::string>& extra,
+                                 const std::vector<std::string>& settings = {}) {
         std::vector<std::string> args = {"segment", "scene.hraw", "-o", out, "--quiet"};
         args.insert(args.end(), extra.begin(), extra.end());
+        for (const std::string& setting : settings) args.insert(args.end(), {"--set", setting});
         const Result run = dhc(args);
         EXPECT_EQ(run.status, 0) << run.err;
         EXPECT_EQ(run.err, "");
@@ -54,23 +57,22 @@ TEST_F(Segment, DefaultSettingsFindTheFourClassesTheSameWayTwice) {
 TEST_F(Segment, ClassLimitsAndTreeShapes) {
     // At most 4 leaves in balanced mode, whatever the class limit says.
     const size_t balanced =
-        distinctLabels(segment("balanced.hraw",
-                               {"--set", "UNSUPERVISED_MODE_CONF.BalancedTree=1", "--set",
-                                "UNSUPERVISED_MODE_CONF.GrowDepth=2", "--set", "POTTS_MODEL.Multiplicity=2",
-                                "--set", "UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=50"}))
+        distinctLabels(
+            segment("balanced.hraw", {},
+                    {"UNSUPERVISED_MODE_CONF.BalancedTree=1", "UNSUPERVISED_MODE_CONF.GrowDepth=2",
+                     "POTTS_MODEL.Multiplicity=2", "UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=50"}))
             .size();
     EXPECT_TRUE(balanced >= 2 && balanced <= 4) << balanced;
 
-    const std::vector<int32_t> one =
-        segment("one.hraw", {"--set", "UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=1"});
+    const std::vector<int32_t> one = segment("one.hraw", {}, {"UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=1"});
     EXPECT_EQ(distinctLabels(one).size(), 1u);
     EXPECT_EQ(std::count(one.begin(), one.end(), 0), 0);
 
     // Blind depth 1: the split regions are exactly the root (label 2) and its
     // children; on this scene all three splits succeed.
-    segment("blind.hraw", {"--report", "blind.txt", "--set", "UNSUPERVISED_MODE_CONF.Blind=1", "--set",
-                           "UNSUPERVISED_MODE_CONF.BlindSplitDepthMax=1", "--set",
-                           "UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=100"});
+    segment("blind.hraw", {"--report", "blind.txt"},
+            {"UNSUPERVISED_MODE_CONF.Blind=1", "UNSUPERVISED_MODE_CONF.BlindSplitDepthMax=1",
+             "UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=100"});
     const std::string report = read("blind.txt");
     std::vector<int32_t> split = listed(report, "SplitOrder"), expected = listed(report, "Children");
     expected.push_back(2);  // the first workspace block is the root's
@@ -83,11 +85,10 @@ TEST_F(Segment, ClassLimitsAndTreeShapes) {
 TEST_F(Segment, SupervisedTwoLevelStructureReproducesTheTruth) {
     // Classes 1, 2 under one node, 3, 4 under the other: three splits in two.
     const std::vector<int32_t> labels =
-        segment("labels.hraw", {"--gt", "truth.hraw", "--report", "report.txt", "--set",
-                                "SEGM_MAIN_CONFIGURATION.SupervisedMode=1", "--set",
-                                "SUPERVISED_MODE_CONF.NumberOfClasses=4", "--set",
-                                "SUPERVISED_MODE_CONF.StructureLevels={2 2 2 2}", "--set",
-                                "SUPERVISED_MODE_CONF.StructurePaths={0 0 0 1 1 0 1 1}"});
+        segment("labels.hraw", {"--gt", "truth.hraw", "--report", "report.txt"},
+                {"SEGM_MAIN_CONFIGURATION.SupervisedMode=1", "SUPERVISED_MODE_CONF.NumberOfClasses=4",
+                 "SUPERVISED_MODE_CONF.StructureLevels={2 2 2 2}",
+                 "SUPERVISED_MODE_CONF.StructurePaths={0 0 0 1 1 0 1 1}"});
     long same = 0;
     for (size_t i = 0; i < truth.size(); ++i) same += labels[i] == truth[i];
     EXPECT_GE(static_cast<double>(same) / static_cast<double>(truth.size()), 0.99);
@@ -102,14 +103,13 @@ TEST_F(Segment, FragmentsAreTheConnectedPiecesOfTheClasses) {
     std::vector<int32_t> mask(kSide * kSide, 1);
     for (int r = 0; r < kSide; ++r) std::fill_n(mask.begin() + r * kSide + 60, 4, 0);
     writeHraw("mask.hraw", Hraw{1, kSide, kSide, mask});
-    const std::vector<int32_t> labels =
-        segment("labels.hraw", {"--mask", "mask.hraw", "--set", "UNSUPERVISED_MODE_CONF.Fragmentation=1",
-                                "--fragments", "fragments.hraw"});
-    segment("again.hraw", {"--mask", "mask.hraw", "--set", "UNSUPERVISED_MODE_CONF.Fragmentation=1",
-                           "--fragments", "again-fragments.hraw"});
-    EXPECT_EQ(read("again.hraw"), read("labels.hraw"));
-    EXPECT_EQ(read("again-fragments.hraw"), read("fragments.hraw"));
-    const Hraw fragments = readHraw("fragments.hraw");
+    for (const std::string run : {"1", "2"})
+        segment("labels" + run + ".hraw", {"--mask", "mask.hraw", "--fragments", "fragments" + run + ".hraw"},
+                {"UNSUPERVISED_MODE_CONF.Fragmentation=1"});
+    EXPECT_EQ(read("labels1.hraw"), read("labels2.hraw"));
+    EXPECT_EQ(read("fragments1.hraw"), read("fragments2.hraw"));
+    const std::vector<int32_t> labels = readHraw("labels1.hraw").values;
+    const Hraw fragments = readHraw("fragments1.hraw");
     ASSERT_EQ(fragments.values.size(), labels.size());
     EXPECT_GE(matchedAgreement(labels, truth, mask), 0.99);
     EXPECT_EQ(distinctLabels(labels).size(), 4u);
@@ -143,8 +143,8 @@ TEST_F(Segment, RegionOfInterestAsTheGatewayBuildsIt) {
 
     // Without a mask the region is init > 0; two initial labels seed two
     // leaves, which a class limit of 2 keeps as they are.
-    const std::vector<int32_t> seeded = segment(
-        "seeded.hraw", {"--init", "init.hraw", "--set", "UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=2"});
+    const std::vector<int32_t> seeded =
+        segment("seeded.hraw", {"--init", "init.hraw"}, {"UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=2"});
     for (int i = 0; i < kSide * kSide; ++i) EXPECT_EQ(seeded[i] == 0, init[i] <= 0) << "pixel " << i;
     EXPECT_EQ(matchedAgreement(seeded, init, init), 1.0);
 }
@@ -159,7 +159,7 @@ TEST_F(Segment, ConfigFileAndOverridesReadAlike) {
     ASSERT_NE(crlf.find(key), std::string::npos);
     write("two.ini", crlf.replace(crlf.find(key), key.size(), "MaxNumberOfClasses=2"));
     segment("a.hraw", {"--config", "two.ini", "--report", "a.txt"});
-    segment("b.hraw", {"--set", "UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=2", "--report", "b.txt"});
+    segment("b.hraw", {"--report", "b.txt"}, {"UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=2"});
     EXPECT_EQ(read("a.hraw"), read("b.hraw"));
     EXPECT_EQ(read("a.txt"), read("b.txt"));
     EXPECT_EQ(distinctLabels(readHraw("a.hraw").values).size(), 2u);
@@ -167,9 +167,9 @@ TEST_F(Segment, ConfigFileAndOverridesReadAlike) {
     write("nomodel.ini",
           "[SEGM_MAIN_CONFIGURATION]\nSupervisedMode=0\n\n[UNSUPERVISED_MODE_CONF]\n"
           "SplitGainThreshold=0.3\nMaxNumberOfClasses=2\nMinRegionArea=64\n");
-    segment("c.hraw", {"--config", "nomodel.ini", "--set", "POTTS_MODEL.Multiplicity=2", "--set",
-                       "POTTS_MODEL.BetaMax=1.5", "--set", "MEANSHIFT.Tolerance=0.05", "--set",
-                       "MEANSHIFT.SkipLast=0.1"});
+    segment("c.hraw", {"--config", "nomodel.ini"},
+            {"POTTS_MODEL.Multiplicity=2", "POTTS_MODEL.BetaMax=1.5", "MEANSHIFT.Tolerance=0.05",
+             "MEANSHIFT.SkipLast=0.1"});
     EXPECT_EQ(read("a.hraw"), read("c.hraw"));
 }
 
