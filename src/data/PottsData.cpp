@@ -342,21 +342,7 @@ ROI<int, xy>* PottsData::getDataRoi() {
     out->imageRows = rows;
     out->imageCols = cols;
     out->order = shuffle ? 1 : 2;
-    out->minRow = out->minCol = -1;
-    out->height = out->width = 0;
-    if (envelopeCount > 0) {
-        int r0 = coords[0].x, r1 = r0, c0 = coords[0].y, c1 = c0;
-        for (int k = 1; k < envelopeCount; ++k) {
-            r0 = std::min(r0, static_cast<int>(coords[k].x));
-            r1 = std::max(r1, static_cast<int>(coords[k].x));
-            c0 = std::min(c0, static_cast<int>(coords[k].y));
-            c1 = std::max(c1, static_cast<int>(coords[k].y));
-        }
-        out->minRow = r0;
-        out->height = r1 - r0 + 1;
-        out->minCol = c0;
-        out->width = c1 - c0 + 1;
-    }
+    out->fitBox();
     return out;
 }
 

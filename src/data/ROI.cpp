@@ -25,30 +25,10 @@ ROI<int, xy>* buildRoi(int rows, int cols, int bands, int*** cube, int** mask, i
     roi->imageCols = cols;
     roi->order = 2;
 
-    // The box starts "empty" (minimum all bits set, size 0), which is what an
-    // empty selection keeps.
-    uint16_t minR = UINT16_MAX, maxR = 0, minC = UINT16_MAX, maxC = 0;
+    roi->fitBox();
     for (int i = 0; i < count; ++i) {
-        const xy p = roi->coords[i];
-        if (p.x < minR) minR = p.x;
-        if (p.x > maxR) maxR = p.x;
-        if (p.y < minC) minC = p.y;
-        if (p.y > maxC) maxC = p.y;
-    }
-    if (count > 0) {
-        roi->minRow = minR;
-        roi->height = maxR - minR + 1;
-        roi->minCol = minC;
-        roi->width = maxC - minC + 1;
-        for (int i = 0; i < count; ++i) {
-            roi->coords[i].x = static_cast<uint16_t>(roi->coords[i].x - minR);
-            roi->coords[i].y = static_cast<uint16_t>(roi->coords[i].y - minC);
-        }
-    } else {
-        roi->minRow = -1;
-        roi->minCol = -1;
-        roi->height = 0;
-        roi->width = 0;
+        roi->coords[i].x = static_cast<uint16_t>(roi->coords[i].x - roi->minRow);
+        roi->coords[i].y = static_cast<uint16_t>(roi->coords[i].y - roi->minCol);
     }
 
     if (shuffle && roi->order != 1) {

@@ -8,6 +8,7 @@
 //
 // Owns data and coords (new[], freed by the destructor); not copyable.
 
+#include <algorithm>
 #include <string>
 
 #include "data/ImageFile.h"
@@ -40,6 +41,27 @@ struct ROI {
     }
     ROI(const ROI&) = delete;
     ROI& operator=(const ROI&) = delete;
+
+    // Sets the box to the one the points span, coordinates left as they are;
+    // with no point, minRow = minCol = -1 and height = width = 0.
+    void fitBox() {
+        if (count < 1) {
+            minRow = minCol = -1;
+            height = width = 0;
+            return;
+        }
+        int r0 = coords[0].x, r1 = r0, c0 = coords[0].y, c1 = c0;
+        for (int k = 1; k < count; ++k) {
+            r0 = std::min(r0, static_cast<int>(coords[k].x));
+            r1 = std::max(r1, static_cast<int>(coords[k].x));
+            c0 = std::min(c0, static_cast<int>(coords[k].y));
+            c1 = std::max(c1, static_cast<int>(coords[k].y));
+        }
+        minRow = r0;
+        height = r1 - r0 + 1;
+        minCol = c0;
+        width = c1 - c0 + 1;
+    }
 
     // A new one-band ROI with this ROI's points, box, image size and order;
     // value k = plane[x_k + offset][y_k + offset], with minRow / minCol added
