@@ -93,20 +93,6 @@ TEST(PottsWSSplitTest, ResultCountsNonEmptyChildrenAndEdgesCountPairsAcrossChild
     }
 }
 
-TEST(PottsWSSplitTest, WithoutStatisticsChildrenGetZeroStatisticsAndNoValues) {
-    auto b = makeWS(2, 4, 2, [](int r, int c, int band) { return r + c + band; });
-    paint(*b.ws, stripes(2, {10, 10, 11, 11}));
-    int labels[2] = {10, 11};
-    PottsWS** children = nullptr;
-    EXPECT_EQ(b.ws->split(labels, 2, children, false), 2);
-    for (PottsWS* ch : {children[0], children[1]}) {
-        EXPECT_EQ(ch->mi[1], 0.0);
-        EXPECT_EQ(ch->sigma[1][0] + ch->sigma[1][1], 0.0);
-        EXPECT_EQ(ch->data, nullptr);
-    }
-    freeChildren(children, 2);
-}
-
 TEST(PottsWSSplitTest, GrandchildrenKeepRootIndices) {
     auto b = makeWS(4, 4, 1, [](int r, int c, int) { return 100 + 4 * r + c; });
     paint(*b.ws, stripes(4, {10, 10, 11, 11}));
