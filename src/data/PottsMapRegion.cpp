@@ -122,11 +122,7 @@ void PottsMapRegion::empty() {
 
 void PottsMapRegion::reset() {
     freeLists();
-    area = 0;
-    minCol = maxCol = minRow = maxRow = 0;
-    resetScan();
-    contourCursor = borderCursor = 0;
-    fragmented = fullImage = false;
+    empty();
 }
 
 void PottsMapRegion::buildFullImageRegion() {
