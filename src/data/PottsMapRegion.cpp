@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <map>
+#include <type_traits>
 #include <vector>
 
 namespace {
@@ -498,53 +499,43 @@ int PottsMapRegion::fragmentOnAuxMap(int*& newLabels) {
     // gives what running out the round would.  While one run is visited only its
     // own row changes, so the column minima of the rows above and below are taken
     // once per cell and slid along the run.
+    // One run visited in direction D (+1: left to right, -1: right to left);
+    // returns the number of cells lowered.
+    auto sweepRun = [this](const run& rn, auto direction) {
+        constexpr int D = decltype(direction)::value;
+        const int r = rn.row + pad, first = rn.col + pad + (D > 0 ? 0 : rn.len - 1);
+        const int* up = auxMap[r - 1];
+        int* mid = auxMap[r];
+        const int* dn = auxMap[r + 1];
+        int vPrev = std::min(up[first - D], dn[first - D]);
+        int vCur = std::min(up[first], dn[first]);
+        int behind = mid[first - D];
+        long long lowered = 0;
+        for (int i = 0, c = first; i < rn.len; ++i, c += D) {
+            const int vNext = std::min(up[c + D], dn[c + D]);
+            const int m = std::min(std::min(std::min(vPrev, vCur), std::min(vNext, behind)), mid[c + D]);
+            int cur = mid[c];
+            if (m < cur) {
+                mid[c] = cur = m;
+                ++lowered;
+            }
+            behind = cur;
+            vPrev = vCur;
+            vCur = vNext;
+        }
+        return lowered;
+    };
     for (;;) {
         long long changes = 0;
         for (int k = 0; k < runCount; ++k) {
             if (k + kAhead < runCount) prefetchRun(runs[k + kAhead]);
-            const int r = runs[k].row + pad, c0 = runs[k].col + pad, c1 = c0 + runs[k].len;
-            const int* up = auxMap[r - 1];
-            int* mid = auxMap[r];
-            const int* dn = auxMap[r + 1];
-            int vPrev = std::min(up[c0 - 1], dn[c0 - 1]);
-            int vCur = std::min(up[c0], dn[c0]);
-            int left = mid[c0 - 1];
-            for (int c = c0; c < c1; ++c) {
-                const int vNext = std::min(up[c + 1], dn[c + 1]);
-                const int m = std::min(std::min(std::min(vPrev, vCur), std::min(vNext, left)), mid[c + 1]);
-                int cur = mid[c];
-                if (m < cur) {
-                    mid[c] = cur = m;
-                    ++changes;
-                }
-                left = cur;
-                vPrev = vCur;
-                vCur = vNext;
-            }
+            changes += sweepRun(runs[k], std::integral_constant<int, 1>());
         }
         if (changes == 0) break;
         changes = 0;
         for (int k = runCount - 1; k >= 0; --k) {
             if (k - kAhead >= 0) prefetchRun(runs[k - kAhead]);
-            const int r = runs[k].row + pad, c0 = runs[k].col + pad, c1 = c0 + runs[k].len;
-            const int* up = auxMap[r - 1];
-            int* mid = auxMap[r];
-            const int* dn = auxMap[r + 1];
-            int vPrev = std::min(up[c1], dn[c1]);
-            int vCur = std::min(up[c1 - 1], dn[c1 - 1]);
-            int right = mid[c1];
-            for (int c = c1 - 1; c >= c0; --c) {
-                const int vNext = std::min(up[c - 1], dn[c - 1]);
-                const int m = std::min(std::min(std::min(vPrev, vCur), std::min(vNext, right)), mid[c - 1]);
-                int cur = mid[c];
-                if (m < cur) {
-                    mid[c] = cur = m;
-                    ++changes;
-                }
-                right = cur;
-                vPrev = vCur;
-                vCur = vNext;
-            }
+            changes += sweepRun(runs[k], std::integral_constant<int, -1>());
         }
         if (changes == 0) break;
     }
