@@ -442,47 +442,38 @@ int PottsWS::split(int* labels, int n, PottsWS**& children, bool computeStats) {
         r->contourCursor = 0;
     }
 
-    // Runs and borders: the parent region's lists cut by label, handed over.
-    {
-        int nLists = 0;
-        int* listLabels = nullptr;
-        int* listCounts = nullptr;
-        run** subRuns = region->retrieveSubRuns(nLists, listLabels, listCounts);
+    // Runs and borders: the parent region's lists cut by label, each handed to
+    // the child of its label (adopt); empty lists and lists of no child are freed.
+    auto handOver = [&](auto lists, int nLists, int* listLabels, int* listCounts, auto adopt) {
         for (int i = 0; i < nLists; ++i) {
-            const int v = listCounts[i] > 0 ? map[subRuns[i][0].row + pad][subRuns[i][0].col + pad] : -1;
+            const int v = listCounts[i] > 0 ? listLabels[i] : -1;
             const int j = (v >= 0 && v <= m) ? childOf[v] : nChildren;
-            if (j >= nChildren) {
-                delete[] subRuns[i];
-                continue;
-            }
-            PottsMapRegion* r = children[j]->root;
-            delete[] r->runs;
-            r->runs = subRuns[i];
-            r->runCount = listCounts[i];
-            r->updateMargins(true);
+            if (j < nChildren)
+                adopt(children[j]->root, lists[i], listCounts[i]);
+            else
+                delete[] lists[i];
         }
-        delete[] subRuns;
+        delete[] lists;
         delete[] listLabels;
         delete[] listCounts;
-
-        xy** subBorders = region->retrieveSubBorders(nLists, listLabels, listCounts);
-        for (int i = 0; i < nLists; ++i) {
-            const int v = listCounts[i] > 0 ? map[subBorders[i][0].x + pad][subBorders[i][0].y + pad] : -1;
-            const int j = (v >= 0 && v <= m) ? childOf[v] : nChildren;
-            if (j >= nChildren) {
-                delete[] subBorders[i];
-                continue;
-            }
-            PottsMapRegion* r = children[j]->root;
-            delete[] r->border;
-            r->border = subBorders[i];
-            r->borderCount = listCounts[i];
-            r->borderCursor = 0;
-        }
-        delete[] subBorders;
-        delete[] listLabels;
-        delete[] listCounts;
-    }
+    };
+    int nLists = 0;
+    int* listLabels = nullptr;
+    int* listCounts = nullptr;
+    run** subRuns = region->retrieveSubRuns(nLists, listLabels, listCounts);
+    handOver(subRuns, nLists, listLabels, listCounts, [](PottsMapRegion* r, run* list, int count) {
+        delete[] r->runs;
+        r->runs = list;
+        r->runCount = count;
+        r->updateMargins(true);
+    });
+    xy** subBorders = region->retrieveSubBorders(nLists, listLabels, listCounts);
+    handOver(subBorders, nLists, listLabels, listCounts, [](PottsMapRegion* r, xy* list, int count) {
+        delete[] r->border;
+        r->border = list;
+        r->borderCount = count;
+        r->borderCursor = 0;
+    });
 
     // Band values: copied above when this workspace holds them all, otherwise
     // each child reads its own pixels from the image source.
