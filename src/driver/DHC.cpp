@@ -86,6 +86,18 @@ void abandonSplit(LabelController* lc, PottsWS* ws, const int* labels, int k, Po
     ws->root->mapRefresh(ws->root->label, false);
 }
 
+// A tentative engine split of ws into k children, seeded when seeds is given;
+// fresh receives the children's labels.  A refused split is abandoned: null.
+PottsWS** tentativeSplit(PottsEngine* engine, LabelController* lc, PottsWS* ws, int k, double** seeds,
+                         bool keepTests, double beta, std::unique_ptr<int[]>& fresh) {
+    fresh.reset(lc->pickMultiple(k));
+    PottsWS** children = seeds != nullptr ? engine->split(ws, fresh.get(), seeds, keepTests, beta)
+                                          : engine->split(ws, fresh.get(), keepTests, beta);
+    if (ws->splitState == 2 && children != nullptr) return children;
+    abandonSplit(lc, ws, fresh.get(), k, children);
+    return nullptr;
+}
+
 // A one-band ROI of every pixel of a rows x cols frame in raster order: the
 // point list of a file-source run.
 ROI<int, xy>* fullFrameRoi(int rows, int cols) {
@@ -566,16 +578,10 @@ void DHC::splitLeaf(const SplittingOptions& opts, WSNode* node) {
         ws->splitState = -1;
     }
     if (k >= 2 && (!variableMultiplicity || seeds != nullptr)) {
-        std::unique_ptr<int[]> fresh(labels->pickMultiple(k));
-        PottsWS** children = seeds != nullptr
-                                 ? engine->split(ws, fresh.get(), seeds, opts.keepTests, opts.beta)
-                                 : engine->split(ws, fresh.get(), opts.keepTests, opts.beta);
-        if (ws->splitState == 2 && children != nullptr) {
-            node->appendChildren(k, children, fresh.get());
-            delete[] children;
-        } else {
-            abandonSplit(labels, ws, fresh.get(), k, children);
-        }
+        std::unique_ptr<int[]> fresh;
+        PottsWS** children = tentativeSplit(engine, labels, ws, k, seeds, opts.keepTests, opts.beta, fresh);
+        if (children != nullptr) node->appendChildren(k, children, fresh.get());
+        delete[] children;
     }
     dhc::deleteRows(seeds, k);
 }
@@ -601,27 +607,20 @@ void DHC::splitPieces(const SplittingOptions& opts, WSNode* node, PottsWS** piec
         double** seeds = nullptr;
         if (variableMultiplicity) seeds = engine->MS_K_est(piece, k, true);
         PottsWS** children = nullptr;
-        if (areaOf(piece) >= opts.minSplitArea && k >= 2 && (!variableMultiplicity || seeds != nullptr)) {
-            std::unique_ptr<int[]> fresh(labels->pickMultiple(k));
-            children = seeds != nullptr ? engine->split(piece, fresh.get(), seeds, opts.keepTests, opts.beta)
-                                        : engine->split(piece, fresh.get(), opts.keepTests, opts.beta);
-            if (piece->splitState == 2 && children != nullptr) {
-                if (refFirst < 0) {
-                    refFirst = static_cast<int>(parts.size());
-                    refCount = k;
-                }
-                for (int c = 0; c < k; ++c) {
-                    parts.push_back(children[c]);
-                    scaffold.push_back(children[c]);
-                    scaffoldLabels.push_back(fresh[c]);
-                }
-                delete[] children;
-                children = nullptr;
-            } else {
-                abandonSplit(labels, piece, fresh.get(), k, children);
-                children = nullptr;
-                parts.push_back(piece);
+        std::unique_ptr<int[]> fresh;
+        if (areaOf(piece) >= opts.minSplitArea && k >= 2 && (!variableMultiplicity || seeds != nullptr))
+            children = tentativeSplit(engine, labels, piece, k, seeds, opts.keepTests, opts.beta, fresh);
+        if (children != nullptr) {
+            if (refFirst < 0) {
+                refFirst = static_cast<int>(parts.size());
+                refCount = k;
             }
+            for (int c = 0; c < k; ++c) {
+                parts.push_back(children[c]);
+                scaffold.push_back(children[c]);
+                scaffoldLabels.push_back(fresh[c]);
+            }
+            delete[] children;
         } else {
             parts.push_back(piece);
         }
@@ -829,10 +828,9 @@ void DHC::blindSplitting(SplittingOptions opts) {
                 dhc::out() << " in " << k << " subregions..." << std::endl;
             }
             if (k >= 2 && (!variableMultiplicity || seeds != nullptr)) {
-                std::unique_ptr<int[]> fresh(labels->pickMultiple(k));
-                PottsWS** children = seeds != nullptr ? engine->split(ws, fresh.get(), seeds, false, 1.0)
-                                                      : engine->split(ws, fresh.get(), false, 1.0);
-                if (ws->splitState == 2 && children != nullptr) {
+                std::unique_ptr<int[]> fresh;
+                PottsWS** children = tentativeSplit(engine, labels, ws, k, seeds, false, 1.0, fresh);
+                if (children != nullptr) {
                     node->appendChildren(k, children, fresh.get());
                     work->current = node;
                     work->validate(0);
@@ -863,8 +861,6 @@ void DHC::blindSplitting(SplittingOptions opts) {
                             queue.push_back(child);
                         }
                     }
-                } else {
-                    abandonSplit(labels, ws, fresh.get(), k, children);
                 }
             }
             dhc::deleteRows(seeds, k);
