@@ -79,14 +79,10 @@ PottsEngine::PottsEngine(char* file) : configFile(file) {
     if (file == nullptr) return;
     ConfigFileParser parser(file);
     parser.seekArgument("POTTS_MODEL");
-    multiplicity = parser.seekInt("Multiplicity", 0);
-    betaMin = parser.seekDouble("BetaMin", 0.0);
-    betaMax = parser.seekDouble("BetaMax", 0.0);
-    adaptive = parser.seekFlag("Adaptive");
-    betaBound = adaptive ? parser.seekDouble("BetaBound", 0.0) : 0.0;
-    rangeBandwidth = parser.seekDouble("RangeBandwidth", 0.0);
-    spatialBandwidth = parser.seekDouble("SpatialBandwidth", 0.0);
-    parser.close();
+    DHC_SET s;
+    s.readPottsModel(parser);
+    setConfig(s.multiplicity, s.betaMin, s.betaMax, s.adaptive ? s.betaBound : 0.0, s.adaptive,
+              s.rangeBandwidth, s.spatialBandwidth);
 }
 
 PottsEngine::~PottsEngine() {

@@ -46,6 +46,13 @@ DHC_SET::DHC_SET(std::string fileName) {
     }
 
     ini.seekArgument("POTTS_MODEL");
+    readPottsModel(ini);
+    ini.seekArgument("MEANSHIFT");
+    readMeanShift(ini);
+    ini.close();
+}
+
+void DHC_SET::readPottsModel(ConfigFileParser& ini) {
     adaptive = ini.seekFlag("Adaptive");
     betaBound = ini.seekDouble("BetaBound", 0.0);
     betaMax = ini.seekDouble("BetaMax", 0.0);
@@ -53,13 +60,13 @@ DHC_SET::DHC_SET(std::string fileName) {
     multiplicity = ini.seekInt("Multiplicity", 0);
     rangeBandwidth = ini.seekDouble("RangeBandwidth", 0.0);
     spatialBandwidth = ini.seekDouble("SpatialBandwidth", 0.0);
+}
 
-    ini.seekArgument("MEANSHIFT");
+void DHC_SET::readMeanShift(ConfigFileParser& ini) {
     autoAdjustkNN = ini.seekInt("AutoAdjustKNN", 0);
     skipLast = ini.seekDouble("SkipLast", 0.0);
     tolerance = ini.seekDouble("Tolerance", 0.0);
     kernelType = ini.seekInt("KernelType", 0);
-    ini.close();
 }
 
 DHC_SET::~DHC_SET() {

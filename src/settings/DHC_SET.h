@@ -10,6 +10,8 @@
 
 #include <string>
 
+class ConfigFileParser;
+
 struct DHC_SET {
     // Size of the label pool of the free-label allocator; always 1000000.
     int maxLabels = 1000000;
@@ -82,6 +84,11 @@ struct DHC_SET {
     ~DHC_SET();
     DHC_SET(const DHC_SET&) = delete;
     DHC_SET& operator=(const DHC_SET&) = delete;
+
+    // The fields of [POTTS_MODEL] / [MEANSHIFT], from the section the parser has
+    // sought; the engine and the mean shift read their own ini files with them.
+    void readPottsModel(ConfigFileParser& ini);
+    void readMeanShift(ConfigFileParser& ini);
 
     // blindActive = blindDepth, blindMSE or blindArea is non-zero.
     void updateBlindActive() { blindActive = blindDepth != 0.0 || blindMSE != 0.0 || blindArea != 0.0; }

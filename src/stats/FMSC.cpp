@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "settings/ConfigFileParser.h"
+#include "settings/DHC_SET.h"
 #include "settings/Fatal.h"
 #include "settings/RowMatrix.h"
 
@@ -35,11 +36,9 @@ FMSC::FMSC(double** points, int d, int n, int k, double hLow, double hHigh, int 
 FMSC::FMSC(double** points, int d, int n, int k, double hLow, double hHigh, const char* iniFile) {
     ConfigFileParser parser(iniFile);
     if (!parser.seekArgument("MEANSHIFT")) dhc::fatal(-1);
-    const int autoAdjustKNN = parser.seekInt("AutoAdjustKNN", 0);
-    const double tol = parser.seekDouble("Tolerance", 0.0);
-    const double skip = parser.seekDouble("SkipLast", 0.0);
-    const int kernel = parser.seekInt("KernelType", 0);
-    setup(points, d, n, k, hLow, hHigh, autoAdjustKNN, tol, skip, kernel);
+    DHC_SET s;
+    s.readMeanShift(parser);
+    setup(points, d, n, k, hLow, hHigh, s.autoAdjustkNN, s.tolerance, s.skipLast, s.kernelType);
 }
 
 FMSC::~FMSC() {
