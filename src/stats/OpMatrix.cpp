@@ -178,8 +178,7 @@ void OpMatrix::lubksb(double** a, int n, int* indx, double* b) {
 void OpMatrix::inv(double** a, int n, double** y, int& ok) {
     RangeMatrix work = matrix(0, n - 1, 0, n - 1);
     double** lu = work.rows();
-    for (int i = 0; i < n; ++i)
-        for (int j = 0; j < n; ++j) lu[i][j] = a[i][j];
+    dhc::copyRowsInto(a, lu, n, n);
     RangeVector<int> indx = ivector(0, n - 1);
     RangeVector<double> col = vector(0, n - 1);
     double parity;
@@ -200,8 +199,7 @@ double OpMatrix::ldet(double** a, int n, int* ok) {
     }
     RangeMatrix work = matrix(0, n - 1, 0, n - 1);
     double** lu = work.rows();
-    for (int i = 0; i < n; ++i)
-        for (int j = 0; j < n; ++j) lu[i][j] = a[i][j];
+    dhc::copyRowsInto(a, lu, n, n);
     RangeVector<int> indx = ivector(0, n - 1);
     double parity;
     int flag;
