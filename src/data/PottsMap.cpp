@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <vector>
 
 #include "data/ImageFile.h"
@@ -297,19 +298,10 @@ void PottsMap::labelWithGT(char* gtFile, int ignore) {
     int*** cube = ImageFile<int>::readHRawInt32(gtFile, bands, fileRows, fileCols);
     const int nr = bands > 0 ? std::min(rows, fileRows) : 0;
     const int nc = bands > 0 ? std::min(cols, fileCols) : 0;
-    ROI<int, xy> gt(nr * nc, 1);
-    int k = 0;
-    for (int r = 0; r < nr; ++r)
-        for (int c = 0; c < nc; ++c, ++k) {
-            gt.coords[k].x = static_cast<uint16_t>(r);
-            gt.coords[k].y = static_cast<uint16_t>(c);
-            gt.data[k] = cube[0][r][c];
-        }
-    gt.height = nr;
-    gt.width = nc;
-    gt.imageRows = fileRows;
-    gt.imageCols = fileCols;
-    gt.order = 2;
+    std::unique_ptr<ROI<int, xy>> gt(fullFrameRoi(nr, nc));
+    for (int k = 0; k < gt->count; ++k) gt->data[k] = cube[0][gt->coords[k].x][gt->coords[k].y];
+    gt->imageRows = fileRows;
+    gt->imageCols = fileCols;
     ImageFile<int>::deleteCube(cube, bands, fileRows);
-    labelWithGT(&gt, ignore);
+    labelWithGT(gt.get(), ignore);
 }

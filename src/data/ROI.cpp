@@ -46,6 +46,24 @@ ROI<int, xy>* buildRoi(int rows, int cols, int bands, int*** cube, int** mask, i
     return roi;
 }
 
+ROI<int, xy>* fullFrameRoi(int rows, int cols) {
+    ROI<int, xy>* roi = new ROI<int, xy>(rows * cols, 1);
+    int k = 0;
+    for (int r = 0; r < rows; ++r)
+        for (int c = 0; c < cols; ++c, ++k) {
+            roi->coords[k].x = static_cast<uint16_t>(r);
+            roi->coords[k].y = static_cast<uint16_t>(c);
+        }
+    roi->minRow = 0;
+    roi->height = rows;
+    roi->minCol = 0;
+    roi->width = cols;
+    roi->imageRows = rows;
+    roi->imageCols = cols;
+    roi->order = 2;
+    return roi;
+}
+
 int* labelsRoi(int* values, int n, int& count) {
     if (n < 2) {
         count = n > 0 ? 1 : 0;

@@ -117,6 +117,10 @@ struct ROI {
 // The caller owns the result.
 ROI<int, xy>* buildRoi(int rows, int cols, int bands, int*** cube, int** mask, int maskValue, bool shuffle);
 
+// A one-band ROI of every cell of a rows x cols frame in raster order, values
+// 0, box and image size the frame, order 2.  The caller owns the result.
+ROI<int, xy>* fullFrameRoi(int rows, int cols);
+
 // A new array of the distinct values of values[0..n-1] in ascending order;
 // count receives their number.
 int* labelsRoi(int* values, int n, int& count);

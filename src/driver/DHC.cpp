@@ -98,26 +98,6 @@ PottsWS** tentativeSplit(PottsEngine* engine, LabelController* lc, PottsWS* ws, 
     return nullptr;
 }
 
-// A one-band ROI of every pixel of a rows x cols frame in raster order: the
-// point list of a file-source run.
-ROI<int, xy>* fullFrameRoi(int rows, int cols) {
-    ROI<int, xy>* roi = new ROI<int, xy>(rows * cols, 1);
-    int k = 0;
-    for (int r = 0; r < rows; ++r)
-        for (int c = 0; c < cols; ++c, ++k) {
-            roi->coords[k].x = static_cast<uint16_t>(r);
-            roi->coords[k].y = static_cast<uint16_t>(c);
-        }
-    roi->minRow = 0;
-    roi->height = rows;
-    roi->minCol = 0;
-    roi->width = cols;
-    roi->imageRows = rows;
-    roi->imageCols = cols;
-    roi->order = 2;
-    return roi;
-}
-
 // Initial labels cut into their connected pieces (8-connectivity): painted
 // densely (1..k) into a full-frame map with 0 outside the ROI, fragmented, and
 // read back at the ROI points.
