@@ -4,6 +4,8 @@
 #include <vector>
 
 #include "data/PaddedMap.h"
+#include "data/PlaneIO.h"
+#include "settings/RowMatrix.h"
 
 LabelMap::LabelMap(int nRows, int nCols, int nPad, int frame, int innerValue, bool eight) {
     init(nRows, nCols, nPad, frame, eight);
@@ -81,9 +83,7 @@ int** LabelMap::fragmentMap(int** input, int nRows, int nCols, int nPad, int& co
     // Work plane: a copy of the input (its frame is kept); inner cells become the
     // identifier of their horizontal run of equal labels, counted across rows.
     int** work = PaddedMap::createPaddedMapFrame(nRows, nCols, nPad, 0, 0);
-    const int totalRows = nRows + 2 * nPad, totalCols = nCols + 2 * nPad;
-    for (int r = 0; r < totalRows; ++r)
-        for (int c = 0; c < totalCols; ++c) work[r][c] = input[r][c];
+    dhc::copyRowsInto(input, work, nRows + 2 * nPad, nCols + 2 * nPad);
     std::vector<int> runLabel(1, 0);  // entry 0 unused: identifiers start at 1
     int counter = 0;
     for (int r = nPad; r < nRows + nPad; ++r)
@@ -131,8 +131,5 @@ int** LabelMap::fragmentMap(int** input, int nRows, int nCols, int nPad, int& co
 int** LabelMap::getFragmentedMap() {
     if (fragmentedMap == nullptr)
         fragmentedMap = fragmentMap(map, rows, cols, pad, fragmentCount, eightConnected);
-    int** copy = createPaddedMap(rows, cols, 0, -1, 0);
-    for (int r = 0; r < rows; ++r)
-        for (int c = 0; c < cols; ++c) copy[r][c] = fragmentedMap[r + pad][c + pad];
-    return copy;
+    return dhc::planeio::copyPlane(fragmentedMap, rows, cols, pad, -1, false);
 }
