@@ -148,7 +148,7 @@ void PottsWS::setMi(double* m) {
 }
 
 void PottsWS::setSigma(double** s) {
-    for (int i = 0; i < bands; ++i) std::copy(s[i], s[i] + bands, sigma[i]);
+    dhc::copyRowsInto(s, sigma, bands, bands);
 }
 
 void PottsWS::updateMi() {
