@@ -2,123 +2,71 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
-#include <random>
-#include <vector>
+#include "StatsTestSupport.h"
 
 namespace {
 
-class Table {
-  public:
-    explicit Table(std::vector<std::vector<double>> rows) : rows_(std::move(rows)) {
-        for (auto& r : rows_) ptrs_.push_back(r.data());
+using stats_test::freeRows;
+using stats_test::Rows;
+
+TEST(FeatureSpaceStats, TwoPointExamplesWithBiasedCovariance) {
+    // Covariances divide by n = 2; the standardised second point is (2, 4) / sd.
+    struct Case {
+        double second[2], mean[2], cov[2][2], sd[2], norm[2];
+    };
+    const Case cases[] = {{{2, 2}, {1, 1}, {{1, 1}, {1, 1}}, {1, 1}, {2, 2}},
+                          {{2, 4}, {1, 2}, {{1, 2}, {2, 4}}, {1, 2}, {2, 2}}};
+    for (const Case& t : cases) {
+        SCOPED_TRACE(t.second[1]);
+        Rows points{{0, 0}, {t.second[0], t.second[1]}};
+        FeatureSpace fs(2, 2);
+        fs.addDomain(points.get(), 2);
+        points.get()[1][0] = 99.0;  // the space keeps its own copy
+        double* mean = fs.mean(0);
+        double** cov = fs.covariance(0);
+        double* sd = fs.getStDevs(0);
+        double** norm = fs.getNormData(0);
+        for (int i = 0; i < 2; ++i) {
+            EXPECT_EQ(mean[i], t.mean[i]);
+            EXPECT_EQ(cov[i][0], t.cov[i][0]);
+            EXPECT_EQ(cov[i][1], t.cov[i][1]);
+            EXPECT_EQ(sd[i], t.sd[i]);
+            EXPECT_EQ(norm[1][i], t.norm[i]);
+        }
+        delete[] mean;
+        delete[] sd;
+        freeRows(cov, 2);
+        freeRows(norm, 2);
+        // The second domain is still empty.
+        EXPECT_EQ(fs.mean(1), nullptr);
+        EXPECT_EQ(fs.covariance(1), nullptr);
     }
-    double** get() { return ptrs_.data(); }
-
-  private:
-    std::vector<std::vector<double>> rows_;
-    std::vector<double*> ptrs_;
-};
-
-void freeRows(double** m, int rows) {
-    for (int r = 0; r < rows; ++r) delete[] m[r];
-    delete[] m;
-}
-
-TEST(FeatureSpaceStats, TwoPointExample) {
-    Table t({{0, 0}, {2, 2}});
-    FeatureSpace fs(1, 2);
-    fs.addDomain(t.get(), 2);
-    double* mu = fs.mean(0);
-    EXPECT_EQ(mu[0], 1.0);
-    EXPECT_EQ(mu[1], 1.0);
-    double** cov = fs.covariance(0);
-    for (int i = 0; i < 2; ++i)
-        for (int j = 0; j < 2; ++j) EXPECT_EQ(cov[i][j], 1.0);
-    double* sd = fs.getStDevs(0);
-    EXPECT_EQ(sd[0], 1.0);
-    EXPECT_EQ(sd[1], 1.0);
-    delete[] mu;
-    freeRows(cov, 2);
-    delete[] sd;
-}
-
-TEST(FeatureSpaceStats, BiasedCovarianceAndStandardisation) {
-    // x = (0, 2), y = (0, 4): var x = 1, var y = 4, cov = 2 (divided by n = 2).
-    Table t({{0, 0}, {2, 4}});
-    FeatureSpace fs(2, 2);
-    fs.addDomain(t.get(), 2);
-    t.get()[1][0] = 99.0;  // the space keeps its own copy
-    double** cov = fs.getSigma(0);
-    EXPECT_EQ(cov[0][0], 1.0);
-    EXPECT_EQ(cov[1][1], 4.0);
-    EXPECT_EQ(cov[0][1], 2.0);
-    EXPECT_EQ(cov[1][0], 2.0);
-    freeRows(cov, 2);
-    double* mi = fs.getMi(0);
-    EXPECT_EQ(mi[0], 1.0);
-    EXPECT_EQ(mi[1], 2.0);
-    delete[] mi;
-    double** norm = fs.getNormData(0);
-    EXPECT_EQ(norm[1][0], 2.0);
-    EXPECT_EQ(norm[1][1], 2.0);
-    EXPECT_EQ(norm[0][0], 0.0);
-    EXPECT_TRUE(fs.normalized[0]);
-    freeRows(norm, 2);
-
-    // An empty domain has no statistics.
-    EXPECT_EQ(fs.mean(1), nullptr);
-    EXPECT_EQ(fs.covariance(1), nullptr);
-    EXPECT_EQ(fs.getStDevs(1), nullptr);
-    EXPECT_EQ(fs.getNormData(1), nullptr);
-}
-
-TEST(FeatureSpaceStats, IterationOverConcatenatedDomains) {
-    Table a({{1, 2}, {3, 4}, {5, 6}});
-    Table b({{10}, {20}, {60}});
-    FeatureSpace fs(2, 3);
-    fs.addDomain(a.get(), 2);
-    fs.addDomain(b.get(), 1);
-    EXPECT_EQ(fs.totalDims, 3);
-    EXPECT_EQ(fs.nDomains, 2);
-    int visited = 0;
-    fs.start();
-    do {
-        const double* x = fs.get();
-        EXPECT_EQ(x[0], 1.0 + 2 * visited);
-        EXPECT_EQ(x[2], b.get()[visited][0]);
-        EXPECT_EQ(fs.get(1)[0], b.get()[visited][0]);
-        const double* z = fs.getzm();
-        EXPECT_EQ(z[1], 2.0 * visited - 2.0);  // column mean 4
-        EXPECT_EQ(z[2], b.get()[visited][0] - 30.0);
-        EXPECT_EQ(fs.getzm(0)[0], 2.0 * visited - 2.0);
-        ++visited;
-    } while (fs.next());
-    EXPECT_EQ(visited, 3);
 }
 
 TEST(FeatureSpaceDeathTest, FullSpaceEndsWithStatusMinusTen) {
-    Table t({{1}, {2}});
+    Rows t{{1}, {2}};
     FeatureSpace fs(1, 2);
     fs.addDomain(t.get(), 1);
     EXPECT_EXIT(fs.addDomain(t.get(), 1), ::testing::ExitedWithCode(246), "");
 }
 
-TEST(FeatureSpacePCA, AxisAlignedCrossByHand) {
-    // Scatter diag(2, 0.5): components e_0 (eigenvalue 2) and e_1 (0.5); the
-    // power iteration starts from a positive vector, so both come out positive.
-    Table t({{2, 0}, {-2, 0}, {0, 1}, {0, -1}});
-    FeatureSpace fs(1, 4);
-    fs.addDomain(t.get(), 2);
+TEST(FeatureSpacePCA, AxisAlignedCrossOverTwoDomainsByHand) {
+    // The cross (2, 0), (-2, 0), (0, 1), (0, -1), shifted by the means (5, -3)
+    // and held as two one-feature domains.  Zero-mean concatenated features give
+    // scatter diag(2, 0.5): components e_0 (eigenvalue 2) and e_1 (0.5); the
+    // power iteration starts from a positive vector, so both come out positive
+    // and the projections are the unshifted points themselves.
+    const double cross[4][2] = {{2, 0}, {-2, 0}, {0, 1}, {0, -1}};
+    Rows x{{7}, {3}, {5}, {5}};
+    Rows y{{-3}, {-3}, {-2}, {-4}};
+    FeatureSpace fs(2, 4);
+    fs.addDomain(x.get(), 1);
+    fs.addDomain(y.get(), 1);
     double** p = fs.getPCAData(2, false);
     ASSERT_NE(p, nullptr);
-    EXPECT_EQ(fs.nComponents, 2);
-    const double expected[4][2] = {{2, 0}, {-2, 0}, {0, 1}, {0, -1}};
     for (int i = 0; i < 4; ++i)
-        for (int c = 0; c < 2; ++c) EXPECT_NEAR(p[i][c], expected[i][c], 1e-9);
+        for (int c = 0; c < 2; ++c) EXPECT_NEAR(p[i][c], cross[i][c], 1e-9);
     freeRows(p, 4);
-    EXPECT_NEAR(fs.pcaMax[0], 2.0, 1e-9);
-    EXPECT_NEAR(fs.pcaMin[1], -1.0, 1e-9);
 
     // Normalised by the eigenvalue itself, not its square root.
     double** n = fs.getPCAData(2, true);
@@ -133,56 +81,6 @@ TEST(FeatureSpacePCA, AxisAlignedCrossByHand) {
     EXPECT_NEAR(one[1][0], -2.0, 1e-9);
     EXPECT_EQ(fs.nComponents, 2);
     freeRows(one, 4);
-}
-
-TEST(FeatureSpacePCA, ComponentsAreUncorrelatedWithTheirEigenvalueAsVariance) {
-    // Three features over two domains, with distinct variances along rotated axes.
-    std::mt19937 gen(8);
-    std::normal_distribution<double> g(0.0, 1.0);
-    const int n = 400;
-    std::vector<std::vector<double>> ab, c;
-    for (int i = 0; i < n; ++i) {
-        const double s = 3.0 * g(gen), t = 1.5 * g(gen), u = 0.5 * g(gen);
-        ab.push_back({s + t + 5.0, s - t + u});
-        c.push_back({u - 0.3 * s - 2.0});
-    }
-    Table ta(ab), tc(c);
-    FeatureSpace fs(2, n);
-    fs.addDomain(ta.get(), 2);
-    fs.addDomain(tc.get(), 1);
-    double** p = fs.getPCAData(3, false);
-    ASSERT_NE(p, nullptr);
-    for (int a = 0; a < 3; ++a) {
-        for (int b = 0; b < 3; ++b) {
-            double m = 0.0;
-            for (int i = 0; i < n; ++i) m += p[i][a] * p[i][b];
-            m /= n;
-            const double expected = a == b ? fs.eigenvalues[a] : 0.0;
-            EXPECT_NEAR(m, expected, 1e-8 * fs.eigenvalues[0]) << a << "," << b;
-        }
-    }
-    EXPECT_GT(fs.eigenvalues[0], fs.eigenvalues[1]);
-    EXPECT_GT(fs.eigenvalues[1], fs.eigenvalues[2]);
-    // Total variance is preserved by the rotation.
-    double trace = 0.0;
-    for (int d = 0; d < 2; ++d) {
-        double** cov = fs.getSigma(d);
-        for (int i = 0; i < fs.dims[d]; ++i) trace += cov[i][i];
-        freeRows(cov, fs.dims[d]);
-    }
-    EXPECT_NEAR(fs.eigenvalues[0] + fs.eigenvalues[1] + fs.eigenvalues[2], trace, 1e-8 * trace);
-    freeRows(p, n);
-}
-
-TEST(FeatureSpacePCA, ComponentsBeyondTheFeaturesAreZero) {
-    Table t({{2, 0}, {-2, 0}, {0, 1}, {0, -1}});
-    FeatureSpace fs(1, 4);
-    fs.addDomain(t.get(), 2);
-    double** p = fs.getPCAData(3, false);
-    ASSERT_NE(p, nullptr);
-    for (int i = 0; i < 4; ++i) EXPECT_EQ(p[i][2], 0.0);
-    EXPECT_NEAR(p[0][0], 2.0, 1e-9);
-    freeRows(p, 4);
 }
 
 }  // namespace
