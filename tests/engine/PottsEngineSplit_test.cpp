@@ -239,3 +239,15 @@ TEST(MSKEst, NineOrMoreModesAreRefused) {
     EXPECT_EQ(out.text.str().find("Modes found:"), std::string::npos);
     EXPECT_TRUE(regionAll(*b.ws, kRoot));  // the map is left alone
 }
+
+TEST(MSKEst, RegionWithoutSpreadHasNoModes) {
+    // Its standardised projection is not finite: the estimate must refuse, not seed forever.
+    Built b = makeWS(20, 20, 2, [](int, int, int) { return 7; });
+    DHC_SET settings;
+    PottsEngine e(&settings);
+    int k = 0;
+    CapturedOut out;
+    EXPECT_EQ(e.MS_K_est(b.ws.get(), k, true), nullptr);
+    EXPECT_EQ(k, 1);
+    EXPECT_EQ(b.ws->splitState, -1);
+}
