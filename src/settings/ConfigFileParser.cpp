@@ -1,8 +1,5 @@
 #include "settings/ConfigFileParser.h"
 
-#include <cerrno>
-#include <climits>
-#include <cmath>
 #include <cstdlib>
 #include <cstring>
 
@@ -46,30 +43,6 @@ char* newString(const std::string& s) {
     char* out = new char[s.size() + 1];
     std::memcpy(out, s.c_str(), s.size() + 1);
     return out;
-}
-
-bool parseWholeInt(const std::string& text, int& value) {
-    const char* begin = text.c_str();
-    char* end = nullptr;
-    errno = 0;
-    const long v = std::strtol(begin, &end, 10);
-    if (end == begin || errno == ERANGE || v < INT_MIN || v > INT_MAX) return false;
-    while (isBlank(*end)) ++end;
-    if (*end != '\0') return false;
-    value = static_cast<int>(v);
-    return true;
-}
-
-bool parseWholeDouble(const std::string& text, double& value) {
-    const char* begin = text.c_str();
-    char* end = nullptr;
-    errno = 0;
-    const double v = std::strtod(begin, &end);
-    if (end == begin || errno == ERANGE || !std::isfinite(v)) return false;
-    while (isBlank(*end)) ++end;
-    if (*end != '\0') return false;
-    value = v;
-    return true;
 }
 
 template <typename T, typename Parse>
@@ -276,35 +249,3 @@ void ConfigFileParser::freeStringMatrix(char*** strings, int rows, int cols) {
     delete[] strings;
 }
 
-bool ConfigFileParser::findValue(const std::string& key, std::string& value) {
-    return sectionFound_ && scanSection(key, value);
-}
-
-bool ConfigFileParser::checkedInt(const std::string& key, int& value) {
-    std::string text;
-    return findValue(key, text) && parseWholeInt(text, value);
-}
-
-bool ConfigFileParser::checkedDouble(const std::string& key, double& value) {
-    std::string text;
-    return findValue(key, text) && parseWholeDouble(text, value);
-}
-
-bool ConfigFileParser::checkedIntArray(const std::string& key, int n, std::vector<int>& values) {
-    std::string text;
-    if (!findValue(key, text) || text.empty()) return false;
-    const char open = text[0];
-    if (isBlank(open) || std::strchr("+-.0123456789", open) != nullptr) return false;
-    bool closed = false;
-    const std::vector<std::string> items = splitElements(text, closed);
-    if (!closed || static_cast<int>(items.size()) != n) return false;
-    // Nothing but blanks may follow the closing brace.
-    const size_t brace = text.find('}', 1);
-    for (size_t i = brace + 1; i < text.size(); ++i)
-        if (!isBlank(text[i])) return false;
-    std::vector<int> parsed(items.size());
-    for (size_t i = 0; i < items.size(); ++i)
-        if (!parseWholeInt(items[i], parsed[i])) return false;
-    values.swap(parsed);
-    return true;
-}

@@ -74,21 +74,6 @@ class ConfigFileParser {
         dhc::deleteRows(matrix, rows);
     }
 
-    // ---- Non-fatal queries for callers that validate their input ----
-    // Value text of key in the current section; false when absent or when no
-    // section has been found (never ends the process).
-    bool findValue(const std::string& key, std::string& value);
-    bool hasKey(const std::string& key) {
-        std::string v;
-        return findValue(key, v);
-    }
-    // True when key is present and its whole value (blanks aside) is a base-10
-    // integer that fits in int / a number.
-    bool checkedInt(const std::string& key, int& value);
-    bool checkedDouble(const std::string& key, double& value);
-    // True when key is present and holds exactly n well-formed integers.
-    bool checkedIntArray(const std::string& key, int n, std::vector<int>& values);
-
   private:
     // Value of key in the current section, after the "no section yet" rule.
     bool lookup(const std::string& key, std::string& value);

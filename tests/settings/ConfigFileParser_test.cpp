@@ -96,28 +96,4 @@ TEST(ConfigFileParserDeath, LookupBeforeAnySectionEndsWithMinusOne) {
     std::remove(path.c_str());
 }
 
-TEST(ConfigFileParser, CheckedQueriesRejectMalformedValuesWithoutEndingTheProcess) {
-    const std::string path = writeIni("checked.ini",
-                                      "[S]\nGood= 12 \nBad=12abc\nReal=0.25\nHuge=99999999999\n"
-                                      "Arr={1 2 3}\nJunk={1 x 3}\nOpen={1 2 3\n");
-    ConfigFileParser p(path);
-    EXPECT_FALSE(p.hasKey("Good"));  // no section yet: not fatal here
-    ASSERT_TRUE(p.seekArgument("S"));
-    int i = -1;
-    EXPECT_TRUE(p.checkedInt("Good", i));
-    EXPECT_EQ(i, 12);
-    for (const char* bad : {"Bad", "Huge", "Real", "Nope"}) EXPECT_FALSE(p.checkedInt(bad, i)) << bad;
-    EXPECT_EQ(p.seekInt("Bad", 0), 12);  // the plain reader keeps strtol's reading
-    double d = 0.0;
-    EXPECT_TRUE(p.checkedDouble("Real", d));
-    EXPECT_DOUBLE_EQ(d, 0.25);
-    EXPECT_FALSE(p.checkedDouble("Bad", d));
-    std::vector<int> a;
-    EXPECT_TRUE(p.checkedIntArray("Arr", 3, a));
-    EXPECT_EQ(a, (std::vector<int>{1, 2, 3}));
-    for (const char* bad : {"Junk", "Open", "Good"}) EXPECT_FALSE(p.checkedIntArray(bad, 3, a)) << bad;
-    EXPECT_FALSE(p.checkedIntArray("Arr", 4, a));
-    std::remove(path.c_str());
-}
-
 }  // namespace
