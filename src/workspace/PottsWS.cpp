@@ -215,14 +215,20 @@ void PottsWS::updateFeatures() {
 // ---------------------------------------------------------------------------
 // Statistics by label
 
-void PottsWS::getMi(int label, double* out) {
+// The label statistics have two ways of telling a pixel's class: its map
+// label, or a class array the caller keeps in pixel order (which spares the
+// scattered map reads when the caller already knows every pixel's class).
+// Both go through the accumulations below, so they give the same bits.
+
+template <typename Selected>
+void PottsWS::meanWhere(Selected selected, double* out) {
     const PixelScan scan{*this};
     const int d = bands;
     std::fill(out, out + d, 0.0);
     int count = 0;
     cursor = 0;
     for (int p = 0; p < scan.count(); ++p) {
-        if (scan.label(p) != label) continue;
+        if (!selected(p)) continue;
         const int* x = scan.values(p);
         for (int b = 0; b < d; ++b) out[b] += static_cast<double>(x[b]);
         ++count;
@@ -232,13 +238,8 @@ void PottsWS::getMi(int label, double* out) {
     for (int b = 0; b < d; ++b) out[b] /= static_cast<double>(count);
 }
 
-double* PottsWS::getMi(int label) {
-    double* out = new double[bands > 0 ? bands : 0];
-    getMi(label, out);
-    return out;
-}
-
-void PottsWS::getMi(int n, int* labels, int* counts, double** means) {
+template <typename ClassOf>
+void PottsWS::meansOf(int n, ClassOf classOf, int* counts, double** means) {
     const PixelScan scan{*this};
     const int d = bands;
     for (int j = 0; j < n; ++j) {
@@ -247,7 +248,7 @@ void PottsWS::getMi(int n, int* labels, int* counts, double** means) {
     }
     cursor = 0;
     for (int p = 0; p < scan.count(); ++p) {
-        const int j = firstMatch(labels, n, scan.label(p));
+        const int j = classOf(p);
         if (j < 0) continue;
         const int* x = scan.values(p);
         for (int b = 0; b < d; ++b) means[j][b] += static_cast<double>(x[b]);
@@ -259,16 +260,17 @@ void PottsWS::getMi(int n, int* labels, int* counts, double** means) {
             for (int b = 0; b < d; ++b) means[j][b] /= static_cast<double>(counts[j]);
 }
 
-void PottsWS::getSigma(int label, double** out) {
+template <typename Selected>
+void PottsWS::sigmaWhere(Selected selected, double** out) {
     const int d = bands;
     std::vector<double> mu(d > 0 ? d : 0);
-    getMi(label, mu.data());
+    meanWhere(selected, mu.data());
     const PixelScan scan{*this};
     zeroMatrix(out, d);
     int count = 0;
     cursor = 0;
     for (int p = 0; p < scan.count(); ++p) {
-        if (scan.label(p) != label) continue;
+        if (!selected(p)) continue;
         const int* x = scan.values(p);
         for (int i = 0; i < d; ++i)
             for (int j = 0; j < d; ++j) out[i][j] += wrappedProduct(x[i], x[j]);
@@ -278,6 +280,35 @@ void PottsWS::getSigma(int label, double** out) {
     for (int i = 0; i < d; ++i)
         for (int j = 0; j < d; ++j) out[i][j] = out[i][j] / static_cast<double>(count) - mu[i] * mu[j];
     repairDegenerate(out, d);
+}
+
+void PottsWS::getMi(int label, double* out) {
+    const PixelScan scan{*this};
+    meanWhere([&scan, label](int p) { return scan.label(p) == label; }, out);
+}
+
+double* PottsWS::getMi(int label) {
+    double* out = new double[bands > 0 ? bands : 0];
+    getMi(label, out);
+    return out;
+}
+
+void PottsWS::getMi(int n, int* labels, int* counts, double** means) {
+    const PixelScan scan{*this};
+    meansOf(n, [&scan, labels, n](int p) { return firstMatch(labels, n, scan.label(p)); }, counts, means);
+}
+
+void PottsWS::getMiOfClasses(int n, const int* classOf, int* counts, double** means) {
+    meansOf(n, [classOf](int p) { return classOf[p]; }, counts, means);
+}
+
+void PottsWS::getSigma(int label, double** out) {
+    const PixelScan scan{*this};
+    sigmaWhere([&scan, label](int p) { return scan.label(p) == label; }, out);
+}
+
+void PottsWS::getSigmaOfClass(int c, const int* classOf, double** out) {
+    sigmaWhere([classOf, c](int p) { return classOf[p] == c; }, out);
 }
 
 double** PottsWS::getSigma(int label) {

@@ -89,6 +89,12 @@ class PottsWS : public PottsData {
     void getSigma(int n, int* labels, int* counts, double*** covs);
     // Pixel counts of n labels (first matching label wins).
     void getAreas(int n, int* labels, int* areas);
+    // Class forms of getMi(n, labels, ...) and getSigma(label, out): the class of
+    // loaded pixel p is classOf[p] (an index below n, or -1 for none) instead of
+    // the first label matching its map label.  Same arithmetic in the same
+    // order, so a class array that agrees with the map gives identical results.
+    void getMiOfClasses(int n, const int* classOf, int* counts, double** means);
+    void getSigmaOfClass(int c, const int* classOf, double** out);
 
     // Replaces mixture by the sub-model of the k classes idx of m (linked view).
     void linkMixture(Mixture* m, int k, int* idx);
@@ -110,4 +116,14 @@ class PottsWS : public PottsData {
     void MLMapCompletion(double** means, double*** covs);
     // New report record of this workspace; the driver's members zero or null.
     WSReport* getWSReport();
+
+  private:
+    // The accumulations behind the label statistics, by how a pixel is
+    // selected (selected(p) -> bool) or classed (classOf(p) -> index or -1).
+    template <typename Selected>
+    void meanWhere(Selected selected, double* out);
+    template <typename ClassOf>
+    void meansOf(int n, ClassOf classOf, int* counts, double** means);
+    template <typename Selected>
+    void sigmaWhere(Selected selected, double** out);
 };

@@ -94,6 +94,49 @@ TEST(PottsWSStatsTest, LabelStatisticsAndEmptyLabels) {
     freeMatrix(absentCov, 2);
 }
 
+TEST(PottsWSStatsTest, ClassArrayFormsMatchTheMapForms) {
+    // A class array that agrees with the map (first matching label) gives the
+    // very same bits as the map forms; a pixel outside every class (-1) is skipped.
+    auto b = makeWS(3, 4, 3, [](int r, int c, int band) { return (7 * r + 3 * c) * (band + 1) + r * c * band; });
+    PottsWS& ws = *b.ws;
+    paint(ws, {{5, 5, 6, 9}, {6, 8, 8, 5}, {9, 6, 5, 8}});
+    int labels[4] = {6, 5, 8, 6};
+    std::vector<int> classOf(ws.loadedCount);
+    for (int p = 0; p < ws.loadedCount; ++p) {
+        const int l = mapLabel(ws, ws.coords[p].x, ws.coords[p].y);
+        classOf[p] = l == 6 ? 0 : l == 5 ? 1 : l == 8 ? 2 : -1;
+    }
+    int byMap[4], byClass[4];
+    double** meansMap = newMatrix(4, 3);
+    double** meansClass = newMatrix(4, 3);
+    ws.getMi(4, labels, byMap, meansMap);
+    ws.getMiOfClasses(4, classOf.data(), byClass, meansClass);
+    EXPECT_EQ(std::vector<int>(byClass, byClass + 4), (std::vector<int>{3, 4, 3, 0}));
+    EXPECT_EQ(std::vector<int>(byMap, byMap + 4), std::vector<int>(byClass, byClass + 4));
+    for (int j = 0; j < 4; ++j)
+        for (int i = 0; i < 3; ++i) EXPECT_EQ(meansMap[j][i], meansClass[j][i]) << j << " " << i;
+    // Label 6 holds pixels (0,2), (1,0), (2,1): band 0 values 6, 7, 17.
+    EXPECT_DOUBLE_EQ(meansClass[0][0], 10.0);
+    for (int j = 0; j < 3; ++j) {
+        double** sMap = newMatrix(3, 3);
+        double** sClass = newMatrix(3, 3);
+        ws.getSigma(labels[j], sMap);
+        ws.getSigmaOfClass(j, classOf.data(), sClass);
+        for (int r = 0; r < 3; ++r)
+            for (int c = 0; c < 3; ++c) EXPECT_EQ(sMap[r][c], sClass[r][c]) << j << " " << r << " " << c;
+        freeMatrix(sMap, 3);
+        freeMatrix(sClass, 3);
+    }
+    // The array alone decides: everything in class 1 gives the whole-workspace mean.
+    std::fill(classOf.begin(), classOf.end(), 1);
+    ws.getMiOfClasses(2, classOf.data(), byClass, meansClass);
+    EXPECT_EQ(byClass[0], 0);
+    EXPECT_EQ(byClass[1], 12);
+    for (int i = 0; i < 3; ++i) EXPECT_DOUBLE_EQ(meansClass[1][i], ws.mi[i]);
+    freeMatrix(meansMap, 4);
+    freeMatrix(meansClass, 4);
+}
+
 TEST(PottsWSStatsTest, FeaturesFromMeanAndCovariance) {
     // Corners of a square around (1, 1): identity covariance, Mahalanobis 2 per pixel.
     auto b = makeWS(2, 2, 2, [](int r, int c, int band) { return 2 * (band ? c : r); });
