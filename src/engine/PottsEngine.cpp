@@ -151,6 +151,30 @@ double** PottsEngine::kGLA(PottsWS* w, int* labels) {
     double** sigma = dhc::newRows<double>(d, d);
     region->mapRefresh(labels[0], false);
 
+    // Class of every loaded pixel, in pixel order, kept here instead of being
+    // read back from the map (scattered reads) by every statistic: the index
+    // of the first label equal to the pixel's map label, as the label
+    // statistics resolve it.  The map itself is written once, at the end.
+    std::vector<int> firstOf(k);
+    for (int c = 0; c < k; ++c) {
+        firstOf[c] = c;
+        for (int e = 0; e < c; ++e)
+            if (labels[e] == labels[c]) {
+                firstOf[c] = e;
+                break;
+            }
+    }
+    std::vector<int> classOf(n, -1);
+    for (int p = 0; p < n; ++p) {
+        const int l = cell(region, w->coords[p]);
+        for (int c = 0; c < k; ++c)
+            if (labels[c] == l) {
+                classOf[p] = c;
+                break;
+            }
+    }
+    bool relabelled = false;
+
     bool abandoned = false;
     for (int s = 0; s + 2 <= k && !abandoned; ++s) {
         const int m = s + 2;  // codewords after this step
@@ -158,7 +182,7 @@ double** PottsEngine::kGLA(PottsWS* w, int* labels) {
 
         // Split class j along its principal axis by a thousandth of its mean
         // standard deviation.
-        w->getSigma(labels[j], sigma);
+        w->getSigmaOfClass(firstOf[j], classOf.data(), sigma);
         double eps = 0.0;
         for (int b = 0; b < d; ++b) eps += std::sqrt(sigma[b][b]);
         eps /= 1000.0 * d;
@@ -172,8 +196,7 @@ double** PottsEngine::kGLA(PottsWS* w, int* labels) {
         if (!(2.0 * eps > eps)) continue;
 
         // Lloyd iterations; convergence is decided by eps alone.
-        int** map = region->map;
-        const int pad = region->pad;
+        relabelled = true;
         for (;;) {
             for (int c = 0; c < m; ++c) distortion[c] = 0.0;
             for (int p = 0; p < n; ++p) {
@@ -189,12 +212,11 @@ double** PottsEngine::kGLA(PottsWS* w, int* labels) {
                     }
                 }
                 distortion[best] += bestDist;
-                const xy q = w->coords[p];
-                map[q.x + pad][q.y + pad] = labels[best];
+                classOf[p] = firstOf[best];
             }
             for (int c = 0; c < m; ++c)
                 for (int b = 0; b < d; ++b) previous[static_cast<std::size_t>(c) * d + b] = code[c][b];
-            w->getMi(m, labels, counts.data(), code);
+            w->getMiOfClasses(m, classOf.data(), counts.data(), code);
 
             double movement = 0.0;
             bool empty = false;
@@ -217,6 +239,8 @@ double** PottsEngine::kGLA(PottsWS* w, int* labels) {
         }
     }
     dhc::deleteRows(sigma, d);
+    if (relabelled)
+        for (int p = 0; p < n; ++p) cell(region, w->coords[p]) = labels[classOf[p]];
 
     if (abandoned) {
         w->splitState = -1;
