@@ -9,16 +9,11 @@
 
 #include <functional>
 #include <iostream>
-#include <map>
 #include <memory>
-#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include "common/TestSupport.h"
-#include "data/ImageFile.h"
-#include "data/LabelController.h"
 #include "driver/DriverScene.h"
 #include "settings/DHC_SET.h"
 #include "settings/Fatal.h"
@@ -107,19 +102,17 @@ struct FailingSupervisedRun {
 int components(const ROI<int, xy>* roi, int label) {
     std::vector<std::vector<int>> grid(roi->height, std::vector<int>(roi->width, 0));
     for (int k = 0; k < roi->count; ++k) grid[roi->coords[k].x][roi->coords[k].y] = roi->data[k] == label;
-    std::function<void(int, int)> fill = [&](int r, int c) {
-        if (r < 0 || c < 0 || r >= roi->height || c >= roi->width || grid[r][c] != 1) return;
+    // Clears the piece holding (r, c); 1 if there was one.
+    std::function<int(int, int)> fill = [&](int r, int c) {
+        if (r < 0 || c < 0 || r >= roi->height || c >= roi->width || grid[r][c] != 1) return 0;
         grid[r][c] = 2;
         for (int dr = -1; dr <= 1; ++dr)
             for (int dc = -1; dc <= 1; ++dc) fill(r + dr, c + dc);
+        return 1;
     };
     int count = 0;
     for (int r = 0; r < roi->height; ++r)
-        for (int c = 0; c < roi->width; ++c)
-            if (grid[r][c] == 1) {
-                ++count;
-                fill(r, c);
-            }
+        for (int c = 0; c < roi->width; ++c) count += fill(r, c);
     return count;
 }
 
@@ -145,71 +138,30 @@ TEST_F(Quadrants, BalancedTreeSplitsTiesInTerminalListOrder) {
     EXPECT_EQ(out.nClasses, 4);
 }
 
-TEST_F(Quadrants, BlindAreaMetricLeavesSmallRegionsAlone) {
+TEST_F(Quadrants, BlindSplitsFollowTheirScore) {
     s->blind = true;
+    s->maxNumberOfClasses = 100;
     s->metric = 0;
     s->splitGainThreshold = 200;  // area >= 200 to split
-    s->maxNumberOfClasses = 100;
-    DHC_OUT out = run();
+    DHC_OUT byArea = run();
     int n = 0;
-    std::unique_ptr<int[]> seq(out.dhc->extractSplitSequence(n));
+    std::unique_ptr<int[]> seq(byArea.dhc->extractSplitSequence(n));
     ASSERT_GE(n, 1);
-    for (int i = 0; i < n; ++i) EXPECT_GE(out.dhc->tree->root->find(seq[i])->data->root->area, 200);
-}
+    for (int i = 0; i < n; ++i) EXPECT_GE(byArea.dhc->tree->root->find(seq[i])->data->root->area, 200);
 
-TEST_F(Quadrants, BlindVariableMultiplicityAnnouncesTheEstimatedClassCount) {
-    s->blind = true;
-    s->metric = 7;                // 1 / (depth + 1)
-    s->splitGainThreshold = 0.9;  // the root only
-    s->maxNumberOfClasses = 100;
+    // 1 / (depth + 1) >= 0.9: the root alone is split, and with variable
+    // multiplicity into as many children as the mean-shift estimate announces.
+    s->metric = 7;
+    s->splitGainThreshold = 0.9;
     s->variableMultiplicity = true;
     std::ostringstream sink;
     std::ostream* previous = dhc::setOut(&sink);
-    DHC_OUT out = run();
+    DHC_OUT byDepth = run();
     dhc::setOut(previous);
     const std::string text = sink.str();
-    const size_t at = text.find(" subregions...\n");
-    const size_t in = text.rfind(" in ", at);
+    const size_t at = text.find(" subregions...\n"), in = text.rfind(" in ", at);
     ASSERT_TRUE(at != std::string::npos && in != std::string::npos) << text;
-    // The root alone is split, into as many children as announced.
-    EXPECT_EQ(out.nClasses, std::stoi(text.substr(in + 4, at - in - 4)));
-}
-
-TEST(DhcSplitOption, PiecesAreSplitAloneAndRegroupedByNearestMean) {
-    // Two separate 6 x 8 squares (the mask leaves out columns 8 to 11), each
-    // dark on its left half and bright on its right half.
-    Scene scene(6, 20, 1);
-    for (int r = 0; r < 6; ++r)
-        for (int c = 0; c < 20; ++c) {
-            scene.truth[r][c] = (c % 12) < 4 ? 1 : 2;
-            scene.mask[r][c] = (c < 8 || c >= 12) ? 1 : 0;
-        }
-    scene.paint({{20}, {90}}, 3);
-    std::unique_ptr<ROI<int, xy>> roi(scene.dataRoi());
-    auto s = baseSettings();
-    DHC d(roi.get(), 1000, false, nullptr, s.get());
-    SplittingOptions o;
-    o.splitOption = 2;
-    o.minSplitArea = 4;
-    d.tree->current = d.tree->root;
-    d.split(o);
-    // Labels: root 2; pieces 3, 4; their children 5, 6 and 7, 8; the leaf's
-    // children 9, 10.  Everything but the leaf's children is given back.
-    TreeNode<PottsWS*>* root = d.tree->root;
-    ASSERT_EQ(root->nChildren, 2);
-    EXPECT_EQ(root->children[0]->label, 9);
-    EXPECT_EQ(root->children[1]->label, 10);
-    EXPECT_EQ(d.labels->pick(), 3);
-    // Each child gathers one half of both squares: 2 x 24 pixels of one brightness.
-    std::set<int> brightness;
-    for (int c = 0; c < 2; ++c) {
-        PottsWS* child = root->children[c]->data;
-        EXPECT_EQ(child->root->area, 48);
-        const int near = child->mi[0] < 55 ? 20 : 90;
-        EXPECT_NEAR(child->mi[0], near, 2.0);
-        brightness.insert(near);
-    }
-    EXPECT_EQ(brightness.size(), 2u);
+    EXPECT_EQ(byDepth.nClasses, std::stoi(text.substr(in + 4, at - in - 4)));
 }
 
 TEST(DhcDisconnect, EveryLeafIsOneConnectedPiece) {
@@ -289,55 +241,4 @@ TEST_F(Quadrants, ThrowingFatalHandlerUnwindsOutOfTheRun) {
     dhc::setOut(previousOut);
     dhc::setFatalHandler(previous);
     EXPECT_EQ(sink.str(), "supSplitting!\n");
-}
-
-TEST_F(Quadrants, OutputRecordIsMoveOnlyAndAnUnknownModeRunsNothing) {
-    static_assert(!std::is_copy_constructible<DHC_OUT>::value, "DHC_OUT must not be copied");
-    s->fragmentation = true;
-    DHC_OUT first = run();
-    first.rows = 1;
-    first.labelMap = new int* [1] { new int[3]() };
-    DHC* driver = first.dhc;
-    DHC_OUT second(std::move(first));
-    EXPECT_TRUE(first.dhc == nullptr && first.labelRoi == nullptr && first.labelMap == nullptr);
-    DHC_OUT third;
-    third = std::move(second);  // each owned pointer is freed once (checked under valgrind)
-    EXPECT_TRUE(third.dhc == driver && third.fragRoi != nullptr && third.labelMap != nullptr &&
-                third.rows == 1);
-
-    DHC_IN none = input();
-    none.mode = 5;
-    DHC_OUT empty = DHC::dhc(none);
-    EXPECT_TRUE(empty.dhc == nullptr && empty.rows == -1 && empty.labelRoi == nullptr);
-}
-
-TEST_F(Quadrants, FileSourceRunWritesTheCompactedLabelMap) {
-    std::vector<std::vector<int*>> bandRows(scene.bands, std::vector<int*>(scene.rows));
-    std::vector<int**> planes(scene.bands);
-    for (int b = 0; b < scene.bands; ++b) {
-        for (int r = 0; r < scene.rows; ++r) bandRows[b][r] = scene.cube[b][r].data();
-        planes[b] = bandRows[b].data();
-    }
-    DHC_IN in;
-    in.source = 1;
-    in.settings = s.get();
-    in.dataFile = dhc::test::tmpPath("dhc_file_source.hraw");
-    in.outputFile = dhc::test::tmpPath("dhc_file_source_out.hraw");
-    ImageFile<int>::writeHRawInt32(in.dataFile, planes.data(), scene.bands, scene.rows, scene.cols);
-    DHC_OUT out = DHC::dhc(in);
-    ASSERT_NE(out.labelRoi, nullptr);
-    EXPECT_EQ(out.nClasses, 4);
-    // The file holds the labels renumbered 1, 2, ... in raster order of first
-    // appearance; the label ROI of a file run lists the pixels in raster order.
-    int bands = 0, rows = 0, cols = 0;
-    int*** cube = ImageFile<int>::readHRawInt32(in.outputFile, bands, rows, cols);
-    ASSERT_TRUE(bands == 1 && rows == scene.rows && cols == scene.cols);
-    ASSERT_EQ(out.labelRoi->count, rows * cols);
-    std::map<int, int> renumber;
-    for (int k = 0; k < out.labelRoi->count; ++k) {
-        const int v = out.labelRoi->data[k];
-        renumber.emplace(v, static_cast<int>(renumber.size()) + 1);
-        EXPECT_EQ(cube[0][k / cols][k % cols], renumber[v]) << "pixel " << k;
-    }
-    ImageFile<int>::deleteCube(cube, bands, rows);
 }
