@@ -1,5 +1,6 @@
 #include "data/ROI.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <utility>
@@ -32,15 +33,38 @@ ROI<int, xy>* buildRoi(int rows, int cols, int bands, int*** cube, int** mask, i
     }
 
     if (shuffle && roi->order != 1) {
+        // The swaps run on an index permutation, then the points are gathered
+        // once: the same final order as swapping the points themselves, without
+        // moving every point's values around at random tens of times.
         std::srand(3605118785u);
-        for (long s = 0; s < 10L * count; ++s) {
-            const int i = std::rand() % count;
-            const int j = std::rand() % count;
-            std::swap(roi->coords[i], roi->coords[j]);
-            int* a = roi->data + static_cast<size_t>(i) * bands;
-            int* b = roi->data + static_cast<size_t>(j) * bands;
-            for (int v = 0; v < bands; ++v) std::swap(a[v], b[v]);
+        std::vector<int32_t> from(static_cast<size_t>(count));
+        for (int i = 0; i < count; ++i) from[i] = i;
+        // The draws do not depend on the permutation, so they are taken a batch
+        // ahead (same draws, same order) and the entries fetched before swapping.
+        constexpr long kBatch = 32;
+        int is[kBatch], js[kBatch];
+        const long swaps = 10L * count;
+        for (long s = 0; s < swaps; s += kBatch) {
+            const long n = std::min(kBatch, swaps - s);
+            for (long t = 0; t < n; ++t) {
+                is[t] = std::rand() % count;
+                js[t] = std::rand() % count;
+                __builtin_prefetch(&from[is[t]], 1);
+                __builtin_prefetch(&from[js[t]], 1);
+            }
+            for (long t = 0; t < n; ++t) std::swap(from[is[t]], from[js[t]]);
         }
+        xy* coords = new xy[count];
+        int* data = new int[static_cast<size_t>(count) * (bands > 0 ? bands : 0)];
+        for (int q = 0; q < count; ++q) {
+            coords[q] = roi->coords[from[q]];
+            const int* src = roi->data + static_cast<size_t>(from[q]) * bands;
+            std::copy(src, src + bands, data + static_cast<size_t>(q) * bands);
+        }
+        delete[] roi->coords;
+        delete[] roi->data;
+        roi->coords = coords;
+        roi->data = data;
         roi->order = 1;
     }
     return roi;
