@@ -118,10 +118,18 @@ namespace {
 struct PixelScan {
     PottsData& d;
     const int* values(int p) const { return d.data + static_cast<size_t>(p) * d.bands; }
+    // Scans read the labels in pixel order, which is scattered over the map:
+    // each read asks for the cell a few pixels ahead so it is in cache in time.
     int label(int p) const {
+        const int pad = d.root->pad;
+        if (p + kAhead < d.loadedCount) {
+            const xy& a = d.coords[p + kAhead];
+            __builtin_prefetch(d.root->map[a.x + pad] + a.y + pad);
+        }
         const xy& c = d.coords[p];
-        return d.root->map[c.x + d.root->pad][c.y + d.root->pad];
+        return d.root->map[c.x + pad][c.y + pad];
     }
+    static constexpr int kAhead = 16;
     int count() const { return d.loadedCount; }
     void finish() const { d.cursor = std::max(d.loadedCount - 1, 0); }
 };
