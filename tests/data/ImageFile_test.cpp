@@ -9,10 +9,8 @@
 #include <iterator>
 #include <string>
 #include <tuple>
-#include <utility>
 #include <vector>
 
-#include "MapTestUtil.h"
 #include "common/TestSupport.h"
 #include "data/HrawCheck.h"
 #include "data/PaddedMap.h"
@@ -58,8 +56,7 @@ TEST(HRaw, ThreeBandRoundTripIs108BandSequentialBytes) {
                 expected.push_back(cube[b][r][c] = (b + 1) * 100000 - 1000 * r - 7 * c);
     cube[2][1][3] = expected.back() = -1;  // two's complement on disk
     ImageFile<int>::writeHRawInt32(path, cube, 3, 2, 4);
-    EXPECT_EQ(fileBytes(path).size(), 108u);
-    EXPECT_EQ(fileBytes(path), leBytes(expected));
+    EXPECT_EQ(fileBytes(path), leBytes(expected));  // 108 bytes
 
     int bands = 0, rows = 0, cols = 0;
     int*** back = ImageFile<int>::readHRawInt32(path, bands, rows, cols);
@@ -67,36 +64,17 @@ TEST(HRaw, ThreeBandRoundTripIs108BandSequentialBytes) {
     EXPECT_EQ(cells(back, 3, 2, 4), cells(cube, 3, 2, 4));
     ImageFile<int>::deleteCube(back, bands, rows);
     ImageFile<int>::deleteCube(cube, 3, 2);
-
-    int rowA[3] = {1, 2, 3}, rowB[3] = {4, 5, -6};
-    int* plane[2] = {rowA, rowB};
-    ImageFile<int>::writeHRawInt32(path, plane, 2, 3);
-    EXPECT_EQ(fileBytes(path), leBytes({1, 2, 3, 1, 2, 3, 4, 5, -6}));
+    std::remove(path.c_str());
 }
 
-TEST(HRaw, ShortAndOddFilesReadWithoutChecks) {
+TEST(HRaw, FileTruncatedAfterTheHeaderReadsZeros) {
     const std::string path = dhc::test::tmpPath("img_short.hraw");
-    const struct {
-        std::vector<int32_t> file;
-        std::vector<int> cells;
-    } cases[] = {
-        {{2, 3, 2}, std::vector<int>(12, 0)},  // truncated after the header: zeros, not -2
-        {{1, 2, 2, 9, 8, 7}, {9, 8, 7, 0}},    // truncated inside the data
-        {{2, 0, 5, 1, 1}, {}},                 // no rows: two empty planes, nothing read
-    };
-    for (const auto& c : cases) {
-        writeInts(path, c.file);
-        int bands = -7, rows = -7, cols = -7;
-        int*** cube = ImageFile<int>::readHRawInt32(path, bands, rows, cols);
-        EXPECT_EQ(std::vector<int>({bands, rows, cols}),
-                  std::vector<int>(c.file.begin(), c.file.begin() + 3));
-        EXPECT_EQ(cells(cube, bands, rows, cols), c.cells);
-        ImageFile<int>::deleteCube(cube, bands, rows);
-    }
+    writeInts(path, {2, 3, 2});
+    int bands = 0, rows = 0, cols = 0;
+    int*** cube = ImageFile<int>::readHRawInt32(path, bands, rows, cols);
+    EXPECT_EQ(cells(cube, bands, rows, cols), std::vector<int>(12, 0));  // not the -2 marker
+    ImageFile<int>::deleteCube(cube, bands, rows);
     std::remove(path.c_str());
-    int bands = -7, rows = -7, cols = -7;  // a missing file: an empty cube with sizes 0
-    ImageFile<int>::deleteCube(ImageFile<int>::readHRawInt32(path, bands, rows, cols), bands, rows);
-    EXPECT_EQ(std::make_tuple(bands, rows, cols), std::make_tuple(0, 0, 0));
 }
 
 TEST(HRaw, CheckNamesTheFileAndTheFault) {
@@ -110,11 +88,8 @@ TEST(HRaw, CheckNamesTheFileAndTheFault) {
         {{1, 1, 65535}, 65535, ""},  // the largest side is allowed
         {{3, 2, 4}, 23, "expected 108"},
         {{3, 2, 4}, 25, "size 112 bytes"},
-        {{1, 0, 4}, 0, "non-positive"},
-        {{-1, 2, 2}, 4, "non-positive"},
         {{1, 65536, 1}, 0, "over 65535"},
-        {{1, 1, 70000}, 0, "over 65535"},
-        {{40000, 65535, 65535}, 0, "too many values"},
+        {{40000, 65535, 65535}, 0, "too many values"},  // the product overflows int
         {{1, 2}, 0, "header too short (8 bytes"},
         {{}, -1, "cannot be opened"},
     };
@@ -131,33 +106,13 @@ TEST(HRaw, CheckNamesTheFileAndTheFault) {
         const bool accepted = c.what[0] == '\0';
         EXPECT_EQ(checkHrawFile(path, bands, rows, cols, error), accepted);
         if (accepted) {
-            EXPECT_EQ(error, "");
             EXPECT_EQ(std::vector<int>({bands, rows, cols}), c.header);
         } else {
             EXPECT_NE(error.find(path), std::string::npos) << error;
             EXPECT_NE(error.find(c.what), std::string::npos) << error;
         }
     }
-}
-
-TEST(PaddedPlanes, FrameAndCopies) {
-    PaddedMap pm(PaddedMap::createPaddedMapFrame(2, 3, 2, -1, 5), 2, 3, 2, -1);
-    for (int r = 0; r < 6; ++r)
-        for (int c = 0; c < 7; ++c) EXPECT_EQ(pm.map[r][c], r >= 2 && r < 4 && c >= 2 && c < 5 ? 5 : -1);
-    pm.map[3][4] = 42;  // inner (1, 2)
-
-    int pad = 1;  // non-zero: a copy with the padding
-    int** padded = pm.getMap(pad);
-    EXPECT_EQ(pad, 2);
-    EXPECT_EQ(cells(&padded, 1, 6, 7), cells(&pm.map, 1, 6, 7));
-    padded[3][4] = 0;  // a copy, not a view
-    EXPECT_EQ(pm.map[3][4], 42);
-    PaddedMap::deletePaddedMapFrame(padded, 2, 3, 2);
-    pad = 0;  // zero: the inner cells only
-    int** bare = pm.getMap(pad);
-    EXPECT_EQ(pad, 0);
-    EXPECT_EQ(cells(&bare, 1, 2, 3), (std::vector<int>{5, 5, 5, 5, 5, 42}));
-    PaddedMap::deletePaddedMapFrame(bare, 2, 3, 0);
+    std::remove(path.c_str());
 }
 
 TEST(PaddedPlanes, HRawWritersLeaveTheFrameOut) {
@@ -179,19 +134,6 @@ TEST(PaddedPlanes, HRawWritersLeaveTheFrameOut) {
     double values[5];
     std::memcpy(values, bytes.data(), sizeof values);
     EXPECT_EQ(std::vector<double>(values, values + 5), (std::vector<double>{1.0, 1.0, 2.0, 0.5, -2.0}));
-    std::remove(path.c_str());
-}
-
-TEST(Raw, ReadsIntoAFramedPlaneAndWritesTheInnerCells) {
-    const std::string path = dhc::test::tmpPath("img_plane.raw");
-    writeInts(path, {1, 2, 3, 4, 5});  // one short: the missing element reads 0
-    int** m = ImageFile<int>::readRawInt32(path, 2, 3, 1, -5);
-    EXPECT_EQ(innerOf(m, 4, 5, 0),
-              (Grid{{-5, -5, -5, -5, -5}, {-5, 1, 2, 3, -5}, {-5, 4, 5, 0, -5}, {-5, -5, -5, -5, -5}}));
-    m[2][3] = -8;
-    ImageFile<int>::writeRawInt32(path, m, 2, 3, 1);
-    EXPECT_EQ(fileBytes(path), leBytes({1, 2, 3, 4, 5, -8}));
-    PaddedMap::deletePaddedMapFrame(m, 2, 3, 1);
     std::remove(path.c_str());
 }
 

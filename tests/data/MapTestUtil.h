@@ -1,9 +1,5 @@
 #pragma once
-// Helpers shared by the data tests: planes and regions of interest from literals
-// and back, and an independent flood-fill reference for connected pieces.
-#include <algorithm>
-#include <optional>
-#include <queue>
+// Helpers shared by the data tests: planes and regions of interest from literals and back.
 #include <utility>
 #include <vector>
 
@@ -63,13 +59,6 @@ inline Grid auxOf(const PottsMap& m) {
     return innerOf(m.auxMap, m.rows, m.cols, m.pad);
 }
 
-inline int maxOf(const Grid& g) {
-    int m = 0;
-    for (const auto& row : g)
-        for (int v : row) m = std::max(m, v);
-    return m;
-}
-
 // The cells of an unpadded plane handed over by the code, which is then freed.
 inline Grid takeRows(int** plane, int rows, int cols) {
     Grid g = innerOf(plane, rows, cols, 0);
@@ -91,32 +80,3 @@ struct OwnedMap {
     PottsMap* operator->() { return m; }
     PottsMap* m;
 };
-
-// Connected sets of equal cells (4- or 8-connected) numbered base + 1, base + 2, ...
-// by their first cell in raster order; with `only`, cells of other labels stay 0.
-inline Grid floodFill(const Grid& g, bool eight, std::optional<int> only = std::nullopt, int base = 0) {
-    const int rows = static_cast<int>(g.size()), cols = static_cast<int>(g[0].size());
-    Grid out(rows, std::vector<int>(cols, 0));
-    for (int r = 0; r < rows; ++r)
-        for (int c = 0; c < cols; ++c) {
-            if (out[r][c] != 0 || (only && g[r][c] != *only)) continue;
-            out[r][c] = ++base;
-            std::queue<std::pair<int, int>> q;
-            q.push({r, c});
-            while (!q.empty()) {
-                auto [y, x] = q.front();
-                q.pop();
-                for (int dy = -1; dy <= 1; ++dy)
-                    for (int dx = -1; dx <= 1; ++dx) {
-                        const int ny = y + dy, nx = x + dx;
-                        if ((!eight && dy != 0 && dx != 0) || ny < 0 || nx < 0 || ny >= rows || nx >= cols)
-                            continue;
-                        if (g[ny][nx] == g[y][x] && out[ny][nx] == 0) {
-                            out[ny][nx] = base;
-                            q.push({ny, nx});
-                        }
-                    }
-            }
-        }
-    return out;
-}
