@@ -1,16 +1,14 @@
-function err = dhc_expect_error(fn, id, text)
-  % err = dhc_expect_error(fn, id [, text])  Calls fn, which must raise an
-  % error with identifier id ('' for none) whose message contains text.
-  raised = false;
+function err = dhc_expect_error(id, text, nout, fn, varargin)
+  % err = dhc_expect_error(id, text, nout, fn, args...)  Calls fn(args...) with
+  % nout outputs; it must raise an error with identifier id ('' for none)
+  % whose message contains text.
+  out = cell(1, nout);
   try
-    fn();
+    [out{:}] = fn(varargin{:});
   catch err
-    raised = true;
+    dhc_check(strcmp(err.identifier, id) && ~isempty(strfind(err.message, text)), ...
+              'error "%s: %s", expected "%s" with "%s"', err.identifier, err.message, id, text);
+    return;
   end
-  dhc_check(raised, 'expected an error with identifier "%s"', id);
-  dhc_check(strcmp(err.identifier, id), 'identifier "%s", expected "%s" (message: %s)', ...
-            err.identifier, id, err.message);
-  if nargin >= 3
-    dhc_check(~isempty(strfind(err.message, text)), 'message "%s" lacks "%s"', err.message, text);
-  end
+  dhc_check(false, 'no error, expected "%s" with "%s"', id, text);
 end

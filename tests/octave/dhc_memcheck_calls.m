@@ -4,26 +4,23 @@ function dhc_memcheck_calls(n)
   % masked, a fatal condition (-20), a failed rank assertion and a refused
   % output count.
   [img, truth] = dhc_quadrants(16, 16, 2);
+  p = DhcProblem(img);
   s = dhc_test_settings();
   sf = s;
   sf.fragmentation = 1;
   sv = s;
   sv.supervisedMode = 1;
-  sv.supSet.numberOfClasses = 4;
-  sv.supSet.structureLevels = [2 2 2 2];
-  sv.supSet.structurePaths = [0 0 0 1 1 0 1 1];
+  sv.supSet = struct('numberOfClasses', 4, 'structureLevels', [2 2 2 2], 'structurePaths', [0 0 0 1 1 0 1 1]);
   sb = s;
   sb.unsupSet.blind = 1;
   sb.unsupSet.blindSet.metric = 99;
-  mask = ones(16);
-  mask(:, 1:3) = 0;
   for i = 1:n
-    [a, b, c] = dhc(DhcProblem(img), s);
-    a = dhc(DhcProblem(img), sf);
+    [a, b, c] = dhc(p, s);
+    a = dhc(p, sf);
     [a, b, c] = dhc(DhcProblem(img, [], [], truth), sv);
-    [a, b, c] = dhc(DhcProblem(img, [], mask), s);
-    dhc_expect_error(@() dhc_three(DhcProblem(img), sb), 'dhc:fatal:m20');
-    dhc_expect_error(@() dhc_three(DhcProblem(img, ones(16, 16, 2)), s), 'dhc:assert');
-    dhc_expect_error(@() dhc_three(DhcProblem(img), sf), '');
+    [a, b, c] = dhc(DhcProblem(img, [], truth < 4), s);
+    dhc_expect_error('dhc:fatal:m20', '-20', 3, @dhc, p, sb);
+    dhc_expect_error('dhc:assert', '(nd == 2)', 3, @dhc, DhcProblem(img, ones(16, 16, 2)), s);
+    dhc_expect_error('', 'Check usage!', 3, @dhc, p, sf);
   end
 end
