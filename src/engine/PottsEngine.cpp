@@ -287,11 +287,20 @@ int PottsEngine::sweeps(int* labels, int k, EnergyAt energyAt) {
     xy* coords = ws->coords;
     const int n = ws->loadedCount;
     const double total = ws->envelopeCount;
+    constexpr int kAhead = 16;
     int done = 0;
     double rate = 0.0;
     do {
         int changes = 0;
         for (int p = 0; p < n; ++p) {
+            // Pixels come in scattered order: fetch the neighbourhood of the
+            // pixel kAhead places on while this one is decided.
+            if (p + kAhead < n) {
+                const xy& a = coords[p + kAhead];
+                __builtin_prefetch(map[a.x + pad - 1] + a.y + pad);
+                __builtin_prefetch(map[a.x + pad] + a.y + pad, 1);
+                __builtin_prefetch(map[a.x + pad + 1] + a.y + pad);
+            }
             xy& q = coords[p];
             const double bp = (adaptive && q.aux != 0) ? betaBound : beta;
             const int r = q.x + pad;
