@@ -3,9 +3,20 @@
 // directory, and read and write hraw files with a few lines of independent
 // code (the tests do not trust the library's own readers to check its output).
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -26,30 +37,131 @@ struct Hraw {
 // failed; the programs run in it and file names are relative to it.
 class ToolTest : public ::testing::Test {
   protected:
-    void SetUp() override;
-    void TearDown() override;
+    void SetUp() override {
+        const char* base = std::getenv("DHC_TEST_TMP");
+        std::string pattern = std::string(base != nullptr ? base : "/tmp") + "/dhc-e2e-XXXXXX";
+        ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
+        dir_ = pattern;
+    }
+    void TearDown() override {
+        if (!dir_.empty() && !HasFailure()) std::filesystem::remove_all(dir_);
+    }
 
     std::string path(const std::string& name) const { return dir_ + "/" + name; }
-    Result dhc(const std::vector<std::string>& args) const;
-    Result makeScene(const std::vector<std::string>& args) const;
-    std::string read(const std::string& name) const;
-    void write(const std::string& name, const std::string& bytes) const;
-    Hraw readHraw(const std::string& name) const;
-    void writeHraw(const std::string& name, const Hraw& image) const;
+
+    // Starts `program args` with standard output and error sent to files.
+    pid_t start(const std::vector<std::string>& args, const char* program = DHC_TOOL_PATH) const {
+        const pid_t pid = ::fork();
+        if (pid != 0) return pid;
+        const int out = ::open(path(".stdout").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        const int err = ::open(path(".stderr").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        if (out < 0 || err < 0 || ::dup2(out, 1) < 0 || ::dup2(err, 2) < 0 || ::chdir(dir_.c_str()) != 0)
+            ::_exit(127);
+        std::vector<char*> argv{const_cast<char*>(program)};
+        for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+        argv.push_back(nullptr);
+        ::execv(program, argv.data());
+        ::_exit(127);
+    }
+
+    // Runs `program args` to its end.
+    Result dhc(const std::vector<std::string>& args, const char* program = DHC_TOOL_PATH) const {
+        const pid_t pid = start(args, program);
+        Result run;
+        int status = 0;
+        if (pid < 0 || ::waitpid(pid, &status, 0) != pid) return run;
+        run.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        run.out = read(".stdout");
+        run.err = read(".stderr");
+        std::filesystem::remove(path(".stdout"));
+        std::filesystem::remove(path(".stderr"));
+        return run;
+    }
+
+    std::string read(const std::string& name) const {
+        std::ifstream in(path(name), std::ios::binary);
+        std::ostringstream s;
+        s << in.rdbuf();
+        return s.str();
+    }
+    void write(const std::string& name, const std::string& bytes) const {
+        std::ofstream(path(name), std::ios::binary) << bytes;
+    }
+
+    Hraw readHraw(const std::string& name) const {
+        const std::string bytes = read(name);
+        std::vector<int32_t> words(bytes.size() / 4);
+        std::memcpy(words.data(), bytes.data(), words.size() * sizeof(int32_t));
+        if (words.size() < 3) return Hraw{};
+        return Hraw{words[0], words[1], words[2], std::vector<int32_t>(words.begin() + 3, words.end())};
+    }
+    void writeHraw(const std::string& name, const Hraw& image) const {
+        const int32_t header[3] = {image.bands, image.rows, image.cols};
+        std::string bytes(reinterpret_cast<const char*>(header), sizeof header);
+        bytes.append(reinterpret_cast<const char*>(image.values.data()),
+                     image.values.size() * sizeof(int32_t));
+        write(name, bytes);
+    }
 
     std::string dir_;
 };
 
-std::string readFile(const std::string& path);
-// Fraction of pixels (where `where` is non-zero, or all) whose truth is the
-// most frequent truth of their label, each truth value serving one label.
-double matchedAgreement(const std::vector<int32_t>& labels, const std::vector<int32_t>& truth,
-                        const std::vector<int32_t>& where = {});
 // Distinct non-zero values.
-std::vector<int32_t> distinctLabels(const std::vector<int32_t>& labels);
+inline std::vector<int32_t> distinctLabels(const std::vector<int32_t>& labels) {
+    std::set<int32_t> s(labels.begin(), labels.end());
+    s.erase(0);
+    return std::vector<int32_t>(s.begin(), s.end());
+}
+
+// Fraction of the labelled (non-zero) pixels whose truth is the most frequent
+// truth of their label, each truth value serving one label.
+inline double matchedAgreement(const std::vector<int32_t>& labels, const std::vector<int32_t>& truth) {
+    std::map<int32_t, std::map<int32_t, long>> counts;  // label -> truth -> pixels
+    long total = 0, hits = 0;
+    for (size_t i = 0; i < labels.size(); ++i)
+        if (labels[i] != 0) {
+            ++counts[labels[i]][truth[i]];
+            ++total;
+        }
+    std::set<int32_t> used;
+    for (const auto& [label, byTruth] : counts) {
+        const auto best = std::max_element(byTruth.begin(), byTruth.end(),
+                                           [](const auto& a, const auto& b) { return a.second < b.second; });
+        if (used.insert(best->first).second) hits += best->second;
+    }
+    return total == 0 ? 0.0 : static_cast<double>(hits) / static_cast<double>(total);
+}
+
 // Number of 8-connected pieces of equal non-zero value in a one-band map.
-int pieces(const Hraw& map);
+inline int pieces(Hraw map) {
+    int count = 0;
+    for (int start = 0; start < map.rows * map.cols; ++start) {
+        const int32_t value = map.values[start];
+        if (value == 0) continue;
+        ++count;
+        std::vector<int> stack{start};  // flood fill, clearing the piece
+        map.values[start] = 0;
+        while (!stack.empty()) {
+            const int r = stack.back() / map.cols, c = stack.back() % map.cols;
+            stack.pop_back();
+            for (int rr = std::max(r - 1, 0); rr <= std::min(r + 1, map.rows - 1); ++rr)
+                for (int cc = std::max(c - 1, 0); cc <= std::min(c + 1, map.cols - 1); ++cc)
+                    if (map.values[rr * map.cols + cc] == value) {
+                        map.values[rr * map.cols + cc] = 0;
+                        stack.push_back(rr * map.cols + cc);
+                    }
+        }
+    }
+    return count;
+}
+
 // The numbers of the first "KEY = [ ... ];" line of a report.
-std::vector<int32_t> listed(const std::string& report, const std::string& key);
+inline std::vector<int32_t> listed(const std::string& report, const std::string& key) {
+    const size_t at = report.find("\n" + key + " = [");
+    std::istringstream in(at == std::string::npos ? std::string() : report.substr(report.find('[', at) + 1));
+    std::vector<int32_t> values;
+    for (int32_t v = 0; in >> v;) values.push_back(v);
+    return values;
+}
 
 }  // namespace tooltest
