@@ -2,6 +2,8 @@
 // Helpers shared by the test programs.
 
 #include <cstdlib>
+#include <fstream>
+#include <sstream>
 #include <string>
 
 namespace dhc::test {
@@ -11,6 +13,14 @@ namespace dhc::test {
 inline std::string tmpPath(const std::string& name) {
     const char* dir = std::getenv("DHC_TEST_TMP");
     return std::string(dir != nullptr ? dir : ".") + "/" + name;
+}
+
+// The whole content of a file, byte for byte (empty when it cannot be read).
+inline std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream content;
+    content << in.rdbuf();
+    return content.str();
 }
 
 }  // namespace dhc::test

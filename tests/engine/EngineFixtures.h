@@ -21,9 +21,9 @@ struct Synthetic {
     int rows = 0, cols = 0, bands = 0;
     std::vector<int> truth;
     std::vector<int> values;  // [(r * cols + c) * bands + b]
-    int value(int r, int c, int b) const { return values[(static_cast<size_t>(r) * cols + c) * bands + b]; }
     Built build() const {
-        return makeWS(rows, cols, bands, [this](int r, int c, int b) { return value(r, c, b); });
+        return makeWS(rows, cols, bands,
+                      [this](int r, int c, int b) { return values[(r * cols + c) * bands + b]; });
     }
     // Writes labels[class] at every pixel.
     void paintTruth(PottsWS& ws, const int* labels) const {
@@ -60,16 +60,16 @@ inline Synthetic rectangles(int rows, int cols, int nClasses, int bands, double 
 // with its majority class, agrees with the truth; 0 when two labels would
 // share a class.
 inline double agreement(const PottsWS& ws, const Synthetic& s) {
-    std::map<int, std::map<int, int>> table;
+    std::map<int, std::map<int, int>> table;  // label -> class -> pixels
     for (int p = 0; p < s.rows * s.cols; ++p) ++table[mapLabel(ws, p / s.cols, p % s.cols)][s.truth[p]];
     int agree = 0;
     std::set<int> used;
-    for (auto& [label, row] : table) {
-        auto best = row.begin();
-        for (auto it = row.begin(); it != row.end(); ++it)
-            if (it->second > best->second) best = it;
-        if (!used.insert(best->first).second) return 0.0;
-        agree += best->second;
+    for (auto& entry : table) {
+        std::pair<int, int> best{-1, 0};  // class, pixels
+        for (auto [cls, n] : entry.second)
+            if (n > best.second) best = {cls, n};
+        if (!used.insert(best.first).second) return 0.0;
+        agree += best.second;
     }
     return static_cast<double>(agree) / (s.rows * s.cols);
 }

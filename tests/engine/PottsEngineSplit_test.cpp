@@ -18,14 +18,6 @@ using namespace enginetest;
 
 namespace {
 
-// Captures dhc::out() for the lifetime of the object.
-struct CapturedOut {
-    std::ostringstream text;
-    std::ostream* previous;
-    CapturedOut() : previous(dhc::setOut(&text)) {}
-    ~CapturedOut() { dhc::setOut(previous); }
-};
-
 // Frees linked mixtures (their index arrays are the caller's).
 void freeLinked(Mixture** set, int k) {
     for (int c = 0; c < k; ++c) {
@@ -71,45 +63,11 @@ TEST(UnsupervisedSplit, RecoversRectanglesAndGainsLittleOnNoise) {
         if (i < 2) {
             EXPECT_GE(agreement(ws, images[i]), 0.99);
             EXPECT_GT(ws.splitGain, 0.0);
-            // The same partition scored as a change from {ws} to the children.
-            PottsWS* before[1] = {&ws};
-            EXPECT_NEAR(e.textureGain(&ws, before, 1, children, k), ws.splitGain, 1e-9 * ws.splitGain);
         }
         freeChildren(children, k);
     }
     EXPECT_LT(gains[2], 0.5 * std::log(M_PI / (M_PI - 2.0)) / 3.0 + 0.01);
     EXPECT_GT(gains[0], 2.5 * gains[2]);
-}
-
-TEST(UnsupervisedSplit, EmptyClassRefusesAndRelabelsTheRegion) {
-    // Two distinct values and K = 3: the third class must split a constant
-    // cluster, whose pixels all stay with the lower codeword.
-    Built b = makeWS(6, 6, 2, [](int, int c, int band) { return c < 3 ? 10 + band : 500 - band; });
-    PottsEngine e(3, 0.0, 2.0, 0.0, false, 0.0, 0.0);
-    int labels[3] = {4, 5, 6};
-    EXPECT_EQ(e.split(b.ws.get(), labels, false, 1.0), nullptr);
-    EXPECT_EQ(b.ws->splitState, -1);
-    EXPECT_TRUE(regionAll(*b.ws, kRoot));
-    EXPECT_EQ(e.ws, nullptr);
-}
-
-TEST(SplitFromMeans, StartsFromTheGivenMeans) {
-    Synthetic s = rectangles(30, 30, 2, 2, 10.0, 31);
-    Built b = s.build();
-    PottsEngine e(2, 0.0, 2.0, 0.0, false, 0.0, 0.0);
-    int labels[2] = {4, 5};
-    double** means = newMatrix(2, 2);
-    means[0][0] = 300.0;  // near class 1 of the rectangles, (290, 125)
-    means[1][0] = 190.0;  // near class 0, (200, 215)
-    PottsWS** children = e.split(b.ws.get(), labels, means, false, 1.0);
-    ASSERT_NE(children, nullptr);
-    EXPECT_GE(agreement(*b.ws, s), 0.99);
-    EXPECT_EQ(mapLabel(*b.ws, 0, 0), 5);   // class 0 of the rectangles took the second mean
-    EXPECT_NEAR(means[1][0], 200.0, 3.0);  // the caller's means now hold the class means
-    freeChildren(children, 2);
-    b.ws->splitState = -1;  // a workspace whose class estimate failed is refused
-    EXPECT_EQ(e.split(b.ws.get(), labels, means, false, 1.0), nullptr);
-    freeMatrix(means, 2);
 }
 
 TEST(SplitGain, UnchangedStatisticsCostOnlyTheSeparatedPairs) {
@@ -121,9 +79,7 @@ TEST(SplitGain, UnchangedStatisticsCostOnlyTheSeparatedPairs) {
     });
     PottsWS& ws = *b.ws;
     int halves[2] = {8, 9};
-    std::vector<int> row(16, 8);
-    std::fill(row.begin() + 8, row.end(), 9);
-    paint(ws, std::vector<std::vector<int>>(8, row));
+    for (int p = 0; p < 8 * 16; ++p) ws.root->setPixel(p / 16, p % 16, p % 16 < 8 ? 8 : 9);
     PottsWS** parts = nullptr;
     ASSERT_EQ(ws.split(halves, 2, parts, true), 2);
 
@@ -142,25 +98,6 @@ TEST(SplitGain, UnchangedStatisticsCostOnlyTheSeparatedPairs) {
     freeChildren(parts, 2);
 }
 
-TEST(SplitGain, VarianceBasedGain) {
-    // N times the largest band variance, or N times the largest eigenvalue of
-    // the covariance [[a, c], [c, b]] when the threshold exceeds that.
-    Synthetic s = rectangles(10, 10, 2, 2, 8.0, 41);
-    Built b = s.build();
-    PottsWS& ws = *b.ws;
-    int labels[2] = {4, 5};
-    s.paintTruth(ws, labels);
-    PottsWS** children = nullptr;
-    ws.split(labels, 2, children, true);
-    PottsEngine e(2, 0.0, 2.0, 0.0, false, 0.0, 0.0);
-    const double low = e.splitGain(&ws, 2, children, 0.0);
-    const double a = ws.sigma[0][0], bb = ws.sigma[1][1], c = ws.sigma[0][1];
-    EXPECT_DOUBLE_EQ(low, 100.0 * std::max(a, bb));
-    const double lambda = 0.5 * (a + bb) + std::sqrt(0.25 * (a - bb) * (a - bb) + c * c);
-    EXPECT_NEAR(e.splitGain(&ws, 2, children, low + 1.0), 100.0 * lambda, 1e-6 * 100.0 * lambda);
-    freeChildren(children, 2);
-}
-
 TEST(SupervisedSplit, FollowsTheClassModels) {
     Synthetic s = rectangles(24, 24, 2, 2, 10.0, 51);
     Built b = s.build();
@@ -170,8 +107,6 @@ TEST(SupervisedSplit, FollowsTheClassModels) {
     s.paintTruth(ws, gtLabels);
     PottsEngine e(2, 0.0, 2.0, 0.0, false, 0.0, 0.0);
     int labels[2] = {4, 5};
-    Mixture* none[2] = {nullptr, nullptr};
-    EXPECT_EQ(e.split(&ws, labels, none), nullptr);  // no likelihood table yet
     ASSERT_TRUE(e.updateGlobalMixture(ws));
     // The table has one row per global class (20, then 21) ...
     int identity[2] = {0, 1};
@@ -185,15 +120,9 @@ TEST(SupervisedSplit, FollowsTheClassModels) {
     PottsWS** children = e.split(&ws, labels, models);
     ASSERT_NE(children, nullptr);
     EXPECT_EQ(ws.splitState, 2);
-    EXPECT_EQ(e.ws, nullptr);
     int wrong = 0;
     for (int p = 0; p < 24 * 24; ++p) wrong += mapLabel(ws, p / 24, p % 24) != labels[1 - s.truth[p]];
     EXPECT_LE(wrong, 5);
-    for (int c = 0; c < 2; ++c) {
-        ASSERT_NE(children[c]->mixture, nullptr);
-        EXPECT_EQ(children[c]->mixture->k, 1);
-        EXPECT_EQ(children[c]->mixture->mi[0], models[c]->mi[0]);  // linked to the same global class
-    }
     freeChildren(children, 2);
     freeLinked(leaves, 2);
     freeLinked(models, 2);
@@ -206,48 +135,44 @@ TEST(MSKEst, FindsThreeSeparatedBlobs) {
     settings.tolerance = 0.05;
     PottsEngine e(&settings);
     int k = 0;
-    CapturedOut out;
+    std::ostringstream progress;
+    dhc::setOut(&progress);
     double** modes = e.MS_K_est(b.ws.get(), k, true);
+    dhc::setOut(nullptr);
     ASSERT_EQ(k, 3);
     ASSERT_NE(modes, nullptr);
     EXPECT_EQ(e.multiplicity, 3);
     EXPECT_EQ(b.ws->splitState, 1);
-    const std::string text = out.text.str();
-    EXPECT_EQ(text.rfind("N.L.P. = 3000 - Dist: ", 0), 0u) << text;  // 3600 pixels, 3000 samples
-    EXPECT_NE(text.find(" -  (inital knn = "), std::string::npos);
-    EXPECT_NE(text.find(")\nModes found:\nMode #0: "), std::string::npos);
+    EXPECT_EQ(progress.str().rfind("N.L.P. = 3000 - Dist: ", 0), 0u);  // 3600 pixels, 3000 samples
     // The map holds three fresh labels that follow the stripes, and the modes are their means.
     EXPECT_GE(agreement(*b.ws, s), 0.99);
-    for (int i = 0; i < 3; ++i) {
-        bool near = false;
-        for (int c = 0; c < 3; ++c) near = near || std::fabs(modes[i][0] - (1000.0 + 150.0 * c)) < 5.0;
-        EXPECT_TRUE(near) << modes[i][0];
-    }
-    freeMatrix(modes, 3);
+    std::vector<double> firstBand{modes[0][0], modes[1][0], modes[2][0]};
+    std::sort(firstBand.begin(), firstBand.end());
+    for (int c = 0; c < 3; ++c) EXPECT_NEAR(firstBand[c], 1000.0 + 150.0 * c, 5.0);
+    dhc::deleteRows(modes, 3);
+}
+
+// Runs the estimate on a region it must refuse: k = 1, no modes, state -1 and the map left alone.
+void expectRefused(const Built& b) {
+    DHC_SET settings;
+    PottsEngine e(&settings);
+    int k = 0;
+    std::ostringstream progress;
+    dhc::setOut(&progress);
+    EXPECT_EQ(e.MS_K_est(b.ws.get(), k, true), nullptr);
+    dhc::setOut(nullptr);
+    EXPECT_EQ(k, 1);
+    EXPECT_EQ(b.ws->splitState, -1);
+    EXPECT_EQ(progress.str().find("Modes found:"), std::string::npos);
+    EXPECT_TRUE(regionAll(*b.ws, kRoot));
 }
 
 TEST(MSKEst, NineOrMoreModesAreRefused) {
     // Ten stripes, far apart relative to the noise: every stripe is a mode.
-    Built b = stripes(30, 100, 10, 4.0e6, 3.0, 71).build();
-    DHC_SET settings;
-    PottsEngine e(&settings);
-    int k = 0;
-    CapturedOut out;
-    EXPECT_EQ(e.MS_K_est(b.ws.get(), k, true), nullptr);
-    EXPECT_EQ(k, 1);
-    EXPECT_EQ(b.ws->splitState, -1);
-    EXPECT_EQ(out.text.str().find("Modes found:"), std::string::npos);
-    EXPECT_TRUE(regionAll(*b.ws, kRoot));  // the map is left alone
+    expectRefused(stripes(30, 100, 10, 4.0e6, 3.0, 71).build());
 }
 
 TEST(MSKEst, RegionWithoutSpreadHasNoModes) {
     // Its standardised projection is not finite: the estimate must refuse, not seed forever.
-    Built b = makeWS(20, 20, 2, [](int, int, int) { return 7; });
-    DHC_SET settings;
-    PottsEngine e(&settings);
-    int k = 0;
-    CapturedOut out;
-    EXPECT_EQ(e.MS_K_est(b.ws.get(), k, true), nullptr);
-    EXPECT_EQ(k, 1);
-    EXPECT_EQ(b.ws->splitState, -1);
+    expectRefused(makeWS(20, 20, 2, [](int, int, int) { return 7; }));
 }

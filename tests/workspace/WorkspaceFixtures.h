@@ -11,6 +11,7 @@
 #include "data/ImageFile.h"
 #include "data/PottsMapRegion.h"
 #include "data/ROI.h"
+#include "settings/RowMatrix.h"
 #include "workspace/PottsWS.h"
 
 namespace wstest {
@@ -30,21 +31,19 @@ struct Built {
 inline Built makeWS(int rows, int cols, int bands, const std::function<int(int, int, int)>& value,
                     const std::function<bool(int, int)>& selected = nullptr) {
     int*** cube = ImageFile<int>::newCube(bands, rows, cols);
-    std::vector<std::vector<int>> maskRows(rows, std::vector<int>(cols));
-    std::vector<int*> mask(rows);
-    for (int r = 0; r < rows; ++r) {
-        mask[r] = maskRows[r].data();
+    int** mask = dhc::newRows<int>(rows, cols);
+    for (int r = 0; r < rows; ++r)
         for (int c = 0; c < cols; ++c) {
             mask[r][c] = (!selected || selected(r, c)) ? 1 : 0;
             for (int b = 0; b < bands; ++b) cube[b][r][c] = value(r, c, b);
         }
-    }
     Built out;
-    out.roi.reset(buildRoi(rows, cols, bands, cube, mask.data(), 1, false));
+    out.roi.reset(buildRoi(rows, cols, bands, cube, mask, 1, false));
     out.ws.reset(new PottsWS(out.roi.get(), kPad, kBorder, kRoot, kOutside));
     out.ws->updateMi();
     out.ws->updateSigma();
     ImageFile<int>::deleteCube(cube, bands, rows);
+    dhc::deleteRows(mask, rows);
     return out;
 }
 
@@ -57,19 +56,6 @@ inline void paint(PottsWS& ws, const std::vector<std::vector<int>>& g) {
 
 inline int mapLabel(const PottsWS& ws, int r, int c) {
     return ws.root->map[r + ws.root->pad][c + ws.root->pad];
-}
-
-// Rows x cols zero-initialised new[] matrix and its release.
-inline double** newMatrix(int rows, int cols) {
-    double** m = new double*[rows];
-    for (int r = 0; r < rows; ++r) m[r] = new double[cols]();
-    return m;
-}
-
-inline void freeMatrix(double** m, int rows) {
-    if (m == nullptr) return;
-    for (int r = 0; r < rows; ++r) delete[] m[r];
-    delete[] m;
 }
 
 // Frees a children array made by a split.
