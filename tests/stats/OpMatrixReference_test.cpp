@@ -71,7 +71,7 @@ TEST(OpMatrixReference, InverseLogDetAndLeadingPairsMatchEigen) {
                 EXPECT_NEAR(lambda[i], value, kRelTol * value) << "pair " << i;
                 EXPECT_LE(worstDifference(&u[i], vector.transpose()), kRelTol) << "pair " << i;
             }
-            stats_test::freeRows(u, n);
+            dhc::deleteRows(u, n);
             delete[] lambda;
         }
     }

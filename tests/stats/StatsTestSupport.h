@@ -5,6 +5,8 @@
 #include <utility>
 #include <vector>
 
+#include "settings/RowMatrix.h"
+
 namespace stats_test {
 
 // Zero-based row-pointer matrix (element (r, c) at get()[r][c]) owning its rows.
@@ -31,11 +33,5 @@ class Rows {
     std::vector<std::vector<double>> data_;
     std::vector<double*> ptrs_;
 };
-
-// Releases a new[] matrix handed over by the code under test, rows first.
-inline void freeRows(double** m, int rows) {
-    for (int r = 0; r < rows; ++r) delete[] m[r];
-    delete[] m;
-}
 
 }  // namespace stats_test
