@@ -38,6 +38,14 @@ void repairDegenerate(double** m, int n) {
         for (int i = 0; i < n; ++i) m[i][i] = 1.0;
 }
 
+// Copies the upper triangle of m onto the lower one.  The product sums below
+// fill only the upper triangle: entry (j, i) would receive exactly the same
+// terms as (i, j), in the same order, so it ends with the same bits.
+void mirrorUpper(double** m, int n) {
+    for (int i = 0; i < n; ++i)
+        for (int j = i + 1; j < n; ++j) m[j][i] = m[i][j];
+}
+
 // Index of the first entry of labels[0..n-1] equal to v, or -1.
 inline int firstMatch(const int* labels, int n, int v) {
     for (int j = 0; j < n; ++j)
@@ -182,9 +190,10 @@ void PottsWS::updateSigma() {
         const int* x = scan.values(p);
         // Exact products here (double arithmetic), unlike the label forms.
         for (int i = 0; i < d; ++i)
-            for (int j = 0; j < d; ++j) sigma[i][j] += static_cast<double>(x[i]) * static_cast<double>(x[j]);
+            for (int j = i; j < d; ++j) sigma[i][j] += static_cast<double>(x[i]) * static_cast<double>(x[j]);
     }
     scan.finish();
+    mirrorUpper(sigma, d);
     const double n = std::max(scan.count(), 1);
     for (int i = 0; i < d; ++i)
         for (int j = 0; j < d; ++j) sigma[i][j] = sigma[i][j] / n - mi[i] * mi[j];
@@ -281,10 +290,11 @@ void PottsWS::sigmaWhere(Selected selected, double** out) {
         if (!selected(p)) continue;
         const int* x = scan.values(p);
         for (int i = 0; i < d; ++i)
-            for (int j = 0; j < d; ++j) out[i][j] += wrappedProduct(x[i], x[j]);
+            for (int j = i; j < d; ++j) out[i][j] += wrappedProduct(x[i], x[j]);
         ++count;
     }
     scan.finish();
+    mirrorUpper(out, d);
     for (int i = 0; i < d; ++i)
         for (int j = 0; j < d; ++j) out[i][j] = out[i][j] / static_cast<double>(count) - mu[i] * mu[j];
     repairDegenerate(out, d);
@@ -340,12 +350,13 @@ void PottsWS::getSigma(int n, int* labels, int* counts, double*** covs) {
         const int* x = scan.values(p);
         for (int i = 0; i < d; ++i) {
             sums[j][i] += static_cast<double>(x[i]);
-            for (int l = 0; l < d; ++l) covs[j][i][l] += wrappedProduct(x[i], x[l]);
+            for (int l = i; l < d; ++l) covs[j][i][l] += wrappedProduct(x[i], x[l]);
         }
         ++counts[j];
     }
     scan.finish();
     for (int j = 0; j < n; ++j) {
+        mirrorUpper(covs[j], d);
         if (counts[j] > 0) {
             const double c = counts[j];
             for (int i = 0; i < d; ++i) sums[j][i] /= c;
