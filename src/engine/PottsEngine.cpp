@@ -41,13 +41,37 @@ const int* pixel(const PottsWS* w, int p) {
     return w->data + static_cast<std::size_t>(p) * w->bands;
 }
 
-double squaredDistance(const double* x, const double* c, int d) {
+double squaredDistance(const int* x, const double* c, int d) {
     double s = 0.0;
     for (int b = 0; b < d; ++b) {
-        const double t = x[b] - c[b];
+        const double t = static_cast<double>(x[b]) - c[b];
         s += t * t;
     }
     return s;
+}
+
+// One Lloyd assignment pass: every loaded pixel goes to the nearest of the m
+// codewords (the first of equally near ones); its class index (firstOf of the
+// codeword) goes to classOf and its squared distance is added to that
+// codeword's distortion.  Band values are converted as they are used, without
+// a staging copy.
+void assignPass(const PottsWS* w, int n, double** code, int m, const int* firstOf, int* classOf,
+                double* distortion) {
+    const int d = w->bands;
+    for (int p = 0; p < n; ++p) {
+        const int* x = pixel(w, p);
+        int best = 0;
+        double bestDist = squaredDistance(x, code[0], d);
+        for (int c = 1; c < m; ++c) {
+            const double dist = squaredDistance(x, code[c], d);
+            if (dist < bestDist) {
+                bestDist = dist;
+                best = c;
+            }
+        }
+        distortion[best] += bestDist;
+        classOf[p] = firstOf[best];
+    }
 }
 
 // 32-bit unsigned product of the class counts: zero also when the product is a
@@ -147,7 +171,6 @@ double** PottsEngine::kGLA(PottsWS* w, int* labels) {
     std::vector<int> counts(k, 0);
     std::vector<double> previous(static_cast<std::size_t>(k) * d);
     std::vector<double> direction(d);
-    std::vector<double> value(d);
     double** sigma = dhc::newRows<double>(d, d);
     region->mapRefresh(labels[0], false);
 
@@ -199,21 +222,7 @@ double** PottsEngine::kGLA(PottsWS* w, int* labels) {
         relabelled = true;
         for (;;) {
             for (int c = 0; c < m; ++c) distortion[c] = 0.0;
-            for (int p = 0; p < n; ++p) {
-                const int* x = pixel(w, p);
-                for (int b = 0; b < d; ++b) value[b] = x[b];
-                int best = 0;
-                double bestDist = squaredDistance(value.data(), code[0], d);
-                for (int c = 1; c < m; ++c) {
-                    const double dist = squaredDistance(value.data(), code[c], d);
-                    if (dist < bestDist) {
-                        bestDist = dist;
-                        best = c;
-                    }
-                }
-                distortion[best] += bestDist;
-                classOf[p] = firstOf[best];
-            }
+            assignPass(w, n, code, m, firstOf.data(), classOf.data(), distortion.data());
             for (int c = 0; c < m; ++c)
                 for (int b = 0; b < d; ++b) previous[static_cast<std::size_t>(c) * d + b] = code[c][b];
             w->getMiOfClasses(m, classOf.data(), counts.data(), code);
