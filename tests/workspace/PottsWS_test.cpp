@@ -68,8 +68,23 @@ TEST(PottsWSStatsTest, LabelStatisticsAndEmptyLabels) {
     EXPECT_TRUE(std::isnan(absentMean[1]));
     EXPECT_TRUE(std::isnan(absentCov[1][0]));
 
-    for (auto* c : {covs[0], covs[1], covs[2], single, absentCov}) dhc::deleteRows(c, 2);
+    // The class-array forms (the clustering's fast path) give the same bits as
+    // the map forms when the classes agree with the map (raster pixel order).
+    const int classOf[6] = {1, 1, 0, 0, 0, -1};
+    int classCounts[3];
+    double** classMeans = dhc::newRows<double>(3, 2);
+    double** classCov = dhc::newRows<double>(2, 2);
+    ws.getMiOfClasses(3, classOf, classCounts, classMeans);
+    ws.getSigmaOfClass(0, classOf, classCov);
+    EXPECT_EQ(std::vector<int>(classCounts, classCounts + 3), (std::vector<int>{3, 2, 0}));
+    for (int i = 0; i < 2; ++i) {
+        for (int j = 0; j < 3; ++j) EXPECT_EQ(classMeans[j][i], means[j][i]);
+        for (int j = 0; j < 2; ++j) EXPECT_EQ(classCov[i][j], single[i][j]);
+    }
+
+    for (auto* c : {covs[0], covs[1], covs[2], single, absentCov, classCov}) dhc::deleteRows(c, 2);
     dhc::deleteRows(means, 3);
+    dhc::deleteRows(classMeans, 3);
     delete[] absentMean;
 }
 
