@@ -3,6 +3,8 @@
 
 #include <algorithm>
 
+#include <png.h>
+
 #include "ToolTest.h"
 
 namespace tooltest {
@@ -121,10 +123,23 @@ TEST_F(Segment, FourClassesAndTheirFragmentsTheSameWayTwice) {
     EXPECT_NE(last.err.find("dhc: split region 2, 2 leaves\n"), std::string::npos) << last.err;
     EXPECT_EQ(last.out.find("dhc:"), std::string::npos);
 
-    // The picture is a PNG of the image's size (IHDR: width, height at bytes 16, 20).
-    const std::string png = read("a.png");
-    EXPECT_EQ(png.substr(0, 8), "\x89PNG\r\n\x1a\n");
-    EXPECT_EQ(png.substr(16, 8), std::string("\0\0\0\x60\0\0\0\x60", 8));
+    // The picture: one distinct colour per class, black exactly outside the region.
+    png_image image{};
+    image.version = PNG_IMAGE_VERSION;
+    ASSERT_TRUE(png_image_begin_read_from_file(&image, path("a.png").c_str()));
+    ASSERT_EQ(image.width * image.height, labels.size());
+    image.format = PNG_FORMAT_RGB;
+    std::vector<uint8_t> rgb(PNG_IMAGE_SIZE(image));
+    ASSERT_TRUE(png_image_finish_read(&image, nullptr, rgb.data(), 0, nullptr));
+    std::map<int32_t, uint32_t> colourOf;
+    std::set<uint32_t> colours;
+    for (size_t i = 0; i < labels.size(); ++i) {
+        const uint32_t colour = rgb[3 * i] << 16 | rgb[3 * i + 1] << 8 | rgb[3 * i + 2];
+        EXPECT_EQ(colour == 0, labels[i] == 0) << "pixel " << i;
+        EXPECT_EQ(colourOf.emplace(labels[i], colour).first->second, colour) << "pixel " << i;
+        colours.insert(colour);
+    }
+    EXPECT_EQ(colours.size(), colourOf.size());
 }
 
 }  // namespace
