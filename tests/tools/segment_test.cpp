@@ -1,9 +1,9 @@
 // Segmentations through the tool on the generator's four-class scene
 // (background, disk, rectangle, bar) with its truth.
 
-#include <algorithm>
-
 #include <png.h>
+
+#include <algorithm>
 
 #include "ToolTest.h"
 
