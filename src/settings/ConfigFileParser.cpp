@@ -248,4 +248,3 @@ void ConfigFileParser::freeStringMatrix(char*** strings, int rows, int cols) {
     for (int r = 0; r < rows; ++r) freeStrings(strings[r], cols);
     delete[] strings;
 }
-

@@ -32,7 +32,9 @@ FatalHandler setFatalHandler(FatalHandler handler) {
     return previous;
 }
 
-std::ostream& out() { return g_out != nullptr ? *g_out : std::cout; }
+std::ostream& out() {
+    return g_out != nullptr ? *g_out : std::cout;
+}
 
 std::ostream* setOut(std::ostream* stream) {
     std::ostream* previous = g_out;

@@ -313,11 +313,13 @@ double* PottsWS::getMi(int label) {
 
 void PottsWS::getMi(int n, int* labels, int* counts, double** means) {
     const PixelScan scan{*this};
-    meansOf(n, [&scan, labels, n](int p) { return firstMatch(labels, n, scan.label(p)); }, counts, means);
+    meansOf(
+        n, [&scan, labels, n](int p) { return firstMatch(labels, n, scan.label(p)); }, counts, means);
 }
 
 void PottsWS::getMiOfClasses(int n, const int* classOf, int* counts, double** means) {
-    meansOf(n, [classOf](int p) { return classOf[p]; }, counts, means);
+    meansOf(
+        n, [classOf](int p) { return classOf[p]; }, counts, means);
 }
 
 void PottsWS::getSigma(int label, double** out) {
