@@ -23,4 +23,18 @@ inline std::string readFile(const std::string& path) {
     return content.str();
 }
 
+// Writes text as given (so CRLF endings survive) to a scratch file; returns its path.
+inline std::string writeScratch(const std::string& name, const std::string& text) {
+    const std::string path = tmpPath(name);
+    std::ofstream(path, std::ios::binary) << text;
+    return path;
+}
+
+// The text with every line end turned into CRLF.
+inline std::string crlf(const std::string& text) {
+    std::string out;
+    for (char c : text) out += c == '\n' ? std::string("\r\n") : std::string(1, c);
+    return out;
+}
+
 }  // namespace dhc::test

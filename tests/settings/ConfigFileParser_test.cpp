@@ -11,17 +11,10 @@
 
 namespace {
 
-// Writes the bytes as given (so CRLF endings survive) and returns the path.
-std::string writeIni(const std::string& name, const std::string& text) {
-    const std::string path = dhc::test::tmpPath("cfp_" + name);
-    std::ofstream(path, std::ios::binary) << text;
-    return path;
-}
+using dhc::test::crlf;
 
-std::string crlf(const std::string& text) {
-    std::string out;
-    for (char c : text) out += c == '\n' ? std::string("\r\n") : std::string(1, c);
-    return out;
+std::string writeIni(const std::string& name, const std::string& text) {
+    return dhc::test::writeScratch("cfp_" + name, text);
 }
 
 // A line without '=' is skipped; the first empty line ends FIRST, hiding "Hidden".

@@ -13,16 +13,10 @@
 
 namespace {
 
-std::string writeIni(const std::string& name, const std::string& text) {
-    const std::string path = dhc::test::tmpPath("set_" + name);
-    std::ofstream(path, std::ios::binary) << text;
-    return path;
-}
+using dhc::test::crlf;
 
-std::string crlf(const std::string& text) {
-    std::string out;
-    for (char c : text) out += c == '\n' ? std::string("\r\n") : std::string(1, c);
-    return out;
+std::string writeIni(const std::string& name, const std::string& text) {
+    return dhc::test::writeScratch("set_" + name, text);
 }
 
 // A field's value next to the expected one; fields of every type compare as doubles.
