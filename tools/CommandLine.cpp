@@ -2,7 +2,7 @@
 
 #include <functional>
 
-#include "CliError.h"
+#include "frontend/InputError.h"
 
 const char* const kUsage =
     "Usage: dhc COMMAND [OPTION]... [FILE]...\n"
@@ -75,10 +75,10 @@ void parse(const std::vector<std::string>& args, const std::vector<Option>& opti
         return nullptr;
     };
     auto unknown = [](const std::string& arg) {
-        return CliError(kExitUsage, "unknown option \"" + arg + "\" (see dhc --help)");
+        return InputError(kExitUsage, "unknown option \"" + arg + "\" (see dhc --help)");
     };
     auto needsValue = [](const std::string& shown) {
-        return CliError(kExitUsage, "option \"" + shown + "\" needs a value");
+        return InputError(kExitUsage, "option \"" + shown + "\" needs a value");
     };
 
     bool optionsEnded = false;
@@ -95,7 +95,7 @@ void parse(const std::vector<std::string>& args, const std::vector<Option>& opti
             if (o == nullptr) throw unknown(eq == std::string::npos ? arg : arg.substr(0, eq));
             if (!o->takesValue) {
                 if (eq != std::string::npos)
-                    throw CliError(kExitUsage, "option \"--" + name + "\" takes no value");
+                    throw InputError(kExitUsage, "option \"--" + name + "\" takes no value");
                 o->apply(std::string());
                 continue;
             }
@@ -151,12 +151,13 @@ SegmentOptions parseSegment(const std::vector<std::string>& args) {
     std::vector<std::string> operands;
     parse(args, options, [&operands](const std::string& v) { operands.push_back(v); });
     if (s.help) return s;
-    if (operands.empty()) throw CliError(kExitUsage, "segment: missing IMAGE.hraw (see dhc segment --help)");
+    if (operands.empty())
+        throw InputError(kExitUsage, "segment: missing IMAGE.hraw (see dhc segment --help)");
     if (operands.size() > 1)
-        throw CliError(kExitUsage, "segment: unexpected argument \"" + operands[1] + "\"");
+        throw InputError(kExitUsage, "segment: unexpected argument \"" + operands[1] + "\"");
     s.image = operands[0];
     if (s.output.empty())
-        throw CliError(kExitUsage, "segment: missing -o LABELS.hraw (see dhc segment --help)");
+        throw InputError(kExitUsage, "segment: missing -o LABELS.hraw (see dhc segment --help)");
     return s;
 }
 
@@ -167,6 +168,6 @@ InfoOptions parseInfo(const std::vector<std::string>& args) {
     };
     parse(args, options, [&s](const std::string& v) { s.files.push_back(v); });
     if (!s.help && s.files.empty())
-        throw CliError(kExitUsage, "info: missing FILE.hraw (see dhc info --help)");
+        throw InputError(kExitUsage, "info: missing FILE.hraw (see dhc info --help)");
     return s;
 }

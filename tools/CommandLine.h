@@ -26,7 +26,7 @@ struct InfoOptions {
     bool help = false;
 };
 
-// Parse the arguments that follow the command word; throw a CliError
+// Parse the arguments that follow the command word; throw a InputError
 // (kExitUsage) for an unknown option, a missing value or a missing operand.
 SegmentOptions parseSegment(const std::vector<std::string>& args);
 InfoOptions parseInfo(const std::vector<std::string>& args);

@@ -12,7 +12,7 @@ struct HrawShape {
 
 // The header of an hraw file after checking that it opens, that its sizes are
 // positive with sides of at most 65,535, and that its size matches the header.
-// role names the file in messages ("image", "mask", ...).  Throws a CliError.
+// role names the file in messages ("image", "mask", ...).  Throws a InputError.
 HrawShape checkHraw(const std::string& path, const std::string& role);
 
 // The same for a one-band map that must match the image's rows and columns.

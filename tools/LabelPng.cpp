@@ -9,7 +9,7 @@
 #include <cstring>
 #include <map>
 
-#include "CliError.h"
+#include "frontend/InputError.h"
 
 Rgb labelColour(int k) {
     // Distinct at a glance, then evenly spread hues at two brightness levels.
@@ -85,13 +85,14 @@ void writeLabelPng(const std::string& path, const std::vector<int>& labels, int 
     PngFile out;
     out.file = std::fopen(path.c_str(), "wb");
     if (out.file == nullptr)
-        throw CliError(kExitInput, "cannot write \"" + path + "\": " + std::strerror(errno));
+        throw InputError(kExitInput, "cannot write \"" + path + "\": " + std::strerror(errno));
     out.png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
     if (out.png != nullptr) out.info = png_create_info_struct(out.png);
-    if (out.png == nullptr || out.info == nullptr) throw CliError(kExitInput, "cannot start the PNG writer");
+    if (out.png == nullptr || out.info == nullptr)
+        throw InputError(kExitInput, "cannot start the PNG writer");
     // libpng reports errors by longjmp; nothing with a destructor lives between here and the jump.
     if (setjmp(png_jmpbuf(out.png)))
-        throw CliError(kExitInput, "cannot write the PNG picture \"" + path + "\"");
+        throw InputError(kExitInput, "cannot write the PNG picture \"" + path + "\"");
     png_init_io(out.png, out.file);
     png_set_IHDR(out.png, out.info, static_cast<png_uint_32>(cols), static_cast<png_uint_32>(rows), 8,
                  PNG_COLOR_TYPE_RGB, PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT,
@@ -100,5 +101,5 @@ void writeLabelPng(const std::string& path, const std::vector<int>& labels, int 
     png_write_image(out.png, rowPointers.data());
     png_write_end(out.png, nullptr);
     if (std::fflush(out.file) != 0 || std::ferror(out.file))
-        throw CliError(kExitInput, "cannot write \"" + path + "\": " + std::strerror(errno));
+        throw InputError(kExitInput, "cannot write \"" + path + "\": " + std::strerror(errno));
 }

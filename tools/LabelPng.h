@@ -19,5 +19,5 @@ struct Rgb {
 Rgb labelColour(int k);
 
 // Writes labels (rows x cols, row-major) as an 8-bit RGB PNG; throws a
-// CliError when the file cannot be written.
+// InputError when the file cannot be written.
 void writeLabelPng(const std::string& path, const std::vector<int>& labels, int rows, int cols);

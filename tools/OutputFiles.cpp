@@ -10,7 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "CliError.h"
+#include "frontend/InputError.h"
 
 namespace {
 
@@ -38,11 +38,11 @@ OutputFiles::~OutputFiles() {
 
 std::string OutputFiles::add(const std::string& target) {
     for (const std::string& t : targets_)
-        if (t == target) throw CliError(kExitUsage, "\"" + target + "\" is given as more than one output");
+        if (t == target) throw InputError(kExitUsage, "\"" + target + "\" is given as more than one output");
     struct stat st;
     if (::stat(target.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
-        throw CliError(kExitInput, "cannot write \"" + target + "\": it is a directory");
-    if (gTemporaryCount >= kMaxTemporaries) throw CliError(kExitUsage, "too many output files");
+        throw InputError(kExitInput, "cannot write \"" + target + "\": it is a directory");
+    if (gTemporaryCount >= kMaxTemporaries) throw InputError(kExitUsage, "too many output files");
 
     // Registered before it exists, so that a signal can never miss it.
     const std::string temporary = target + ".tmp." + std::to_string(::getpid());
@@ -56,7 +56,7 @@ std::string OutputFiles::add(const std::string& target) {
         temporaries_.pop_back();
         targets_.pop_back();
         forget(temporary);
-        throw CliError(kExitInput, "cannot write \"" + target + "\": " + std::strerror(err));
+        throw InputError(kExitInput, "cannot write \"" + target + "\": " + std::strerror(err));
     }
     ::close(fd);
     return temporary;
@@ -65,8 +65,8 @@ std::string OutputFiles::add(const std::string& target) {
 void OutputFiles::commit() {
     for (size_t i = 0; i < targets_.size(); ++i) {
         if (std::rename(temporaries_[i].c_str(), targets_[i].c_str()) != 0)
-            throw CliError(kExitInput, "cannot rename \"" + temporaries_[i] + "\" to \"" + targets_[i] +
-                                           "\": " + std::strerror(errno));
+            throw InputError(kExitInput, "cannot rename \"" + temporaries_[i] + "\" to \"" + targets_[i] +
+                                             "\": " + std::strerror(errno));
         forget(temporaries_[i]);
     }
     committed_ = true;

@@ -21,7 +21,7 @@ class OutputFiles {
     OutputFiles& operator=(const OutputFiles&) = delete;
 
     // Registers target and creates its temporary file; returns the temporary
-    // name to write to.  Throws a CliError when target cannot be written.
+    // name to write to.  Throws a InputError when target cannot be written.
     std::string add(const std::string& target);
     // Renames every temporary file onto its target.
     void commit();

@@ -5,5 +5,5 @@
 
 #include "CommandLine.h"
 
-// Returns the exit status; throws a CliError for bad input.
+// Returns the exit status; throws a InputError for bad input.
 int runSegment(const SegmentOptions& options);

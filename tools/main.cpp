@@ -4,7 +4,7 @@
 //   dhc info FILE.hraw...
 //
 // Every problem with the user's input is one line on standard error and a
-// non-zero exit status, before any output file is touched (CliError).
+// non-zero exit status, before any output file is touched (InputError).
 
 #include <algorithm>
 #include <cerrno>
@@ -18,11 +18,11 @@
 #include <string>
 #include <vector>
 
-#include "CliError.h"
 #include "CommandLine.h"
 #include "Inputs.h"
 #include "OutputFiles.h"
 #include "Segment.h"
+#include "frontend/InputError.h"
 #include "settings/Fatal.h"
 
 #ifndef DHC_VERSION
@@ -50,7 +50,7 @@ void printInfo(const std::string& path) {
     const HrawShape s = checkHraw(path, "file");
     std::FILE* f = std::fopen(path.c_str(), "rb");
     if (f == nullptr)
-        throw CliError(kExitInput, "cannot open file \"" + path + "\": " + std::strerror(errno));
+        throw InputError(kExitInput, "cannot open file \"" + path + "\": " + std::strerror(errno));
     std::fseek(f, 12, SEEK_SET);
     const size_t plane = static_cast<size_t>(s.rows) * static_cast<size_t>(s.cols);
     std::vector<int32_t> buffer(std::min<size_t>(plane, size_t{1} << 20));
@@ -61,7 +61,7 @@ void printInfo(const std::string& path) {
             const size_t n = std::min(buffer.size(), plane - done);
             if (std::fread(buffer.data(), sizeof(int32_t), n, f) != n) {
                 std::fclose(f);
-                throw CliError(kExitInput, "cannot read file \"" + path + "\"");
+                throw InputError(kExitInput, "cannot read file \"" + path + "\"");
             }
             for (size_t i = 0; i < n; ++i) {
                 lo[static_cast<size_t>(b)] = std::min(lo[static_cast<size_t>(b)], buffer[i]);
@@ -118,8 +118,8 @@ int run(const std::vector<std::string>& args) {
         return kExitOk;
     }
     if (!command.empty() && command[0] == '-')
-        throw CliError(kExitUsage, "unknown option \"" + command + "\" (see dhc --help)");
-    throw CliError(kExitUsage, "unknown command \"" + command + "\" (see dhc --help)");
+        throw InputError(kExitUsage, "unknown option \"" + command + "\" (see dhc --help)");
+    throw InputError(kExitUsage, "unknown command \"" + command + "\" (see dhc --help)");
 }
 
 }  // namespace
@@ -129,7 +129,7 @@ int main(int argc, char** argv) {
     for (int sig : {SIGINT, SIGTERM, SIGHUP}) std::signal(sig, onSignal);
     try {
         return run(std::vector<std::string>(argv + 1, argv + argc));
-    } catch (const CliError& e) {
+    } catch (const InputError& e) {
         std::cerr << "dhc: " << e.what() << std::endl;
         return e.status();
     } catch (const std::bad_alloc&) {

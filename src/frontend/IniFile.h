@@ -1,6 +1,6 @@
 #pragma once
-// The configuration text of one `dhc segment` run, checked before the library
-// reads it.
+// The configuration text of one segmentation run, checked before the library
+// reads it (the tool's --config/--set, the Python package's settings).
 //
 // The library's ini reader (DHC_SET(fileName)) takes a malformed number as
 // whatever prefix strtol/strtod accept and a missing section as a fatal
@@ -11,10 +11,11 @@
 // value is reported as "file:line: ..." before anything runs.  The checked text
 // is then written to a temporary file for DHC_SET to read.
 
+#include <memory>
 #include <string>
 #include <vector>
 
-#include "CliError.h"
+#include "frontend/InputError.h"
 
 class IniFile {
   public:
@@ -34,7 +35,7 @@ class IniFile {
 
     // Text of a configuration; name is used in messages ("name:line: ...").
     IniFile(std::string name, const std::string& text);
-    // Reads a file; a file that cannot be read is a CliError.
+    // Reads a file; a file that cannot be read is a InputError.
     static IniFile fromFile(const std::string& path);
 
     // Applies one "SECTION.Key=value" override: the first Key line of the
@@ -44,7 +45,7 @@ class IniFile {
     void applyOverride(const std::string& assignment);
 
     // Checks the whole configuration the way the run will use it; throws a
-    // CliError (status kExitInput) naming the file and line of the first problem.
+    // InputError (status kExitInput) naming the file and line of the first problem.
     void check() const;
 
     // Value text of SECTION.Key as the library would read it; false when absent.
@@ -74,3 +75,10 @@ class IniFile {
     std::vector<Line> lines_;
     bool finalNewline_ = true;
 };
+
+struct DHC_SET;
+
+// The settings record of a checked configuration, read by the library's own
+// reader (which takes a file name: the text goes through a temporary file).
+// Throws an InputError when no temporary file can be made.
+std::unique_ptr<DHC_SET> readSettings(const IniFile& ini);

@@ -1,4 +1,6 @@
-#include "IniFile.h"
+#include "frontend/IniFile.h"
+
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -8,6 +10,9 @@
 #include <cstring>
 #include <fstream>
 #include <sstream>
+
+#include "settings/DHC_SET.h"
+#include "settings/FileName.h"
 
 namespace {
 
@@ -150,10 +155,10 @@ IniFile::IniFile(std::string name, const std::string& text) : name_(std::move(na
 IniFile IniFile::fromFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     if (!in)
-        throw CliError(kExitInput, "cannot open configuration \"" + path + "\": " + std::strerror(errno));
+        throw InputError(kExitInput, "cannot open configuration \"" + path + "\": " + std::strerror(errno));
     std::ostringstream text;
     text << in.rdbuf();
-    if (in.bad()) throw CliError(kExitInput, "cannot read configuration \"" + path + "\"");
+    if (in.bad()) throw InputError(kExitInput, "cannot read configuration \"" + path + "\"");
     return IniFile(path, text.str());
 }
 
@@ -210,8 +215,8 @@ void IniFile::checkValue(const Setting& setting, const std::string& text, const 
             break;
     }
     if (!ok)
-        throw CliError(status, where + ": " + setting.key + " must be " + kindText(setting.kind) +
-                                   ", not \"" + text + "\"");
+        throw InputError(status, where + ": " + setting.key + " must be " + kindText(setting.kind) +
+                                     ", not \"" + text + "\"");
 }
 
 void IniFile::applyOverride(const std::string& assignment) {
@@ -219,15 +224,15 @@ void IniFile::applyOverride(const std::string& assignment) {
     const size_t dot = assignment.find('.');
     const size_t eq = assignment.find('=');
     if (dot == std::string::npos || eq == std::string::npos || dot > eq || dot == 0 || eq == dot + 1)
-        throw CliError(kExitUsage, "--set \"" + assignment + "\": expected SECTION.Key=value");
+        throw InputError(kExitUsage, "--set \"" + assignment + "\": expected SECTION.Key=value");
     const std::string section = assignment.substr(0, dot);
     const std::string key = assignment.substr(dot + 1, eq - dot - 1);
     const std::string text = assignment.substr(eq + 1);
     const Setting* setting = findSetting(section, key);
     if (setting == nullptr)
-        throw CliError(kExitUsage, "--set \"" + assignment + "\": unknown setting " + section + "." + key);
+        throw InputError(kExitUsage, "--set \"" + assignment + "\": unknown setting " + section + "." + key);
     if (text.find_first_of("\r\n") != std::string::npos)
-        throw CliError(kExitUsage, where + ": the value must be on one line");
+        throw InputError(kExitUsage, where + ": the value must be on one line");
     checkValue(*setting, text, where, kExitUsage);
 
     const Line line{key + "=" + text, where};
@@ -249,10 +254,10 @@ void IniFile::applyOverride(const std::string& assignment) {
 void IniFile::check() const {
     for (const Line& l : lines_)
         if (l.text.size() > kMaxLine)
-            throw CliError(kExitInput,
-                           l.origin + ": line longer than " + std::to_string(kMaxLine) + " characters");
+            throw InputError(kExitInput,
+                             l.origin + ": line longer than " + std::to_string(kMaxLine) + " characters");
     if (sectionLine("SEGM_MAIN_CONFIGURATION") < 0)
-        throw CliError(kExitInput, name_ + ": no [SEGM_MAIN_CONFIGURATION] section");
+        throw InputError(kExitInput, name_ + ": no [SEGM_MAIN_CONFIGURATION] section");
     for (const Setting& setting : settings()) {
         const int s = sectionLine(setting.section);
         if (s < 0) continue;
@@ -289,47 +294,48 @@ void IniFile::checkSemantics() const {
     if (betaMin > betaMax) {
         std::ostringstream m;
         m << where("POTTS_MODEL", "BetaMin") << ": BetaMin must not exceed BetaMax (" << betaMax << ")";
-        throw CliError(kExitInput, m.str());
+        throw InputError(kExitInput, m.str());
     }
 
     if (integer("SEGM_MAIN_CONFIGURATION", "SupervisedMode") == 0) {
         const bool variable = integer("UNSUPERVISED_MODE_CONF", "VariableMultiplicity") != 0;
         if (!variable && integer("POTTS_MODEL", "Multiplicity") < 2)
-            throw CliError(kExitInput, where("POTTS_MODEL", "Multiplicity") +
-                                           ": Multiplicity must be at least 2 (children per split)");
+            throw InputError(kExitInput, where("POTTS_MODEL", "Multiplicity") +
+                                             ": Multiplicity must be at least 2 (children per split)");
         const bool blindLimits = real("UNSUPERVISED_MODE_CONF", "BlindSplitDepthMax") != 0.0 ||
                                  real("UNSUPERVISED_MODE_CONF", "BlindSplitAreaMin") != 0.0 ||
                                  real("UNSUPERVISED_MODE_CONF", "BlindSplitMSEMin") != 0.0;
         const int metric = integer("UNSUPERVISED_MODE_CONF", "Metric");
         if (integer("UNSUPERVISED_MODE_CONF", "Blind") != 0 && !blindLimits && (metric < 0 || metric > 8))
-            throw CliError(kExitInput, where("UNSUPERVISED_MODE_CONF", "Metric") + ": Metric must be 0 to 8");
+            throw InputError(kExitInput,
+                             where("UNSUPERVISED_MODE_CONF", "Metric") + ": Metric must be 0 to 8");
         return;
     }
 
     // Supervised: the class structure must describe a tree whose leaves are the classes.
     const int n = integer("SUPERVISED_MODE_CONF", "NumberOfClasses");
     if (n < 1)
-        throw CliError(kExitInput, where("SUPERVISED_MODE_CONF", "NumberOfClasses") +
-                                       ": NumberOfClasses must be at least 1 in supervised mode");
+        throw InputError(kExitInput, where("SUPERVISED_MODE_CONF", "NumberOfClasses") +
+                                         ": NumberOfClasses must be at least 1 in supervised mode");
     std::string text;
     std::vector<int> levels, paths;
     if (!value("SUPERVISED_MODE_CONF", "StructureLevels", text) || !parseIntArray(text, levels) ||
         static_cast<int>(levels.size()) != n)
-        throw CliError(kExitInput, where("SUPERVISED_MODE_CONF", "StructureLevels") +
-                                       ": StructureLevels must list " + std::to_string(n) +
-                                       " path lengths (NumberOfClasses)");
+        throw InputError(kExitInput, where("SUPERVISED_MODE_CONF", "StructureLevels") +
+                                         ": StructureLevels must list " + std::to_string(n) +
+                                         " path lengths (NumberOfClasses)");
     long total = 0;
     for (int l : levels) {
         if (l < 1)
-            throw CliError(kExitInput, where("SUPERVISED_MODE_CONF", "StructureLevels") +
-                                           ": every path length must be at least 1");
+            throw InputError(kExitInput, where("SUPERVISED_MODE_CONF", "StructureLevels") +
+                                             ": every path length must be at least 1");
         total += l;
     }
     if (!value("SUPERVISED_MODE_CONF", "StructurePaths", text) || !parseIntArray(text, paths) ||
         static_cast<long>(paths.size()) != total)
-        throw CliError(kExitInput, where("SUPERVISED_MODE_CONF", "StructurePaths") +
-                                       ": StructurePaths must hold " + std::to_string(total) +
-                                       " entries (the sum of StructureLevels)");
+        throw InputError(kExitInput, where("SUPERVISED_MODE_CONF", "StructurePaths") +
+                                         ": StructurePaths must hold " + std::to_string(total) +
+                                         " entries (the sum of StructureLevels)");
 
     // Rebuild the tree the way the driver does: paths in lexicographic order
     // (zero-padded), each entry naming an existing child or the next new one.
@@ -346,9 +352,9 @@ void IniFile::checkSemantics() const {
             const auto& a = list[i];
             const auto& b = list[j];
             if (a.size() <= b.size() && std::equal(a.begin(), a.end(), b.begin()))
-                throw CliError(kExitInput, pathsWhere + ": class path " + std::to_string(i + 1) +
-                                               (a.size() == b.size() ? " repeats" : " is a prefix of") +
-                                               " class path " + std::to_string(j + 1));
+                throw InputError(kExitInput, pathsWhere + ": class path " + std::to_string(i + 1) +
+                                                 (a.size() == b.size() ? " repeats" : " is a prefix of") +
+                                                 " class path " + std::to_string(j + 1));
         }
     std::vector<std::vector<int>> sorted = list;
     std::sort(sorted.begin(), sorted.end());
@@ -361,9 +367,9 @@ void IniFile::checkSemantics() const {
         for (int e : p) {
             const int count = static_cast<int>(nodes[cur].children.size());
             if (e < 0 || e > count)
-                throw CliError(kExitInput,
-                               pathsWhere + ": path entry " + std::to_string(e) +
-                                   " skips a child index (paths must number children 0, 1, 2, ...)");
+                throw InputError(kExitInput,
+                                 pathsWhere + ": path entry " + std::to_string(e) +
+                                     " skips a child index (paths must number children 0, 1, 2, ...)");
             if (e == count) {
                 nodes[cur].children.push_back(static_cast<int>(nodes.size()));
                 nodes.emplace_back();
@@ -380,4 +386,33 @@ std::string IniFile::text() const {
         if (i + 1 < lines_.size() || finalNewline_) out += '\n';
     }
     return out;
+}
+
+// The library reads its settings from a file: the checked configuration goes
+// to a temporary file whose name stays within the reader's name limit.
+std::unique_ptr<DHC_SET> readSettings(const IniFile& ini) {
+    const char* tmp = std::getenv("TMPDIR");
+    std::string pattern = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/dhc-ini-XXXXXX";
+    if (pattern.size() > dhc::kFileNameLimit) pattern = "/tmp/dhc-ini-XXXXXX";
+    std::vector<char> name(pattern.begin(), pattern.end());
+    name.push_back('\0');
+    const int fd = ::mkstemp(name.data());
+    if (fd < 0)
+        throw InputError(kExitInput, "cannot create a temporary file: " + std::string(std::strerror(errno)));
+    const std::string text = ini.text();
+    size_t done = 0;
+    while (done < text.size()) {
+        const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
+        if (n <= 0) {
+            const int err = errno;
+            ::close(fd);
+            ::unlink(name.data());
+            throw InputError(kExitInput, "cannot write a temporary file: " + std::string(std::strerror(err)));
+        }
+        done += static_cast<size_t>(n);
+    }
+    ::close(fd);
+    auto settings = std::make_unique<DHC_SET>(std::string(name.data()));
+    ::unlink(name.data());
+    return settings;
 }

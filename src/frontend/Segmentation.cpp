@@ -1,0 +1,103 @@
+#include "frontend/Segmentation.h"
+
+#include <set>
+
+#include "driver/DHC.h"
+#include "driver/DHC_IN.h"
+#include "frontend/InputError.h"
+#include "settings/DHC_SET.h"
+
+namespace dhc {
+namespace {
+
+int distinctNonZero(const LabelRoi& roi) {
+    std::set<int> labels;
+    for (int k = 0; k < roi.count; ++k)
+        if (roi.data[k] != 0) labels.insert(roi.data[k]);
+    return static_cast<int>(labels.size());
+}
+
+// A rows x cols plane of one value, freed on scope exit.
+struct FilledPlane {
+    std::vector<int> cells;
+    std::vector<int*> rowPointers;
+    FilledPlane(int rows, int cols, int value)
+        : cells(static_cast<size_t>(rows) * static_cast<size_t>(cols), value),
+          rowPointers(static_cast<size_t>(rows)) {
+        for (int r = 0; r < rows; ++r)
+            rowPointers[static_cast<size_t>(r)] = &cells[static_cast<size_t>(r) * static_cast<size_t>(cols)];
+    }
+    int** get() { return rowPointers.data(); }
+};
+
+}  // namespace
+
+PreparedRun prepareRun(int rows, int cols, int bands, int*** cube, int** mask, int** init, int** gt,
+                       const DHC_SET& settings, const RunNames& names) {
+    const bool supervised = settings.supervisedMode;
+    std::unique_ptr<FilledPlane> ownInit, ownMask;
+    if (init == nullptr) {
+        ownInit = std::make_unique<FilledPlane>(rows, cols, 1);
+        init = ownInit->get();
+    }
+    const bool maskGiven = mask != nullptr;
+    if (!maskGiven) {
+        ownMask = std::make_unique<FilledPlane>(rows, cols, 0);
+        for (int r = 0; r < rows; ++r)
+            for (int c = 0; c < cols; ++c) ownMask->get()[r][c] = init[r][c] > 0 ? 1 : 0;
+        mask = ownMask->get();
+    }
+
+    PreparedRun run;
+    run.roi.reset(buildRoi(rows, cols, bands, cube, mask, 1, true));
+    if (run.roi->count == 0)
+        throw InputError(
+            kExitInput, maskGiven ? "the region of interest is empty: no mask value is 1"
+                                  : "the region of interest is empty: no pixel has a positive initial label");
+    if (supervised) {
+        run.gt.reset(run.roi->extractLabROI(gt, 0, true));
+        // The class models are indexed by the ground truth's classes: any
+        // other count makes the core read past its models.
+        const int classes = distinctNonZero(*run.gt);
+        if (classes != settings.numberOfClasses)
+            throw InputError(kExitInput, names.gt + " holds " + std::to_string(classes) +
+                                             (classes == 1 ? " class" : " classes") +
+                                             " (distinct non-zero labels) in the region of interest, but " +
+                                             names.classCount + " is " +
+                                             std::to_string(settings.numberOfClasses));
+    } else {
+        run.initLabels.reset(run.roi->extractLabROI(init, 0, true));
+    }
+    return run;
+}
+
+DHC_OUT runSegmentation(const PreparedRun& run, DHC_SET& settings) {
+    DHC_IN in;
+    in.mode = settings.supervisedMode ? 1 : 0;
+    in.source = 0;
+    in.roi = run.roi.get();
+    in.settings = &settings;
+    in.initLabels = run.initLabels.get();
+    in.gt = run.gt.get();
+    return DHC::dhc(in);
+}
+
+bool hasTreeOutput(const DHC_SET& settings) {
+    return !settings.fragmentation && (settings.supervisedMode || !settings.splitwiseDisconnect);
+}
+
+bool hasFragmentOutput(const DHC_SET& settings) {
+    return settings.fragmentation && !settings.splitwiseDisconnect;
+}
+
+std::vector<int> fullFrame(const LabelRoi& values, int rows, int cols) {
+    std::vector<int> plane(static_cast<size_t>(rows) * static_cast<size_t>(cols), 0);
+    for (int k = 0; k < values.count; ++k) {
+        const size_t r = static_cast<size_t>(values.coords[k].x) + static_cast<size_t>(values.minRow);
+        const size_t c = static_cast<size_t>(values.coords[k].y) + static_cast<size_t>(values.minCol);
+        plane[r * static_cast<size_t>(cols) + c] = values.data[static_cast<size_t>(k) * values.bands];
+    }
+    return plane;
+}
+
+}  // namespace dhc
