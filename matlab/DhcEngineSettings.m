@@ -1,15 +1,29 @@
 classdef DhcEngineSettings
   % DhcEngineSettings  Potts model and mean shift (DhcSettings.engineSet).
   %
-  %   adaptive          adaptive estimation of the Potts interaction beta
-  %   betaMin, betaMax  bounds of beta
-  %   betaBound         bound used by the adaptive estimation
-  %   rangeBandwidth    mean-shift range bandwidth
-  %   spatialBandwidth  mean-shift spatial bandwidth
-  %   autoAdjustkNN     mean-shift k-nearest-neighbour auto adjustment
-  %   skipLast          mean shift: skip the last steps
-  %   tolerance         mean-shift convergence tolerance
-  %   kernelType        mean-shift kernel selector
+  %   betaMin, betaMax  (defaults 0, 1.5; ini BetaMin, BetaMax) interval in
+  %                     which beta, the weight of neighbour agreement in the
+  %                     Potts prior, is estimated per split (equal values fix
+  %                     beta).
+  %   adaptive          (default 0; ini Adaptive) adaptive mode: marked
+  %                     pixels use betaBound instead of the estimate.
+  %   betaBound         (default 0; ini BetaBound) the beta of adaptive mode.
+  %   rangeBandwidth    (default 0; ini RangeBandwidth) carried to the
+  %                     engine; not used by the class-count estimate.
+  %   spatialBandwidth  (default 0; ini SpatialBandwidth) carried to the
+  %                     engine; not used by the class-count estimate.
+  %   The mean-shift settings, used only with variableMultiplicity:
+  %   autoAdjustkNN     (default 0; ini AutoAdjustKNN) >= 1: the number of
+  %                     modes wanted; the neighbour count is adjusted until
+  %                     mean shift finds that many.
+  %   tolerance         (default 0.05; ini Tolerance) modes holding less than
+  %                     this fraction of the sample are dropped.
+  %   skipLast          (default 0.1; ini SkipLast) fraction of the sample
+  %                     that may stay unassigned when mode seeding stops.
+  %   kernelType        (default 0; ini KernelType) kernel selector (the
+  %                     Gaussian weight is always used).
+  %
+  %   See also DhcSettings, DhcUnsupSettings.
 
   properties
     adaptive = 0;

@@ -3,10 +3,14 @@ classdef DhcSettings
   %
   %   s = DhcSettings()   defaults equal to examples/default.ini
   %
-  %   supervisedMode  true: split along the class structure of supSet, seeded
-  %                   from the problem's ground truth (call dhc with 3 outputs)
-  %   fragmentation   true: also return connected fragments ("fragmentation"
-  %                   field); such runs are called with one output only
+  %   supervisedMode  (default 0; ini SupervisedMode) 0 = unsupervised;
+  %                   1 = supervised along the class structure of supSet,
+  %                   class models from the problem's ground truth (call dhc
+  %                   with 3 outputs)
+  %   fragmentation   (default 0; ini Fragmentation) 1 = after the run, cut
+  %                   every class into 8-connected fragments (the
+  %                   "fragmentation" field); such runs are called with one
+  %                   output only
   %   unsupSet        DhcUnsupSettings: unsupervised splitting
   %   supSet          DhcSupSettings: supervised class structure
   %   engineSet       DhcEngineSettings: Potts model and mean shift

@@ -1,18 +1,29 @@
 classdef DhcUnsupSettings
   % DhcUnsupSettings  Unsupervised splitting (DhcSettings.unsupSet).
   %
-  %   variableMultiplicity  each split estimates its number of children by
-  %                         mean shift instead of using multiplicity
-  %   blind                 split breadth first by blindSet.metric instead of
-  %                         by split gain
-  %   balancedTree          grow the tree level by level down to growDepth
-  %   growDepth             depth limit of balanced trees
-  %   doubleSplit           cut a leaf into connected pieces before splitting
-  %   splitwiseDisconnect   cut every new child into connected regions
-  %                         (such runs are called with one output only)
-  %   multiplicity          children per split
-  %   classicSet            DhcClassicSettings: gain-driven stopping rules
-  %   blindSet              DhcBlindSettings: blind splitting
+  %   variableMultiplicity  (default 0; ini VariableMultiplicity) 1 = each
+  %                         split estimates its number of children by mean
+  %                         shift (engineSet) instead of using multiplicity.
+  %   blind                 (default 0; ini Blind) 1 = blind splitting by
+  %                         blindSet: leaves are taken breadth first, each
+  %                         split once without test splits.
+  %   balancedTree          (default 0; ini BalancedTree) 1 = grow the tree
+  %                         level by level: every region large enough is
+  %                         split until depth growDepth; gains and
+  %                         maxNumberOfClasses are not consulted.
+  %   growDepth             (default 0; ini GrowDepth) depth limit of
+  %                         balancedTree (0 = gain-driven splitting).
+  %   doubleSplit           (default 0; ini DoubleSplit) selects split mode 2,
+  %                         which splits like mode 0.
+  %   splitwiseDisconnect   (default 0; ini SplitwiseDisconnect) 1 = cut every
+  %                         new region into its 8-connected pieces right after
+  %                         its split (such runs are called with one output).
+  %   multiplicity          (default 2; ini [POTTS_MODEL] Multiplicity)
+  %                         children per split (at least 2).
+  %   classicSet            DhcClassicSettings: gain-driven stopping rules.
+  %   blindSet              DhcBlindSettings: blind splitting.
+  %
+  %   See also DhcSettings, DhcClassicSettings, DhcBlindSettings.
 
   properties
     variableMultiplicity = 0;

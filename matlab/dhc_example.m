@@ -1,5 +1,9 @@
 % dhc_example  Segments a synthetic three-band image with the MEX module dhc.
 %
+%   Prints the split summary and one line per region, runs masked, supervised
+%   and fragmented segmentations, and shows the label map and the split
+%   summary in the colours of the tool's PNG pictures.
+%
 % Run from MATLAB or Octave with the built module and this folder on the path:
 %   addpath('<build>/mex', '<source>/matlab'); dhc_example
 
@@ -62,9 +66,20 @@ catch err
 end
 fprintf('supervised: %d of %d pixels as in the ground truth\n', nnz(out3.segmentation == gt), numel(gt));
 
+% The pictures: each class in the colour the tool's PNG gives it (the k-th
+% smallest label gets colour k of dhc_palette, 0 is black), and the split
+% summary, row k showing the leaves under the k-th split region in the same
+% colours.
+classes = summary.Classes(:)';
+[~, rank] = ismember(out.segmentation, classes);
+[~, under] = ismember(summary.OffspringMat, classes);
+colours = [0 0 0; dhc_palette(numel(classes))];
 if exist('OCTAVE_VERSION', 'builtin') == 0 || ~isempty(getenv('DISPLAY'))
   figure;
-  subplot(1, 3, 1); imagesc(img(:, :, 1)); axis image; title('band 1');
-  subplot(1, 3, 2); imagesc(out.segmentation); axis image; title('unsupervised');
-  subplot(1, 3, 3); imagesc(out3.segmentation); axis image; title('supervised');
+  subplot(1, 3, 1); imagesc(img(:, :, 1)); axis image; colormap(gca, gray); title('band 1');
+  subplot(1, 3, 2); imagesc(rank, [0 numel(classes)]); axis image; colormap(gca, colours);
+  title(sprintf('%d classes', summary.NClass));
+  subplot(1, 3, 3); imagesc(under, [0 numel(classes)]); colormap(gca, colours);
+  set(gca, 'XTick', 1:numel(classes), 'YTick', 1:summary.NSplit, 'YTickLabel', summary.SplitOrder);
+  xlabel('leaves under the split region'); ylabel('split region (split order)'); title('split summary');
 end

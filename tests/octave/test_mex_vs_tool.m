@@ -5,14 +5,6 @@
 tool = getenv('DHC_TOOL');
 file = @(name) fullfile(getenv('DHC_TEST_TMP'), ['mex_vs_tool_' name '.hraw']);
 
-function write_hraw(file, img)
-  % int32 bands, rows, cols, then each band row by row, little-endian.
-  f = fopen(file, 'w', 'ieee-le');
-  fwrite(f, [size(img, 3) rows(img) columns(img)], 'int32');
-  fwrite(f, permute(img, [2 1 3]), 'int32');
-  fclose(f);
-end
-
 [img, truth] = dhc_quadrants(24, 28, 3);
 init = 1 + (truth > 2);
 init(1:3, :) = 0;
@@ -43,7 +35,7 @@ cases = {
 option = struct('initSeg', 'init', 'roi', 'mask', 'gt', 'gt');   % the tool's names of the maps
 image = file('image');
 labels = file('labels');
-write_hraw(image, img);
+dhc_write_hraw(image, img);
 for k = 1:rows(cases)
   [name, settings, sets, maps, nout] = cases{k, :};
   p = DhcProblem(img);
@@ -51,7 +43,7 @@ for k = 1:rows(cases)
   cmd = [sprintf('"%s" segment "%s" -o "%s" -q', tool, image, labels) sets{:}];
   for m = fieldnames(maps)'
     p.(m{1}) = maps.(m{1});
-    write_hraw(file(m{1}), maps.(m{1}));
+    dhc_write_hraw(file(m{1}), maps.(m{1}));
     cmd = [cmd sprintf(' --%s "%s"', option.(m{1}), file(m{1}))];
   end
   [status, output] = system(cmd);
