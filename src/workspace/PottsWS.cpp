@@ -17,12 +17,26 @@
 
 namespace {
 
-// The product of two band values as a 32-bit signed integer: values whose
-// product leaves the 32-bit range wrap around, as the label statistics have
-// always done.  Formed unsigned so the wrap is defined.
-inline double wrappedProduct(int a, int b) {
-    return static_cast<double>(static_cast<int32_t>(static_cast<uint32_t>(a) * static_cast<uint32_t>(b)));
+// Sums of products of two band values, kept exact for every int32 image: a
+// product fits 64 bits, and 2^64 of them fit 128 bits.  (32-bit products
+// would wrap above about 46,340 and collapse 16-bit imagery into one class.)
+__extension__ typedef __int128 ProductSum;
+
+inline int64_t product(int a, int b) {
+    return static_cast<int64_t>(a) * b;
 }
+
+// Upper triangle of the sums of x x^T, d x d, row-major.
+struct ProductSums {
+    int d;
+    std::vector<ProductSum> sums;
+    explicit ProductSums(int d_) : d(d_ > 0 ? d_ : 0), sums(static_cast<size_t>(d) * d, 0) {}
+    void add(const int* x, bool full = false) {
+        for (int i = 0; i < d; ++i)
+            for (int j = full ? 0 : i; j < d; ++j) sums[static_cast<size_t>(i) * d + j] += product(x[i], x[j]);
+    }
+    double at(int i, int j) const { return static_cast<double>(sums[static_cast<size_t>(i) * d + j]); }
+};
 
 void zeroMatrix(double** m, int n) {
     for (int i = 0; i < n; ++i) std::fill(m[i], m[i] + n, 0.0);
@@ -283,17 +297,17 @@ void PottsWS::sigmaWhere(Selected selected, double** out) {
     std::vector<double> mu(d > 0 ? d : 0);
     meanWhere(selected, mu.data());
     const PixelScan scan{*this};
-    zeroMatrix(out, d);
+    ProductSums products(d);
     int count = 0;
     cursor = 0;
     for (int p = 0; p < scan.count(); ++p) {
         if (!selected(p)) continue;
-        const int* x = scan.values(p);
-        for (int i = 0; i < d; ++i)
-            for (int j = i; j < d; ++j) out[i][j] += wrappedProduct(x[i], x[j]);
+        products.add(scan.values(p));
         ++count;
     }
     scan.finish();
+    for (int i = 0; i < d; ++i)
+        for (int j = i; j < d; ++j) out[i][j] = products.at(i, j);
     mirrorUpper(out, d);
     for (int i = 0; i < d; ++i)
         for (int j = 0; j < d; ++j) out[i][j] = out[i][j] / static_cast<double>(count) - mu[i] * mu[j];
@@ -341,23 +355,22 @@ void PottsWS::getSigma(int n, int* labels, int* counts, double*** covs) {
     const PixelScan scan{*this};
     const int d = bands;
     std::vector<std::vector<double>> sums(n > 0 ? n : 0, std::vector<double>(d > 0 ? d : 0, 0.0));
-    for (int j = 0; j < n; ++j) {
-        counts[j] = 0;
-        zeroMatrix(covs[j], d);
-    }
+    std::vector<ProductSums> products(n > 0 ? n : 0, ProductSums(d));
+    for (int j = 0; j < n; ++j) counts[j] = 0;
     cursor = 0;
     for (int p = 0; p < scan.count(); ++p) {
         const int j = firstMatch(labels, n, scan.label(p));
         if (j < 0) continue;
         const int* x = scan.values(p);
-        for (int i = 0; i < d; ++i) {
-            sums[j][i] += static_cast<double>(x[i]);
-            for (int l = i; l < d; ++l) covs[j][i][l] += wrappedProduct(x[i], x[l]);
-        }
+        for (int i = 0; i < d; ++i) sums[j][i] += static_cast<double>(x[i]);
+        products[j].add(x);
         ++counts[j];
     }
     scan.finish();
     for (int j = 0; j < n; ++j) {
+        zeroMatrix(covs[j], d);
+        for (int i = 0; i < d; ++i)
+            for (int l = i; l < d; ++l) covs[j][i][l] = products[j].at(i, l);
         mirrorUpper(covs[j], d);
         if (counts[j] > 0) {
             const double c = counts[j];
@@ -616,9 +629,10 @@ void PottsWS::MLMapCompletion(double** means, double*** covs) {
         return (it != classLabel.end() && *it == v) ? static_cast<int>(it - classLabel.begin()) : -1;
     };
 
-    // Class statistics from the labelled pixels (32-bit products, no repair).
+    // Class statistics from the labelled pixels (no repair).
     std::vector<int> counts(k, 0);
     std::vector<std::vector<double>> mu(k, std::vector<double>(d, 0.0));
+    std::vector<ProductSums> products(k, ProductSums(d));
     std::vector<double**> cov(k);
     for (int c = 0; c < k; ++c) cov[c] = dhc::newRows<double>(d, d);
     cursor = 0;
@@ -628,14 +642,14 @@ void PottsWS::MLMapCompletion(double** means, double*** covs) {
         const int c = classOf(v);
         if (c < 0) continue;
         const int* x = scan.values(p);
-        for (int i = 0; i < d; ++i) {
-            mu[c][i] += static_cast<double>(x[i]);
-            for (int j = 0; j < d; ++j) cov[c][i][j] += wrappedProduct(x[i], x[j]);
-        }
+        for (int i = 0; i < d; ++i) mu[c][i] += static_cast<double>(x[i]);
+        products[c].add(x, true);
         ++counts[c];
     }
     scan.finish();
     for (int c = 0; c < k; ++c) {
+        for (int i = 0; i < d; ++i)
+            for (int j = 0; j < d; ++j) cov[c][i][j] = products[c].at(i, j);
         const double n = counts[c];
         for (int i = 0; i < d; ++i) mu[c][i] /= n;
         for (int i = 0; i < d; ++i)

@@ -9,6 +9,7 @@
 
 #include <functional>
 #include <iostream>
+#include <map>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -241,4 +242,34 @@ TEST_F(Quadrants, ThrowingFatalHandlerUnwindsOutOfTheRun) {
     dhc::setOut(previousOut);
     dhc::setFatalHandler(previous);
     EXPECT_EQ(sink.str(), "supSplitting!\n");
+}
+
+// The label statistics are exact for every int32 value: the quadrants scaled
+// into the 16-bit range (where 32-bit products wrap) and close to the int32
+// limit give the partition of the unscaled scene.  Scaling all values leaves
+// every split gain unchanged, so nothing else may differ.
+TEST(DhcValueRange, ScaledScenesGiveTheSamePartition) {
+    auto partition = [](int scale) {
+        Scene scene = fourQuadrants();
+        for (auto& band : scene.cube)
+            for (auto& row : band)
+                for (int& v : row) v *= scale;
+        std::unique_ptr<ROI<int, xy>> roi(scene.dataRoi());
+        std::unique_ptr<DHC_SET> s = baseSettings();
+        DHC_OUT out = DHC::dhc(memoryInput(roi.get(), s.get()));
+        std::vector<int> labels(out.labelRoi->data, out.labelRoi->data + out.labelRoi->count);
+        return std::make_pair(out.nClasses, labels);
+    };
+    const auto reference = partition(1);
+    ASSERT_EQ(reference.first, 4);
+    for (int scale : {500, 19000000}) {  // largest values 54,000 and 2,052,000,000
+        const auto scaled = partition(scale);
+        EXPECT_EQ(scaled.first, 4) << "scale " << scale;
+        ASSERT_EQ(scaled.second.size(), reference.second.size());
+        std::map<int, int> to, from;
+        for (size_t k = 0; k < scaled.second.size(); ++k) {
+            EXPECT_EQ(to.emplace(reference.second[k], scaled.second[k]).first->second, scaled.second[k]);
+            EXPECT_EQ(from.emplace(scaled.second[k], reference.second[k]).first->second, reference.second[k]);
+        }
+    }
 }
