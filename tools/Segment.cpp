@@ -18,6 +18,7 @@
 #include "driver/DHC_OUT.h"
 #include "frontend/IniFile.h"
 #include "frontend/InputError.h"
+#include "frontend/SettingsCheck.h"
 #include "frontend/Segmentation.h"
 #include "settings/DHC_SET.h"
 
@@ -55,6 +56,8 @@ int runSegment(const SegmentOptions& o) {
     IniFile ini = o.config.empty() ? IniFile("default.ini", kDefaultIni) : IniFile::fromFile(o.config);
     for (const std::string& assignment : o.sets) ini.applyOverride(assignment);
     ini.check();
+    const std::unique_ptr<DHC_SET> settings = readSettings(ini);
+    dhc::checkSettings(*settings, [&ini](const char* section, const char* key) { return ini.origin(section, key); });
 
     // 2. The input files: readable, well-formed, all of the image's size.
     const HrawShape image = checkHraw(o.image, "image");
@@ -63,7 +66,6 @@ int runSegment(const SegmentOptions& o) {
     if (!o.gt.empty()) checkMap(o.gt, "ground truth", image);
 
     // 3. What the settings allow.
-    const std::unique_ptr<DHC_SET> settings = readSettings(ini);
     const bool supervised = settings->supervisedMode;
     if (supervised && o.gt.empty())
         throw InputError(kExitInput, "supervised mode (SupervisedMode=1) needs a ground truth: --gt GT.hraw");

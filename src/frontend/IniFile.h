@@ -44,9 +44,15 @@ class IniFile {
     // malformed values are usage errors naming the override.
     void applyOverride(const std::string& assignment);
 
-    // Checks the whole configuration the way the run will use it; throws a
-    // InputError (status kExitInput) naming the file and line of the first problem.
+    // Checks that the library's reader will read every value the way it is
+    // meant (well-formed numbers, arrays of the lengths it takes); throws an
+    // InputError (status kExitInput) naming the file and line of the first
+    // problem.  What the values mean is judged by checkSettings on the record.
     void check() const;
+
+    // Where SECTION.Key comes from, for messages: "name:line", the --set
+    // override that set it, or "name: SECTION.Key (missing, read as 0)".
+    std::string origin(const char* section, const char* key) const;
 
     // Value text of SECTION.Key as the library would read it; false when absent.
     bool value(const std::string& section, const std::string& key, std::string& out) const;

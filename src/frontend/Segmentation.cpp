@@ -1,6 +1,7 @@
 #include "frontend/Segmentation.h"
 
 #include <set>
+#include <utility>
 
 #include "driver/DHC.h"
 #include "driver/DHC_IN.h"
@@ -51,11 +52,33 @@ PreparedRun prepareRun(int rows, int cols, int bands, int*** cube, int** mask, i
     PreparedRun run;
     run.roi.reset(buildRoi(rows, cols, bands, cube, mask, 1, true));
     if (run.roi->count == 0)
-        throw InputError(
-            kExitInput, maskGiven ? "the region of interest is empty: no mask value is 1"
-                                  : "the region of interest is empty: no pixel has a positive initial label");
+        throw InputError(kExitInput,
+                         maskGiven ? "the region of interest is empty: no mask value is 1"
+                                   : "the region of interest is empty: no pixel has a positive initial label",
+                         "emptyRoi");
+    if (!supervised && !settings.variableMultiplicity && settings.multiplicity > run.roi->count)
+        throw InputError(kExitInput,
+                         "Multiplicity (" + std::to_string(settings.multiplicity) +
+                             ") exceeds the number of pixels in the region of interest (" +
+                             std::to_string(run.roi->count) + ")",
+                         "badSetting");
     if (supervised) {
         run.gt.reset(run.roi->extractLabROI(gt, 0, true));
+        // Class labels index the core's tables: a negative one would write
+        // before them.  Named at its first pixel in reading order.
+        int bad = -1;
+        for (int k = 0; k < run.gt->count; ++k)
+            if (run.gt->data[k] < 0 &&
+                (bad < 0 || std::make_pair(run.gt->coords[k].x, run.gt->coords[k].y) <
+                                std::make_pair(run.gt->coords[bad].x, run.gt->coords[bad].y)))
+                bad = k;
+        if (bad >= 0)
+            throw InputError(kExitInput,
+                             names.gt + " holds the negative label " + std::to_string(run.gt->data[bad]) +
+                                 " at row " + std::to_string(run.gt->coords[bad].x + run.gt->minRow + 1) +
+                                 ", column " + std::to_string(run.gt->coords[bad].y + run.gt->minCol + 1) +
+                                 " (classes are positive labels, 0 is unlabelled)",
+                             "badGroundTruth");
         // The class models are indexed by the ground truth's classes: any
         // other count makes the core read past its models.
         const int classes = distinctNonZero(*run.gt);
@@ -64,7 +87,8 @@ PreparedRun prepareRun(int rows, int cols, int bands, int*** cube, int** mask, i
                                              (classes == 1 ? " class" : " classes") +
                                              " (distinct non-zero labels) in the region of interest, but " +
                                              names.classCount + " is " +
-                                             std::to_string(settings.numberOfClasses));
+                                             std::to_string(settings.numberOfClasses),
+                             "badGroundTruth");
     } else {
         run.initLabels.reset(run.roi->extractLabROI(init, 0, true));
     }

@@ -9,6 +9,7 @@
 // process with its status instead.
 
 #include <algorithm>
+#include <cstring>
 #include <cstdio>
 #include <memory>
 #include <new>
@@ -19,8 +20,10 @@
 
 #include "data/ROI.h"
 #include "driver/DHC.h"
-#include "driver/DHC_IN.h"
 #include "driver/DHC_OUT.h"
+#include "frontend/InputError.h"
+#include "frontend/Segmentation.h"
+#include "frontend/SettingsCheck.h"
 #include "mex.h"
 #include "mex/mxGrip.h"
 #include "settings/DHC_SET.h"
@@ -107,13 +110,6 @@ class IntMatrix {
     IntMatrix& operator=(const IntMatrix&) = delete;
     ~IntMatrix() { reset(); }
 
-    // rows x cols, every element v.
-    static IntMatrix filled(int rows, int cols, int v) {
-        IntMatrix out(dhc::newRows<int>(rows, cols), rows);
-        for (int r = 0; r < rows; ++r) std::fill(out.m_[r], out.m_[r] + cols, v);
-        return out;
-    }
-
     int** get() const { return m_; }
     void reset() {
         dhc::deleteRows(m_, rows_);
@@ -177,7 +173,7 @@ IntMatrix readFrameMap(const mxArray* problem, const char* name, int rows, int c
     const MxValue value = mxNumericProperty(problem, name);
     if (!value) return IntMatrix();
     int r = 0, c = 0;
-    int** rowsRead = readMxMatrix<int>(value.get(), r, c);  // sets r before the owner takes it
+    int** rowsRead = readMxMatrix<int>(value.get(), r, c, name);  // sets r before the owner takes it
     IntMatrix m(rowsRead, r);
     if (value.empty()) return IntMatrix();
     // The core addresses every map at the data's R x C frame without bounds.
@@ -186,14 +182,6 @@ IntMatrix readFrameMap(const mxArray* problem, const char* name, int rows, int c
                                               std::to_string(c) + " but \"data\" is " + std::to_string(rows) +
                                               "x" + std::to_string(cols));
     return m;
-}
-
-int distinctNonZero(const IntRoi& labels) {
-    std::vector<int> v;
-    for (int k = 0; k < labels.count; ++k)
-        if (labels.data[k] != 0) v.push_back(labels.data[k]);
-    std::sort(v.begin(), v.end());
-    return static_cast<int>(std::unique(v.begin(), v.end()) - v.begin());
 }
 
 // n x 1 double column (empty for n = 0) from n values.
@@ -304,21 +292,53 @@ mxArray* buildReports(const ReportList& reports) {
     return s.release();
 }
 
+// Where a setting lives in the MATLAB settings objects, for messages of the
+// shared settings check (which names settings by their ini keys).
+std::string propertyOf(const char* section, const char* key) {
+    static const std::pair<const char*, const char*> kProperties[] = {
+        {"SupervisedMode", "supervisedMode"},
+        {"SplitGainThreshold", "unsupSet.classicSet.splitGainThreshold"},
+        {"MaxNumberOfClasses", "unsupSet.classicSet.maxNumberOfClasses"},
+        {"MinRegionArea", "unsupSet.classicSet.minSplitArea"},
+        {"Metric", "unsupSet.blindSet.metric"},
+        {"DistortionThreshold", "unsupSet.blindSet.distorsionThreshold"},
+        {"BlindSplitDepthMax", "unsupSet.blindSet.depth"},
+        {"BlindSplitAreaMin", "unsupSet.blindSet.area"},
+        {"BlindSplitMSEMin", "unsupSet.blindSet.MSE"},
+        {"Multiplicity", "unsupSet.multiplicity"},
+        {"NumberOfClasses", "supSet.numberOfClasses"},
+        {"StructureLevels", "supSet.structureLevels"},
+        {"StructurePaths", "supSet.structurePaths"},
+        {"BetaMin", "engineSet.betaMin"},
+        {"BetaMax", "engineSet.betaMax"},
+        {"BetaBound", "engineSet.betaBound"},
+        {"RangeBandwidth", "engineSet.rangeBandwidth"},
+        {"SpatialBandwidth", "engineSet.spatialBandwidth"},
+        {"Tolerance", "engineSet.tolerance"},
+        {"SkipLast", "engineSet.skipLast"},
+        {"AutoAdjustKNN", "engineSet.autoAdjustkNN"},
+    };
+    for (const auto& [ini, property] : kProperties)
+        if (std::strcmp(ini, key) == 0) return std::string("settings.") + property;
+    return std::string(section) + "." + key;
+}
+
 void run(int nlhs, mxArray* plhs[], const mxArray* problem, const mxArray* settingsObject) {
     int bands = 0, rows = 0, cols = 0;
     MxValue data = mxRequiredNumericProperty(problem, "data");
-    int*** cubeRead = readMxCube<int>(data.get(), bands, rows, cols);  // sets the sizes first
+    int*** cubeRead = readMxCube<int>(data.get(), bands, rows, cols, "data");  // sets the sizes first
     IntCube cube(cubeRead, bands, rows);
     data = MxValue();
     const std::unique_ptr<DHC_SET> settings(dhcConfig(settingsObject));
 
     const bool supervised = settings->supervisedMode;
-    const bool treeOutput = !settings->fragmentation && (supervised || !settings->splitwiseDisconnect);
+    const bool treeOutput = dhc::hasTreeOutput(*settings);
     if (treeOutput != (nlhs == 3)) throw MxError(std::string(), kUsage);
 
     if (rows < 1 || cols < 1 || bands < 1) throw MxError("dhc:badProperty", "\"data\" is empty");
     if (rows > kMaxSide || cols > kMaxSide)
         throw MxError("dhc:badProperty", "\"data\" has a side above " + std::to_string(kMaxSide));
+    dhc::checkSettings(*settings, propertyOf, true);
 
     IntMatrix gt;
     if (supervised) {
@@ -326,55 +346,26 @@ void run(int nlhs, mxArray* plhs[], const mxArray* problem, const mxArray* setti
         if (gt.get() == nullptr) throw MxError("dhc:missingProperty", "a supervised run needs \"gt\"");
     }
     IntMatrix initSeg = readFrameMap(problem, "initSeg", rows, cols);
-    if (initSeg.get() == nullptr) initSeg = IntMatrix::filled(rows, cols, 1);
     IntMatrix mask = readFrameMap(problem, "roi", rows, cols);
-    if (mask.get() == nullptr) {
-        mask = IntMatrix::filled(rows, cols, 0);
-        for (int r = 0; r < rows; ++r)
-            for (int c = 0; c < cols; ++c) mask.get()[r][c] = initSeg.get()[r][c] > 0 ? 1 : 0;
-    }
 
     // The input ROIs outlive the driver output: the core may keep pointers to them.
-    const std::unique_ptr<IntRoi> roi(buildRoi(rows, cols, bands, cube.get(), mask.get(), 1, true));
-    const std::unique_ptr<IntRoi> initLabels(roi->extractLabROI(initSeg.get(), 0, true));
-    std::unique_ptr<IntRoi> gtRoi;
-    if (supervised) {
-        gtRoi.reset(roi->extractLabROI(gt.get(), 0, true));
-        // The class models are indexed by the ground truth's classes: any
-        // other count makes the core read past its models.
-        const int classes = distinctNonZero(*gtRoi);
-        if (classes != settings->numberOfClasses)
-            throw MxError("dhc:badGroundTruth",
-                          "\"gt\" holds " + std::to_string(classes) + (classes == 1 ? " class" : " classes") +
-                              " (distinct non-zero labels) in the region of interest, but "
-                              "numberOfClasses is " +
-                              std::to_string(settings->numberOfClasses));
-    }
+    dhc::RunNames names;
+    names.gt = "\"gt\"";
+    names.classCount = "numberOfClasses";
+    const dhc::PreparedRun prepared =
+        dhc::prepareRun(rows, cols, bands, cube.get(), mask.get(), initSeg.get(), gt.get(), *settings, names);
     cube.reset();
     mask.reset();
     initSeg.reset();
     gt.reset();
 
-    DHC_IN in;
-    in.source = 0;
-    in.roi = roi.get();
-    in.settings = settings.get();
-    if (supervised) {
-        in.mode = 1;
-        in.gt = gtRoi.get();
-        in.initLabels = nullptr;
-    } else {
-        in.mode = 0;
-        in.initLabelsFile = nullptr;
-        in.initLabels = initLabels.get();
-    }
-    const DHC_OUT out = DHC::dhc(in);
+    const DHC_OUT out = dhc::runSegmentation(prepared, *settings);
     if (out.labelRoi == nullptr || out.dhc == nullptr)
         throw MxError("dhc:internal", "the driver returned no result");
 
     const char* outFields[] = {"segmentation", "fragmentation"};
     MxOwned result(newStruct(1, 2, outFields));
-    if (settings->fragmentation && !settings->splitwiseDisconnect && out.fragRoi != nullptr)
+    if (dhc::hasFragmentOutput(*settings) && out.fragRoi != nullptr)
         mxSetField(result.get(), 0, "fragmentation", fullFrame(*out.fragRoi, rows, cols));
     mxSetField(result.get(), 0, "segmentation", fullFrame(*out.labelRoi, rows, cols));
 
@@ -425,6 +416,8 @@ void mexFunction(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]) {
                  f.message.empty() ? "fatal condition (status " + std::to_string(f.status) + ")" : f.message);
         } catch (const MxError& e) {
             fail(e.id(), e.what());
+        } catch (const InputError& e) {
+            fail("dhc:" + e.kind(), e.what());
         } catch (const std::bad_alloc&) {
             fail("dhc:outOfMemory", "out of memory");
         } catch (const std::exception& e) {

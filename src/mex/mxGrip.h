@@ -7,7 +7,11 @@
 // C++ destructors, so every problem is thrown as MxError and raised by the
 // gateway only after all owners of the call have been released.
 
+#include <cmath>
 #include <cstdint>
+#include <limits>
+#include <memory>
+#include <type_traits>
 #include <cstdio>
 #include <cstdlib>
 #include <stdexcept>
@@ -43,23 +47,50 @@ class MxError : public std::runtime_error {
 #endif
 }
 
-// n values of a row or column vector (1x1 counts as one column).
+namespace mxgrip_detail {
+
+// An element as T.  Integer elements must be finite and within T's range once
+// truncated: the conversion of anything else is undefined.  `where` names the
+// array and the element in the message.
+template <typename T, typename Where>
+T element(double v, Where where) {
+    if constexpr (std::is_integral_v<T>) {
+        const double t = std::trunc(v);
+        if (!(t >= static_cast<double>(std::numeric_limits<T>::min()) &&
+              t <= static_cast<double>(std::numeric_limits<T>::max()))) {
+            char text[64];
+            std::snprintf(text, sizeof text, "%.17g", v);
+            throw MxError("dhc:badValue", where() + " is " + text + ": values must be finite and within the " +
+                                              std::to_string(sizeof(T) * 8) + "-bit integer range");
+        }
+        return static_cast<T>(t);
+    } else {
+        return static_cast<T>(v);
+    }
+}
+
+}  // namespace mxgrip_detail
+
+// n values of a row or column vector (1x1 counts as one column).  name names
+// the array in messages.
 template <typename T>
-T* readMxVector(const mxArray* array, int& n) {
+T* readMxVector(const mxArray* array, int& n, const char* name = "value") {
     const mwSize nd = mxGetNumberOfDimensions(array);
     DHC_MX_ASSERT((nd == 2));
     const mwSize* dim = mxGetDimensions(array);
     DHC_MX_ASSERT((dim[0] == 1 || dim[1] == 1));
     n = static_cast<int>(dim[0] == 1 ? dim[1] : dim[0]);
     const double* pr = mxGetPr(array);
-    T* v = new T[n];
-    for (int i = 0; i < n; ++i) v[i] = static_cast<T>(pr[i]);
-    return v;
+    std::unique_ptr<T[]> v(new T[n]);
+    for (int i = 0; i < n; ++i)
+        v[i] = mxgrip_detail::element<T>(
+            pr[i], [&] { return std::string("element ") + std::to_string(i + 1) + " of \"" + name + "\""; });
+    return v.release();
 }
 
 // rows new rows of cols values; element [r][c] is MATLAB's (r, c).
 template <typename T>
-T** readMxMatrix(const mxArray* array, int& rows, int& cols) {
+T** readMxMatrix(const mxArray* array, int& rows, int& cols, const char* name = "value") {
     const mwSize nd = mxGetNumberOfDimensions(array);
     DHC_MX_ASSERT((nd == 2));
     const mwSize* dim = mxGetDimensions(array);
@@ -67,9 +98,19 @@ T** readMxMatrix(const mxArray* array, int& rows, int& cols) {
     cols = static_cast<int>(dim[1]);
     const double* pr = mxGetPr(array);
     T** m = new T*[rows]();
-    for (int r = 0; r < rows; ++r) {
-        m[r] = new T[cols];
-        for (int c = 0; c < cols; ++c) m[r][c] = static_cast<T>(pr[r + static_cast<size_t>(c) * rows]);
+    try {
+        for (int r = 0; r < rows; ++r) {
+            m[r] = new T[cols];
+            for (int c = 0; c < cols; ++c)
+                m[r][c] = mxgrip_detail::element<T>(pr[r + static_cast<size_t>(c) * rows], [&] {
+                    return "\"" + std::string(name) + "\"(" + std::to_string(r + 1) + ", " + std::to_string(c + 1) +
+                           ")";
+                });
+        }
+    } catch (...) {
+        for (int r = 0; r < rows; ++r) delete[] m[r];
+        delete[] m;
+        throw;
     }
     return m;
 }
@@ -77,7 +118,7 @@ T** readMxMatrix(const mxArray* array, int& rows, int& cols) {
 // bands matrices of rows x cols; cube[b][r][c] is MATLAB's (r, c, b).  A 2-D
 // array is one band.
 template <typename T>
-T*** readMxCube(const mxArray* array, int& bands, int& rows, int& cols) {
+T*** readMxCube(const mxArray* array, int& bands, int& rows, int& cols, const char* name = "value") {
     const mwSize nd = mxGetNumberOfDimensions(array);
     DHC_MX_ASSERT((nd == 2 || nd == 3));
     const mwSize* dim = mxGetDimensions(array);
@@ -86,14 +127,27 @@ T*** readMxCube(const mxArray* array, int& bands, int& rows, int& cols) {
     bands = nd == 3 ? static_cast<int>(dim[2]) : 1;
     const double* pr = mxGetPr(array);
     const size_t plane = static_cast<size_t>(rows) * cols;
-    T*** cube = new T**[bands];
-    for (int b = 0; b < bands; ++b) {
-        cube[b] = new T*[rows];
-        for (int r = 0; r < rows; ++r) {
-            cube[b][r] = new T[cols];
-            for (int c = 0; c < cols; ++c)
-                cube[b][r][c] = static_cast<T>(pr[r + static_cast<size_t>(c) * rows + b * plane]);
+    T*** cube = new T**[bands]();
+    try {
+        for (int b = 0; b < bands; ++b) {
+            cube[b] = new T*[rows]();
+            for (int r = 0; r < rows; ++r) {
+                cube[b][r] = new T[cols];
+                for (int c = 0; c < cols; ++c)
+                    cube[b][r][c] = mxgrip_detail::element<T>(pr[r + static_cast<size_t>(c) * rows + b * plane], [&] {
+                        return "\"" + std::string(name) + "\"(" + std::to_string(r + 1) + ", " +
+                               std::to_string(c + 1) + ", " + std::to_string(b + 1) + ")";
+                    });
+            }
         }
+    } catch (...) {
+        for (int b = 0; b < bands; ++b) {
+            if (cube[b] == nullptr) continue;
+            for (int r = 0; r < rows; ++r) delete[] cube[b][r];
+            delete[] cube[b];
+        }
+        delete[] cube;
+        throw;
     }
     return cube;
 }
@@ -210,10 +264,31 @@ inline MxValue mxRequiredProperty(const mxArray* object, const char* name) {
     return value;
 }
 
-// A numeric property as a double array (other numeric and logical types are
-// converted); null when it does not exist.
+namespace mxgrip_detail {
+
+// A full double matrix holding a sparse (double or logical) one: the readers
+// index every element, which a sparse array does not store.
+inline mxArray* sparseToFull(const mxArray* a) {
+    const size_t rows = mxGetM(a), cols = mxGetN(a);
+    mxArray* d = mxCreateDoubleMatrix(rows, cols, mxREAL);
+    double* out = mxGetPr(d);
+    const mwIndex* ir = mxGetIr(a);
+    const mwIndex* jc = mxGetJc(a);
+    const bool logical = mxIsLogical(a);
+    const double* pr = logical ? nullptr : mxGetPr(a);
+    const mxLogical* lr = logical ? static_cast<const mxLogical*>(mxGetData(a)) : nullptr;
+    for (size_t c = 0; c < cols; ++c)
+        for (mwIndex k = jc[c]; k < jc[c + 1]; ++k) out[ir[k] + c * rows] = logical ? (lr[k] ? 1.0 : 0.0) : pr[k];
+    return d;
+}
+
+}  // namespace mxgrip_detail
+
+// A numeric property as a full double array (other numeric and logical types
+// and sparse arrays are converted); null when it does not exist.
 inline MxValue mxNumericProperty(const mxArray* object, const char* name) {
     MxValue value = mxProperty(object, name);
+    if (value && mxIsSparse(value.get())) return MxValue(mxgrip_detail::sparseToFull(value.get()), true);
     if (!value || mxIsDouble(value.get())) return value;
     mxArray* converted = mxgrip_detail::toDouble(value.get());
     if (converted == nullptr)

@@ -10,8 +10,11 @@ namespace {
 bool asBool(double v) {
     return v != 0.0;
 }
-int asInt(double v) {
-    return static_cast<int>(v);
+
+// An integer setting, truncated toward zero; NaN, infinities and values past
+// the int range have no integer to become.
+int intSetting(const mxArray* object, const char* name) {
+    return mxgrip_detail::element<int>(mxScalar(object, name), [name] { return std::string("\"") + name + "\""; });
 }
 
 }  // namespace
@@ -20,7 +23,6 @@ DHC_SET* dhcConfig(const mxArray* settings) {
     auto set = std::make_unique<DHC_SET>();
 
     const MxValue unsupSet = mxRequiredProperty(settings, "unsupSet");
-    const MxValue supSet = mxRequiredProperty(settings, "supSet");
     const MxValue engineSet = mxRequiredProperty(settings, "engineSet");
     set->supervisedMode = asBool(mxScalar(settings, "supervisedMode"));
     set->fragmentation = asBool(mxScalar(settings, "fragmentation"));
@@ -31,18 +33,18 @@ DHC_SET* dhcConfig(const mxArray* settings) {
     set->variableMultiplicity = asBool(mxScalar(unsup, "variableMultiplicity"));
     set->blind = asBool(mxScalar(unsup, "blind"));
     set->balancedTree = asBool(mxScalar(unsup, "balancedTree"));
-    set->growDepth = asInt(mxScalar(unsup, "growDepth"));
+    set->growDepth = intSetting(unsup, "growDepth");
     set->doubleSplit = asBool(mxScalar(unsup, "doubleSplit"));
     set->splitwiseDisconnect = asBool(mxScalar(unsup, "splitwiseDisconnect"));
-    set->multiplicity = asInt(mxScalar(unsup, "multiplicity"));
+    set->multiplicity = intSetting(unsup, "multiplicity");
 
     const mxArray* classic = classicSet.get();
     set->splitGainThreshold = mxScalar(classic, "splitGainThreshold");
-    set->maxNumberOfClasses = asInt(mxScalar(classic, "maxNumberOfClasses"));
+    set->maxNumberOfClasses = intSetting(classic, "maxNumberOfClasses");
     set->minSplitArea = mxScalar(classic, "minSplitArea");
 
     const mxArray* blind = blindSet.get();
-    set->metric = asInt(mxScalar(blind, "metric"));
+    set->metric = intSetting(blind, "metric");
     set->distorsionThreshold = mxScalar(blind, "distorsionThreshold");
     set->blindActive = asBool(mxScalar(blind, "active"));
     set->blindDepth = mxScalar(blind, "depth");
@@ -53,14 +55,16 @@ DHC_SET* dhcConfig(const mxArray* settings) {
     set->updateBlindActive();
 
     if (set->supervisedMode) {
+        // Read in supervised runs only: unsupervised settings may leave it out.
+        const MxValue supSet = mxRequiredProperty(settings, "supSet");
         const mxArray* sup = supSet.get();
-        set->numberOfClasses = asInt(mxScalar(sup, "numberOfClasses"));
+        set->numberOfClasses = intSetting(sup, "numberOfClasses");
         int nLevels = 0;
         int nPaths = 0;
         const MxValue levels = mxRequiredNumericProperty(sup, "structureLevels");
         const MxValue paths = mxRequiredNumericProperty(sup, "structurePaths");
-        set->structureLevels = readMxVector<int>(levels.get(), nLevels);
-        set->structurePaths = readMxVector<int>(paths.get(), nPaths);
+        set->structureLevels = readMxVector<int>(levels.get(), nLevels, "structureLevels");
+        set->structurePaths = readMxVector<int>(paths.get(), nPaths, "structurePaths");
         // The driver walks numberOfClasses levels and their paths without
         // bounds; refuse a structure that would make it read past the arrays.
         long needed = 0;
@@ -82,9 +86,9 @@ DHC_SET* dhcConfig(const mxArray* settings) {
     set->betaBound = mxScalar(engine, "betaBound");
     set->rangeBandwidth = mxScalar(engine, "rangeBandwidth");
     set->spatialBandwidth = mxScalar(engine, "spatialBandwidth");
-    set->autoAdjustkNN = asInt(mxScalar(engine, "autoAdjustkNN"));
+    set->autoAdjustkNN = intSetting(engine, "autoAdjustkNN");
     set->skipLast = mxScalar(engine, "skipLast");
     set->tolerance = mxScalar(engine, "tolerance");
-    set->kernelType = asInt(mxScalar(engine, "kernelType"));
+    set->kernelType = intSetting(engine, "kernelType");
     return set.release();
 }

@@ -29,6 +29,21 @@ badValue = s;
 badValue.engineSet.betaMax = 'x';
 gt2 = 1 + (truth > 2);   % two classes, and a row of unlabelled pixels
 gt2(1, :) = 0;
+withNaN = img;
+withNaN(2, 3, 1) = NaN;
+withInf = img;
+withInf(1, 1, 2) = Inf;
+tooBig = img;
+tooBig(4, 4, 1) = 3e9;
+nanMask = ones(8);
+nanMask(1, 1) = NaN;
+function s = withSetting(s, varargin)
+  % s with the dotted properties set: withSetting(s, 'engineSet.betaMin', 2, ...).
+  for k = 1:2:numel(varargin)
+    parts = strsplit(varargin{k}, '.');
+    s = setfield(s, parts{:}, varargin{k + 1});
+  end
+end
 % Identifier, text in the message, output count, problem, settings.
 refusals = {
   'dhc:assert', '(nd == 2 || nd == 3)', 1, DhcProblem(ones(4, 4, 2, 2)), sf
@@ -45,6 +60,25 @@ refusals = {
   'dhc:missingProperty', '"data"', 3, struct('initSeg', []), s
   'dhc:missingProperty', '"unsupSet"', 3, p, struct('supervisedMode', 0)
   'dhc:badProperty', '"betaMax"', 3, p, badValue
+  % What the command-line tool refuses, the module refuses with the same text.
+  'dhc:badSetting', 'settings.unsupSet.multiplicity: Multiplicity must be at least 2', 3, p, withSetting(s, 'unsupSet.multiplicity', 1)
+  'dhc:badSetting', 'Multiplicity must be at least 2', 3, p, withSetting(s, 'unsupSet.multiplicity', -4)
+  'dhc:badValue', '"multiplicity" is nan', 3, p, withSetting(s, 'unsupSet.multiplicity', NaN)
+  'dhc:badSetting', 'Multiplicity must be at most 64', 3, p, withSetting(s, 'unsupSet.multiplicity', 1e6)
+  'dhc:badSetting', 'Multiplicity (40) exceeds the number of pixels in the region of interest (36)', 3, DhcProblem(img(1:6, 1:6, :)), withSetting(s, 'unsupSet.multiplicity', 40)
+  'dhc:badSetting', 'settings.engineSet.betaMin: BetaMin must not exceed BetaMax (1.5)', 3, p, withSetting(s, 'engineSet.betaMin', 2)
+  'dhc:badSetting', 'BetaMin must be a finite number from -100 to 100', 3, p, withSetting(s, 'engineSet.betaMin', -1e308)
+  'dhc:badSetting', 'SplitGainThreshold must be a finite number', 3, p, withSetting(s, 'unsupSet.classicSet.splitGainThreshold', NaN)
+  'dhc:badSetting', 'SplitGainThreshold must be a finite number', 3, p, withSetting(s, 'unsupSet.classicSet.splitGainThreshold', -Inf)
+  'dhc:badSetting', 'class path 1 is a prefix of class path 2', 3, DhcProblem(img, [], [], gt2), withSetting(sup, 'supSet.structureLevels', [1 2], 'supSet.structurePaths', [0 0 1])
+  'dhc:badSetting', 'path entry 2 skips a child index', 3, DhcProblem(img, [], [], gt2), withSetting(sup, 'supSet.structurePaths', [0 2])
+  'dhc:emptyRoi', 'the region of interest is empty: no mask value is 1', 3, DhcProblem(img, [], zeros(8)), s
+  'dhc:badGroundTruth', '"gt" holds the negative label -1 at row 2, column 1', 3, DhcProblem(img, [], [], -gt2), sup
+  % Values the readers cannot turn into integers, and sparse arrays.
+  'dhc:badValue', '"data"(2, 3, 1) is nan', 3, DhcProblem(withNaN), s
+  'dhc:badValue', '"data"(1, 1, 2) is inf', 3, DhcProblem(withInf), s
+  'dhc:badValue', 'is 3000000000: values must be finite and within the 32-bit integer range', 3, DhcProblem(tooBig), s
+  'dhc:badValue', '"roi"(1, 1) is nan', 3, DhcProblem(img, [], nanMask), s
 };
 for k = 1:rows(refusals)
   r = refusals(k, :);
@@ -66,6 +100,20 @@ if literal
 else
   dhc_expect_error('dhc:fatal:m20', '-20', 3, @dhc, p, blind);
 end
+
+% Sparse arrays are read as the full arrays they stand for; unsupervised
+% settings may leave out supSet.
+sparseImg = sparse(img(:, :, 1));
+[a, b, c] = dhc(DhcProblem(sparseImg, [], sparse(truth > 1)), s);
+[a2, b2, c2] = dhc(DhcProblem(img(:, :, 1), [], double(truth > 1)), s);
+dhc_check(isequal({a, b, c}, {a2, b2, c2}), 'sparse data and roi read as full');
+big = sparse(300, 300);
+big(1, 1) = 1;
+dhc_expect_error('dhc:emptyRoi', 'no mask value is 1', 3, @dhc, DhcProblem(big, [], sparse(300, 300)), s);
+noSup = struct('supervisedMode', 0, 'fragmentation', 0, 'unsupSet', s.unsupSet, 'engineSet', s.engineSet);
+[a3, b3, c3] = dhc(p, noSup);
+[a4, b4, c4] = dhc(p, s);
+dhc_check(isequal({a3, b3, c3}, {a4, b4, c4}), 'settings without supSet');
 
 % The session goes on: a supervised run whose ground truth has unlabelled
 % pixels, and integer data with a logical mask, read as their values.

@@ -11,7 +11,7 @@ namespace {
 
 using namespace wstest;
 
-TEST(PottsWSStatsTest, IdentityForConstantPixelsAndThirtyTwoBitLabelProducts) {
+TEST(PottsWSStatsTest, IdentityForConstantPixelsAndExactLabelProducts) {
     // Constant pixels: the covariance, by whole workspace or by label, is repaired
     // to the identity so that it can still be inverted.
     auto flat = makeWS(3, 3, 3, [](int, int, int band) { return 7 * (band + 1); });
@@ -23,17 +23,27 @@ TEST(PottsWSStatsTest, IdentityForConstantPixelsAndThirtyTwoBitLabelProducts) {
         }
     dhc::deleteRows(byLabel, 3);
 
-    // Squares are summed in 32 bits by label, not for the whole workspace.
+    // Squares past the 32-bit range (50000^2 would wrap) are exact by label as
+    // for the whole workspace: ((60000 - 50000) / 2)^2.
     auto b = makeWS(1, 2, 1, [](int, int c, int) { return c == 0 ? 50000 : 60000; });
-    EXPECT_DOUBLE_EQ(b.ws->sigma[0][0], 25000000.0);  // exact: ((60000 - 50000) / 2)^2
-    // 50000^2 wraps to 2.5e9 - 2^32 = -1794967296, 60000^2 to -694967296;
-    // their mean -1244967296 minus 55000^2 = 3.025e9 gives -4269967296.
+    EXPECT_DOUBLE_EQ(b.ws->sigma[0][0], 25000000.0);
     double** s = b.ws->getSigma(kRoot);
-    EXPECT_DOUBLE_EQ(s[0][0], -4269967296.0);
+    EXPECT_DOUBLE_EQ(s[0][0], 25000000.0);
     int count = 0, label = kRoot;
     b.ws->getSigma(1, &label, &count, &s);
-    EXPECT_DOUBLE_EQ(s[0][0], -4269967296.0);
+    EXPECT_DOUBLE_EQ(s[0][0], 25000000.0);
     dhc::deleteRows(s, 1);
+
+    // Near the int32 limits, with a cross term of opposite signs: 2^31 - 1 and
+    // -2^31 + 1 alternate with 0 and 2.
+    auto big = makeWS(1, 2, 2, [](int, int c, int band) {
+        return band == 0 ? (c == 0 ? 2147483647 : -2147483647) : 2 * c;
+    });
+    double** t = big.ws->getSigma(kRoot);
+    EXPECT_DOUBLE_EQ(t[0][0], 2147483647.0 * 2147483647.0);
+    EXPECT_DOUBLE_EQ(t[0][1], -2147483647.0);
+    EXPECT_DOUBLE_EQ(t[1][1], 1.0);
+    dhc::deleteRows(t, 2);
 }
 
 TEST(PottsWSStatsTest, LabelStatisticsAndEmptyLabels) {
