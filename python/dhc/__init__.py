@@ -77,6 +77,16 @@ def _text(kind: str, value: Any) -> str:
     return str(value)
 
 
+def _same(kind: str, a: Any, b: Any) -> bool:
+    """Whether two values of a setting are the same number (8 and 8.0 are)."""
+    try:
+        if kind == "ints":
+            return len(a) == len(b) and all(int(x) == int(y) for x, y in zip(a, b))
+        return float(a) == float(b)
+    except (TypeError, ValueError):
+        return _text(kind, a) == _text(kind, b)
+
+
 class Settings:
     """Settings of one run: the ini keys of ``dhc segment --config``, as attributes.
 
@@ -179,13 +189,13 @@ class Settings:
     def __eq__(self, other: object) -> bool:
         if not isinstance(other, Settings):
             return NotImplemented
-        return all(_text(k, getattr(self, a)) == _text(k, getattr(other, a)) for a, _s, _k, k, _d in _SETTINGS)
+        return all(_same(k, getattr(self, a), getattr(other, a)) for a, _s, _k, k, _d in _SETTINGS)
 
     def __repr__(self) -> str:
         changed = [
             f"{a}={getattr(self, a)!r}"
             for a, _s, _k, kind, d in _SETTINGS
-            if _text(kind, getattr(self, a)) != _text(kind, list(d) if isinstance(d, tuple) else d)
+            if not _same(kind, getattr(self, a), d)
         ]
         return "dhc.Settings(" + ", ".join(changed) + ")"
 
@@ -277,12 +287,12 @@ def _plane(value: Any, name: str, rows: int, cols: int) -> Optional[np.ndarray]:
 
 def _integers(value: Any, name: str) -> np.ndarray:
     a = np.asarray(value)
-    if a.dtype.kind == "f" or a.dtype.kind == "c":
+    if name == "image" and a.dtype.kind in "fc":
         raise TypeError(
-            f"{name} has dtype {a.dtype}; dhc segments integer values: scale them to integers first, "
-            f"e.g. np.round({name} * 1000).astype(np.int32)")
+            f"image has dtype {a.dtype}; dhc segments integer values: scale them to integers first, "
+            f"e.g. np.round(image * 1000).astype(np.int32)")
     if a.dtype.kind not in "iub":
-        raise TypeError(f"{name} has dtype {a.dtype}; an integer array is expected")
+        raise TypeError(f"{name} has dtype {a.dtype}; an integer or bool array is expected")
     return a
 
 

@@ -268,6 +268,16 @@ py::dict regionDict(const RegionData& d) {
     return out;
 }
 
+// dhc.Error for a fatal condition; called with the GIL held.
+[[noreturn]] void raiseFatal(const FatalCondition& f) {
+    py::object error = py::reinterpret_borrow<py::object>(g_error)(
+        f.message.empty() ? "fatal condition of the segmenter (status " + std::to_string(f.status) + ")"
+                          : f.message);
+    error.attr("status") = f.status;
+    PyErr_SetObject(g_error, error.ptr());
+    throw py::error_already_set();
+}
+
 py::dict segment(const py::array& image, const py::object& mask, const py::object& init, const py::object& gt,
                  const std::vector<Entry>& entries, const py::object& progress) {
     requireLayout(image, 3, "image");
@@ -328,12 +338,7 @@ py::dict segment(const py::array& image, const py::object& mask, const py::objec
             for (int i = 0; i < reports.size(); ++i) result.regions.push_back(regionData(reports[i]));
         }
     } catch (const FatalCondition& f) {
-        py::object error = py::reinterpret_borrow<py::object>(g_error)(
-            f.message.empty() ? "fatal condition of the segmenter (status " + std::to_string(f.status) + ")"
-                              : f.message);
-        error.attr("status") = f.status;
-        PyErr_SetObject(g_error, error.ptr());
-        throw py::error_already_set();
+        raiseFatal(f);
     } catch (const CallbackFailed&) {
         throw std::move(*callbackError);
     }
@@ -358,6 +363,21 @@ py::dict segment(const py::array& image, const py::object& mask, const py::objec
         for (const char* key : {"classes", "split_order", "offspring", "regions"}) out[key] = py::none();
     }
     return out;
+}
+
+// Raises the core's fatal condition through the package's handler, as a run
+// would: the tests' way to a fatal condition, which checked settings and
+// inputs no longer reach.
+void fatalProbe(int status, const std::string& message) {
+    try {
+        py::gil_scoped_release noGil;
+        std::lock_guard<std::mutex> lock(runMutex());
+        std::unique_ptr<py::error_already_set> unused;
+        HostGuard guard(nullptr, unused);
+        dhc::fatal(status, message);
+    } catch (const FatalCondition& f) {
+        raiseFatal(f);
+    }
 }
 
 void checkSettings(const std::vector<Entry>& entries) {
@@ -436,6 +456,8 @@ PYBIND11_MODULE(_dhc, m) {
     m.def("segment", &segment, py::arg("image"), py::arg("mask"), py::arg("init"), py::arg("gt"),
           py::arg("entries"), py::arg("progress"),
           "Runs one segmentation on checked int32 arrays; returns a dict of results.");
+    m.def("_fatal", &fatalProbe, py::arg("status"), py::arg("message") = std::string(),
+          "Raises a fatal condition of the core as a run would (for tests).");
     m.def("check_settings", &checkSettings, py::arg("entries"),
           "Checks (SECTION, Key, text, origin) entries as the tool checks its configuration.");
     m.def("read_ini", &readIni, py::arg("path"),
