@@ -261,7 +261,8 @@ class Result:
 
     def __repr__(self) -> str:
         rows, cols = self.labels.shape
-        classes = "no tree" if self.classes is None else f"{len(self.classes)} classes"
+        n = None if self.classes is None else len(self.classes)
+        classes = "no tree" if n is None else f"{n} class" if n == 1 else f"{n} classes"
         return f"dhc.Result({rows} x {cols}, {classes})"
 
 
