@@ -303,7 +303,7 @@ def _int32(a: np.ndarray, name: str) -> np.ndarray:
         low, high = int(a.min()), int(a.max())
         if low < -(2**31) or high >= 2**31:
             raise ValueError(f"{name} holds values outside the int32 range ({low} to {high})")
-    if a.dtype == np.int32 and a.dtype.isnative and (a.shape[-1] <= 1 or a.strides[-1] == 4):
+    if a.dtype == np.int32 and a.dtype.isnative and a.flags.aligned and (a.shape[-1] <= 1 or a.strides[-1] == 4):
         return a
     return np.ascontiguousarray(a, dtype=np.int32)
 

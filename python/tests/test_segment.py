@@ -3,6 +3,7 @@ the consistency of what a Result holds."""
 
 import os
 import subprocess
+import threading
 
 import numpy as np
 import pytest
@@ -64,8 +65,16 @@ def test_layouts_and_dtypes_give_the_same_labels(scene):
     image, truth = scene
     mask, init = maps(truth)
     reference = dhc.segment(image, mask=mask, init=init).labels
+    bands, rows, cols = image.shape
+    padded = np.zeros((bands, 2 * rows, cols + 3), np.int32)  # rows apart, not contiguous
+    padded[:, ::2, 1:cols + 1] = image
+    raw = np.zeros(image.nbytes + 1, np.uint8)
+    unaligned = np.ndarray(image.shape, dtype=np.int32, buffer=raw, offset=1)
+    unaligned[...] = image
     variants = [
         (np.asfortranarray(image), np.asfortranarray(mask), np.asfortranarray(init)),
+        (padded[:, ::2, 1:cols + 1], mask, init),
+        (unaligned, mask, init),
         (image.astype(np.uint8), mask.astype(bool) & (mask == 1), init.astype(np.int64)),
         (image.astype(np.int16).byteswap().view(image.astype(np.int16).dtype.newbyteorder()), mask, init),
         (np.transpose(np.transpose(image, (1, 2, 0)).copy(), (2, 0, 1)), mask, init),  # bands innermost
@@ -124,6 +133,23 @@ def test_progress_reports_every_split_and_may_stop_the_run(scene):
     with pytest.raises(Stop, match="stopped at 2 leaves"):
         dhc.segment(image, progress=stop)
     assert np.array_equal(dhc.segment(image).labels, result.labels)
+
+
+def test_threads_take_turns(scene):
+    image, truth = scene
+    mask, init = maps(truth)
+    expected = [dhc.segment(image).labels, dhc.segment(image, mask=mask, init=init).labels]
+    got = {}
+
+    def run(k):
+        got[k] = dhc.segment(image, progress=lambda *_: None) if k % 2 == 0 else dhc.segment(image, mask=mask, init=init)
+
+    threads = [threading.Thread(target=run, args=(k,)) for k in range(4)]
+    for t in threads:
+        t.start()
+    for t in threads:
+        t.join()
+    assert all(np.array_equal(got[k].labels, expected[k % 2]) for k in range(4))
 
 
 def test_labels_equal_the_mex_modules(scene, tmp_path):
