@@ -1,11 +1,14 @@
 # dhc: two commands set up everything on a fresh Debian machine.
-#   make test   install what is missing, build in build/, run every test (Octave included)
+#   make test   install what is missing, build in build/, run every test (Octave and Python included)
 #   make demo   build and segment the bundled synthetic scene; writes labels, report and a PNG
 
 BUILD     ?= build
 JOBS      ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_ARGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
-DEB_PACKAGES := g++ cmake make libgtest-dev libbenchmark-dev libeigen3-dev libpng-dev octave liboctave-dev valgrind
+# The Python package is built for and tested with Debian's interpreter (numpy, pytest).
+PYTHON    ?= /usr/bin/python3
+DEB_PACKAGES := g++ cmake make libgtest-dev libbenchmark-dev libeigen3-dev libpng-dev octave liboctave-dev valgrind \
+                python3-dev python3-numpy python3-pytest python3-setuptools python3-pip pybind11-dev python3-gdal
 
 .PHONY: all deps configure build test demo bench clean
 
@@ -26,7 +29,7 @@ deps:
 	fi
 
 configure: deps
-	cmake -S . -B $(BUILD) $(CMAKE_ARGS)
+	cmake -S . -B $(BUILD) -DPython3_EXECUTABLE=$(PYTHON) $(CMAKE_ARGS)
 
 build: configure
 	cmake --build $(BUILD) -j $(JOBS)

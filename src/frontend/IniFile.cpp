@@ -234,8 +234,17 @@ void IniFile::applyOverride(const std::string& assignment) {
     if (text.find_first_of("\r\n") != std::string::npos)
         throw InputError(kExitUsage, where + ": the value must be on one line");
     checkValue(*setting, text, where, kExitUsage);
+    assign(section, key, text, where);
+}
 
-    const Line line{key + "=" + text, where};
+void IniFile::assign(const std::string& section, const std::string& key, const std::string& text,
+                     const std::string& origin) {
+    if (findSetting(section, key) == nullptr)
+        throw InputError(kExitInput, origin + ": unknown setting " + section + "." + key);
+    if (text.find_first_of("\r\n") != std::string::npos)
+        throw InputError(kExitInput, origin + ": the value must be on one line");
+    const Line line{key + "=" + text, origin};
+    const std::string& where = origin;
     const int s = sectionLine(section);
     if (s < 0) {
         if (!lines_.empty() && !isEmpty(lines_.back().text)) lines_.push_back({"", where});

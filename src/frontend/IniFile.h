@@ -44,6 +44,13 @@ class IniFile {
     // malformed values are usage errors naming the override.
     void applyOverride(const std::string& assignment);
 
+    // Sets SECTION.Key of a known setting to text the way applyOverride does,
+    // on behalf of origin, which names the value in the messages of check()
+    // (the Python package passes "settings.beta_max").  The value itself is
+    // checked by check(); a value of more than one line is an InputError.
+    void assign(const std::string& section, const std::string& key, const std::string& text,
+                const std::string& origin);
+
     // Checks that the library's reader will read every value the way it is
     // meant (well-formed numbers, arrays of the lengths it takes); throws an
     // InputError (status kExitInput) naming the file and line of the first

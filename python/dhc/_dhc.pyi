@@ -1,0 +1,24 @@
+# Types of the compiled half of the package; use the functions of dhc instead.
+from typing import Any, Callable, Dict, List, Optional, Tuple
+
+import numpy as np
+import numpy.typing as npt
+
+_Entry = Tuple[str, str, str, str]  # SECTION, Key, value text, origin named in messages
+
+class Error(RuntimeError):
+    status: int
+
+settings_table: List[Tuple[str, str, str]]  # SECTION, Key, kind ("flag", "int", "float", "ints")
+
+def segment(
+    image: npt.NDArray[np.int32],
+    mask: Optional[npt.NDArray[np.int32]],
+    init: Optional[npt.NDArray[np.int32]],
+    gt: Optional[npt.NDArray[np.int32]],
+    entries: List[_Entry],
+    progress: Optional[Callable[[int, int], Any]],
+) -> Dict[str, Any]: ...
+def check_settings(entries: List[_Entry]) -> None: ...
+def read_ini(path: str) -> Dict[str, Any]: ...
+def _fatal(status: int, message: str = ...) -> None: ...

@@ -1,0 +1,479 @@
+// dhc._dhc: the compiled half of the Python package.
+//
+// A thin layer over src/frontend: the settings go through the tool's
+// configuration check, the region of interest is built by prepareRun, the run
+// is runSegmentation, and the tree is handed out through TreeOutput.  The
+// Python half (dhc/__init__.py) checks and converts the arrays and wraps the
+// results; this file only sees int32 arrays whose last axis is contiguous.
+//
+// The core keeps process-wide state (the fatal handler, the progress hook, the
+// output stream, the shuffle's random sequence): runs are serialised by one
+// mutex, taken after the GIL is released so that a waiting thread never holds
+// the GIL.
+
+#include <pybind11/numpy.h>
+#include <pybind11/pybind11.h>
+#include <pybind11/stl.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <ostream>
+#include <sstream>
+#include <streambuf>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "driver/DHC.h"
+#include "driver/DHC_OUT.h"
+#include "frontend/IniFile.h"
+#include "frontend/InputError.h"
+#include "frontend/Segmentation.h"
+#include "frontend/SettingsCheck.h"
+#include "frontend/TreeOutput.h"
+#include "settings/DHC_SET.h"
+#include "settings/Fatal.h"
+#include "workspace/WSReport.h"
+
+namespace py = pybind11;
+
+namespace {
+
+// The largest image side: pixel coordinates are 16-bit.
+constexpr py::ssize_t kMaxSide = 65535;
+
+// SECTION, Key, value text, origin named in messages (e.g. "settings.beta_max").
+using Entry = std::tuple<std::string, std::string, std::string, std::string>;
+
+// A fatal condition of the core, carried out of it by unwinding.
+struct FatalCondition {
+    int status;
+    std::string message;
+};
+
+[[noreturn]] void throwFatal(int status, const std::string& message, dhc::FatalChannel) {
+    throw FatalCondition{status, message};
+}
+
+// The progress callable raised (or a signal arrived): the Python error is
+// kept until the GIL is held again outside the core.
+struct CallbackFailed {};
+
+PyObject* g_error = nullptr;  // dhc.Error
+
+std::mutex& runMutex() {
+    static std::mutex m;
+    return m;
+}
+
+// The settings record of a run from dhc.Settings entries, checked exactly as
+// the tool checks its configuration.  The one place the package validates
+// settings; InputError carries the tool's message.
+std::unique_ptr<DHC_SET> checkedSettings(const std::vector<Entry>& entries) {
+    IniFile ini("dhc.Settings", "");
+    for (const Entry& e : entries) ini.assign(std::get<0>(e), std::get<1>(e), std::get<2>(e), std::get<3>(e));
+    ini.check();
+    std::unique_ptr<DHC_SET> settings = readSettings(ini);
+    dhc::checkSettings(*settings, [&ini](const char* section, const char* key) { return ini.origin(section, key); });
+    return settings;
+}
+
+// Sends dhc::out() to Python's sys.stdout, one line at a time (the GIL is
+// taken for each line; the run itself goes on without it).
+class PythonStdoutBuf : public std::streambuf {
+  public:
+    ~PythonStdoutBuf() override { flushLine(); }
+    void flushLine() {
+        if (line_.empty()) return;
+        py::gil_scoped_acquire gil;
+        try {
+            py::module_::import("sys").attr("stdout").attr("write")(line_);
+        } catch (py::error_already_set&) {
+            // No usable sys.stdout: the line is dropped, the run goes on.
+        }
+        line_.clear();
+    }
+
+  protected:
+    int overflow(int c) override {
+        if (c == traits_type::eof()) return traits_type::not_eof(c);
+        line_.push_back(static_cast<char>(c));
+        if (c == '\n') flushLine();
+        return c;
+    }
+    int sync() override {
+        flushLine();
+        return 0;
+    }
+
+  private:
+    std::string line_;
+};
+
+// Installs the package's fatal handler, output stream and progress hook for
+// one run (GIL released) and restores the previous ones however the run ends.
+class HostGuard {
+  public:
+    HostGuard(PyObject* progress, std::unique_ptr<py::error_already_set>& callbackError) : console_(&buf_) {
+        previousOut_ = dhc::setOut(&console_);
+        previousHandler_ = dhc::setFatalHandler(&throwFatal);
+        // The hook runs without the GIL; it takes it, lets pending signals
+        // (Ctrl-C) stop the run and calls the progress callable.
+        DHC::setProgress([progress, &callbackError](int leaves, int label) {
+            py::gil_scoped_acquire gil;
+            try {
+                if (PyErr_CheckSignals() != 0) throw py::error_already_set();
+                if (progress != nullptr) py::handle{progress}(leaves, label);
+            } catch (py::error_already_set& e) {
+                callbackError = std::make_unique<py::error_already_set>(std::move(e));
+                throw CallbackFailed{};
+            }
+        });
+    }
+    ~HostGuard() {
+        DHC::setProgress(nullptr);
+        console_.flush();
+        buf_.flushLine();
+        dhc::setFatalHandler(previousHandler_);
+        dhc::setOut(previousOut_);
+    }
+    HostGuard(const HostGuard&) = delete;
+    HostGuard& operator=(const HostGuard&) = delete;
+
+  private:
+    PythonStdoutBuf buf_;
+    std::ostream console_;
+    std::ostream* previousOut_ = nullptr;
+    dhc::FatalHandler previousHandler_ = nullptr;
+};
+
+// Row pointers into an int32 array whose last axis is contiguous: no copy.
+struct RowPointers {
+    std::vector<int*> rows;
+    std::vector<int**> bands;
+};
+
+RowPointers rowPointers(const py::array& a, py::ssize_t nBands, py::ssize_t nRows) {
+    RowPointers p;
+    const bool cube = a.ndim() == 3;
+    char* base = static_cast<char*>(const_cast<void*>(a.data()));
+    const py::ssize_t bandStride = cube ? a.strides(0) : 0;
+    const py::ssize_t rowStride = a.strides(cube ? 1 : 0);
+    p.rows.resize(static_cast<size_t>(nBands * nRows));
+    p.bands.resize(static_cast<size_t>(nBands));
+    for (py::ssize_t b = 0; b < nBands; ++b) {
+        for (py::ssize_t r = 0; r < nRows; ++r)
+            p.rows[static_cast<size_t>(b * nRows + r)] =
+                reinterpret_cast<int*>(base + b * bandStride + r * rowStride);
+        p.bands[static_cast<size_t>(b)] = &p.rows[static_cast<size_t>(b * nRows)];
+    }
+    return p;
+}
+
+// What dhc/__init__.py promises: int32, the given rank, last axis contiguous.
+void requireLayout(const py::array& a, int ndim, const char* name) {
+    if (!py::isinstance<py::array_t<int32_t>>(a) || a.ndim() != ndim ||
+        (a.shape(ndim - 1) > 1 && a.strides(ndim - 1) != static_cast<py::ssize_t>(sizeof(int32_t))))
+        throw py::value_error(std::string("dhc._dhc: ") + name + " must be an int32 array of rank " +
+                              std::to_string(ndim) + " with a contiguous last axis (use dhc.segment)");
+}
+
+// A numpy array that takes over a vector's storage.
+py::array_t<int32_t> adopt(std::vector<int>&& values, std::vector<py::ssize_t> shape) {
+    auto* owned = new std::vector<int>(std::move(values));
+    py::capsule free(owned, [](void* p) { delete static_cast<std::vector<int>*>(p); });
+    return py::array_t<int32_t>(shape, owned->data(), free);
+}
+
+template <typename T>
+py::array_t<T> vectorArray(const T* values, int n) {
+    py::array_t<T> a(n > 0 ? n : 0);
+    for (int i = 0; i < n; ++i) a.mutable_at(i) = values[i];
+    return a;
+}
+
+// Everything a run hands back, built without the GIL.
+struct RegionData {
+    int label, depth, area, edges, bands;
+    bool split, terminal, textureBased;
+    double beta, sgBasic, sgTex, sgSpec, energy;
+    std::vector<int> path, children, offspring, childAreas;
+    std::vector<double> mean, covariance;  // covariance row-major, bands x bands
+    bool hasMean, hasCovariance;
+};
+
+struct RunResult {
+    std::vector<int> labels, fragments;
+    bool hasFragments = false, hasTree = false;
+    dhc::SplitSummary summary;
+    std::vector<RegionData> regions;
+};
+
+RegionData regionData(const WSReport& r) {
+    RegionData d;
+    d.label = r.WSLab;
+    d.depth = r.pathLength;
+    d.area = r.area;
+    d.edges = r.edges;
+    d.bands = r.nBands;
+    d.split = r.split;
+    d.terminal = r.terminal;
+    d.textureBased = r.textureBased;
+    d.beta = r.beta;
+    d.sgBasic = r.splitGainTFR;
+    d.sgTex = r.mixtureSplitGainTFR;
+    d.sgSpec = r.splitGainMRF;
+    d.energy = r.totalLikelihoodEnergy;
+    if (r.path != nullptr) d.path.assign(r.path, r.path + r.pathLength);
+    if (r.children != nullptr) d.children.assign(r.children, r.children + r.nChildren);
+    if (r.offspring != nullptr) d.offspring.assign(r.offspring, r.offspring + r.nOffspring);
+    if (r.chAreas != nullptr) d.childAreas.assign(r.chAreas, r.chAreas + r.nChildren);
+    d.hasMean = r.mean != nullptr;
+    if (d.hasMean) d.mean.assign(r.mean, r.mean + r.nBands);
+    d.hasCovariance = r.covariance != nullptr;
+    if (d.hasCovariance)
+        for (int i = 0; i < r.nBands; ++i)
+            d.covariance.insert(d.covariance.end(), r.covariance[i], r.covariance[i] + r.nBands);
+    return d;
+}
+
+py::dict regionDict(const RegionData& d) {
+    py::dict out;
+    out["label"] = d.label;
+    out["depth"] = d.depth;
+    out["path"] = vectorArray(d.path.data(), static_cast<int>(d.path.size()));
+    out["children"] = vectorArray(d.children.data(), static_cast<int>(d.children.size()));
+    out["offspring"] = vectorArray(d.offspring.data(), static_cast<int>(d.offspring.size()));
+    out["split"] = d.split;
+    out["is_terminal"] = d.terminal;
+    out["beta"] = d.beta;
+    out["edges"] = d.edges;
+    out["texture_based"] = d.textureBased;
+    out["sg_basic"] = d.sgBasic;
+    out["sg_tex"] = d.sgTex;
+    out["sg_spec"] = d.sgSpec;
+    out["area"] = d.area;
+    out["child_areas"] = vectorArray(d.childAreas.data(), static_cast<int>(d.childAreas.size()));
+    out["total_likelihood_energy"] = d.energy;
+    out["bands"] = d.bands;
+    out["mean"] = d.hasMean ? py::object(vectorArray(d.mean.data(), d.bands)) : py::object(py::none());
+    if (d.hasCovariance) {
+        py::array_t<double> sigma({static_cast<py::ssize_t>(d.bands), static_cast<py::ssize_t>(d.bands)});
+        std::copy(d.covariance.begin(), d.covariance.end(), sigma.mutable_data());
+        out["covariance"] = sigma;
+    } else {
+        out["covariance"] = py::none();
+    }
+    return out;
+}
+
+// dhc.Error for a fatal condition; called with the GIL held.
+[[noreturn]] void raiseFatal(const FatalCondition& f) {
+    py::object error = py::reinterpret_borrow<py::object>(g_error)(
+        f.message.empty() ? "fatal condition of the segmenter (status " + std::to_string(f.status) + ")"
+                          : f.message);
+    error.attr("status") = f.status;
+    PyErr_SetObject(g_error, error.ptr());
+    throw py::error_already_set();
+}
+
+py::dict segment(const py::array& image, const py::object& mask, const py::object& init, const py::object& gt,
+                 const std::vector<Entry>& entries, const py::object& progress) {
+    requireLayout(image, 3, "image");
+    const py::ssize_t bands = image.shape(0), rows = image.shape(1), cols = image.shape(2);
+    if (bands < 1 || rows < 1 || cols < 1) throw py::value_error("image is empty");
+    if (rows > kMaxSide || cols > kMaxSide)
+        throw py::value_error("image has a side above " + std::to_string(kMaxSide) + " pixels");
+    auto plane = [&](const py::object& o, const char* name) -> py::array {
+        if (o.is_none()) return py::array();
+        py::array a = py::reinterpret_borrow<py::array>(o);
+        requireLayout(a, 2, name);
+        if (a.shape(0) != rows || a.shape(1) != cols)
+            throw py::value_error(std::string("dhc._dhc: ") + name + " is not of the image's size");
+        return a;
+    };
+    const py::array maskArray = plane(mask, "mask"), initArray = plane(init, "init"),
+                    gtArray = plane(gt, "gt");
+
+    std::unique_ptr<DHC_SET> settings = checkedSettings(entries);
+    if (settings->supervisedMode && gt.is_none())
+        throw py::value_error("supervised mode (supervised_mode=True) needs a ground truth: gt=...");
+    if (!settings->supervisedMode && !gt.is_none())
+        throw py::value_error("gt is used only in supervised mode (set supervised_mode=True)");
+
+    RowPointers cube = rowPointers(image, bands, rows);
+    RowPointers maskRows, initRows, gtRows;
+    if (!mask.is_none()) maskRows = rowPointers(maskArray, 1, rows);
+    if (!init.is_none()) initRows = rowPointers(initArray, 1, rows);
+    if (!gt.is_none()) gtRows = rowPointers(gtArray, 1, rows);
+    auto first = [](RowPointers& p) { return p.bands.empty() ? nullptr : p.bands[0]; };
+
+    dhc::RunNames names;
+    names.gt = "gt";
+    names.classCount = "number_of_classes";
+    const int nRows = static_cast<int>(rows), nCols = static_cast<int>(cols);
+    std::unique_ptr<py::error_already_set> callbackError;
+    RunResult result;
+    try {
+        py::gil_scoped_release noGil;
+        std::lock_guard<std::mutex> lock(runMutex());
+        HostGuard guard(progress.is_none() ? nullptr : progress.ptr(), callbackError);
+        dhc::PreparedRun run =
+            dhc::prepareRun(nRows, nCols, static_cast<int>(bands), cube.bands.data(), first(maskRows),
+                            first(initRows), first(gtRows), *settings, names);
+        const int points = run.roi->count;
+        DHC_OUT out = dhc::runSegmentation(run, *settings);
+        run = dhc::PreparedRun();
+        if (out.labelRoi == nullptr || out.labelRoi->count != points || out.dhc == nullptr)
+            throw FatalCondition{-1, "the segmentation produced no label map"};
+        result.labels = dhc::fullFrame(*out.labelRoi, nRows, nCols);
+        result.hasFragments = dhc::hasFragmentOutput(*settings) && out.fragRoi != nullptr;
+        if (result.hasFragments) result.fragments = dhc::fullFrame(*out.fragRoi, nRows, nCols);
+        result.hasTree = dhc::hasTreeOutput(*settings);
+        if (result.hasTree) {
+            const dhc::RegionReports reports(*out.dhc);
+            result.summary = dhc::summarizeSplits(*out.dhc, reports);
+            result.regions.reserve(static_cast<size_t>(reports.size()));
+            for (int i = 0; i < reports.size(); ++i) result.regions.push_back(regionData(reports[i]));
+        }
+    } catch (const FatalCondition& f) {
+        raiseFatal(f);
+    } catch (const CallbackFailed&) {
+        throw std::move(*callbackError);
+    }
+
+    py::dict out;
+    const std::vector<py::ssize_t> frame{rows, cols};
+    out["labels"] = adopt(std::move(result.labels), frame);
+    out["fragments"] =
+        result.hasFragments ? py::object(adopt(std::move(result.fragments), frame)) : py::none();
+    if (result.hasTree) {
+        const dhc::SplitSummary& s = result.summary;
+        out["classes"] = vectorArray(s.classes.data(), static_cast<int>(s.classes.size()));
+        out["split_order"] = vectorArray(s.splitOrder.data(), static_cast<int>(s.splitOrder.size()));
+        py::array_t<int32_t> offspring(
+            {static_cast<py::ssize_t>(s.splitOrder.size()), static_cast<py::ssize_t>(s.classes.size())});
+        std::copy(s.offspring.begin(), s.offspring.end(), offspring.mutable_data());
+        out["offspring"] = offspring;
+        py::list regions;
+        for (const RegionData& d : result.regions) regions.append(regionDict(d));
+        out["regions"] = regions;
+    } else {
+        for (const char* key : {"classes", "split_order", "offspring", "regions"}) out[key] = py::none();
+    }
+    return out;
+}
+
+// Raises the core's fatal condition through the package's handler, as a run
+// would: the tests' way to a fatal condition, which checked settings and
+// inputs no longer reach.
+void fatalProbe(int status, const std::string& message) {
+    try {
+        py::gil_scoped_release noGil;
+        std::lock_guard<std::mutex> lock(runMutex());
+        std::unique_ptr<py::error_already_set> unused;
+        HostGuard guard(nullptr, unused);
+        dhc::fatal(status, message);
+    } catch (const FatalCondition& f) {
+        raiseFatal(f);
+    }
+}
+
+void checkSettings(const std::vector<Entry>& entries) {
+    checkedSettings(entries);
+}
+
+// Strings of a checked configuration, read with the library's number rules.
+long parseLong(const std::string& text) {
+    return std::strtol(text.c_str(), nullptr, 10);
+}
+
+// The values of a checked ini file, by "SECTION.Key"; keys absent from the
+// file are absent from the dict.
+py::dict readIni(const std::string& path) {
+    IniFile ini = [&] {
+        try {
+            return IniFile::fromFile(path);
+        } catch (const InputError& e) {
+            PyErr_SetString(PyExc_OSError, e.what());
+            throw py::error_already_set();
+        }
+    }();
+    ini.check();
+    py::dict out;
+    for (const IniFile::Setting& s : IniFile::settings()) {
+        std::string text;
+        if (!ini.value(s.section, s.key, text)) continue;
+        const std::string name = std::string(s.section) + "." + s.key;
+        switch (s.kind) {
+            case IniFile::Kind::Flag:
+                out[name.c_str()] = parseLong(text) != 0;
+                break;
+            case IniFile::Kind::Int:
+                out[name.c_str()] = parseLong(text);
+                break;
+            case IniFile::Kind::Double:
+                out[name.c_str()] = std::strtod(text.c_str(), nullptr);
+                break;
+            case IniFile::Kind::IntArray: {
+                std::string inner = text.substr(text.find('{') + 1);
+                inner = inner.substr(0, inner.rfind('}'));
+                std::istringstream items(inner);
+                py::list values;
+                std::string item;
+                while (items >> item) values.append(parseLong(item));
+                out[name.c_str()] = values;
+                break;
+            }
+        }
+    }
+    return out;
+}
+
+}  // namespace
+
+PYBIND11_MODULE(_dhc, m) {
+    m.doc() = "Compiled core of the dhc package; use the functions of the dhc package instead.";
+
+    g_error =
+        PyErr_NewExceptionWithDoc("dhc.Error",
+                                  "A fatal condition of the segmenter.  .status holds its exit status (the\n"
+                                  "command-line tool would have ended with it); the call's memory has been\n"
+                                  "freed and the next call runs normally.",
+                                  PyExc_RuntimeError, nullptr);
+    if (g_error == nullptr) throw py::error_already_set();
+    m.attr("Error") = py::handle(g_error);
+
+    py::register_exception_translator([](std::exception_ptr p) {
+        try {
+            if (p) std::rethrow_exception(p);
+        } catch (const InputError& e) {
+            PyErr_SetString(PyExc_ValueError, e.what());
+        }
+    });
+
+    m.def("segment", &segment, py::arg("image"), py::arg("mask"), py::arg("init"), py::arg("gt"),
+          py::arg("entries"), py::arg("progress"),
+          "Runs one segmentation on checked int32 arrays; returns a dict of results.");
+    m.def("_fatal", &fatalProbe, py::arg("status"), py::arg("message") = std::string(),
+          "Raises a fatal condition of the core as a run would (for tests).");
+    m.def("check_settings", &checkSettings, py::arg("entries"),
+          "Checks (SECTION, Key, text, origin) entries as the tool checks its configuration.");
+    m.def("read_ini", &readIni, py::arg("path"),
+          "Reads and checks an ini file; returns its values by 'SECTION.Key'.");
+    m.attr("settings_table") = [] {
+        py::list table;
+        for (const IniFile::Setting& s : IniFile::settings()) {
+            const char* kind = s.kind == IniFile::Kind::Flag     ? "flag"
+                               : s.kind == IniFile::Kind::Int    ? "int"
+                               : s.kind == IniFile::Kind::Double ? "float"
+                                                                 : "ints";
+            table.append(py::make_tuple(s.section, s.key, kind));
+        }
+        return table;
+    }();
+}

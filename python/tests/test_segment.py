@@ -1,0 +1,179 @@
+"""dhc.segment against the command-line tool and the MATLAB/Octave module, and
+the consistency of what a Result holds."""
+
+import os
+import subprocess
+import threading
+
+import numpy as np
+import pytest
+
+import dhc
+from conftest import SOURCE_DIR, read_hraw, run_tool, write_hraw
+
+# A mask with a hole and a stray value (only 1 selects), an initial
+# segmentation with unlabelled rows.
+def maps(truth):
+    mask = np.ones(truth.shape, np.int32)
+    mask[:, :6] = 0
+    mask[40:50, 40:50] = 2
+    init = 1 + (truth > 2).astype(np.int32)
+    init[:4] = 0
+    return mask, init
+
+
+def test_labels_equal_the_tools(scene, tmp_path):
+    image, truth = scene
+    mask, init = maps(truth)
+    write_hraw(tmp_path / "mask.hraw", mask)
+    write_hraw(tmp_path / "init.hraw", init)
+    gt = truth
+    cases = [
+        ("defaults", {}, {}, []),
+        ("mask and init", dict(mask=mask, init=init), dict(max_number_of_classes=3, min_region_area=16),
+         ["--mask", tmp_path / "mask.hraw", "--init", tmp_path / "init.hraw",
+          "--set", "UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=3", "--set", "UNSUPERVISED_MODE_CONF.MinRegionArea=16"]),
+        ("init only", dict(init=init), {}, ["--init", tmp_path / "init.hraw"]),
+        ("supervised", dict(gt=gt),
+         dict(supervised_mode=True, number_of_classes=4, structure_levels=[2, 2, 2, 2],
+              structure_paths=[0, 0, 0, 1, 1, 0, 1, 1]),
+         ["--gt", tmp_path / "gt.hraw", "--set", "SEGM_MAIN_CONFIGURATION.SupervisedMode=1",
+          "--set", "SUPERVISED_MODE_CONF.NumberOfClasses=4",
+          "--set", "SUPERVISED_MODE_CONF.StructureLevels={2 2 2 2}",
+          "--set", "SUPERVISED_MODE_CONF.StructurePaths={0 0 0 1 1 0 1 1}"]),
+    ]
+    write_hraw(tmp_path / "gt.hraw", gt)
+    for name, inputs, settings, args in cases:
+        result = dhc.segment(image, settings=dhc.Settings(**settings), **inputs)
+        expected = run_tool(tmp_path, image, *args, name=name.replace(" ", "_"))
+        assert result.labels.dtype == np.int32 and result.labels.shape == truth.shape, name
+        assert result.labels.tobytes() == expected.astype(np.int32).tobytes(), name
+
+
+def test_fragments_equal_the_tools(scene, tmp_path):
+    image, _ = scene
+    result = dhc.segment(image, settings=dhc.Settings(fragmentation=True))
+    frag = tmp_path / "frag.hraw"
+    labels = run_tool(tmp_path, image, "--set", "UNSUPERVISED_MODE_CONF.Fragmentation=1", "--fragments", frag)
+    assert np.array_equal(result.labels, labels)
+    assert np.array_equal(result.fragments, read_hraw(frag)[0])
+    # No tree once the map is cut into pieces, as in the MATLAB one-output call.
+    assert result.classes is None and result.regions is None and result.offspring is None
+
+
+def test_layouts_and_dtypes_give_the_same_labels(scene):
+    image, truth = scene
+    mask, init = maps(truth)
+    reference = dhc.segment(image, mask=mask, init=init).labels
+    bands, rows, cols = image.shape
+    padded = np.zeros((bands, 2 * rows, cols + 3), np.int32)  # rows apart, not contiguous
+    padded[:, ::2, 1:cols + 1] = image
+    raw = np.zeros(image.nbytes + 1, np.uint8)
+    unaligned = np.ndarray(image.shape, dtype=np.int32, buffer=raw, offset=1)
+    unaligned[...] = image
+    variants = [
+        (np.asfortranarray(image), np.asfortranarray(mask), np.asfortranarray(init)),
+        (padded[:, ::2, 1:cols + 1], mask, init),
+        (unaligned, mask, init),
+        (image.astype(np.uint8), mask.astype(bool) & (mask == 1), init.astype(np.int64)),
+        (image.astype(np.int16).byteswap().view(image.astype(np.int16).dtype.newbyteorder()), mask, init),
+        (np.transpose(np.transpose(image, (1, 2, 0)).copy(), (2, 0, 1)), mask, init),  # bands innermost
+    ]
+    for img, m, i in variants:
+        assert np.array_equal(dhc.segment(img, mask=m, init=i).labels, reference)
+    # A one-band image may be given as (rows, cols).
+    assert np.array_equal(dhc.segment(image[1]).labels, dhc.segment(image[1:2]).labels)
+
+
+def test_result_describes_one_tree(scene):
+    image, truth = scene
+    mask, _ = maps(truth)
+    result = dhc.segment(image, mask=mask, settings=dhc.Settings(max_number_of_classes=5))
+    labels = result.labels
+    assert np.all(labels[mask != 1] == 0) and np.all(labels[mask == 1] > 0)
+    assert sorted(np.unique(labels[mask == 1])) == sorted(result.classes)
+    by_label = {r.label: r for r in result.regions}
+    root = result.regions[0]
+    assert root.depth == 0 and root.area == np.count_nonzero(mask == 1)
+    leaves = [r.label for r in result.regions if r.is_terminal]
+    assert leaves == list(result.classes)
+    for r in result.regions:
+        if r.is_terminal:
+            assert len(r.children) == 0 and r.area == np.count_nonzero(labels == r.label)
+        else:
+            assert r.area == sum(by_label[c].area for c in r.children)
+            assert list(r.child_areas) == [by_label[c].area for c in r.children]
+        assert r.mean.shape == (4,) and r.covariance.shape == (4, 4)
+        assert np.allclose(r.covariance, r.covariance.T)
+    # Splits in order, each row of offspring the leaves below that split.
+    assert result.offspring.shape == (len(result.split_order), len(result.classes))
+    assert result.split_order[0] == root.label
+    for k, label in enumerate(result.split_order):
+        below = list(by_label[label].offspring)
+        assert list(result.offspring[k, :len(below)]) == below and not result.offspring[k, len(below):].any()
+    # Leaf means are the means of their pixels.
+    leaf = by_label[leaves[0]]
+    assert np.allclose(leaf.mean, image[:, labels == leaf.label].mean(axis=1), rtol=1e-4)
+
+
+def test_progress_reports_every_split_and_may_stop_the_run(scene):
+    image, _ = scene
+    calls = []
+    result = dhc.segment(image, progress=lambda leaves, label: calls.append((leaves, label)))
+    assert [label for _, label in calls] == sorted(set(label for _, label in calls), key=[l for _, l in calls].index)
+    assert {label for _, label in calls} == set(result.split_order)
+    assert calls[-1][0] == len(result.classes)
+
+    class Stop(Exception):
+        pass
+
+    def stop(leaves, label):
+        raise Stop(f"stopped at {leaves} leaves")
+
+    with pytest.raises(Stop, match="stopped at 2 leaves"):
+        dhc.segment(image, progress=stop)
+    assert np.array_equal(dhc.segment(image).labels, result.labels)
+
+
+def test_threads_take_turns(scene):
+    image, truth = scene
+    mask, init = maps(truth)
+    expected = [dhc.segment(image).labels, dhc.segment(image, mask=mask, init=init).labels]
+    got = {}
+
+    def run(k):
+        got[k] = dhc.segment(image, progress=lambda *_: None) if k % 2 == 0 else dhc.segment(image, mask=mask, init=init)
+
+    threads = [threading.Thread(target=run, args=(k,)) for k in range(4)]
+    for t in threads:
+        t.start()
+    for t in threads:
+        t.join()
+    assert all(np.array_equal(got[k].labels, expected[k % 2]) for k in range(4))
+
+
+def test_labels_equal_the_mex_modules(scene, tmp_path):
+    octave, mex_dir = os.environ.get("DHC_OCTAVE"), os.environ.get("DHC_MEX_DIR")
+    if not octave or not mex_dir:
+        pytest.skip("the Octave module is not built")
+    image, truth = scene
+    mask, _ = maps(truth)
+    write_hraw(tmp_path / "image.hraw", image)
+    write_hraw(tmp_path / "mask.hraw", mask)
+    out = tmp_path / "mex_labels.hraw"
+    script = f"""1;
+      function c = rd(file)
+        f = fopen(file, 'r', 'ieee-le'); h = fread(f, 3, 'int32')';
+        c = permute(reshape(fread(f, prod(h), 'int32'), h(3), h(2), h(1)), [2 1 3]); fclose(f);
+      end
+      s = DhcSettings(); s.unsupSet.classicSet.maxNumberOfClasses = 5;
+      [o, ~, ~] = dhc(DhcProblem(rd('{tmp_path}/image.hraw'), [], rd('{tmp_path}/mask.hraw')), s);
+      f = fopen('{out}', 'w', 'ieee-le'); fwrite(f, [1 size(o.segmentation)], 'int32');
+      fwrite(f, o.segmentation', 'int32'); fclose(f);
+    """
+    (tmp_path / "mex_run.m").write_text(script)
+    subprocess.run([octave, "--no-window-system", "--quiet", "--norc", "--eval",
+                    f"addpath('{mex_dir}', '{SOURCE_DIR / 'matlab'}', '{tmp_path}'); source('{tmp_path}/mex_run.m');"],
+                   check=True, capture_output=True, timeout=300)
+    result = dhc.segment(image, mask=mask, settings=dhc.Settings(max_number_of_classes=5))
+    assert result.labels.tobytes() == read_hraw(out)[0].astype(np.int32).tobytes()
