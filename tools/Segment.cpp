@@ -52,14 +52,17 @@ void writeMap(const std::string& path, const std::string& target, std::vector<in
         throw InputError(kExitInput, "cannot write \"" + target + "\" (file system full?)");
 }
 
-// The class counts of the cuts, "1, 3 and 5".
-std::string cutSizes(const dhc::Hierarchy& h) {
-    std::string text;
+// Why no cut has `wanted` classes: "the cuts have 1, 3 and 5 classes".
+std::string noCut(const dhc::Hierarchy& h, int wanted) {
+    std::string text = "--cut " + std::to_string(wanted) + ": no cut of the tree has " +
+                       std::to_string(wanted) + " classes (";
+    if (h.splits() == 0) return text + "nothing was split: the only cut has 1 class)";
+    text += "the cuts have ";
     for (int k = 0; k <= h.splits(); ++k) {
         if (k > 0) text += k == h.splits() ? " and " : ", ";
         text += std::to_string(h.leavesAfter(k));
     }
-    return text;
+    return text + " classes)";
 }
 
 }  // namespace
@@ -157,10 +160,7 @@ int runSegment(const SegmentOptions& o) {
     }
     if (o.cut > 0) {
         const int k = tree->splitsForLeaves(o.cut);
-        if (k < 0)
-            throw InputError(kExitInput, "--cut " + std::to_string(o.cut) + ": no cut of the tree has " +
-                                             std::to_string(o.cut) + " classes (the cuts have " +
-                                             cutSizes(*tree) + " classes)");
+        if (k < 0) throw InputError(kExitInput, noCut(*tree, o.cut));
         labels = tree->cut(k);
     }
     writeMap(labelsTmp, o.output, labels, image.rows, image.cols);
