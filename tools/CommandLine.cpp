@@ -39,6 +39,9 @@ const char* const kSegmentUsage =
     "      --levels=FILE      every cut of the tree as a multi-band map: band k after\n"
     "                         k splits (band 0: the region of interest as one class)\n"
     "      --cut=K            write the cut with K classes instead of the final map\n"
+    "      --tree=FILE        the tree of regions as JSON (docs/tree.schema.json)\n"
+    "      --tree-png=FILE    picture of the tree of regions (PNG)\n"
+    "      --tree-svg=FILE    picture of the tree of regions (SVG)\n"
     "  -q, --quiet            no progress lines on standard error\n"
     "  -h, --help             show this help\n"
     "\n"
@@ -166,6 +169,9 @@ SegmentOptions parseSegment(const std::vector<std::string>& args) {
         {"fragments", 0, true, into(s.fragments)},
         {"png", 0, true, into(s.png)},
         {"levels", 0, true, into(s.levels)},
+        {"tree", 0, true, into(s.tree)},
+        {"tree-png", 0, true, into(s.treePng)},
+        {"tree-svg", 0, true, into(s.treeSvg)},
         {"cut", 0, true, [&s](const std::string& v) { s.cut = classCount("--cut", v); }},
         {"quiet", 'q', false, [&s](const std::string&) { s.quiet = true; }},
         {"help", 'h', false, [&s](const std::string&) { s.help = true; }},

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <fstream>
 #include <iomanip>
 #include <iostream>
 #include <memory>
@@ -20,6 +21,7 @@
 #include "frontend/InputError.h"
 #include "frontend/Segmentation.h"
 #include "hierarchy/Hierarchy.h"
+#include "hierarchy/TreeJson.h"
 #include "settings/DHC_SET.h"
 
 namespace {
@@ -50,6 +52,14 @@ void writeMap(const std::string& path, const std::string& target, std::vector<in
     const long long expected = 12 + 4LL * bands * rows * cols;
     if (::stat(path.c_str(), &st) != 0 || st.st_size != expected)
         throw InputError(kExitInput, "cannot write \"" + target + "\" (file system full?)");
+}
+
+// Writes a text file and makes sure all of it reached the file.
+void writeText(const std::string& path, const std::string& target, const std::string& text) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << text;
+    out.flush();
+    if (!out) throw InputError(kExitInput, "cannot write \"" + target + "\" (file system full?)");
 }
 
 // Why no cut has `wanted` classes: "the cuts have 1, 3 and 5 classes".
@@ -96,14 +106,20 @@ int runSegment(const SegmentOptions& o) {
     if (!o.report.empty() && !treeOutput)
         throw InputError(kExitInput,
                          "--report is not available with Fragmentation=1 or SplitwiseDisconnect=1");
-    if (!o.levels.empty() && !treeOutput)
-        throw InputError(kExitInput,
-                         "--levels is not available with Fragmentation=1 or SplitwiseDisconnect=1: the tree "
-                         "does not describe the final map");
-    if (o.cut > 0 && !treeOutput)
-        throw InputError(kExitInput,
-                         "--cut is not available with Fragmentation=1 or SplitwiseDisconnect=1: the tree "
-                         "does not describe the final map");
+    const std::pair<bool, const char*> treeOptions[] = {{!o.levels.empty(), "--levels"},
+                                                        {o.cut > 0, "--cut"},
+                                                        {!o.tree.empty(), "--tree"},
+                                                        {!o.treePng.empty(), "--tree-png"},
+                                                        {!o.treeSvg.empty(), "--tree-svg"}};
+    bool wantsTree = false;
+    for (const auto& [given, name] : treeOptions) {
+        if (given && !treeOutput)
+            throw InputError(kExitInput,
+                             std::string(name) +
+                                 " is not available with Fragmentation=1 or SplitwiseDisconnect=1: "
+                                 "the tree does not describe the final map");
+        wantsTree = wantsTree || given;
+    }
     if (!o.fragments.empty() && !fragmentOutput)
         throw InputError(kExitInput, "--fragments needs Fragmentation=1 and SplitwiseDisconnect=0");
 
@@ -114,6 +130,7 @@ int runSegment(const SegmentOptions& o) {
     const std::string fragmentsTmp = o.fragments.empty() ? std::string() : outputs.add(o.fragments);
     const std::string pngTmp = o.png.empty() ? std::string() : outputs.add(o.png);
     const std::string levelsTmp = o.levels.empty() ? std::string() : outputs.add(o.levels);
+    const std::string treeTmp = o.tree.empty() ? std::string() : outputs.add(o.tree);
 
     // 5. The region of interest, exactly as the gateway builds it; the input
     // planes go as soon as the core holds its copies.
@@ -151,7 +168,7 @@ int runSegment(const SegmentOptions& o) {
     // 7. The outputs, then the renames.
     std::vector<int> labels = dhc::fullFrame(*out.labelRoi, image.rows, image.cols);
     std::unique_ptr<dhc::Hierarchy> tree;
-    if (o.cut > 0 || !levelsTmp.empty()) {
+    if (wantsTree) {
         try {
             tree = std::make_unique<dhc::Hierarchy>(dhc::Hierarchy::fromRun(out, *settings));
         } catch (const dhc::HierarchyError& e) {
@@ -174,6 +191,7 @@ int runSegment(const SegmentOptions& o) {
         std::vector<int> stack = tree->levels();
         writeMap(levelsTmp, o.levels, stack, image.rows, image.cols, tree->splits() + 1);
     }
+    if (!treeTmp.empty()) writeText(treeTmp, o.tree, dhc::treeJsonText(*tree, *settings, "dhc", DHC_VERSION));
     if (!pngTmp.empty()) writeLabelPng(pngTmp, labels, image.rows, image.cols);
     outputs.commit();
 
