@@ -21,7 +21,9 @@
 #include "frontend/InputError.h"
 #include "frontend/Segmentation.h"
 #include "hierarchy/Hierarchy.h"
+#include "hierarchy/RgbImage.h"
 #include "hierarchy/TreeJson.h"
+#include "hierarchy/TreePicture.h"
 #include "settings/DHC_SET.h"
 
 namespace {
@@ -131,6 +133,8 @@ int runSegment(const SegmentOptions& o) {
     const std::string pngTmp = o.png.empty() ? std::string() : outputs.add(o.png);
     const std::string levelsTmp = o.levels.empty() ? std::string() : outputs.add(o.levels);
     const std::string treeTmp = o.tree.empty() ? std::string() : outputs.add(o.tree);
+    const std::string treePngTmp = o.treePng.empty() ? std::string() : outputs.add(o.treePng);
+    const std::string treeSvgTmp = o.treeSvg.empty() ? std::string() : outputs.add(o.treeSvg);
 
     // 5. The region of interest, exactly as the gateway builds it; the input
     // planes go as soon as the core holds its copies.
@@ -192,6 +196,14 @@ int runSegment(const SegmentOptions& o) {
         writeMap(levelsTmp, o.levels, stack, image.rows, image.cols, tree->splits() + 1);
     }
     if (!treeTmp.empty()) writeText(treeTmp, o.tree, dhc::treeJsonText(*tree, *settings, "dhc", DHC_VERSION));
+    if (!treeSvgTmp.empty()) writeText(treeSvgTmp, o.treeSvg, dhc::treeSvg(*tree));
+    if (!treePngTmp.empty()) {
+        try {
+            dhc::writeTreePng(*tree, treePngTmp);
+        } catch (const dhc::WriteError& e) {
+            throw InputError(kExitInput, e.what());
+        }
+    }
     if (!pngTmp.empty()) writeLabelPng(pngTmp, labels, image.rows, image.cols);
     outputs.commit();
 

@@ -18,7 +18,7 @@ constexpr int kTreeFormatVersion = 1;
 
 // The document; `program` and `version` name what made it (e.g. "dhc", "0.1.0").
 nlohmann::ordered_json treeJson(const Hierarchy& tree, const DHC_SET& settings, const std::string& program,
-                        const std::string& version);
+                                const std::string& version);
 
 // The document as text, two-space indented, ending with a newline.
 std::string treeJsonText(const Hierarchy& tree, const DHC_SET& settings, const std::string& program,
