@@ -103,8 +103,9 @@ TreeLayout layoutTree(const Hierarchy& tree) {
         }
         place(n, (firstX + lastX) / 2, y);
     }
-    // Splits first, then the leaves: the picture reads from the root down.
-    std::reverse(layout.nodes.begin(), layout.nodes.end());
+    // Splits by rank first, then the leaves left to right: the picture reads from the root down.
+    std::reverse(layout.nodes.begin() + leaves, layout.nodes.end());
+    std::rotate(layout.nodes.begin(), layout.nodes.begin() + leaves, layout.nodes.end());
     return layout;
 }
 
