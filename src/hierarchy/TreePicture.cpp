@@ -55,7 +55,8 @@ TreeLayout layoutTree(const Hierarchy& tree) {
     TreeLayout layout;
     const int splits = tree.splits();
     const int leaves = static_cast<int>(leafOrder.size());
-    layout.title = "dhc tree: " + std::to_string(nodes.size()) + " regions, " + std::to_string(leaves) +
+    layout.title = "dhc tree: " + std::to_string(nodes.size()) +
+                   (nodes.size() == 1 ? " region, " : " regions, ") + std::to_string(leaves) +
                    (leaves == 1 ? " class" : " classes") + ": #label, area, split gain";
     layout.width = std::max(2 * kMargin + leaves * kSlot, 2 * kMargin + RgbImage::textWidth(layout.title));
     const int left = (layout.width - leaves * kSlot) / 2;
