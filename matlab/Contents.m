@@ -12,6 +12,9 @@
 %   DhcSupSettings      - supervised class structure (settings.supSet)
 %   DhcEngineSettings   - Potts model and mean shift (settings.engineSet)
 %
+% The tree of regions
+%   dhc_cut             - the label map after any number of splits (any scale of one run)
+%
 % Pictures
 %   dhc_palette         - the colours of the tool's label pictures
 %   dhc_label_image     - a label map as the tool's RGB picture

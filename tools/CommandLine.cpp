@@ -1,6 +1,7 @@
 #include "CommandLine.h"
 
 #include <functional>
+#include <stdexcept>
 
 #include "frontend/InputError.h"
 
@@ -35,6 +36,12 @@ const char* const kSegmentUsage =
     "      --report=FILE      text report of the tree of regions\n"
     "      --fragments=FILE   connected fragments of the classes (needs Fragmentation=1)\n"
     "      --png=FILE         PNG picture of the label map, one colour per class\n"
+    "      --levels=FILE      every cut of the tree as a multi-band map: band k after\n"
+    "                         k splits (band 0: the region of interest as one class)\n"
+    "      --cut=K            write the cut with K classes instead of the final map\n"
+    "      --tree=FILE        the tree of regions as JSON (docs/tree.schema.json)\n"
+    "      --tree-png=FILE    picture of the tree of regions (PNG)\n"
+    "      --tree-svg=FILE    picture of the tree of regions (SVG)\n"
     "  -q, --quiet            no progress lines on standard error\n"
     "  -h, --help             show this help\n"
     "\n"
@@ -130,6 +137,22 @@ void parse(const std::vector<std::string>& args, const std::vector<Option>& opti
     }
 }
 
+// A positive number of classes given to an option.
+int classCount(const std::string& option, const std::string& value) {
+    size_t used = 0;
+    long n = 0;
+    try {
+        n = std::stol(value, &used);
+    } catch (const std::exception&) {
+        used = 0;
+    }
+    if (used != value.size() || n < 1 || n > 1000000)
+        throw InputError(
+            kExitUsage,
+            "option \"" + option + "\" needs a number of classes from 1 to 1000000, not \"" + value + "\"");
+    return static_cast<int>(n);
+}
+
 }  // namespace
 
 SegmentOptions parseSegment(const std::vector<std::string>& args) {
@@ -145,6 +168,11 @@ SegmentOptions parseSegment(const std::vector<std::string>& args) {
         {"report", 0, true, into(s.report)},
         {"fragments", 0, true, into(s.fragments)},
         {"png", 0, true, into(s.png)},
+        {"levels", 0, true, into(s.levels)},
+        {"tree", 0, true, into(s.tree)},
+        {"tree-png", 0, true, into(s.treePng)},
+        {"tree-svg", 0, true, into(s.treeSvg)},
+        {"cut", 0, true, [&s](const std::string& v) { s.cut = classCount("--cut", v); }},
         {"quiet", 'q', false, [&s](const std::string&) { s.quiet = true; }},
         {"help", 'h', false, [&s](const std::string&) { s.help = true; }},
     };

@@ -15,6 +15,11 @@ struct SegmentOptions {
     std::string report;             // --report: text report
     std::string fragments;          // --fragments: fragment map
     std::string png;                // --png: picture of the label map
+    std::string levels;             // --levels: every cut of the tree, one band per cut
+    std::string tree;               // --tree: the tree as JSON
+    std::string treePng;            // --tree-png: picture of the tree
+    std::string treeSvg;            // --tree-svg: picture of the tree, vector form
+    int cut = 0;                    // --cut: classes of the cut written instead of the final map (0: final)
     std::vector<std::string> sets;  // --set SECTION.Key=value, in order
     bool quiet = false;             // -q, --quiet: no progress lines
     bool help = false;              // -h, --help

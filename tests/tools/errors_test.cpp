@@ -71,6 +71,7 @@ TEST_F(BadInput, EveryRowOfTheReadmeTable) {
         {{"frobnicate"}, "unknown command \"frobnicate\" (see dhc --help)"},
         {{"segment", "img.hraw"}, "segment: missing -o LABELS.hraw (see dhc segment --help)"},
         {segment({"--mask"}), "option \"--mask\" needs a value"},
+        {segment({"--cut", "0"}), "option \"--cut\" needs a number of classes from 1 to 1000000, not \"0\""},
         {segment({"--report", "labels.hraw"}), "\"labels.hraw\" is given as more than one output"},
         {segment({"--set", "POTTS_MODEL.BetaMax"}),
          "--set \"POTTS_MODEL.BetaMax\": expected SECTION.Key=value"},
@@ -104,6 +105,12 @@ TEST_F(BadInput, EveryRowOfTheReadmeTable) {
          "NumberOfClasses is 2"},
         {segment({"--set", "UNSUPERVISED_MODE_CONF.Fragmentation=1", "--report", "r.txt"}),
          "--report is not available with Fragmentation=1 or SplitwiseDisconnect=1"},
+        {segment({"--set", "UNSUPERVISED_MODE_CONF.SplitwiseDisconnect=1", "--levels", "l.hraw"}),
+         "--levels is not available with Fragmentation=1 or SplitwiseDisconnect=1: the tree does not "
+         "describe "
+         "the final map"},
+        {segment({"--quiet", "--cut", "2"}),
+         "--cut 2: no cut of the tree has 2 classes (nothing was split: the only cut has 1 class)"},
         {segment({"--init", "zeros.hraw"}),
          "the region of interest is empty: no pixel has a positive initial label"},
         {{"segment", "img.hraw", "-o", "nodir/labels.hraw"},

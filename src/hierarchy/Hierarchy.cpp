@@ -1,0 +1,202 @@
+#include "hierarchy/Hierarchy.h"
+
+#include <algorithm>
+#include <memory>
+
+#include "data/PottsMapRegion.h"
+#include "data/ROI.h"
+#include "driver/DHC.h"
+#include "driver/DHC_OUT.h"
+#include "settings/DHC_SET.h"
+#include "workspace/PottsWS.h"
+#include "workspace/Tree.h"
+#include "workspace/WSReport.h"
+
+namespace dhc {
+
+namespace {
+
+RegionNode fromReport(const WSReport& r) {
+    RegionNode n;
+    n.label = r.WSLab;
+    n.children.assign(r.children, r.children + r.nChildren);
+    n.childAreas.assign(r.chAreas, r.chAreas + r.nChildren);
+    n.path.assign(r.path, r.path + r.pathLength);
+    n.depth = r.pathLength;
+    n.area = r.area;
+    n.split = r.split;
+    n.terminal = r.terminal;
+    n.offspring.assign(r.offspring, r.offspring + r.nOffspring);
+    n.beta = r.beta;
+    n.edges = r.edges;
+    n.textureBased = r.textureBased;
+    n.splitGainMRF = r.splitGainMRF;
+    n.mixtureSplitGainTFR = r.mixtureSplitGainTFR;
+    n.splitGainTFR = r.splitGainTFR;
+    n.likelihoodEnergy = r.totalLikelihoodEnergy;
+    if (r.mean != nullptr) n.mean.assign(r.mean, r.mean + r.nBands);
+    if (r.covariance != nullptr)
+        for (int i = 0; i < r.nBands; ++i)
+            n.covariance.emplace_back(r.covariance[i], r.covariance[i] + r.nBands);
+    return n;
+}
+
+}  // namespace
+
+Hierarchy Hierarchy::fromRun(const DHC_OUT& out, const DHC_SET& settings) {
+    if (out.dhc == nullptr || out.dhc->tree == nullptr || out.labelRoi == nullptr)
+        throw HierarchyError("the run has no tree of regions");
+    if (settings.fragmentation || settings.splitwiseDisconnect)
+        throw HierarchyError(
+            "the tree of regions does not describe the final map after Fragmentation=1 or "
+            "SplitwiseDisconnect=1");
+
+    Hierarchy h;
+    {
+        int n = 0;
+        WSReport** raw = out.dhc->reportAllWSs(n);
+        std::vector<std::unique_ptr<WSReport>> reports(raw, raw + n);
+        delete[] raw;
+        for (const auto& r : reports) {
+            h.index_[r->WSLab] = static_cast<int>(h.nodes_.size());
+            h.nodes_.push_back(fromReport(*r));
+        }
+    }
+    {
+        int n = 0;
+        std::unique_ptr<int[]> sequence(out.dhc->extractSplitSequence(n));
+        h.splitOrder_.assign(sequence.get(), sequence.get() + n);
+    }
+    for (size_t i = 0; i < h.splitOrder_.size(); ++i)
+        h.nodes_[h.index_.at(h.splitOrder_[i])].splitRank = static_cast<int>(i) + 1;
+    const int rootLabel = out.dhc->tree->root->label;
+    h.root_ = h.index_.at(rootLabel);
+    for (RegionNode& parent : h.nodes_)
+        for (int c : parent.children) h.nodes_[h.index_.at(c)].parent = parent.label;
+
+    // Leaves and the chain of nodes above each.
+    std::unordered_map<int, int> leafOf;  // node index -> position in leaves_
+    for (size_t i = 0; i < h.nodes_.size(); ++i) {
+        if (!h.nodes_[i].terminal) continue;
+        leafOf[static_cast<int>(i)] = static_cast<int>(h.leaves_.size());
+        h.leaves_.push_back(static_cast<int>(i));
+        std::vector<int> chain;
+        for (int v = static_cast<int>(i);;) {
+            chain.push_back(v);
+            if (h.nodes_[v].parent < 0) break;
+            v = h.index_.at(h.nodes_[v].parent);
+        }
+        std::reverse(chain.begin(), chain.end());
+        h.chains_.push_back(std::move(chain));
+    }
+
+    // Every point's leaf, read where the driver painted the leaves: the map
+    // plane of the root region (the ROI-relative frame the labels came from).
+    const ROI<int, xy>& points = *out.labelRoi;
+    const PottsMapRegion* region = out.dhc->tree->root->data->root;
+    h.rows_ = points.imageRows;
+    h.cols_ = points.imageCols;
+    h.pointCell_.resize(static_cast<size_t>(points.count));
+    h.pointLeaf_.resize(static_cast<size_t>(points.count));
+    std::vector<int> counted(h.leaves_.size(), 0);
+    std::vector<int> finalLabel(h.leaves_.size(), 0);
+    std::vector<char> seen(h.leaves_.size(), 0);
+    const auto mismatch = [] {
+        return HierarchyError("the tree of regions does not describe the final label map");
+    };
+    for (int k = 0; k < points.count; ++k) {
+        const xy p = points.coords[k];
+        h.pointCell_[k] = (p.x + points.minRow) * h.cols_ + p.y + points.minCol;
+        const auto node = h.index_.find(region->map[p.x + region->pad][p.y + region->pad]);
+        if (node == h.index_.end()) throw mismatch();
+        const auto leaf = leafOf.find(node->second);
+        if (leaf == leafOf.end()) throw mismatch();
+        const int l = leaf->second;
+        h.pointLeaf_[k] = l;
+        ++counted[l];
+        const int value = points.data[static_cast<size_t>(k) * points.bands];
+        if (seen[l] && finalLabel[l] != value) throw mismatch();
+        seen[l] = 1;
+        finalLabel[l] = value;
+    }
+    for (size_t l = 0; l < h.leaves_.size(); ++l) {
+        RegionNode& leaf = h.nodes_[h.leaves_[l]];
+        if (counted[l] != leaf.area) throw mismatch();
+        leaf.finalLabel = finalLabel[l];
+    }
+    return h;
+}
+
+const RegionNode& Hierarchy::node(int label) const {
+    const auto it = index_.find(label);
+    if (it == index_.end()) throw HierarchyError("no region of the tree has label " + std::to_string(label));
+    return nodes_[it->second];
+}
+
+int Hierarchy::leavesAfter(int k) const {
+    checkSplits(k);
+    int leaves = 1;
+    for (int i = 0; i < k; ++i) leaves += static_cast<int>(node(splitOrder_[i]).children.size()) - 1;
+    return leaves;
+}
+
+int Hierarchy::splitsForLeaves(int leaves) const {
+    for (int k = 0; k <= splits(); ++k)
+        if (leavesAfter(k) == leaves) return k;
+    return -1;
+}
+
+void Hierarchy::checkSplits(int k) const {
+    if (k < 0 || k > splits())
+        throw HierarchyError("no cut after " + std::to_string(k) + " splits: the tree has " +
+                             std::to_string(splits()) + (splits() == 1 ? " split" : " splits"));
+}
+
+std::vector<int> Hierarchy::leafLabelsAt(int k) const {
+    checkSplits(k);
+    // Ranks grow down every chain (a parent is split before its children), so
+    // the node of the cut is the first one on the chain not among the first k splits.
+    std::vector<int> labels(leaves_.size());
+    for (size_t l = 0; l < leaves_.size(); ++l) {
+        const std::vector<int>& chain = chains_[l];
+        size_t i = 0;
+        while (i + 1 < chain.size() && nodes_[chain[i]].splitRank != 0 && nodes_[chain[i]].splitRank <= k)
+            ++i;
+        labels[l] = nodes_[chain[i]].label;
+    }
+    return labels;
+}
+
+std::vector<int> Hierarchy::cutPoints(int k) const {
+    const std::vector<int> leafLabel = leafLabelsAt(k);
+    std::vector<int> out(pointLeaf_.size());
+    for (size_t p = 0; p < pointLeaf_.size(); ++p) out[p] = leafLabel[pointLeaf_[p]];
+    return out;
+}
+
+std::vector<int> Hierarchy::cut(int k) const {
+    const std::vector<int> leafLabel = leafLabelsAt(k);
+    std::vector<int> map(static_cast<size_t>(rows_) * cols_, 0);
+    for (size_t p = 0; p < pointLeaf_.size(); ++p) map[pointCell_[p]] = leafLabel[pointLeaf_[p]];
+    return map;
+}
+
+std::vector<int> Hierarchy::levels() const {
+    std::vector<int> stack;
+    stack.reserve(static_cast<size_t>(rows_) * cols_ * (splits() + 1));
+    for (int k = 0; k <= splits(); ++k) {
+        const std::vector<int> band = cut(k);
+        stack.insert(stack.end(), band.begin(), band.end());
+    }
+    return stack;
+}
+
+std::vector<int> cutAt(const DHC_OUT& out, const DHC_SET& settings, int splits) {
+    return Hierarchy::fromRun(out, settings).cut(splits);
+}
+
+std::vector<int> levels(const DHC_OUT& out, const DHC_SET& settings) {
+    return Hierarchy::fromRun(out, settings).levels();
+}
+
+}  // namespace dhc

@@ -1,0 +1,195 @@
+#include "hierarchy/RgbImage.h"
+
+#include <png.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+
+Rgb labelColour(int k) {
+    // Distinct at a glance, then evenly spread hues at two brightness levels.
+    static const Rgb kFirst[] = {{230, 25, 75},  {60, 180, 75},   {255, 225, 25}, {0, 130, 200},
+                                 {245, 130, 48}, {145, 30, 180},  {70, 240, 240}, {240, 50, 230},
+                                 {210, 245, 60}, {250, 190, 212}, {0, 128, 128},  {220, 190, 255},
+                                 {170, 110, 40}, {255, 250, 200}, {128, 0, 0},    {170, 255, 195},
+                                 {128, 128, 0},  {255, 215, 180}, {0, 0, 128},    {128, 128, 128}};
+    const int nFirst = static_cast<int>(sizeof kFirst / sizeof kFirst[0]);
+    if (k < nFirst) return kFirst[k];
+    const double hue = std::fmod((k - nFirst) * 137.50776405, 360.0) / 60.0;
+    const double value = (k % 2 == 0) ? 0.95 : 0.65, saturation = 0.75;
+    const double c = value * saturation;
+    const double x = c * (1.0 - std::fabs(std::fmod(hue, 2.0) - 1.0));
+    double r = 0, g = 0, b = 0;
+    switch (static_cast<int>(hue)) {
+        case 0:
+            r = c, g = x;
+            break;
+        case 1:
+            r = x, g = c;
+            break;
+        case 2:
+            g = c, b = x;
+            break;
+        case 3:
+            g = x, b = c;
+            break;
+        case 4:
+            r = x, b = c;
+            break;
+        default:
+            r = c, b = x;
+            break;
+    }
+    const double m = value - c;
+    auto byte = [m](double v) { return static_cast<uint8_t>(std::lround((v + m) * 255.0)); };
+    return {byte(r), byte(g), byte(b)};
+}
+
+namespace dhc {
+
+namespace {
+
+// 5 x 7 glyphs, one byte per row, bit 4 the leftmost dot.
+struct Glyph {
+    char c;
+    uint8_t rows[7];
+};
+
+constexpr Glyph kFont[] = {
+    {' ', {0, 0, 0, 0, 0, 0, 0}},
+    {'0', {0x0E, 0x11, 0x13, 0x15, 0x19, 0x11, 0x0E}},
+    {'1', {0x04, 0x0C, 0x04, 0x04, 0x04, 0x04, 0x0E}},
+    {'2', {0x0E, 0x11, 0x01, 0x02, 0x04, 0x08, 0x1F}},
+    {'3', {0x1F, 0x02, 0x04, 0x02, 0x01, 0x11, 0x0E}},
+    {'4', {0x02, 0x06, 0x0A, 0x12, 0x1F, 0x02, 0x02}},
+    {'5', {0x1F, 0x10, 0x1E, 0x01, 0x01, 0x11, 0x0E}},
+    {'6', {0x06, 0x08, 0x10, 0x1E, 0x11, 0x11, 0x0E}},
+    {'7', {0x1F, 0x01, 0x02, 0x04, 0x08, 0x08, 0x08}},
+    {'8', {0x0E, 0x11, 0x11, 0x0E, 0x11, 0x11, 0x0E}},
+    {'9', {0x0E, 0x11, 0x11, 0x0F, 0x01, 0x02, 0x0C}},
+    {'a', {0x00, 0x00, 0x0E, 0x01, 0x0F, 0x11, 0x0F}},
+    {'b', {0x10, 0x10, 0x16, 0x19, 0x11, 0x11, 0x1E}},
+    {'c', {0x00, 0x00, 0x0E, 0x10, 0x10, 0x11, 0x0E}},
+    {'d', {0x01, 0x01, 0x0D, 0x13, 0x11, 0x11, 0x0F}},
+    {'e', {0x00, 0x00, 0x0E, 0x11, 0x1F, 0x10, 0x0E}},
+    {'f', {0x06, 0x09, 0x08, 0x1C, 0x08, 0x08, 0x08}},
+    {'g', {0x00, 0x0F, 0x11, 0x11, 0x0F, 0x01, 0x0E}},
+    {'h', {0x10, 0x10, 0x16, 0x19, 0x11, 0x11, 0x11}},
+    {'i', {0x04, 0x00, 0x0C, 0x04, 0x04, 0x04, 0x0E}},
+    {'j', {0x02, 0x00, 0x06, 0x02, 0x02, 0x12, 0x0C}},
+    {'k', {0x10, 0x10, 0x12, 0x14, 0x18, 0x14, 0x12}},
+    {'l', {0x0C, 0x04, 0x04, 0x04, 0x04, 0x04, 0x0E}},
+    {'m', {0x00, 0x00, 0x1A, 0x15, 0x15, 0x11, 0x11}},
+    {'n', {0x00, 0x00, 0x16, 0x19, 0x11, 0x11, 0x11}},
+    {'o', {0x00, 0x00, 0x0E, 0x11, 0x11, 0x11, 0x0E}},
+    {'p', {0x00, 0x00, 0x1E, 0x11, 0x1E, 0x10, 0x10}},
+    {'q', {0x00, 0x00, 0x0D, 0x13, 0x0F, 0x01, 0x01}},
+    {'r', {0x00, 0x00, 0x16, 0x19, 0x10, 0x10, 0x10}},
+    {'s', {0x00, 0x00, 0x0E, 0x10, 0x0E, 0x01, 0x1E}},
+    {'t', {0x08, 0x08, 0x1C, 0x08, 0x08, 0x09, 0x06}},
+    {'u', {0x00, 0x00, 0x11, 0x11, 0x11, 0x13, 0x0D}},
+    {'v', {0x00, 0x00, 0x11, 0x11, 0x11, 0x0A, 0x04}},
+    {'w', {0x00, 0x00, 0x11, 0x11, 0x15, 0x15, 0x0A}},
+    {'x', {0x00, 0x00, 0x11, 0x0A, 0x04, 0x0A, 0x11}},
+    {'y', {0x00, 0x00, 0x11, 0x11, 0x0F, 0x01, 0x0E}},
+    {'z', {0x00, 0x00, 0x1F, 0x02, 0x04, 0x08, 0x1F}},
+    {'.', {0x00, 0x00, 0x00, 0x00, 0x00, 0x0C, 0x0C}},
+    {',', {0x00, 0x00, 0x00, 0x00, 0x0C, 0x04, 0x08}},
+    {'-', {0x00, 0x00, 0x00, 0x1F, 0x00, 0x00, 0x00}},
+    {'+', {0x00, 0x04, 0x04, 0x1F, 0x04, 0x04, 0x00}},
+    {'=', {0x00, 0x00, 0x1F, 0x00, 0x1F, 0x00, 0x00}},
+    {':', {0x00, 0x0C, 0x0C, 0x00, 0x0C, 0x0C, 0x00}},
+    {';', {0x00, 0x0C, 0x0C, 0x00, 0x0C, 0x04, 0x08}},
+    {'#', {0x0A, 0x0A, 0x1F, 0x0A, 0x1F, 0x0A, 0x0A}},
+    {'(', {0x02, 0x04, 0x08, 0x08, 0x08, 0x04, 0x02}},
+    {')', {0x08, 0x04, 0x02, 0x02, 0x02, 0x04, 0x08}},
+    {'/', {0x00, 0x01, 0x02, 0x04, 0x08, 0x10, 0x00}},
+};
+
+const uint8_t* glyphOf(char c) {
+    static const uint8_t kBox[7] = {0x1F, 0x11, 0x11, 0x11, 0x11, 0x11, 0x1F};
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    for (const Glyph& g : kFont)
+        if (g.c == c) return g.rows;
+    return kBox;
+}
+
+struct PngFile {
+    std::FILE* file = nullptr;
+    png_structp png = nullptr;
+    png_infop info = nullptr;
+    ~PngFile() {
+        if (png != nullptr) png_destroy_write_struct(&png, info != nullptr ? &info : nullptr);
+        if (file != nullptr) std::fclose(file);
+    }
+};
+
+}  // namespace
+
+RgbImage::RgbImage(int width, int height, Rgb background)
+    : width_(width), height_(height), pixels_(static_cast<size_t>(width) * height * 3) {
+    for (size_t i = 0; i < pixels_.size(); i += 3) {
+        pixels_[i] = background.r;
+        pixels_[i + 1] = background.g;
+        pixels_[i + 2] = background.b;
+    }
+}
+
+Rgb RgbImage::at(int x, int y) const {
+    const size_t i = (static_cast<size_t>(y) * width_ + x) * 3;
+    return {pixels_[i], pixels_[i + 1], pixels_[i + 2]};
+}
+
+void RgbImage::set(int x, int y, Rgb c) {
+    if (x < 0 || y < 0 || x >= width_ || y >= height_) return;
+    const size_t i = (static_cast<size_t>(y) * width_ + x) * 3;
+    pixels_[i] = c.r;
+    pixels_[i + 1] = c.g;
+    pixels_[i + 2] = c.b;
+}
+
+void RgbImage::fill(int x0, int y0, int x1, int y1, Rgb c) {
+    if (x0 > x1) std::swap(x0, x1);
+    if (y0 > y1) std::swap(y0, y1);
+    for (int y = std::max(y0, 0); y <= std::min(y1, height_ - 1); ++y)
+        for (int x = std::max(x0, 0); x <= std::min(x1, width_ - 1); ++x) set(x, y, c);
+}
+
+void RgbImage::text(int x, int y, const std::string& s, Rgb c) {
+    for (size_t i = 0; i < s.size(); ++i) {
+        const uint8_t* rows = glyphOf(s[i]);
+        const int left = x + static_cast<int>(i) * kAdvance;
+        for (int r = 0; r < 7; ++r)
+            for (int col = 0; col < 5; ++col)
+                if (rows[r] & (0x10 >> col)) set(left + col, y + r, c);
+    }
+}
+
+void RgbImage::writePng(const std::string& path) const {
+    std::vector<png_bytep> rowPointers(static_cast<size_t>(height_));
+    for (int r = 0; r < height_; ++r)
+        rowPointers[static_cast<size_t>(r)] =
+            const_cast<png_bytep>(&pixels_[static_cast<size_t>(r) * width_ * 3]);
+
+    PngFile out;
+    out.file = std::fopen(path.c_str(), "wb");
+    if (out.file == nullptr) throw WriteError("cannot write \"" + path + "\": " + std::strerror(errno));
+    out.png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
+    if (out.png != nullptr) out.info = png_create_info_struct(out.png);
+    if (out.png == nullptr || out.info == nullptr) throw WriteError("cannot start the PNG writer");
+    // libpng reports errors by longjmp; nothing with a destructor lives between here and the jump.
+    if (setjmp(png_jmpbuf(out.png))) throw WriteError("cannot write the PNG picture \"" + path + "\"");
+    png_init_io(out.png, out.file);
+    png_set_IHDR(out.png, out.info, static_cast<png_uint_32>(width_), static_cast<png_uint_32>(height_), 8,
+                 PNG_COLOR_TYPE_RGB, PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT,
+                 PNG_FILTER_TYPE_DEFAULT);
+    png_write_info(out.png, out.info);
+    png_write_image(out.png, rowPointers.data());
+    png_write_end(out.png, nullptr);
+    if (std::fflush(out.file) != 0 || std::ferror(out.file))
+        throw WriteError("cannot write \"" + path + "\": " + std::strerror(errno));
+}
+
+}  // namespace dhc

@@ -1,0 +1,131 @@
+#include "hierarchy/TreeJson.h"
+
+#include <cmath>
+
+#include "hierarchy/Hierarchy.h"
+#include "settings/DHC_SET.h"
+
+namespace dhc {
+
+namespace {
+
+using json = nlohmann::ordered_json;
+
+// JSON has no NaN or infinity: such a value is written as null.
+json number(double v) {
+    return std::isfinite(v) ? json(v) : json(nullptr);
+}
+
+json numbers(const std::vector<double>& values) {
+    json out = json::array();
+    for (double v : values) out.push_back(number(v));
+    return out;
+}
+
+json region(const RegionNode& n) {
+    json r;
+    r["label"] = n.label;
+    r["parent"] = n.parent < 0 ? json(nullptr) : json(n.parent);
+    r["children"] = n.children;
+    r["childAreas"] = n.childAreas;
+    r["depth"] = n.depth;
+    r["path"] = n.path;
+    r["area"] = n.area;
+    r["terminal"] = n.terminal;
+    r["split"] = n.split;
+    r["splitRank"] = n.splitRank > 0 ? json(n.splitRank) : json(nullptr);
+    r["finalLabel"] = n.terminal ? json(n.finalLabel) : json(nullptr);
+    r["offspring"] = n.offspring;
+    // The split's own figures exist only where the split succeeded.
+    if (n.split) {
+        r["beta"] = number(n.beta);
+        r["edges"] = n.edges;
+        r["textureBased"] = n.textureBased;
+        r["splitGain"] = {{"MRF", number(n.splitGainMRF)},
+                          {"mixtureTFR", number(n.mixtureSplitGainTFR)},
+                          {"TFR", number(n.splitGainTFR)}};
+    } else {
+        r["beta"] = nullptr;
+        r["edges"] = nullptr;
+        r["textureBased"] = n.textureBased;
+        r["splitGain"] = nullptr;
+    }
+    r["likelihoodEnergy"] = number(n.likelihoodEnergy);
+    r["mean"] = numbers(n.mean);
+    json covariance = json::array();
+    for (const std::vector<double>& row : n.covariance) covariance.push_back(numbers(row));
+    r["covariance"] = covariance;
+    return r;
+}
+
+}  // namespace
+
+json settingsJson(const DHC_SET& s) {
+    json out;
+    out["supervisedMode"] = s.supervisedMode;
+    out["variableMultiplicity"] = s.variableMultiplicity;
+    out["splitGainThreshold"] = number(s.splitGainThreshold);
+    out["maxNumberOfClasses"] = s.maxNumberOfClasses;
+    out["minSplitArea"] = number(s.minSplitArea);
+    out["blind"] = s.blind;
+    out["metric"] = s.metric;
+    out["distorsionThreshold"] = number(s.distorsionThreshold);
+    out["balancedTree"] = s.balancedTree;
+    out["growDepth"] = s.growDepth;
+    out["doubleSplit"] = s.doubleSplit;
+    out["fragmentation"] = s.fragmentation;
+    out["splitwiseDisconnect"] = s.splitwiseDisconnect;
+    out["blindDepth"] = number(s.blindDepth);
+    out["blindMSE"] = number(s.blindMSE);
+    out["blindArea"] = number(s.blindArea);
+    out["numberOfClasses"] = s.numberOfClasses;
+    json levels = json::array(), paths = json::array();
+    for (int c = 0, offset = 0; c < s.numberOfClasses && s.structureLevels != nullptr; ++c) {
+        levels.push_back(s.structureLevels[c]);
+        json path = json::array();
+        for (int i = 0; i < s.structureLevels[c] && s.structurePaths != nullptr; ++i)
+            path.push_back(s.structurePaths[offset + i]);
+        paths.push_back(path);
+        offset += s.structureLevels[c];
+    }
+    out["structureLevels"] = levels;
+    out["structurePaths"] = paths;
+    out["multiplicity"] = s.multiplicity;
+    out["adaptive"] = s.adaptive;
+    out["betaMin"] = number(s.betaMin);
+    out["betaMax"] = number(s.betaMax);
+    out["betaBound"] = number(s.betaBound);
+    out["rangeBandwidth"] = number(s.rangeBandwidth);
+    out["spatialBandwidth"] = number(s.spatialBandwidth);
+    out["autoAdjustkNN"] = s.autoAdjustkNN;
+    out["skipLast"] = number(s.skipLast);
+    out["tolerance"] = number(s.tolerance);
+    out["kernelType"] = s.kernelType;
+    return out;
+}
+
+json treeJson(const Hierarchy& tree, const DHC_SET& settings, const std::string& program,
+              const std::string& version) {
+    json doc;
+    doc["format"] = "dhc-tree";
+    doc["formatVersion"] = kTreeFormatVersion;
+    doc["program"] = {{"name", program}, {"version", version}};
+    doc["settings"] = settingsJson(settings);
+    doc["image"] = {{"rows", tree.rows()}, {"cols", tree.cols()}};
+    doc["root"] = tree.root().label;
+    doc["splitOrder"] = tree.splitOrder();
+    json classes = json::array();
+    for (int k = 0; k <= tree.splits(); ++k) classes.push_back(tree.leavesAfter(k));
+    doc["cutClasses"] = classes;
+    json regions = json::array();
+    for (const RegionNode& n : tree.nodes()) regions.push_back(region(n));
+    doc["regions"] = regions;
+    return doc;
+}
+
+std::string treeJsonText(const Hierarchy& tree, const DHC_SET& settings, const std::string& program,
+                         const std::string& version) {
+    return treeJson(tree, settings, program, version).dump(2) + "\n";
+}
+
+}  // namespace dhc
