@@ -19,6 +19,7 @@
 #include "frontend/IniFile.h"
 #include "frontend/InputError.h"
 #include "frontend/Segmentation.h"
+#include "frontend/SettingsCheck.h"
 #include "settings/DHC_SET.h"
 
 namespace {
@@ -55,15 +56,24 @@ int runSegment(const SegmentOptions& o) {
     IniFile ini = o.config.empty() ? IniFile("default.ini", kDefaultIni) : IniFile::fromFile(o.config);
     for (const std::string& assignment : o.sets) ini.applyOverride(assignment);
     ini.check();
+    const std::unique_ptr<DHC_SET> settings = readSettings(ini);
+    dhc::GivenStructure structure;
+    ini.intArray("SUPERVISED_MODE_CONF", "StructureLevels", structure.levels);
+    ini.intArray("SUPERVISED_MODE_CONF", "StructurePaths", structure.paths);
+    const dhc::SettingNames names = [&ini](dhc::Setting s) {
+        const dhc::SettingName key = dhc::iniName(s);
+        return dhc::SettingName{ini.origin(dhc::iniSection(s), key.name), key.name};
+    };
+    dhc::checkSettings(*settings, structure, names);
 
     // 2. The input files: readable, well-formed, all of the image's size.
     const HrawShape image = checkHraw(o.image, "image");
+    dhc::checkImageSize(image.rows, image.cols, image.bands, "image \"" + o.image + "\"");
     if (!o.mask.empty()) checkMap(o.mask, "mask", image);
     if (!o.init.empty()) checkMap(o.init, "initial segmentation", image);
     if (!o.gt.empty()) checkMap(o.gt, "ground truth", image);
 
     // 3. What the settings allow.
-    const std::unique_ptr<DHC_SET> settings = readSettings(ini);
     const bool supervised = settings->supervisedMode;
     if (supervised && o.gt.empty())
         throw InputError(kExitInput, "supervised mode (SupervisedMode=1) needs a ground truth: --gt GT.hraw");
@@ -96,10 +106,12 @@ int runSegment(const SegmentOptions& o) {
         if (!o.mask.empty()) mask = std::make_unique<Cube>(o.mask);
         if (!o.init.empty()) init = std::make_unique<Cube>(o.init);
         if (supervised) gt = std::make_unique<Cube>(o.gt);
-        dhc::RunNames names;
-        names.gt = "ground truth \"" + o.gt + "\"";
-        run = dhc::prepareRun(cube.rows, cube.cols, cube.bands, cube.data, mask ? mask->data[0] : nullptr,
-                              init ? init->data[0] : nullptr, gt ? gt->data[0] : nullptr, *settings, names);
+        dhc::RunNames runNames;
+        runNames.gt = "ground truth \"" + o.gt + "\"";
+        runNames.settings = names;
+        run =
+            dhc::prepareRun(cube.rows, cube.cols, cube.bands, cube.data, mask ? mask->data[0] : nullptr,
+                            init ? init->data[0] : nullptr, gt ? gt->data[0] : nullptr, *settings, runNames);
     }
 
     // 6. The run.

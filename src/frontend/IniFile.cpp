@@ -267,116 +267,18 @@ void IniFile::check() const {
         // An override carries its own origin, which already names the setting.
         checkValue(setting, text, lines_[k].origin, kExitInput);
     }
-    checkSemantics();
 }
 
-// Values that parse but would make the run end abruptly, loop without end or
-// build an inconsistent class structure.
-void IniFile::checkSemantics() const {
-    auto where = [this](const char* section, const char* key) {
-        const int s = sectionLine(section);
-        const int k = s < 0 ? -1 : keyLine(s, key);
-        if (k >= 0) return lines_[k].origin;
-        return name_ + ": " + section + "." + key + " (missing, read as 0)";
-    };
-    auto integer = [this](const char* section, const char* key) {
-        std::string t;
-        int v = 0;
-        return value(section, key, t) && parseInt(t, v) ? v : 0;
-    };
-    auto real = [this](const char* section, const char* key) {
-        std::string t;
-        double v = 0.0;
-        return value(section, key, t) && parseDouble(t, v) ? v : 0.0;
-    };
+std::string IniFile::origin(const std::string& section, const std::string& key) const {
+    const int s = sectionLine(section);
+    const int k = s < 0 ? -1 : keyLine(s, key);
+    if (k >= 0) return lines_[k].origin;
+    return name_ + ": " + section + "." + key + " (missing, read as 0)";
+}
 
-    const double betaMin = real("POTTS_MODEL", "BetaMin"), betaMax = real("POTTS_MODEL", "BetaMax");
-    if (betaMin > betaMax) {
-        std::ostringstream m;
-        m << where("POTTS_MODEL", "BetaMin") << ": BetaMin must not exceed BetaMax (" << betaMax << ")";
-        throw InputError(kExitInput, m.str());
-    }
-
-    if (integer("SEGM_MAIN_CONFIGURATION", "SupervisedMode") == 0) {
-        const bool variable = integer("UNSUPERVISED_MODE_CONF", "VariableMultiplicity") != 0;
-        if (!variable && integer("POTTS_MODEL", "Multiplicity") < 2)
-            throw InputError(kExitInput, where("POTTS_MODEL", "Multiplicity") +
-                                             ": Multiplicity must be at least 2 (children per split)");
-        const bool blindLimits = real("UNSUPERVISED_MODE_CONF", "BlindSplitDepthMax") != 0.0 ||
-                                 real("UNSUPERVISED_MODE_CONF", "BlindSplitAreaMin") != 0.0 ||
-                                 real("UNSUPERVISED_MODE_CONF", "BlindSplitMSEMin") != 0.0;
-        const int metric = integer("UNSUPERVISED_MODE_CONF", "Metric");
-        if (integer("UNSUPERVISED_MODE_CONF", "Blind") != 0 && !blindLimits && (metric < 0 || metric > 8))
-            throw InputError(kExitInput,
-                             where("UNSUPERVISED_MODE_CONF", "Metric") + ": Metric must be 0 to 8");
-        return;
-    }
-
-    // Supervised: the class structure must describe a tree whose leaves are the classes.
-    const int n = integer("SUPERVISED_MODE_CONF", "NumberOfClasses");
-    if (n < 1)
-        throw InputError(kExitInput, where("SUPERVISED_MODE_CONF", "NumberOfClasses") +
-                                         ": NumberOfClasses must be at least 1 in supervised mode");
-    std::string text;
-    std::vector<int> levels, paths;
-    if (!value("SUPERVISED_MODE_CONF", "StructureLevels", text) || !parseIntArray(text, levels) ||
-        static_cast<int>(levels.size()) != n)
-        throw InputError(kExitInput, where("SUPERVISED_MODE_CONF", "StructureLevels") +
-                                         ": StructureLevels must list " + std::to_string(n) +
-                                         " path lengths (NumberOfClasses)");
-    long total = 0;
-    for (int l : levels) {
-        if (l < 1)
-            throw InputError(kExitInput, where("SUPERVISED_MODE_CONF", "StructureLevels") +
-                                             ": every path length must be at least 1");
-        total += l;
-    }
-    if (!value("SUPERVISED_MODE_CONF", "StructurePaths", text) || !parseIntArray(text, paths) ||
-        static_cast<long>(paths.size()) != total)
-        throw InputError(kExitInput, where("SUPERVISED_MODE_CONF", "StructurePaths") +
-                                         ": StructurePaths must hold " + std::to_string(total) +
-                                         " entries (the sum of StructureLevels)");
-
-    // Rebuild the tree the way the driver does: paths in lexicographic order
-    // (zero-padded), each entry naming an existing child or the next new one.
-    std::vector<std::vector<int>> list;
-    size_t at = 0;
-    for (int l : levels) {
-        list.emplace_back(paths.begin() + static_cast<long>(at), paths.begin() + static_cast<long>(at + l));
-        at += static_cast<size_t>(l);
-    }
-    const std::string pathsWhere = where("SUPERVISED_MODE_CONF", "StructurePaths");
-    for (size_t i = 0; i < list.size(); ++i)
-        for (size_t j = 0; j < list.size(); ++j) {
-            if (i == j) continue;
-            const auto& a = list[i];
-            const auto& b = list[j];
-            if (a.size() <= b.size() && std::equal(a.begin(), a.end(), b.begin()))
-                throw InputError(kExitInput, pathsWhere + ": class path " + std::to_string(i + 1) +
-                                                 (a.size() == b.size() ? " repeats" : " is a prefix of") +
-                                                 " class path " + std::to_string(j + 1));
-        }
-    std::vector<std::vector<int>> sorted = list;
-    std::sort(sorted.begin(), sorted.end());
-    struct Node {
-        std::vector<int> children;  // indices into nodes
-    };
-    std::vector<Node> nodes(1);
-    for (const auto& p : sorted) {
-        size_t cur = 0;
-        for (int e : p) {
-            const int count = static_cast<int>(nodes[cur].children.size());
-            if (e < 0 || e > count)
-                throw InputError(kExitInput,
-                                 pathsWhere + ": path entry " + std::to_string(e) +
-                                     " skips a child index (paths must number children 0, 1, 2, ...)");
-            if (e == count) {
-                nodes[cur].children.push_back(static_cast<int>(nodes.size()));
-                nodes.emplace_back();
-            }
-            cur = static_cast<size_t>(nodes[cur].children[static_cast<size_t>(e)]);
-        }
-    }
+bool IniFile::intArray(const std::string& section, const std::string& key, std::vector<int>& out) const {
+    std::string t;
+    return value(section, key, t) && parseIntArray(t, out);
 }
 
 std::string IniFile::text() const {

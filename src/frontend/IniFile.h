@@ -44,12 +44,20 @@ class IniFile {
     // malformed values are usage errors naming the override.
     void applyOverride(const std::string& assignment);
 
-    // Checks the whole configuration the way the run will use it; throws a
-    // InputError (status kExitInput) naming the file and line of the first problem.
+    // Checks the syntax of the whole configuration the way the run will use
+    // it; throws a InputError (status kExitInput) naming the file and line of
+    // the first problem.  The values' ranges are checked on the record read
+    // from it (checkSettings, SettingsCheck.h).
     void check() const;
 
     // Value text of SECTION.Key as the library would read it; false when absent.
     bool value(const std::string& section, const std::string& key, std::string& out) const;
+
+    // Where SECTION.Key comes from, for messages: "name:line", the override
+    // that set it, or "name: SECTION.Key (missing, read as 0)".
+    std::string origin(const std::string& section, const std::string& key) const;
+    // The whole list of integers SECTION.Key holds; false when absent or malformed.
+    bool intArray(const std::string& section, const std::string& key, std::vector<int>& out) const;
 
     // The configuration text, ready to be written out.
     std::string text() const;
@@ -69,7 +77,6 @@ class IniFile {
     // Throws unless text is a well-formed value of kind; where names the value in the message.
     static void checkValue(const Setting& setting, const std::string& text, const std::string& where,
                            int status);
-    void checkSemantics() const;
 
     std::string name_;
     std::vector<Line> lines_;

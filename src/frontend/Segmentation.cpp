@@ -1,5 +1,6 @@
 #include "frontend/Segmentation.h"
 
+#include <algorithm>
 #include <set>
 
 #include "driver/DHC.h"
@@ -15,6 +16,12 @@ int distinctNonZero(const LabelRoi& roi) {
     for (int k = 0; k < roi.count; ++k)
         if (roi.data[k] != 0) labels.insert(roi.data[k]);
     return static_cast<int>(labels.size());
+}
+
+int lowestLabel(const LabelRoi& roi) {
+    int lowest = 0;
+    for (int k = 0; k < roi.count; ++k) lowest = std::min(lowest, roi.data[k]);
+    return lowest;
 }
 
 // A rows x cols plane of one value, freed on scope exit.
@@ -51,20 +58,32 @@ PreparedRun prepareRun(int rows, int cols, int bands, int*** cube, int** mask, i
     PreparedRun run;
     run.roi.reset(buildRoi(rows, cols, bands, cube, mask, 1, true));
     if (run.roi->count == 0)
-        throw InputError(
-            kExitInput, maskGiven ? "the region of interest is empty: no mask value is 1"
-                                  : "the region of interest is empty: no pixel has a positive initial label");
+        throw InputError(kExitInput,
+                         maskGiven ? "the region of interest is empty: no mask value is 1"
+                                   : "the region of interest is empty: no pixel has a positive initial label",
+                         "dhc:emptyRoi");
+    checkAgainstRegion(settings, run.roi->count, names.settings);
     if (supervised) {
         run.gt.reset(run.roi->extractLabROI(gt, 0, true));
+        // The label statistics index their tables by label from 0 up: a
+        // negative label writes before them.
+        const int lowest = lowestLabel(*run.gt);
+        if (lowest < 0)
+            throw InputError(kExitInput,
+                             names.gt + " holds the negative label " + std::to_string(lowest) +
+                                 " in the region of interest; class labels are positive, 0 marks "
+                                 "unlabelled pixels",
+                             "dhc:badGroundTruth");
         // The class models are indexed by the ground truth's classes: any
         // other count makes the core read past its models.
         const int classes = distinctNonZero(*run.gt);
         if (classes != settings.numberOfClasses)
-            throw InputError(kExitInput, names.gt + " holds " + std::to_string(classes) +
-                                             (classes == 1 ? " class" : " classes") +
-                                             " (distinct non-zero labels) in the region of interest, but " +
-                                             names.classCount + " is " +
-                                             std::to_string(settings.numberOfClasses));
+            throw InputError(kExitInput,
+                             names.gt + " holds " + std::to_string(classes) +
+                                 (classes == 1 ? " class" : " classes") +
+                                 " (distinct non-zero labels) in the region of interest, but " +
+                                 names.classCount + " is " + std::to_string(settings.numberOfClasses),
+                             "dhc:badGroundTruth");
     } else {
         run.initLabels.reset(run.roi->extractLabROI(init, 0, true));
     }

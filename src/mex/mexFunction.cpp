@@ -19,8 +19,10 @@
 
 #include "data/ROI.h"
 #include "driver/DHC.h"
-#include "driver/DHC_IN.h"
 #include "driver/DHC_OUT.h"
+#include "frontend/InputError.h"
+#include "frontend/Segmentation.h"
+#include "frontend/SettingsCheck.h"
 #include "mex.h"
 #include "mex/mxGrip.h"
 #include "settings/DHC_SET.h"
@@ -176,6 +178,7 @@ class ReportList {
 IntMatrix readFrameMap(const mxArray* problem, const char* name, int rows, int cols) {
     const MxValue value = mxNumericProperty(problem, name);
     if (!value) return IntMatrix();
+    mxCheckIntValues(value.get(), name);
     int r = 0, c = 0;
     int** rowsRead = readMxMatrix<int>(value.get(), r, c);  // sets r before the owner takes it
     IntMatrix m(rowsRead, r);
@@ -186,14 +189,6 @@ IntMatrix readFrameMap(const mxArray* problem, const char* name, int rows, int c
                                               std::to_string(c) + " but \"data\" is " + std::to_string(rows) +
                                               "x" + std::to_string(cols));
     return m;
-}
-
-int distinctNonZero(const IntRoi& labels) {
-    std::vector<int> v;
-    for (int k = 0; k < labels.count; ++k)
-        if (labels.data[k] != 0) v.push_back(labels.data[k]);
-    std::sort(v.begin(), v.end());
-    return static_cast<int>(std::unique(v.begin(), v.end()) - v.begin());
 }
 
 // n x 1 double column (empty for n = 0) from n values.
@@ -305,20 +300,30 @@ mxArray* buildReports(const ReportList& reports) {
 }
 
 void run(int nlhs, mxArray* plhs[], const mxArray* problem, const mxArray* settingsObject) {
-    int bands = 0, rows = 0, cols = 0;
     MxValue data = mxRequiredNumericProperty(problem, "data");
+    const mwSize nd = mxGetNumberOfDimensions(data.get());
+    if (nd == 2 || nd == 3) {
+        // Refuse what cannot be held before the reader allocates it.
+        const mwSize* dim = mxGetDimensions(data.get());
+        dhc::checkImageSize(static_cast<long long>(dim[0]), static_cast<long long>(dim[1]),
+                            nd == 3 ? static_cast<long long>(dim[2]) : 1, "\"data\"");
+        if (dim[0] > kMaxSide || dim[1] > kMaxSide)
+            throw MxError("dhc:badProperty", "\"data\" has a side above " + std::to_string(kMaxSide));
+        mxCheckIntValues(data.get(), "data");
+    }
+    int bands = 0, rows = 0, cols = 0;
     int*** cubeRead = readMxCube<int>(data.get(), bands, rows, cols);  // sets the sizes first
     IntCube cube(cubeRead, bands, rows);
     data = MxValue();
-    const std::unique_ptr<DHC_SET> settings(dhcConfig(settingsObject));
 
+    dhc::GivenStructure structure;
+    const std::unique_ptr<DHC_SET> settings(dhcConfig(settingsObject, &structure.levels, &structure.paths));
     const bool supervised = settings->supervisedMode;
-    const bool treeOutput = !settings->fragmentation && (supervised || !settings->splitwiseDisconnect);
+    const bool treeOutput = dhc::hasTreeOutput(*settings);
     if (treeOutput != (nlhs == 3)) throw MxError(std::string(), kUsage);
+    dhc::checkSettings(*settings, structure, dhc::matlabName);
 
     if (rows < 1 || cols < 1 || bands < 1) throw MxError("dhc:badProperty", "\"data\" is empty");
-    if (rows > kMaxSide || cols > kMaxSide)
-        throw MxError("dhc:badProperty", "\"data\" has a side above " + std::to_string(kMaxSide));
 
     IntMatrix gt;
     if (supervised) {
@@ -326,55 +331,27 @@ void run(int nlhs, mxArray* plhs[], const mxArray* problem, const mxArray* setti
         if (gt.get() == nullptr) throw MxError("dhc:missingProperty", "a supervised run needs \"gt\"");
     }
     IntMatrix initSeg = readFrameMap(problem, "initSeg", rows, cols);
-    if (initSeg.get() == nullptr) initSeg = IntMatrix::filled(rows, cols, 1);
     IntMatrix mask = readFrameMap(problem, "roi", rows, cols);
-    if (mask.get() == nullptr) {
-        mask = IntMatrix::filled(rows, cols, 0);
-        for (int r = 0; r < rows; ++r)
-            for (int c = 0; c < cols; ++c) mask.get()[r][c] = initSeg.get()[r][c] > 0 ? 1 : 0;
-    }
 
+    dhc::RunNames names;
+    names.gt = "\"gt\"";
+    names.classCount = dhc::matlabName(dhc::Setting::NumberOfClasses).name;
+    names.settings = dhc::matlabName;
     // The input ROIs outlive the driver output: the core may keep pointers to them.
-    const std::unique_ptr<IntRoi> roi(buildRoi(rows, cols, bands, cube.get(), mask.get(), 1, true));
-    const std::unique_ptr<IntRoi> initLabels(roi->extractLabROI(initSeg.get(), 0, true));
-    std::unique_ptr<IntRoi> gtRoi;
-    if (supervised) {
-        gtRoi.reset(roi->extractLabROI(gt.get(), 0, true));
-        // The class models are indexed by the ground truth's classes: any
-        // other count makes the core read past its models.
-        const int classes = distinctNonZero(*gtRoi);
-        if (classes != settings->numberOfClasses)
-            throw MxError("dhc:badGroundTruth",
-                          "\"gt\" holds " + std::to_string(classes) + (classes == 1 ? " class" : " classes") +
-                              " (distinct non-zero labels) in the region of interest, but "
-                              "numberOfClasses is " +
-                              std::to_string(settings->numberOfClasses));
-    }
+    const dhc::PreparedRun prepared =
+        dhc::prepareRun(rows, cols, bands, cube.get(), mask.get(), initSeg.get(), gt.get(), *settings, names);
     cube.reset();
     mask.reset();
     initSeg.reset();
     gt.reset();
 
-    DHC_IN in;
-    in.source = 0;
-    in.roi = roi.get();
-    in.settings = settings.get();
-    if (supervised) {
-        in.mode = 1;
-        in.gt = gtRoi.get();
-        in.initLabels = nullptr;
-    } else {
-        in.mode = 0;
-        in.initLabelsFile = nullptr;
-        in.initLabels = initLabels.get();
-    }
-    const DHC_OUT out = DHC::dhc(in);
+    const DHC_OUT out = dhc::runSegmentation(prepared, *settings);
     if (out.labelRoi == nullptr || out.dhc == nullptr)
         throw MxError("dhc:internal", "the driver returned no result");
 
     const char* outFields[] = {"segmentation", "fragmentation"};
     MxOwned result(newStruct(1, 2, outFields));
-    if (settings->fragmentation && !settings->splitwiseDisconnect && out.fragRoi != nullptr)
+    if (dhc::hasFragmentOutput(*settings) && out.fragRoi != nullptr)
         mxSetField(result.get(), 0, "fragmentation", fullFrame(*out.fragRoi, rows, cols));
     mxSetField(result.get(), 0, "segmentation", fullFrame(*out.labelRoi, rows, cols));
 
@@ -425,6 +402,8 @@ void mexFunction(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]) {
                  f.message.empty() ? "fatal condition (status " + std::to_string(f.status) + ")" : f.message);
         } catch (const MxError& e) {
             fail(e.id(), e.what());
+        } catch (const InputError& e) {
+            fail(e.id().empty() ? "dhc:badInput" : e.id(), e.what());
         } catch (const std::bad_alloc&) {
             fail("dhc:outOfMemory", "out of memory");
         } catch (const std::exception& e) {

@@ -190,6 +190,23 @@ inline mxArray* toDouble(const mxArray* a) {
     return d;
 }
 
+// A full double array of a sparse double or logical matrix, or null for
+// another sparse type.
+inline mxArray* sparseToFull(const mxArray* a) {
+    const size_t rows = mxGetM(a), cols = mxGetN(a);
+    const mwIndex* jc = mxGetJc(a);
+    const mwIndex* ir = mxGetIr(a);
+    const bool logical = mxIsLogical(a);
+    if (!logical && !mxIsDouble(a)) return nullptr;
+    mxArray* d = mxCreateDoubleMatrix(rows, cols, mxREAL);
+    double* to = mxGetPr(d);
+    for (size_t c = 0; c < cols; ++c)
+        for (mwIndex k = jc[c]; k < jc[c + 1]; ++k)
+            to[ir[k] + c * rows] =
+                logical ? static_cast<double>(static_cast<const mxLogical*>(mxGetData(a))[k]) : mxGetPr(a)[k];
+    return d;
+}
+
 }  // namespace mxgrip_detail
 
 // Property `name` of element 0 of an object or, for a plain struct, its field
@@ -214,6 +231,14 @@ inline MxValue mxRequiredProperty(const mxArray* object, const char* name) {
 // converted); null when it does not exist.
 inline MxValue mxNumericProperty(const mxArray* object, const char* name) {
     MxValue value = mxProperty(object, name);
+    if (value && mxIsSparse(value.get())) {
+        // The readers address the array as full storage.
+        mxArray* full = mxgrip_detail::sparseToFull(value.get());
+        if (full == nullptr)
+            throw MxError("dhc:badProperty",
+                          std::string("\"") + name + "\" must be a numeric or logical array");
+        return MxValue(full, true);
+    }
     if (!value || mxIsDouble(value.get())) return value;
     mxArray* converted = mxgrip_detail::toDouble(value.get());
     if (converted == nullptr)
@@ -226,6 +251,23 @@ inline MxValue mxRequiredNumericProperty(const mxArray* object, const char* name
     MxValue value = mxNumericProperty(object, name);
     if (!value) throw MxError("dhc:missingProperty", std::string("no property or field \"") + name + "\"");
     return value;
+}
+
+// Every value of a double array must convert to int32 (after truncation
+// toward zero): NaN, infinities and values outside the range would be
+// undefined conversions.
+inline void mxCheckIntValues(const mxArray* array, const std::string& name) {
+    const size_t n = mxGetNumberOfElements(array);
+    const double* pr = mxGetPr(array);
+    for (size_t i = 0; i < n; ++i) {
+        const double v = pr[i];
+        if (v > -2147483649.0 && v < 2147483648.0) continue;
+        char text[64];
+        std::snprintf(text, sizeof text, "%g", v);
+        throw MxError("dhc:badValue", "\"" + name + "\" holds " + text + " at element " +
+                                          std::to_string(i + 1) +
+                                          "; values must be finite and within the int32 range");
+    }
 }
 
 // First element of a required numeric property, as double.

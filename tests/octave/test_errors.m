@@ -1,7 +1,8 @@
 % Errors: the usage message for wrong argument or output counts, the readers'
 % rank assertions, the refusals of inputs the core would address out of
-% bounds, and a fatal condition of the core (an unknown blind metric, status
-% -20).  The session goes on after every one of them.
+% bounds, and a fatal condition of the core (a supervised split that fails on
+% singular class models, status -2).  The session goes on after every one of
+% them.
 
 usage = 'Wrong in/out arguments. Check usage!';
 [img, truth] = dhc_quadrants(8, 8, 2);
@@ -53,18 +54,21 @@ for k = 1:rows(refusals)
   dhc_check(~strcmp(r{1}, 'dhc:assert') || ~isempty(strfind(e.message, '../src/mex/mxGrip.h:')), e.message);
 end
 
-blind = s;
-blind.unsupSet.blind = 1;
-blind.unsupSet.blindSet.metric = 99;
+% Two equal bands make both class models singular: the supervised split
+% fails, a fatal condition of the core.
+twin = img;
+twin(:, :, 2) = twin(:, :, 1);
+gtTwo = 1 + (truth > 2);
 if literal
-  % The literal build ends the host process with the status: -20 is 236.
-  code = ['s = dhc_test_settings(); s.unsupSet.blind = 1; s.unsupSet.blindSet.metric = 99; ' ...
-          '[a, b, c] = dhc(DhcProblem(dhc_quadrants(8, 8, 2)), s);'];
+  % The literal build ends the host process with the status: -2 is 254.
+  code = ['[img, truth] = dhc_quadrants(8, 8, 2); img(:, :, 2) = img(:, :, 1); s = dhc_test_settings(); ' ...
+          's.supervisedMode = 1; s.supSet = struct(''numberOfClasses'', 2, ''structureLevels'', [1 1], ' ...
+          '''structurePaths'', [0 1]); [a, b, c] = dhc(DhcProblem(img, [], [], 1 + (truth > 2)), s);'];
   status = system(sprintf('"%s" --quiet --norc --eval "addpath(%s); %s"', getenv('DHC_OCTAVE'), ...
                           getenv('DHC_ADDPATH'), code));
-  dhc_check(status == 236, 'a fatal condition ends the process with status 236, got %d', status);
+  dhc_check(status == 254, 'a fatal condition ends the process with status 254, got %d', status);
 else
-  dhc_expect_error('dhc:fatal:m20', '-20', 3, @dhc, p, blind);
+  dhc_expect_error('dhc:fatal:m2', 'fatal condition (status -2)', 3, @dhc, DhcProblem(twin, [], [], gtTwo), sup);
 end
 
 % The session goes on: a supervised run whose ground truth has unlabelled

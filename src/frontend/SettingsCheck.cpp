@@ -1,0 +1,287 @@
+#include "frontend/SettingsCheck.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <sstream>
+
+#include "frontend/InputError.h"
+#include "settings/DHC_SET.h"
+
+namespace dhc {
+namespace {
+
+const char* const kBadSetting = "dhc:badSetting";
+const char* const kBadStructure = "dhc:badStructure";
+
+struct Names {
+    const char* ini;
+    const char* matlab;
+};
+
+// The ini sections, in the order of the Setting enumerators.
+const char* const kSections[] = {"UNSUPERVISED_MODE_CONF",
+                                 "UNSUPERVISED_MODE_CONF",
+                                 "UNSUPERVISED_MODE_CONF",
+                                 "UNSUPERVISED_MODE_CONF",
+                                 "UNSUPERVISED_MODE_CONF",
+                                 "UNSUPERVISED_MODE_CONF",
+                                 "UNSUPERVISED_MODE_CONF",
+                                 "UNSUPERVISED_MODE_CONF",
+                                 "UNSUPERVISED_MODE_CONF",
+                                 "SUPERVISED_MODE_CONF",
+                                 "SUPERVISED_MODE_CONF",
+                                 "SUPERVISED_MODE_CONF",
+                                 "POTTS_MODEL",
+                                 "POTTS_MODEL",
+                                 "POTTS_MODEL",
+                                 "POTTS_MODEL",
+                                 "POTTS_MODEL",
+                                 "POTTS_MODEL",
+                                 "MEANSHIFT",
+                                 "MEANSHIFT",
+                                 "MEANSHIFT"};
+static_assert(sizeof kSections / sizeof kSections[0] == static_cast<size_t>(Setting::Tolerance) + 1,
+              "one section per setting");
+
+Names namesOf(Setting s) {
+    switch (s) {
+        case Setting::SplitGainThreshold:
+            return {"SplitGainThreshold", "unsupSet.classicSet.splitGainThreshold"};
+        case Setting::MaxNumberOfClasses:
+            return {"MaxNumberOfClasses", "unsupSet.classicSet.maxNumberOfClasses"};
+        case Setting::MinRegionArea:
+            return {"MinRegionArea", "unsupSet.classicSet.minSplitArea"};
+        case Setting::GrowDepth:
+            return {"GrowDepth", "unsupSet.growDepth"};
+        case Setting::Metric:
+            return {"Metric", "unsupSet.blindSet.metric"};
+        case Setting::DistortionThreshold:
+            return {"DistortionThreshold", "unsupSet.blindSet.distorsionThreshold"};
+        case Setting::BlindSplitDepthMax:
+            return {"BlindSplitDepthMax", "unsupSet.blindSet.depth"};
+        case Setting::BlindSplitAreaMin:
+            return {"BlindSplitAreaMin", "unsupSet.blindSet.area"};
+        case Setting::BlindSplitMSEMin:
+            return {"BlindSplitMSEMin", "unsupSet.blindSet.MSE"};
+        case Setting::NumberOfClasses:
+            return {"NumberOfClasses", "supSet.numberOfClasses"};
+        case Setting::StructureLevels:
+            return {"StructureLevels", "supSet.structureLevels"};
+        case Setting::StructurePaths:
+            return {"StructurePaths", "supSet.structurePaths"};
+        case Setting::Multiplicity:
+            return {"Multiplicity", "unsupSet.multiplicity"};
+        case Setting::BetaMin:
+            return {"BetaMin", "engineSet.betaMin"};
+        case Setting::BetaMax:
+            return {"BetaMax", "engineSet.betaMax"};
+        case Setting::BetaBound:
+            return {"BetaBound", "engineSet.betaBound"};
+        case Setting::RangeBandwidth:
+            return {"RangeBandwidth", "engineSet.rangeBandwidth"};
+        case Setting::SpatialBandwidth:
+            return {"SpatialBandwidth", "engineSet.spatialBandwidth"};
+        case Setting::AutoAdjustKNN:
+            return {"AutoAdjustKNN", "engineSet.autoAdjustkNN"};
+        case Setting::SkipLast:
+            return {"SkipLast", "engineSet.skipLast"};
+        case Setting::Tolerance:
+            return {"Tolerance", "engineSet.tolerance"};
+    }
+    return {"?", "?"};
+}
+
+std::string number(double v) {
+    std::ostringstream out;
+    out << v;
+    return out.str();
+}
+
+// Builds the messages of one check in the front end's terms.
+class Refusal {
+  public:
+    explicit Refusal(const SettingNames& names) : names_(names) {}
+
+    std::string name(Setting s) const { return names_(s).name; }
+
+    // "where: Name rest" (or "Name rest" without an origin).
+    [[noreturn]] void say(Setting s, const std::string& rest, const char* id = kBadSetting) const {
+        const SettingName n = names_(s);
+        throw InputError(kExitInput, (n.where.empty() ? "" : n.where + ": ") + n.name + " " + rest, id);
+    }
+    // "where: rest" (or "Name: rest" without an origin).
+    [[noreturn]] void about(Setting s, const std::string& rest, const char* id = kBadStructure) const {
+        const SettingName n = names_(s);
+        throw InputError(kExitInput, (n.where.empty() ? n.name : n.where) + ": " + rest, id);
+    }
+
+    void intRange(Setting s, long long v, long long lo, long long hi, const std::string& what = "") const {
+        if (v < lo || v > hi)
+            say(s, "must be from " + std::to_string(lo) + " to " + std::to_string(hi) + what + ", not " +
+                       std::to_string(v));
+    }
+    void realRange(Setting s, double v, double lo, double hi) const {
+        if (!std::isfinite(v) || v < lo || v > hi)
+            say(s, "must be a number from " + number(lo) + " to " + number(hi) + ", not " + number(v));
+    }
+
+  private:
+    const SettingNames& names_;
+};
+
+void checkStructure(const DHC_SET& set, const GivenStructure& given, const Refusal& r) {
+    const int n = set.numberOfClasses;
+    if (n < 1) r.say(Setting::NumberOfClasses, "must be at least 1 in supervised mode", kBadStructure);
+    r.intRange(Setting::NumberOfClasses, n, 1, set.maxLabels, " (the label space)");
+    const std::vector<int>& levels = given.levels;
+    const std::vector<int>& paths = given.paths;
+    if (static_cast<long long>(levels.size()) != n)
+        r.say(Setting::StructureLevels,
+              "must list " + std::to_string(n) + " path lengths (" + r.name(Setting::NumberOfClasses) + ")",
+              kBadStructure);
+    long long total = 0;
+    for (int l : levels) {
+        if (l < 1) r.about(Setting::StructureLevels, "every path length must be at least 1");
+        if (l > kMaxPathLength)
+            r.about(Setting::StructureLevels, "a path length must not exceed " +
+                                                  std::to_string(kMaxPathLength) + ", not " +
+                                                  std::to_string(l));
+        total += l;
+    }
+    if (static_cast<long long>(paths.size()) != total)
+        r.say(Setting::StructurePaths,
+              "must hold " + std::to_string(total) + " entries (the sum of " +
+                  r.name(Setting::StructureLevels) + ")",
+              kBadStructure);
+
+    // Rebuild the tree the way the driver does: paths in lexicographic order
+    // (zero-padded), each entry naming an existing child or the next new one.
+    std::vector<std::vector<int>> list;
+    size_t at = 0;
+    for (int l : levels) {
+        list.emplace_back(paths.begin() + static_cast<long>(at), paths.begin() + static_cast<long>(at + l));
+        at += static_cast<size_t>(l);
+    }
+    for (size_t i = 0; i < list.size(); ++i)
+        for (size_t j = 0; j < list.size(); ++j) {
+            if (i == j) continue;
+            const auto& a = list[i];
+            const auto& b = list[j];
+            if (a.size() <= b.size() && std::equal(a.begin(), a.end(), b.begin()))
+                r.about(Setting::StructurePaths, "class path " + std::to_string(i + 1) +
+                                                     (a.size() == b.size() ? " repeats" : " is a prefix of") +
+                                                     " class path " + std::to_string(j + 1));
+        }
+    std::vector<std::vector<int>> sorted = list;
+    std::sort(sorted.begin(), sorted.end());
+    std::vector<std::vector<size_t>> children(1);  // per node, the indices of its children
+    for (const auto& p : sorted) {
+        size_t cur = 0;
+        for (int e : p) {
+            const int count = static_cast<int>(children[cur].size());
+            if (e < 0 || e > count)
+                r.about(Setting::StructurePaths,
+                        "path entry " + std::to_string(e) +
+                            " skips a child index (paths must number children 0, 1, 2, ...)");
+            if (e == count) {
+                children[cur].push_back(children.size());
+                children.emplace_back();
+            }
+            cur = children[cur][static_cast<size_t>(e)];
+        }
+    }
+}
+
+}  // namespace
+
+const char* iniSection(Setting s) {
+    return kSections[static_cast<size_t>(s)];
+}
+
+SettingName iniName(Setting s) {
+    return {std::string(), namesOf(s).ini};
+}
+
+SettingName matlabName(Setting s) {
+    return {std::string(), namesOf(s).matlab};
+}
+
+void checkSettings(const DHC_SET& set, const GivenStructure& structure, const SettingNames& names) {
+    const Refusal r(names);
+
+    r.realRange(Setting::BetaMin, set.betaMin, -kMaxAbsBeta, kMaxAbsBeta);
+    r.realRange(Setting::BetaMax, set.betaMax, -kMaxAbsBeta, kMaxAbsBeta);
+    if (set.betaMin > set.betaMax)
+        r.say(Setting::BetaMin,
+              "must not exceed " + r.name(Setting::BetaMax) + " (" + number(set.betaMax) + ")");
+    r.realRange(Setting::BetaBound, set.betaBound, -kMaxAbsBeta, kMaxAbsBeta);
+    r.realRange(Setting::RangeBandwidth, set.rangeBandwidth, -kMaxAbsSetting, kMaxAbsSetting);
+    r.realRange(Setting::SpatialBandwidth, set.spatialBandwidth, -kMaxAbsSetting, kMaxAbsSetting);
+
+    if (set.supervisedMode) {
+        checkStructure(set, structure, r);
+        return;
+    }
+
+    if (!set.variableMultiplicity) {
+        if (set.multiplicity < 2) r.say(Setting::Multiplicity, "must be at least 2 (children per split)");
+        r.intRange(Setting::Multiplicity, set.multiplicity, 2, kMaxMultiplicity);
+    } else {
+        r.intRange(Setting::AutoAdjustKNN, set.autoAdjustkNN, 0, kMaxMultiplicity);
+        r.realRange(Setting::SkipLast, set.skipLast, 0.0, 1.0);
+        r.realRange(Setting::Tolerance, set.tolerance, 0.0, 1.0);
+    }
+    if (set.blind && !set.blindActive && (set.metric < 0 || set.metric > kMaxMetric))
+        r.say(Setting::Metric, "must be 0 to " + std::to_string(kMaxMetric));
+    r.realRange(Setting::SplitGainThreshold, set.splitGainThreshold, -kMaxAbsThreshold, kMaxAbsThreshold);
+    r.intRange(Setting::MaxNumberOfClasses, set.maxNumberOfClasses, 0, set.maxLabels, " (the label space)");
+    r.realRange(Setting::MinRegionArea, set.minSplitArea, 0.0, kMaxAbsSetting);
+    if (set.balancedTree) r.intRange(Setting::GrowDepth, set.growDepth, 0, kMaxGrowDepth);
+    r.realRange(Setting::DistortionThreshold, set.distorsionThreshold, -kMaxAbsSetting, kMaxAbsSetting);
+    r.realRange(Setting::BlindSplitDepthMax, set.blindDepth, 0.0, kMaxAbsSetting);
+    r.realRange(Setting::BlindSplitAreaMin, set.blindArea, 0.0, kMaxAbsSetting);
+    r.realRange(Setting::BlindSplitMSEMin, set.blindMSE, 0.0, kMaxAbsSetting);
+}
+
+unsigned long long physicalMemory() {
+    const long pages = ::sysconf(_SC_PHYS_PAGES);
+    const long pageSize = ::sysconf(_SC_PAGESIZE);
+    if (pages <= 0 || pageSize <= 0) return 0;
+    return static_cast<unsigned long long>(pages) * static_cast<unsigned long long>(pageSize);
+}
+
+void checkImageSize(long long rows, long long cols, long long bands, const std::string& what) {
+    const unsigned long long limit = std::numeric_limits<size_t>::max();
+    const unsigned long long values[] = {static_cast<unsigned long long>(std::max(rows, 0LL)),
+                                         static_cast<unsigned long long>(std::max(cols, 0LL)),
+                                         static_cast<unsigned long long>(std::max(bands, 0LL)), sizeof(int)};
+    unsigned long long bytes = 1;
+    bool overflow = false;
+    for (unsigned long long v : values) {
+        if (v != 0 && bytes > limit / v) overflow = true;
+        if (!overflow) bytes *= v;
+    }
+    const std::string shape =
+        what + " is " + std::to_string(rows) + " x " + std::to_string(cols) + " x " + std::to_string(bands);
+    if (overflow)
+        throw InputError(kExitInput, shape + ": its size overflows the address space", "dhc:tooLarge");
+    const unsigned long long memory = physicalMemory();
+    if (memory != 0 && bytes > memory)
+        throw InputError(kExitInput,
+                         shape + ": its " + std::to_string(bytes) + " bytes of values exceed the machine's " +
+                             std::to_string(memory) + " bytes of memory",
+                         "dhc:tooLarge");
+}
+
+void checkAgainstRegion(const DHC_SET& set, int pixels, const SettingNames& names) {
+    const Refusal r(names);
+    if (!set.supervisedMode && !set.variableMultiplicity && set.multiplicity > pixels)
+        r.say(Setting::Multiplicity, "(" + std::to_string(set.multiplicity) + ") exceeds the " +
+                                         std::to_string(pixels) + (pixels == 1 ? " pixel" : " pixels") +
+                                         " of the region of interest");
+}
+
+}  // namespace dhc
