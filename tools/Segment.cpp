@@ -56,7 +56,6 @@ int runSegment(const SegmentOptions& o) {
     IniFile ini = o.config.empty() ? IniFile("default.ini", kDefaultIni) : IniFile::fromFile(o.config);
     for (const std::string& assignment : o.sets) ini.applyOverride(assignment);
     ini.check();
-    const std::unique_ptr<DHC_SET> settings = readSettings(ini);
     dhc::GivenStructure structure;
     ini.intArray("SUPERVISED_MODE_CONF", "StructureLevels", structure.levels);
     ini.intArray("SUPERVISED_MODE_CONF", "StructurePaths", structure.paths);
@@ -64,6 +63,14 @@ int runSegment(const SegmentOptions& o) {
         const dhc::SettingName key = dhc::iniName(s);
         return dhc::SettingName{ini.origin(dhc::iniSection(s), key.name), key.name};
     };
+    // The reader allocates the structure by NumberOfClasses and the levels:
+    // they are judged before it runs, the rest on what it read.
+    int supervisedMode = 0, classes = 0;
+    if (ini.intValue("SEGM_MAIN_CONFIGURATION", "SupervisedMode", supervisedMode) && supervisedMode != 0) {
+        ini.intValue("SUPERVISED_MODE_CONF", "NumberOfClasses", classes);
+        dhc::checkClassStructure(classes, DHC_SET().maxLabels, structure, names);
+    }
+    const std::unique_ptr<DHC_SET> settings = readSettings(ini);
     dhc::checkSettings(*settings, structure, names);
 
     // 2. The input files: readable, well-formed, all of the image's size.

@@ -276,6 +276,11 @@ std::string IniFile::origin(const std::string& section, const std::string& key) 
     return name_ + ": " + section + "." + key + " (missing, read as 0)";
 }
 
+bool IniFile::intValue(const std::string& section, const std::string& key, int& out) const {
+    std::string t;
+    return value(section, key, t) && parseInt(t, out);
+}
+
 bool IniFile::intArray(const std::string& section, const std::string& key, std::vector<int>& out) const {
     std::string t;
     return value(section, key, t) && parseIntArray(t, out);

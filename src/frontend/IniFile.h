@@ -56,6 +56,8 @@ class IniFile {
     // Where SECTION.Key comes from, for messages: "name:line", the override
     // that set it, or "name: SECTION.Key (missing, read as 0)".
     std::string origin(const std::string& section, const std::string& key) const;
+    // The integer SECTION.Key holds; false when absent or malformed.
+    bool intValue(const std::string& section, const std::string& key, int& out) const;
     // The whole list of integers SECTION.Key holds; false when absent or malformed.
     bool intArray(const std::string& section, const std::string& key, std::vector<int>& out) const;
 

@@ -94,7 +94,10 @@ Names namesOf(Setting s) {
     return {"?", "?"};
 }
 
+// As MATLAB writes them: NaN, Inf, -Inf, else the shortest of %g.
 std::string number(double v) {
+    if (std::isnan(v)) return "NaN";
+    if (std::isinf(v)) return v > 0 ? "Inf" : "-Inf";
     std::ostringstream out;
     out << v;
     return out.str();
@@ -132,10 +135,9 @@ class Refusal {
     const SettingNames& names_;
 };
 
-void checkStructure(const DHC_SET& set, const GivenStructure& given, const Refusal& r) {
-    const int n = set.numberOfClasses;
+void checkStructure(int n, int labelSpace, const GivenStructure& given, const Refusal& r) {
     if (n < 1) r.say(Setting::NumberOfClasses, "must be at least 1 in supervised mode", kBadStructure);
-    r.intRange(Setting::NumberOfClasses, n, 1, set.maxLabels, " (the label space)");
+    r.intRange(Setting::NumberOfClasses, n, 1, labelSpace, " (the label space)");
     const std::vector<int>& levels = given.levels;
     const std::vector<int>& paths = given.paths;
     if (static_cast<long long>(levels.size()) != n)
@@ -222,7 +224,7 @@ void checkSettings(const DHC_SET& set, const GivenStructure& structure, const Se
     r.realRange(Setting::SpatialBandwidth, set.spatialBandwidth, -kMaxAbsSetting, kMaxAbsSetting);
 
     if (set.supervisedMode) {
-        checkStructure(set, structure, r);
+        checkStructure(set.numberOfClasses, set.maxLabels, structure, r);
         return;
     }
 
@@ -244,6 +246,11 @@ void checkSettings(const DHC_SET& set, const GivenStructure& structure, const Se
     r.realRange(Setting::BlindSplitDepthMax, set.blindDepth, 0.0, kMaxAbsSetting);
     r.realRange(Setting::BlindSplitAreaMin, set.blindArea, 0.0, kMaxAbsSetting);
     r.realRange(Setting::BlindSplitMSEMin, set.blindMSE, 0.0, kMaxAbsSetting);
+}
+
+void checkClassStructure(int classes, int labelSpace, const GivenStructure& structure,
+                         const SettingNames& names) {
+    checkStructure(classes, labelSpace, structure, Refusal(names));
 }
 
 unsigned long long physicalMemory() {

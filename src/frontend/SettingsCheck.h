@@ -83,6 +83,12 @@ struct GivenStructure {
 void checkSettings(const DHC_SET& settings, const GivenStructure& structure,
                    const SettingNames& names = iniName);
 
+// The class-structure part of checkSettings on its own: a front end that
+// reads the structure with a reader that allocates by these numbers checks
+// them first.  labelSpace is DHC_SET::maxLabels.
+void checkClassStructure(int classes, int labelSpace, const GivenStructure& structure,
+                         const SettingNames& names = iniName);
+
 // Checks that an image of these sides and bands can be held: its int32 cube
 // must fit size_t and the machine's memory.  what names the image in the
 // message ("image \"s.hraw\"", "\"data\"").  Throws an InputError

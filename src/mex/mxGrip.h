@@ -253,6 +253,15 @@ inline MxValue mxRequiredNumericProperty(const mxArray* object, const char* name
     return value;
 }
 
+// A value as MATLAB writes it: NaN, Inf, -Inf, else %g.
+inline std::string mxNumberText(double v) {
+    if (v != v) return "NaN";
+    char text[64];
+    std::snprintf(text, sizeof text, "%g", v);
+    const std::string t = text;
+    return t == "inf" ? "Inf" : t == "-inf" ? "-Inf" : t;
+}
+
 // Every value of a double array must convert to int32 (after truncation
 // toward zero): NaN, infinities and values outside the range would be
 // undefined conversions.
@@ -262,9 +271,7 @@ inline void mxCheckIntValues(const mxArray* array, const std::string& name) {
     for (size_t i = 0; i < n; ++i) {
         const double v = pr[i];
         if (v > -2147483649.0 && v < 2147483648.0) continue;
-        char text[64];
-        std::snprintf(text, sizeof text, "%g", v);
-        throw MxError("dhc:badValue", "\"" + name + "\" holds " + text + " at element " +
+        throw MxError("dhc:badValue", "\"" + name + "\" holds " + mxNumberText(v) + " at element " +
                                           std::to_string(i + 1) +
                                           "; values must be finite and within the int32 range");
     }

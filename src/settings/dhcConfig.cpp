@@ -1,6 +1,5 @@
 #include "settings/dhcConfig.h"
 
-#include <cstdio>
 #include <memory>
 #include <string>
 
@@ -14,10 +13,8 @@ bool asBool(double v) {
 // Truncated toward zero; a value no int can hold is refused (the cast would be undefined).
 int asInt(double v, const char* name) {
     if (!(v > -2147483649.0 && v < 2147483648.0)) {
-        char text[64];
-        std::snprintf(text, sizeof text, "%g", v);
         throw MxError("dhc:badSetting",
-                      std::string(name) + " must be an integer in the int32 range, not " + text);
+                      std::string(name) + " must be an integer in the int32 range, not " + mxNumberText(v));
     }
     return static_cast<int>(v);
 }
