@@ -1,14 +1,13 @@
 // The MATLAB/Octave gateway: [out, summary, reports] = dhc(problem, settings).
 //
-// Converts the problem object's arrays and the settings object, builds the
-// region of interest, runs the driver and turns its result into MATLAB
-// structures.  Every resource of a call has one RAII owner, so that an error
+// Converts the problem object's arrays and the settings object, checks them
+// and runs the segmentation the way every front end does (SettingsCheck.h,
+// Segmentation.h), and turns its result into MATLAB structures.  Every resource of a call has one RAII owner, so that an error
 // (a refused input, or a fatal condition of the core, which the module turns
 // into a MATLAB error instead of ending the session) unwinds cleanly before the
 // error is raised.  With DHC_MEX_LITERAL_EXIT a fatal condition ends the host
 // process with its status instead.
 
-#include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <new>
@@ -108,13 +107,6 @@ class IntMatrix {
     IntMatrix(const IntMatrix&) = delete;
     IntMatrix& operator=(const IntMatrix&) = delete;
     ~IntMatrix() { reset(); }
-
-    // rows x cols, every element v.
-    static IntMatrix filled(int rows, int cols, int v) {
-        IntMatrix out(dhc::newRows<int>(rows, cols), rows);
-        for (int r = 0; r < rows; ++r) std::fill(out.m_[r], out.m_[r] + cols, v);
-        return out;
-    }
 
     int** get() const { return m_; }
     void reset() {
