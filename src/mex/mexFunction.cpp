@@ -5,8 +5,9 @@
 // Segmentation.h), and turns its result into MATLAB structures.  Every
 // resource of a call has one RAII owner, so that an error (a refused input, or
 // a fatal condition of the core, which the module turns into a MATLAB error
-// instead of ending the session) unwinds cleanly before the error is raised.  With DHC_MEX_LITERAL_EXIT a
-// fatal condition ends the host process with its status instead.
+// instead of ending the session) unwinds cleanly before the error is raised.
+// With DHC_MEX_LITERAL_EXIT a fatal condition ends the host process with its
+// status instead.
 
 #include <cstdio>
 #include <memory>
