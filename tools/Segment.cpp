@@ -86,12 +86,11 @@ int runSegment(const SegmentOptions& o) {
     // 1. The configuration, with the overrides, checked as a whole.
     IniFile ini = o.config.empty() ? IniFile("default.ini", kDefaultIni) : IniFile::fromFile(o.config);
     for (const std::string& assignment : o.sets) ini.applyOverride(assignment);
-    ini.check();
-    const std::unique_ptr<DHC_SET> settings = readSettings(ini);
-    dhc::checkSettings(*settings, [&ini](const char* section, const char* key) { return ini.origin(section, key); });
+    const std::unique_ptr<DHC_SET> settings = readCheckedSettings(ini);
 
     // 2. The input files: readable, well-formed, all of the image's size.
     const HrawShape image = checkHraw(o.image, "image");
+    dhc::checkImageSize(image.rows, image.cols, image.bands, "image \"" + o.image + "\"");
     if (!o.mask.empty()) checkMap(o.mask, "mask", image);
     if (!o.init.empty()) checkMap(o.init, "initial segmentation", image);
     if (!o.gt.empty()) checkMap(o.gt, "ground truth", image);
@@ -147,10 +146,12 @@ int runSegment(const SegmentOptions& o) {
         if (!o.mask.empty()) mask = std::make_unique<Cube>(o.mask);
         if (!o.init.empty()) init = std::make_unique<Cube>(o.init);
         if (supervised) gt = std::make_unique<Cube>(o.gt);
-        dhc::RunNames names;
-        names.gt = "ground truth \"" + o.gt + "\"";
-        run = dhc::prepareRun(cube.rows, cube.cols, cube.bands, cube.data, mask ? mask->data[0] : nullptr,
-                              init ? init->data[0] : nullptr, gt ? gt->data[0] : nullptr, *settings, names);
+        dhc::RunNames runNames;
+        runNames.gt = "ground truth \"" + o.gt + "\"";
+        runNames.settings = settingNames(ini);
+        run =
+            dhc::prepareRun(cube.rows, cube.cols, cube.bands, cube.data, mask ? mask->data[0] : nullptr,
+                            init ? init->data[0] : nullptr, gt ? gt->data[0] : nullptr, *settings, runNames);
     }
 
     // 6. The run.

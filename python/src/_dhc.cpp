@@ -33,7 +33,6 @@
 #include "frontend/IniFile.h"
 #include "frontend/InputError.h"
 #include "frontend/Segmentation.h"
-#include "frontend/SettingsCheck.h"
 #include "frontend/TreeOutput.h"
 #include "settings/DHC_SET.h"
 #include "settings/Fatal.h"
@@ -76,10 +75,7 @@ std::mutex& runMutex() {
 std::unique_ptr<DHC_SET> checkedSettings(const std::vector<Entry>& entries) {
     IniFile ini("dhc.Settings", "");
     for (const Entry& e : entries) ini.assign(std::get<0>(e), std::get<1>(e), std::get<2>(e), std::get<3>(e));
-    ini.check();
-    std::unique_ptr<DHC_SET> settings = readSettings(ini);
-    dhc::checkSettings(*settings, [&ini](const char* section, const char* key) { return ini.origin(section, key); });
-    return settings;
+    return readCheckedSettings(ini);
 }
 
 // Sends dhc::out() to Python's sys.stdout, one line at a time (the GIL is

@@ -11,6 +11,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "frontend/SettingsCheck.h"
 #include "settings/DHC_SET.h"
 #include "settings/FileName.h"
 
@@ -276,50 +277,23 @@ void IniFile::check() const {
         // An override carries its own origin, which already names the setting.
         checkValue(setting, text, lines_[k].origin, kExitInput);
     }
-    checkSemantics();
 }
 
-std::string IniFile::origin(const char* section, const char* key) const {
+std::string IniFile::origin(const std::string& section, const std::string& key) const {
     const int s = sectionLine(section);
     const int k = s < 0 ? -1 : keyLine(s, key);
     if (k >= 0) return lines_[k].origin;
     return name_ + ": " + section + "." + key + " (missing, read as 0)";
 }
 
-// The class structure's arrays must be as long as the reader will take them:
-// it reads NumberOfClasses levels and their sum of path entries without
-// bounds.  Their values are judged with the other settings (checkSettings).
-void IniFile::checkSemantics() const {
-    auto integer = [this](const char* section, const char* key) {
-        std::string t;
-        int v = 0;
-        return value(section, key, t) && parseInt(t, v) ? v : 0;
-    };
-    if (integer("SEGM_MAIN_CONFIGURATION", "SupervisedMode") == 0) return;
+bool IniFile::intValue(const std::string& section, const std::string& key, int& out) const {
+    std::string t;
+    return value(section, key, t) && parseInt(t, out);
+}
 
-    const int n = integer("SUPERVISED_MODE_CONF", "NumberOfClasses");
-    if (n < 1)
-        throw InputError(kExitInput, origin("SUPERVISED_MODE_CONF", "NumberOfClasses") +
-                                         ": NumberOfClasses must be at least 1 in supervised mode");
-    std::string text;
-    std::vector<int> levels, paths;
-    if (!value("SUPERVISED_MODE_CONF", "StructureLevels", text) || !parseIntArray(text, levels) ||
-        static_cast<int>(levels.size()) != n)
-        throw InputError(kExitInput, origin("SUPERVISED_MODE_CONF", "StructureLevels") +
-                                         ": StructureLevels must list " + std::to_string(n) +
-                                         " path lengths (NumberOfClasses)");
-    long total = 0;
-    for (int l : levels) {
-        if (l < 1)
-            throw InputError(kExitInput, origin("SUPERVISED_MODE_CONF", "StructureLevels") +
-                                             ": every path length must be at least 1");
-        total += l;
-    }
-    if (!value("SUPERVISED_MODE_CONF", "StructurePaths", text) || !parseIntArray(text, paths) ||
-        static_cast<long>(paths.size()) != total)
-        throw InputError(kExitInput, origin("SUPERVISED_MODE_CONF", "StructurePaths") +
-                                         ": StructurePaths must hold " + std::to_string(total) +
-                                         " entries (the sum of StructureLevels)");
+bool IniFile::intArray(const std::string& section, const std::string& key, std::vector<int>& out) const {
+    std::string t;
+    return value(section, key, t) && parseIntArray(t, out);
 }
 
 std::string IniFile::text() const {
@@ -357,5 +331,30 @@ std::unique_ptr<DHC_SET> readSettings(const IniFile& ini) {
     ::close(fd);
     auto settings = std::make_unique<DHC_SET>(std::string(name.data()));
     ::unlink(name.data());
+    return settings;
+}
+
+dhc::SettingNames settingNames(const IniFile& ini) {
+    return [&ini](dhc::Setting s) {
+        const dhc::SettingName key = dhc::iniName(s);
+        return dhc::SettingName{ini.origin(dhc::iniSection(s), key.name), key.name};
+    };
+}
+
+std::unique_ptr<DHC_SET> readCheckedSettings(const IniFile& ini) {
+    ini.check();
+    dhc::GivenStructure structure;
+    ini.intArray("SUPERVISED_MODE_CONF", "StructureLevels", structure.levels);
+    ini.intArray("SUPERVISED_MODE_CONF", "StructurePaths", structure.paths);
+    const dhc::SettingNames names = settingNames(ini);
+    // The reader allocates the structure by NumberOfClasses and the levels:
+    // they are judged before it runs, the rest on what it read.
+    int supervisedMode = 0, classes = 0;
+    if (ini.intValue("SEGM_MAIN_CONFIGURATION", "SupervisedMode", supervisedMode) && supervisedMode != 0) {
+        ini.intValue("SUPERVISED_MODE_CONF", "NumberOfClasses", classes);
+        dhc::checkClassStructure(classes, DHC_SET().maxLabels, structure, names);
+    }
+    std::unique_ptr<DHC_SET> settings = readSettings(ini);
+    dhc::checkSettings(*settings, structure, names);
     return settings;
 }

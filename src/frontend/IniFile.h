@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "frontend/InputError.h"
+#include "frontend/SettingsCheck.h"
 
 class IniFile {
   public:
@@ -51,18 +52,22 @@ class IniFile {
     void assign(const std::string& section, const std::string& key, const std::string& text,
                 const std::string& origin);
 
-    // Checks that the library's reader will read every value the way it is
-    // meant (well-formed numbers, arrays of the lengths it takes); throws an
-    // InputError (status kExitInput) naming the file and line of the first
-    // problem.  What the values mean is judged by checkSettings on the record.
+    // Checks the syntax of the whole configuration the way the run will use
+    // it; throws a InputError (status kExitInput) naming the file and line of
+    // the first problem.  The values' ranges are checked on the record read
+    // from it (checkSettings, SettingsCheck.h).
     void check() const;
-
-    // Where SECTION.Key comes from, for messages: "name:line", the --set
-    // override that set it, or "name: SECTION.Key (missing, read as 0)".
-    std::string origin(const char* section, const char* key) const;
 
     // Value text of SECTION.Key as the library would read it; false when absent.
     bool value(const std::string& section, const std::string& key, std::string& out) const;
+
+    // Where SECTION.Key comes from, for messages: "name:line", the override
+    // that set it, or "name: SECTION.Key (missing, read as 0)".
+    std::string origin(const std::string& section, const std::string& key) const;
+    // The integer SECTION.Key holds; false when absent or malformed.
+    bool intValue(const std::string& section, const std::string& key, int& out) const;
+    // The whole list of integers SECTION.Key holds; false when absent or malformed.
+    bool intArray(const std::string& section, const std::string& key, std::vector<int>& out) const;
 
     // The configuration text, ready to be written out.
     std::string text() const;
@@ -82,7 +87,6 @@ class IniFile {
     // Throws unless text is a well-formed value of kind; where names the value in the message.
     static void checkValue(const Setting& setting, const std::string& text, const std::string& where,
                            int status);
-    void checkSemantics() const;
 
     std::string name_;
     std::vector<Line> lines_;
@@ -95,3 +99,13 @@ struct DHC_SET;
 // reader (which takes a file name: the text goes through a temporary file).
 // Throws an InputError when no temporary file can be made.
 std::unique_ptr<DHC_SET> readSettings(const IniFile& ini);
+
+// Names settings in messages by where their values came from ("cfg.ini:6",
+// "--set POTTS_MODEL.Multiplicity=4"); ini must outlive the names.
+dhc::SettingNames settingNames(const IniFile& ini);
+
+// The settings record of a configuration, checked whole: the text (check()),
+// then the values against their ranges and each other (checkSettings), each
+// problem named by where its value came from.  The tool and the Python
+// package read every configuration through here.
+std::unique_ptr<DHC_SET> readCheckedSettings(const IniFile& ini);

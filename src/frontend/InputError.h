@@ -1,9 +1,9 @@
 #pragma once
 // A problem with what the user handed a front end (command line, files,
-// settings, MEX or Python arguments): one message, an exit status and a short
-// kind.  The tool prints "dhc: " + message and exits with the status; the MEX
-// module raises it as the error "dhc:" + kind, the Python package as its own
-// exception types.
+// settings, MEX or Python arguments): one message, an exit status and an
+// identifier ("dhc:badSetting"; may be empty).  The tool prints "dhc: " +
+// message and exits with the status; the MEX module raises the identifier and
+// message as a MATLAB error, and the Python package its own error type.
 
 #include <stdexcept>
 #include <string>
@@ -16,13 +16,12 @@ constexpr int kExitUsage = 2;  // bad command line
 
 class InputError : public std::runtime_error {
   public:
-    InputError(int status, const std::string& message, std::string kind = "badInput")
-        : std::runtime_error(message), status_(status), kind_(std::move(kind)) {}
+    InputError(int status, const std::string& message, std::string id = std::string())
+        : std::runtime_error(message), status_(status), id_(std::move(id)) {}
     int status() const { return status_; }
-    // "badSetting", "badGroundTruth", "emptyRoi", ...: what the MEX module's error identifier names.
-    const std::string& kind() const { return kind_; }
+    const std::string& id() const { return id_; }
 
   private:
     int status_;
-    std::string kind_;
+    std::string id_;
 };

@@ -1,7 +1,7 @@
 #include "frontend/Segmentation.h"
 
+#include <algorithm>
 #include <set>
-#include <utility>
 
 #include "driver/DHC.h"
 #include "driver/DHC_IN.h"
@@ -16,6 +16,12 @@ int distinctNonZero(const LabelRoi& roi) {
     for (int k = 0; k < roi.count; ++k)
         if (roi.data[k] != 0) labels.insert(roi.data[k]);
     return static_cast<int>(labels.size());
+}
+
+int lowestLabel(const LabelRoi& roi) {
+    int lowest = 0;
+    for (int k = 0; k < roi.count; ++k) lowest = std::min(lowest, roi.data[k]);
+    return lowest;
 }
 
 // A rows x cols plane of one value, freed on scope exit.
@@ -55,40 +61,29 @@ PreparedRun prepareRun(int rows, int cols, int bands, int*** cube, int** mask, i
         throw InputError(kExitInput,
                          maskGiven ? "the region of interest is empty: no mask value is 1"
                                    : "the region of interest is empty: no pixel has a positive initial label",
-                         "emptyRoi");
-    if (!supervised && !settings.variableMultiplicity && settings.multiplicity > run.roi->count)
-        throw InputError(kExitInput,
-                         "Multiplicity (" + std::to_string(settings.multiplicity) +
-                             ") exceeds the number of pixels in the region of interest (" +
-                             std::to_string(run.roi->count) + ")",
-                         "badSetting");
+                         "dhc:emptyRoi");
+    checkAgainstRegion(settings, run.roi->count, names.settings);
     if (supervised) {
         run.gt.reset(run.roi->extractLabROI(gt, 0, true));
-        // Class labels index the core's tables: a negative one would write
-        // before them.  Named at its first pixel in reading order.
-        int bad = -1;
-        for (int k = 0; k < run.gt->count; ++k)
-            if (run.gt->data[k] < 0 &&
-                (bad < 0 || std::make_pair(run.gt->coords[k].x, run.gt->coords[k].y) <
-                                std::make_pair(run.gt->coords[bad].x, run.gt->coords[bad].y)))
-                bad = k;
-        if (bad >= 0)
+        // The label statistics index their tables by label from 0 up: a
+        // negative label writes before them.
+        const int lowest = lowestLabel(*run.gt);
+        if (lowest < 0)
             throw InputError(kExitInput,
-                             names.gt + " holds the negative label " + std::to_string(run.gt->data[bad]) +
-                                 " at row " + std::to_string(run.gt->coords[bad].x + run.gt->minRow + 1) +
-                                 ", column " + std::to_string(run.gt->coords[bad].y + run.gt->minCol + 1) +
-                                 " (classes are positive labels, 0 is unlabelled)",
-                             "badGroundTruth");
+                             names.gt + " holds the negative label " + std::to_string(lowest) +
+                                 " in the region of interest; class labels are positive, 0 marks "
+                                 "unlabelled pixels",
+                             "dhc:badGroundTruth");
         // The class models are indexed by the ground truth's classes: any
         // other count makes the core read past its models.
         const int classes = distinctNonZero(*run.gt);
         if (classes != settings.numberOfClasses)
-            throw InputError(kExitInput, names.gt + " holds " + std::to_string(classes) +
-                                             (classes == 1 ? " class" : " classes") +
-                                             " (distinct non-zero labels) in the region of interest, but " +
-                                             names.classCount + " is " +
-                                             std::to_string(settings.numberOfClasses),
-                             "badGroundTruth");
+            throw InputError(kExitInput,
+                             names.gt + " holds " + std::to_string(classes) +
+                                 (classes == 1 ? " class" : " classes") +
+                                 " (distinct non-zero labels) in the region of interest, but " +
+                                 names.classCount + " is " + std::to_string(settings.numberOfClasses),
+                             "dhc:badGroundTruth");
     } else {
         run.initLabels.reset(run.roi->extractLabROI(init, 0, true));
     }

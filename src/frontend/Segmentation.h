@@ -11,6 +11,7 @@
 #include "data/ROI.h"
 #include "data/xy.h"
 #include "driver/DHC_OUT.h"
+#include "frontend/SettingsCheck.h"
 
 struct DHC_SET;
 
@@ -22,6 +23,7 @@ using LabelRoi = ROI<int, xy>;
 struct RunNames {
     std::string gt = "ground truth";             // e.g. "ground truth \"g.hraw\"", "\"gt\""
     std::string classCount = "NumberOfClasses";  // the setting the class count is compared with
+    SettingNames settings = iniName;             // how the settings are named
 };
 
 // The regions of interest of one run.  Once it exists the caller may free the
@@ -37,8 +39,9 @@ struct PreparedRun {
 // the set of pixels whose initial label is positive; with mask it is the set of
 // pixels whose mask value is 1.  cube is [band][row][col]; mask, init and gt are
 // rows x cols row-pointer planes, null when not given (not owned).  Throws an
-// InputError (kExitInput) for an empty region or a ground truth the core cannot
-// use.
+// InputError (kExitInput) for an empty region ("dhc:emptyRoi"), a ground truth
+// the core cannot use ("dhc:badGroundTruth": negative labels, another number
+// of classes) or settings the region cannot satisfy (checkAgainstRegion).
 PreparedRun prepareRun(int rows, int cols, int bands, int*** cube, int** mask, int** init, int** gt,
                        const DHC_SET& settings, const RunNames& names = RunNames());
 

@@ -1,9 +1,11 @@
 #include "frontend/SettingsCheck.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <sstream>
-#include <vector>
 
 #include "frontend/InputError.h"
 #include "settings/DHC_SET.h"
@@ -11,97 +13,159 @@
 namespace dhc {
 namespace {
 
-class Checker {
-  public:
-    Checker(const DHC_SET& s, const SettingOrigin& origin, bool coreJudgesMetric)
-        : s_(s), origin_(origin), coreJudgesMetric_(coreJudgesMetric) {}
+const char* const kBadSetting = "dhc:badSetting";
+const char* const kBadStructure = "dhc:badStructure";
 
-    [[noreturn]] void fail(const char* section, const char* key, const std::string& what) const {
-        throw InputError(kExitInput, origin_(section, key) + ": " + what, "badSetting");
-    }
-
-    // A real setting must be a finite number within [-limit, limit]: beyond
-    // that, sums with it stop changing (an endless split loop) or overflow.
-    void real(const char* section, const char* key, double v, double limit) const {
-        if (std::isfinite(v) && std::fabs(v) <= limit) return;
-        std::ostringstream m;
-        m << key << " must be a finite number from " << -limit << " to " << limit;
-        fail(section, key, m.str());
-    }
-    void fraction(const char* section, const char* key, double v) const {
-        if (std::isfinite(v) && v >= 0.0 && v <= 1.0) return;
-        fail(section, key, std::string(key) + " must be a number from 0 to 1");
-    }
-
-    void run() const;
-    void classStructure() const;
-
-  private:
-    const DHC_SET& s_;
-    const SettingOrigin& origin_;
-    bool coreJudgesMetric_;
+struct Names {
+    const char* ini;
+    const char* matlab;
 };
 
-void Checker::run() const {
-    const char* unsup = "UNSUPERVISED_MODE_CONF";
-    const char* potts = "POTTS_MODEL";
-    real(unsup, "SplitGainThreshold", s_.splitGainThreshold, kValueLimit);
-    real(unsup, "MinRegionArea", s_.minSplitArea, kValueLimit);
-    real(unsup, "DistortionThreshold", s_.distorsionThreshold, kValueLimit);
-    real(unsup, "BlindSplitDepthMax", s_.blindDepth, kValueLimit);
-    real(unsup, "BlindSplitAreaMin", s_.blindArea, kValueLimit);
-    real(unsup, "BlindSplitMSEMin", s_.blindMSE, kValueLimit);
-    if (s_.maxNumberOfClasses > kLabelSpace)
-        fail(unsup, "MaxNumberOfClasses",
-             "MaxNumberOfClasses must be at most " + std::to_string(kLabelSpace) + " (the label space)");
+// The ini sections, in the order of the Setting enumerators.
+const char* const kSections[] = {"UNSUPERVISED_MODE_CONF",
+                                 "UNSUPERVISED_MODE_CONF",
+                                 "UNSUPERVISED_MODE_CONF",
+                                 "UNSUPERVISED_MODE_CONF",
+                                 "UNSUPERVISED_MODE_CONF",
+                                 "UNSUPERVISED_MODE_CONF",
+                                 "UNSUPERVISED_MODE_CONF",
+                                 "UNSUPERVISED_MODE_CONF",
+                                 "UNSUPERVISED_MODE_CONF",
+                                 "SUPERVISED_MODE_CONF",
+                                 "SUPERVISED_MODE_CONF",
+                                 "SUPERVISED_MODE_CONF",
+                                 "POTTS_MODEL",
+                                 "POTTS_MODEL",
+                                 "POTTS_MODEL",
+                                 "POTTS_MODEL",
+                                 "POTTS_MODEL",
+                                 "POTTS_MODEL",
+                                 "MEANSHIFT",
+                                 "MEANSHIFT",
+                                 "MEANSHIFT"};
+static_assert(sizeof kSections / sizeof kSections[0] == static_cast<size_t>(Setting::Tolerance) + 1,
+              "one section per setting");
 
-    real(potts, "BetaMin", s_.betaMin, kBetaLimit);
-    real(potts, "BetaMax", s_.betaMax, kBetaLimit);
-    real(potts, "BetaBound", s_.betaBound, kBetaLimit);
-    if (s_.betaMin > s_.betaMax) {
-        std::ostringstream m;
-        m << "BetaMin must not exceed BetaMax (" << s_.betaMax << ")";
-        fail(potts, "BetaMin", m.str());
+Names namesOf(Setting s) {
+    switch (s) {
+        case Setting::SplitGainThreshold:
+            return {"SplitGainThreshold", "unsupSet.classicSet.splitGainThreshold"};
+        case Setting::MaxNumberOfClasses:
+            return {"MaxNumberOfClasses", "unsupSet.classicSet.maxNumberOfClasses"};
+        case Setting::MinRegionArea:
+            return {"MinRegionArea", "unsupSet.classicSet.minSplitArea"};
+        case Setting::GrowDepth:
+            return {"GrowDepth", "unsupSet.growDepth"};
+        case Setting::Metric:
+            return {"Metric", "unsupSet.blindSet.metric"};
+        case Setting::DistortionThreshold:
+            return {"DistortionThreshold", "unsupSet.blindSet.distorsionThreshold"};
+        case Setting::BlindSplitDepthMax:
+            return {"BlindSplitDepthMax", "unsupSet.blindSet.depth"};
+        case Setting::BlindSplitAreaMin:
+            return {"BlindSplitAreaMin", "unsupSet.blindSet.area"};
+        case Setting::BlindSplitMSEMin:
+            return {"BlindSplitMSEMin", "unsupSet.blindSet.MSE"};
+        case Setting::NumberOfClasses:
+            return {"NumberOfClasses", "supSet.numberOfClasses"};
+        case Setting::StructureLevels:
+            return {"StructureLevels", "supSet.structureLevels"};
+        case Setting::StructurePaths:
+            return {"StructurePaths", "supSet.structurePaths"};
+        case Setting::Multiplicity:
+            return {"Multiplicity", "unsupSet.multiplicity"};
+        case Setting::BetaMin:
+            return {"BetaMin", "engineSet.betaMin"};
+        case Setting::BetaMax:
+            return {"BetaMax", "engineSet.betaMax"};
+        case Setting::BetaBound:
+            return {"BetaBound", "engineSet.betaBound"};
+        case Setting::RangeBandwidth:
+            return {"RangeBandwidth", "engineSet.rangeBandwidth"};
+        case Setting::SpatialBandwidth:
+            return {"SpatialBandwidth", "engineSet.spatialBandwidth"};
+        case Setting::AutoAdjustKNN:
+            return {"AutoAdjustKNN", "engineSet.autoAdjustkNN"};
+        case Setting::SkipLast:
+            return {"SkipLast", "engineSet.skipLast"};
+        case Setting::Tolerance:
+            return {"Tolerance", "engineSet.tolerance"};
     }
-    real(potts, "RangeBandwidth", s_.rangeBandwidth, kValueLimit);
-    real(potts, "SpatialBandwidth", s_.spatialBandwidth, kValueLimit);
-
-    const char* meanShift = "MEANSHIFT";
-    fraction(meanShift, "Tolerance", s_.tolerance);
-    fraction(meanShift, "SkipLast", s_.skipLast);
-    if (s_.autoAdjustkNN < 0 || s_.autoAdjustkNN > kMaxMultiplicity)
-        fail(meanShift, "AutoAdjustKNN",
-             "AutoAdjustKNN must be 0 to " + std::to_string(kMaxMultiplicity) + " (modes wanted)");
-
-    if (s_.supervisedMode) {
-        classStructure();
-        return;
-    }
-    if (!s_.variableMultiplicity && s_.multiplicity < 2)
-        fail(potts, "Multiplicity", "Multiplicity must be at least 2 (children per split)");
-    if (s_.multiplicity > kMaxMultiplicity)
-        fail(potts, "Multiplicity",
-             "Multiplicity must be at most " + std::to_string(kMaxMultiplicity) + " (children per split)");
-    const bool blindLimits = s_.blindDepth != 0.0 || s_.blindArea != 0.0 || s_.blindMSE != 0.0;
-    if (s_.blind && !blindLimits && !coreJudgesMetric_ && (s_.metric < 0 || s_.metric > 8))
-        fail(unsup, "Metric", "Metric must be 0 to 8");
+    return {"?", "?"};
 }
 
-// The class structure must describe a tree whose leaves are the classes.
-void Checker::classStructure() const {
-    const char* sup = "SUPERVISED_MODE_CONF";
-    const int n = s_.numberOfClasses;
-    if (n < 1) fail(sup, "NumberOfClasses", "NumberOfClasses must be at least 1 in supervised mode");
-    if (n > kLabelSpace)
-        fail(sup, "NumberOfClasses",
-             "NumberOfClasses must be at most " + std::to_string(kLabelSpace) + " (the label space)");
+// As MATLAB writes them: NaN, Inf, -Inf, else the shortest of %g.
+std::string number(double v) {
+    if (std::isnan(v)) return "NaN";
+    if (std::isinf(v)) return v > 0 ? "Inf" : "-Inf";
+    std::ostringstream out;
+    out << v;
+    return out.str();
+}
+
+// Builds the messages of one check in the front end's terms.
+class Refusal {
+  public:
+    explicit Refusal(const SettingNames& names) : names_(names) {}
+
+    std::string name(Setting s) const { return names_(s).name; }
+
+    // "where: Name rest" (or "Name rest" without an origin).
+    [[noreturn]] void say(Setting s, const std::string& rest, const char* id = kBadSetting) const {
+        const SettingName n = names_(s);
+        throw InputError(kExitInput, (n.where.empty() ? "" : n.where + ": ") + n.name + " " + rest, id);
+    }
+    // "where: rest" (or "Name: rest" without an origin).
+    [[noreturn]] void about(Setting s, const std::string& rest, const char* id = kBadStructure) const {
+        const SettingName n = names_(s);
+        throw InputError(kExitInput, (n.where.empty() ? n.name : n.where) + ": " + rest, id);
+    }
+
+    void intRange(Setting s, long long v, long long lo, long long hi, const std::string& what = "") const {
+        if (v < lo || v > hi)
+            say(s, "must be from " + std::to_string(lo) + " to " + std::to_string(hi) + what + ", not " +
+                       std::to_string(v));
+    }
+    void realRange(Setting s, double v, double lo, double hi) const {
+        if (!std::isfinite(v) || v < lo || v > hi)
+            say(s, "must be a number from " + number(lo) + " to " + number(hi) + ", not " + number(v));
+    }
+
+  private:
+    const SettingNames& names_;
+};
+
+void checkStructure(int n, int labelSpace, const GivenStructure& given, const Refusal& r) {
+    if (n < 1) r.say(Setting::NumberOfClasses, "must be at least 1 in supervised mode", kBadStructure);
+    r.intRange(Setting::NumberOfClasses, n, 1, labelSpace, " (the label space)");
+    const std::vector<int>& levels = given.levels;
+    const std::vector<int>& paths = given.paths;
+    if (static_cast<long long>(levels.size()) != n)
+        r.say(Setting::StructureLevels,
+              "must list " + std::to_string(n) + " path lengths (" + r.name(Setting::NumberOfClasses) + ")",
+              kBadStructure);
+    long long total = 0;
+    for (int l : levels) {
+        if (l < 1) r.about(Setting::StructureLevels, "every path length must be at least 1");
+        if (l > kMaxPathLength)
+            r.about(Setting::StructureLevels, "a path length must not exceed " +
+                                                  std::to_string(kMaxPathLength) + ", not " +
+                                                  std::to_string(l));
+        total += l;
+    }
+    if (static_cast<long long>(paths.size()) != total)
+        r.say(Setting::StructurePaths,
+              "must hold " + std::to_string(total) + " entries (the sum of " +
+                  r.name(Setting::StructureLevels) + ")",
+              kBadStructure);
+
+    // Rebuild the tree the way the driver does: paths in lexicographic order
+    // (zero-padded), each entry naming an existing child or the next new one.
     std::vector<std::vector<int>> list;
-    long at = 0;
-    for (int c = 0; c < n; ++c) {
-        const int l = s_.structureLevels[c];
-        if (l < 1) fail(sup, "StructureLevels", "every path length must be at least 1");
-        list.emplace_back(s_.structurePaths + at, s_.structurePaths + at + l);
-        at += l;
+    size_t at = 0;
+    for (int l : levels) {
+        list.emplace_back(paths.begin() + static_cast<long>(at), paths.begin() + static_cast<long>(at + l));
+        at += static_cast<size_t>(l);
     }
     for (size_t i = 0; i < list.size(); ++i)
         for (size_t j = 0; j < list.size(); ++j) {
@@ -109,22 +173,21 @@ void Checker::classStructure() const {
             const auto& a = list[i];
             const auto& b = list[j];
             if (a.size() <= b.size() && std::equal(a.begin(), a.end(), b.begin()))
-                fail(sup, "StructurePaths",
-                     "class path " + std::to_string(i + 1) + (a.size() == b.size() ? " repeats" : " is a prefix of") +
-                         " class path " + std::to_string(j + 1));
+                r.about(Setting::StructurePaths, "class path " + std::to_string(i + 1) +
+                                                     (a.size() == b.size() ? " repeats" : " is a prefix of") +
+                                                     " class path " + std::to_string(j + 1));
         }
-    // Rebuild the tree the way the driver does: paths in lexicographic order,
-    // each entry naming an existing child or the next new one.
-    std::sort(list.begin(), list.end());
-    std::vector<std::vector<size_t>> children(1);
-    for (const auto& p : list) {
+    std::vector<std::vector<int>> sorted = list;
+    std::sort(sorted.begin(), sorted.end());
+    std::vector<std::vector<size_t>> children(1);  // per node, the indices of its children
+    for (const auto& p : sorted) {
         size_t cur = 0;
         for (int e : p) {
             const int count = static_cast<int>(children[cur].size());
             if (e < 0 || e > count)
-                fail(sup, "StructurePaths",
-                     "path entry " + std::to_string(e) +
-                         " skips a child index (paths must number children 0, 1, 2, ...)");
+                r.about(Setting::StructurePaths,
+                        "path entry " + std::to_string(e) +
+                            " skips a child index (paths must number children 0, 1, 2, ...)");
             if (e == count) {
                 children[cur].push_back(children.size());
                 children.emplace_back();
@@ -136,8 +199,96 @@ void Checker::classStructure() const {
 
 }  // namespace
 
-void checkSettings(const DHC_SET& settings, const SettingOrigin& origin, bool coreJudgesMetric) {
-    Checker(settings, origin, coreJudgesMetric).run();
+const char* iniSection(Setting s) {
+    return kSections[static_cast<size_t>(s)];
+}
+
+SettingName iniName(Setting s) {
+    return {std::string(), namesOf(s).ini};
+}
+
+SettingName matlabName(Setting s) {
+    return {std::string(), namesOf(s).matlab};
+}
+
+void checkSettings(const DHC_SET& set, const GivenStructure& structure, const SettingNames& names) {
+    const Refusal r(names);
+
+    r.realRange(Setting::BetaMin, set.betaMin, -kMaxAbsBeta, kMaxAbsBeta);
+    r.realRange(Setting::BetaMax, set.betaMax, -kMaxAbsBeta, kMaxAbsBeta);
+    if (set.betaMin > set.betaMax)
+        r.say(Setting::BetaMin,
+              "must not exceed " + r.name(Setting::BetaMax) + " (" + number(set.betaMax) + ")");
+    r.realRange(Setting::BetaBound, set.betaBound, -kMaxAbsBeta, kMaxAbsBeta);
+    r.realRange(Setting::RangeBandwidth, set.rangeBandwidth, -kMaxAbsSetting, kMaxAbsSetting);
+    r.realRange(Setting::SpatialBandwidth, set.spatialBandwidth, -kMaxAbsSetting, kMaxAbsSetting);
+
+    if (set.supervisedMode) {
+        checkStructure(set.numberOfClasses, set.maxLabels, structure, r);
+        return;
+    }
+
+    if (!set.variableMultiplicity) {
+        if (set.multiplicity < 2) r.say(Setting::Multiplicity, "must be at least 2 (children per split)");
+        r.intRange(Setting::Multiplicity, set.multiplicity, 2, kMaxMultiplicity);
+    } else {
+        r.intRange(Setting::AutoAdjustKNN, set.autoAdjustkNN, 0, kMaxMultiplicity);
+        r.realRange(Setting::SkipLast, set.skipLast, 0.0, 1.0);
+        r.realRange(Setting::Tolerance, set.tolerance, 0.0, 1.0);
+    }
+    if (set.blind && !set.blindActive && (set.metric < 0 || set.metric > kMaxMetric))
+        r.say(Setting::Metric, "must be 0 to " + std::to_string(kMaxMetric));
+    r.realRange(Setting::SplitGainThreshold, set.splitGainThreshold, -kMaxAbsThreshold, kMaxAbsThreshold);
+    r.intRange(Setting::MaxNumberOfClasses, set.maxNumberOfClasses, 0, set.maxLabels, " (the label space)");
+    r.realRange(Setting::MinRegionArea, set.minSplitArea, 0.0, kMaxAbsSetting);
+    if (set.balancedTree) r.intRange(Setting::GrowDepth, set.growDepth, 0, kMaxGrowDepth);
+    r.realRange(Setting::DistortionThreshold, set.distorsionThreshold, -kMaxAbsSetting, kMaxAbsSetting);
+    r.realRange(Setting::BlindSplitDepthMax, set.blindDepth, 0.0, kMaxAbsSetting);
+    r.realRange(Setting::BlindSplitAreaMin, set.blindArea, 0.0, kMaxAbsSetting);
+    r.realRange(Setting::BlindSplitMSEMin, set.blindMSE, 0.0, kMaxAbsSetting);
+}
+
+void checkClassStructure(int classes, int labelSpace, const GivenStructure& structure,
+                         const SettingNames& names) {
+    checkStructure(classes, labelSpace, structure, Refusal(names));
+}
+
+unsigned long long physicalMemory() {
+    const long pages = ::sysconf(_SC_PHYS_PAGES);
+    const long pageSize = ::sysconf(_SC_PAGESIZE);
+    if (pages <= 0 || pageSize <= 0) return 0;
+    return static_cast<unsigned long long>(pages) * static_cast<unsigned long long>(pageSize);
+}
+
+void checkImageSize(long long rows, long long cols, long long bands, const std::string& what) {
+    const unsigned long long limit = std::numeric_limits<size_t>::max();
+    const unsigned long long values[] = {static_cast<unsigned long long>(std::max(rows, 0LL)),
+                                         static_cast<unsigned long long>(std::max(cols, 0LL)),
+                                         static_cast<unsigned long long>(std::max(bands, 0LL)), sizeof(int)};
+    unsigned long long bytes = 1;
+    bool overflow = false;
+    for (unsigned long long v : values) {
+        if (v != 0 && bytes > limit / v) overflow = true;
+        if (!overflow) bytes *= v;
+    }
+    const std::string shape =
+        what + " is " + std::to_string(rows) + " x " + std::to_string(cols) + " x " + std::to_string(bands);
+    if (overflow)
+        throw InputError(kExitInput, shape + ": its size overflows the address space", "dhc:tooLarge");
+    const unsigned long long memory = physicalMemory();
+    if (memory != 0 && bytes > memory)
+        throw InputError(kExitInput,
+                         shape + ": its " + std::to_string(bytes) + " bytes of values exceed the machine's " +
+                             std::to_string(memory) + " bytes of memory",
+                         "dhc:tooLarge");
+}
+
+void checkAgainstRegion(const DHC_SET& set, int pixels, const SettingNames& names) {
+    const Refusal r(names);
+    if (!set.supervisedMode && !set.variableMultiplicity && set.multiplicity > pixels)
+        r.say(Setting::Multiplicity, "(" + std::to_string(set.multiplicity) + ") exceeds the " +
+                                         std::to_string(pixels) + (pixels == 1 ? " pixel" : " pixels") +
+                                         " of the region of interest");
 }
 
 }  // namespace dhc

@@ -1,35 +1,106 @@
 #pragma once
-// The settings every front end refuses before a run: values the core cannot
-// work with (it would read past its tables, wrap its arithmetic, or loop
-// without end) and values outside the documented sane range.  One check for
-// the command-line tool, the MEX module and the Python package, so that all
-// three accept and refuse the same settings with the same messages.
+// The values a run accepts: one check of a settings record and of the image it
+// is applied to, shared by the command-line tool, the MEX module and the Python
+// package, so that each refuses the same settings with the same message (only
+// the names of the settings and where they came from differ).
+//
+// Every numeric setting has a documented range (README, "Settings that cannot
+// run"); inside it the core ends on every input.  Outside it a value either
+// cannot work (a multiplicity above the label space, a NaN threshold) or makes
+// a loop of the core run for hours, so it is refused before anything runs.
 
+#include <cstddef>
 #include <functional>
 #include <string>
+#include <vector>
 
 struct DHC_SET;
 
 namespace dhc {
 
-// Sane ranges, documented in the README's settings table.
-constexpr double kBetaLimit = 100.0;  // |BetaMin|, |BetaMax|, |BetaBound|
-constexpr double kValueLimit = 1e12;  // |SplitGainThreshold|, areas, depths, blind limits, bandwidths
-constexpr int kMaxMultiplicity = 64;  // children per split, modes wanted
-constexpr int kLabelSpace = 1000000;  // labels one run can hand out
+// The settings the check names in its messages.
+enum class Setting {
+    SplitGainThreshold,
+    MaxNumberOfClasses,
+    MinRegionArea,
+    GrowDepth,
+    Metric,
+    DistortionThreshold,
+    BlindSplitDepthMax,
+    BlindSplitAreaMin,
+    BlindSplitMSEMin,
+    NumberOfClasses,
+    StructureLevels,
+    StructurePaths,
+    Multiplicity,
+    BetaMin,
+    BetaMax,
+    BetaBound,
+    RangeBandwidth,
+    SpatialBandwidth,
+    AutoAdjustKNN,
+    SkipLast,
+    Tolerance,
+};
 
-// Names where a setting came from, for messages: "cfg.ini:6" or
-// "--set POTTS_MODEL.BetaMin=2" in the tool, "engineSet.betaMin" in MATLAB.
-// Called with the ini section and key of the setting.
-using SettingOrigin = std::function<std::string(const char* section, const char* key)>;
+// How a front end names a setting: where the value came from (a file line,
+// an override; empty when there is nothing to say) and the setting's name in
+// that front end's terms ("Multiplicity", "unsupSet.multiplicity").
+struct SettingName {
+    std::string where;
+    std::string name;
+};
+using SettingNames = std::function<SettingName(Setting)>;
 
-// Throws an InputError (status 1, kind "badSetting") naming the first setting
-// that cannot run: "ORIGIN: Multiplicity must be at least 2 (children per split)".
-// The supervised class structure must hold numberOfClasses levels and as many
-// path entries as their sum (each front end checks the lengths it reads).
-// An unknown blind Metric is refused too unless coreJudgesMetric is set: the
-// MEX module leaves it to the core, whose fatal status -20 ("dhc:fatal:m20")
-// MATLAB code has always been able to catch.
-void checkSettings(const DHC_SET& settings, const SettingOrigin& origin, bool coreJudgesMetric = false);
+// The ini section of a setting ("POTTS_MODEL").
+const char* iniSection(Setting s);
+// The ini key of a setting, with no origin: the default naming.
+SettingName iniName(Setting s);
+// The property path of a setting in the MATLAB/Octave settings object.
+SettingName matlabName(Setting s);
+
+// Limits of the documented ranges.
+constexpr int kMaxMultiplicity = 64;      // children per split (and AutoAdjustKNN modes)
+constexpr int kMaxGrowDepth = 1000;       // levels of a balanced tree
+constexpr int kMaxPathLength = 1000;      // entries of one class path
+constexpr int kMaxMetric = 8;             // blind metrics 0..8
+constexpr double kMaxAbsBeta = 100.0;     // |BetaMin|, |BetaMax|, |BetaBound|
+constexpr double kMaxAbsThreshold = 1e9;  // |SplitGainThreshold|; threshold - 1 stays distinct
+constexpr double kMaxAbsSetting = 1e15;   // every other real setting
+
+// The class structure as the user gave it, whole: the lists may be longer or
+// shorter than the record's NumberOfClasses says (the record's own arrays hold
+// only what the reader took).
+struct GivenStructure {
+    std::vector<int> levels;
+    std::vector<int> paths;
+};
+
+// Checks every setting the run will use against its range and the settings
+// against each other (BetaMin <= BetaMax, the class structure describes a tree
+// whose leaves are the classes).  Throws an InputError (kExitInput) naming the
+// first problem; its id is "dhc:badSetting" or "dhc:badStructure".
+void checkSettings(const DHC_SET& settings, const GivenStructure& structure,
+                   const SettingNames& names = iniName);
+
+// The class-structure part of checkSettings on its own: a front end that
+// reads the structure with a reader that allocates by these numbers checks
+// them first.  labelSpace is DHC_SET::maxLabels.
+void checkClassStructure(int classes, int labelSpace, const GivenStructure& structure,
+                         const SettingNames& names = iniName);
+
+// Checks that an image of these sides and bands can be held: its int32 cube
+// must fit size_t and the machine's memory.  what names the image in the
+// message ("image \"s.hraw\"", "\"data\"").  Throws an InputError
+// ("dhc:tooLarge").
+void checkImageSize(long long rows, long long cols, long long bands, const std::string& what);
+
+// The bytes of physical memory of this machine (0 when unknown).
+unsigned long long physicalMemory();
+
+// Checks the settings against the region of interest they are applied to: no
+// more children per split than pixels to give them.  Throws an InputError
+// ("dhc:badSetting").
+void checkAgainstRegion(const DHC_SET& settings, int pixels, const SettingNames& names = iniName);
 
 }  // namespace dhc

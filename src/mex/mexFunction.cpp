@@ -1,15 +1,14 @@
 // The MATLAB/Octave gateway: [out, summary, reports] = dhc(problem, settings).
 //
-// Converts the problem object's arrays and the settings object, builds the
-// region of interest, runs the driver and turns its result into MATLAB
-// structures.  Every resource of a call has one RAII owner, so that an error
-// (a refused input, or a fatal condition of the core, which the module turns
-// into a MATLAB error instead of ending the session) unwinds cleanly before the
-// error is raised.  With DHC_MEX_LITERAL_EXIT a fatal condition ends the host
-// process with its status instead.
+// Converts the problem object's arrays and the settings object, checks them
+// and runs the segmentation the way every front end does (SettingsCheck.h,
+// Segmentation.h), and turns its result into MATLAB structures.  Every
+// resource of a call has one RAII owner, so that an error (a refused input, or
+// a fatal condition of the core, which the module turns into a MATLAB error
+// instead of ending the session) unwinds cleanly before the error is raised.
+// With DHC_MEX_LITERAL_EXIT a fatal condition ends the host process with its
+// status instead.
 
-#include <algorithm>
-#include <cstring>
 #include <cstdio>
 #include <memory>
 #include <new>
@@ -24,7 +23,6 @@
 #include "frontend/InputError.h"
 #include "frontend/Segmentation.h"
 #include "frontend/SettingsCheck.h"
-#include "frontend/TreeOutput.h"
 #include "mex.h"
 #include "mex/mxGrip.h"
 #include "settings/DHC_SET.h"
@@ -150,14 +148,32 @@ struct MxDestroy {
 using MxOwned = std::unique_ptr<mxArray, MxDestroy>;
 using IntRoi = ROI<int, xy>;
 
+// The reports of a run: the array and every report in it.
+class ReportList {
+  public:
+    ReportList(WSReport** reports, int n) : reports_(reports), n_(n) {}
+    ReportList(const ReportList&) = delete;
+    ReportList& operator=(const ReportList&) = delete;
+    ~ReportList() {
+        for (int i = 0; i < n_; ++i) delete reports_[i];
+        delete[] reports_;
+    }
+    int size() const { return n_; }
+    const WSReport& operator[](int i) const { return *reports_[i]; }
+
+  private:
+    WSReport** reports_;
+    int n_;
+};
 
 // Reads an optional R x C map of the problem; empty when absent or empty.
 // The map is read (and its rank asserted) even when it has no elements.
 IntMatrix readFrameMap(const mxArray* problem, const char* name, int rows, int cols) {
     const MxValue value = mxNumericProperty(problem, name);
     if (!value) return IntMatrix();
+    mxCheckIntValues(value.get(), name);
     int r = 0, c = 0;
-    int** rowsRead = readMxMatrix<int>(value.get(), r, c, name);  // sets r before the owner takes it
+    int** rowsRead = readMxMatrix<int>(value.get(), r, c);  // sets r before the owner takes it
     IntMatrix m(rowsRead, r);
     if (value.empty()) return IntMatrix();
     // The core addresses every map at the data's R x C frame without bounds.
@@ -195,28 +211,46 @@ mxArray* newStruct(int n, int nFields, const char** fields) {
 }
 
 // The five-field summary of the tree.
-mxArray* buildSummary(const dhc::SplitSummary& summary) {
+mxArray* buildSummary(const ReportList& reports, DHC& driver) {
     const char* fields[] = {"NClass", "Classes", "NSplit", "SplitOrder", "OffspringMat"};
     MxOwned s(newStruct(1, 5, fields));
-    const int nClass = static_cast<int>(summary.classes.size());
-    const int nSplit = static_cast<int>(summary.splitOrder.size());
+
+    int nClass = 0;
+    for (int i = 0; i < reports.size(); ++i)
+        if (reports[i].nChildren == 0) ++nClass;
     mxSetField(s.get(), 0, "NClass", mxCreateDoubleScalar(nClass));
-    if (nClass > 0) mxSetField(s.get(), 0, "Classes", column(summary.classes.data(), nClass));
+    if (nClass > 0) {
+        mxArray* classes = mxCreateDoubleMatrix(nClass, 1, mxREAL);
+        double* pr = mxGetPr(classes);
+        for (int i = 0, k = 0; i < reports.size(); ++i)
+            if (reports[i].nChildren == 0) pr[k++] = reports[i].WSLab;
+        mxSetField(s.get(), 0, "Classes", classes);
+    }
+
+    int nSplit = 0;
+    std::unique_ptr<int[]> order(driver.extractSplitSequence(nSplit));
     mxSetField(s.get(), 0, "NSplit", mxCreateDoubleScalar(nSplit));
     if (nSplit >= 1) {
-        mxSetField(s.get(), 0, "SplitOrder", column(summary.splitOrder.data(), nSplit));
+        mxSetField(s.get(), 0, "SplitOrder", column(order.get(), nSplit));
         mxArray* offspring = mxCreateDoubleMatrix(nSplit, nClass, mxREAL);
         double* pr = mxGetPr(offspring);
-        for (int k = 0; k < nSplit; ++k)
-            for (int j = 0; j < nClass; ++j)
-                pr[k + static_cast<size_t>(j) * nSplit] = summary.offspring[static_cast<size_t>(k) * nClass + j];
+        for (int k = 0; k < nSplit; ++k) {
+            for (int i = 0; i < reports.size(); ++i) {
+                const WSReport& rep = reports[i];
+                if (rep.WSLab != order[k]) continue;
+                // Left-aligned; the zero-filled matrix pads the rest of the row.
+                for (int j = 0; j < rep.nOffspring && j < nClass; ++j)
+                    pr[k + static_cast<size_t>(j) * nSplit] = rep.offspring[j];
+                break;
+            }
+        }
         mxSetField(s.get(), 0, "OffspringMat", offspring);
     }
     return s.release();
 }
 
 // One element per workspace report, 21 fields.
-mxArray* buildReports(const dhc::RegionReports& reports) {
+mxArray* buildReports(const ReportList& reports) {
     const char* fields[] = {"label",     "depth", "path",       "nChildren", "children", "offspCard",
                             "offspring", "split", "isTerminal", "beta",      "edges",    "textureBased",
                             "sgBasic",   "sgTex", "sgSpec",     "area",      "area_k",   "TlkE",
@@ -258,53 +292,31 @@ mxArray* buildReports(const dhc::RegionReports& reports) {
     return s.release();
 }
 
-// Where a setting lives in the MATLAB settings objects, for messages of the
-// shared settings check (which names settings by their ini keys).
-std::string propertyOf(const char* section, const char* key) {
-    static const std::pair<const char*, const char*> kProperties[] = {
-        {"SupervisedMode", "supervisedMode"},
-        {"SplitGainThreshold", "unsupSet.classicSet.splitGainThreshold"},
-        {"MaxNumberOfClasses", "unsupSet.classicSet.maxNumberOfClasses"},
-        {"MinRegionArea", "unsupSet.classicSet.minSplitArea"},
-        {"Metric", "unsupSet.blindSet.metric"},
-        {"DistortionThreshold", "unsupSet.blindSet.distorsionThreshold"},
-        {"BlindSplitDepthMax", "unsupSet.blindSet.depth"},
-        {"BlindSplitAreaMin", "unsupSet.blindSet.area"},
-        {"BlindSplitMSEMin", "unsupSet.blindSet.MSE"},
-        {"Multiplicity", "unsupSet.multiplicity"},
-        {"NumberOfClasses", "supSet.numberOfClasses"},
-        {"StructureLevels", "supSet.structureLevels"},
-        {"StructurePaths", "supSet.structurePaths"},
-        {"BetaMin", "engineSet.betaMin"},
-        {"BetaMax", "engineSet.betaMax"},
-        {"BetaBound", "engineSet.betaBound"},
-        {"RangeBandwidth", "engineSet.rangeBandwidth"},
-        {"SpatialBandwidth", "engineSet.spatialBandwidth"},
-        {"Tolerance", "engineSet.tolerance"},
-        {"SkipLast", "engineSet.skipLast"},
-        {"AutoAdjustKNN", "engineSet.autoAdjustkNN"},
-    };
-    for (const auto& [ini, property] : kProperties)
-        if (std::strcmp(ini, key) == 0) return std::string("settings.") + property;
-    return std::string(section) + "." + key;
-}
-
 void run(int nlhs, mxArray* plhs[], const mxArray* problem, const mxArray* settingsObject) {
-    int bands = 0, rows = 0, cols = 0;
     MxValue data = mxRequiredNumericProperty(problem, "data");
-    int*** cubeRead = readMxCube<int>(data.get(), bands, rows, cols, "data");  // sets the sizes first
+    const mwSize nd = mxGetNumberOfDimensions(data.get());
+    if (nd == 2 || nd == 3) {
+        // Refuse what cannot be held before the reader allocates it.
+        const mwSize* dim = mxGetDimensions(data.get());
+        dhc::checkImageSize(static_cast<long long>(dim[0]), static_cast<long long>(dim[1]),
+                            nd == 3 ? static_cast<long long>(dim[2]) : 1, "\"data\"");
+        if (dim[0] > kMaxSide || dim[1] > kMaxSide)
+            throw MxError("dhc:badProperty", "\"data\" has a side above " + std::to_string(kMaxSide));
+        mxCheckIntValues(data.get(), "data");
+    }
+    int bands = 0, rows = 0, cols = 0;
+    int*** cubeRead = readMxCube<int>(data.get(), bands, rows, cols);  // sets the sizes first
     IntCube cube(cubeRead, bands, rows);
     data = MxValue();
-    const std::unique_ptr<DHC_SET> settings(dhcConfig(settingsObject));
 
+    dhc::GivenStructure structure;
+    const std::unique_ptr<DHC_SET> settings(dhcConfig(settingsObject, &structure.levels, &structure.paths));
     const bool supervised = settings->supervisedMode;
     const bool treeOutput = dhc::hasTreeOutput(*settings);
     if (treeOutput != (nlhs == 3)) throw MxError(std::string(), kUsage);
+    dhc::checkSettings(*settings, structure, dhc::matlabName);
 
     if (rows < 1 || cols < 1 || bands < 1) throw MxError("dhc:badProperty", "\"data\" is empty");
-    if (rows > kMaxSide || cols > kMaxSide)
-        throw MxError("dhc:badProperty", "\"data\" has a side above " + std::to_string(kMaxSide));
-    dhc::checkSettings(*settings, propertyOf, true);
 
     IntMatrix gt;
     if (supervised) {
@@ -314,10 +326,11 @@ void run(int nlhs, mxArray* plhs[], const mxArray* problem, const mxArray* setti
     IntMatrix initSeg = readFrameMap(problem, "initSeg", rows, cols);
     IntMatrix mask = readFrameMap(problem, "roi", rows, cols);
 
-    // The input ROIs outlive the driver output: the core may keep pointers to them.
     dhc::RunNames names;
     names.gt = "\"gt\"";
-    names.classCount = "numberOfClasses";
+    names.classCount = dhc::matlabName(dhc::Setting::NumberOfClasses).name;
+    names.settings = dhc::matlabName;
+    // The input ROIs outlive the driver output: the core may keep pointers to them.
     const dhc::PreparedRun prepared =
         dhc::prepareRun(rows, cols, bands, cube.get(), mask.get(), initSeg.get(), gt.get(), *settings, names);
     cube.reset();
@@ -337,8 +350,10 @@ void run(int nlhs, mxArray* plhs[], const mxArray* problem, const mxArray* setti
 
     MxOwned summary, reportArray;
     if (treeOutput) {
-        const dhc::RegionReports reports(*out.dhc);
-        summary.reset(buildSummary(dhc::summarizeSplits(*out.dhc, reports)));
+        int n = 0;
+        WSReport** list = out.dhc->reportAllWSs(n);
+        const ReportList reports(list, n);
+        summary.reset(buildSummary(reports, *out.dhc));
         reportArray.reset(buildReports(reports));
     }
 
@@ -381,7 +396,7 @@ void mexFunction(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]) {
         } catch (const MxError& e) {
             fail(e.id(), e.what());
         } catch (const InputError& e) {
-            fail("dhc:" + e.kind(), e.what());
+            fail(e.id().empty() ? "dhc:badInput" : e.id(), e.what());
         } catch (const std::bad_alloc&) {
             fail("dhc:outOfMemory", "out of memory");
         } catch (const std::exception& e) {

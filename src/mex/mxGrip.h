@@ -7,11 +7,7 @@
 // C++ destructors, so every problem is thrown as MxError and raised by the
 // gateway only after all owners of the call have been released.
 
-#include <cmath>
 #include <cstdint>
-#include <limits>
-#include <memory>
-#include <type_traits>
 #include <cstdio>
 #include <cstdlib>
 #include <stdexcept>
@@ -47,50 +43,23 @@ class MxError : public std::runtime_error {
 #endif
 }
 
-namespace mxgrip_detail {
-
-// An element as T.  Integer elements must be finite and within T's range once
-// truncated: the conversion of anything else is undefined.  `where` names the
-// array and the element in the message.
-template <typename T, typename Where>
-T element(double v, Where where) {
-    if constexpr (std::is_integral_v<T>) {
-        const double t = std::trunc(v);
-        if (!(t >= static_cast<double>(std::numeric_limits<T>::min()) &&
-              t <= static_cast<double>(std::numeric_limits<T>::max()))) {
-            char text[64];
-            std::snprintf(text, sizeof text, "%.17g", v);
-            throw MxError("dhc:badValue", where() + " is " + text + ": values must be finite and within the " +
-                                              std::to_string(sizeof(T) * 8) + "-bit integer range");
-        }
-        return static_cast<T>(t);
-    } else {
-        return static_cast<T>(v);
-    }
-}
-
-}  // namespace mxgrip_detail
-
-// n values of a row or column vector (1x1 counts as one column).  name names
-// the array in messages.
+// n values of a row or column vector (1x1 counts as one column).
 template <typename T>
-T* readMxVector(const mxArray* array, int& n, const char* name = "value") {
+T* readMxVector(const mxArray* array, int& n) {
     const mwSize nd = mxGetNumberOfDimensions(array);
     DHC_MX_ASSERT((nd == 2));
     const mwSize* dim = mxGetDimensions(array);
     DHC_MX_ASSERT((dim[0] == 1 || dim[1] == 1));
     n = static_cast<int>(dim[0] == 1 ? dim[1] : dim[0]);
     const double* pr = mxGetPr(array);
-    std::unique_ptr<T[]> v(new T[n]);
-    for (int i = 0; i < n; ++i)
-        v[i] = mxgrip_detail::element<T>(
-            pr[i], [&] { return std::string("element ") + std::to_string(i + 1) + " of \"" + name + "\""; });
-    return v.release();
+    T* v = new T[n];
+    for (int i = 0; i < n; ++i) v[i] = static_cast<T>(pr[i]);
+    return v;
 }
 
 // rows new rows of cols values; element [r][c] is MATLAB's (r, c).
 template <typename T>
-T** readMxMatrix(const mxArray* array, int& rows, int& cols, const char* name = "value") {
+T** readMxMatrix(const mxArray* array, int& rows, int& cols) {
     const mwSize nd = mxGetNumberOfDimensions(array);
     DHC_MX_ASSERT((nd == 2));
     const mwSize* dim = mxGetDimensions(array);
@@ -98,19 +67,9 @@ T** readMxMatrix(const mxArray* array, int& rows, int& cols, const char* name = 
     cols = static_cast<int>(dim[1]);
     const double* pr = mxGetPr(array);
     T** m = new T*[rows]();
-    try {
-        for (int r = 0; r < rows; ++r) {
-            m[r] = new T[cols];
-            for (int c = 0; c < cols; ++c)
-                m[r][c] = mxgrip_detail::element<T>(pr[r + static_cast<size_t>(c) * rows], [&] {
-                    return "\"" + std::string(name) + "\"(" + std::to_string(r + 1) + ", " + std::to_string(c + 1) +
-                           ")";
-                });
-        }
-    } catch (...) {
-        for (int r = 0; r < rows; ++r) delete[] m[r];
-        delete[] m;
-        throw;
+    for (int r = 0; r < rows; ++r) {
+        m[r] = new T[cols];
+        for (int c = 0; c < cols; ++c) m[r][c] = static_cast<T>(pr[r + static_cast<size_t>(c) * rows]);
     }
     return m;
 }
@@ -118,7 +77,7 @@ T** readMxMatrix(const mxArray* array, int& rows, int& cols, const char* name = 
 // bands matrices of rows x cols; cube[b][r][c] is MATLAB's (r, c, b).  A 2-D
 // array is one band.
 template <typename T>
-T*** readMxCube(const mxArray* array, int& bands, int& rows, int& cols, const char* name = "value") {
+T*** readMxCube(const mxArray* array, int& bands, int& rows, int& cols) {
     const mwSize nd = mxGetNumberOfDimensions(array);
     DHC_MX_ASSERT((nd == 2 || nd == 3));
     const mwSize* dim = mxGetDimensions(array);
@@ -127,27 +86,14 @@ T*** readMxCube(const mxArray* array, int& bands, int& rows, int& cols, const ch
     bands = nd == 3 ? static_cast<int>(dim[2]) : 1;
     const double* pr = mxGetPr(array);
     const size_t plane = static_cast<size_t>(rows) * cols;
-    T*** cube = new T**[bands]();
-    try {
-        for (int b = 0; b < bands; ++b) {
-            cube[b] = new T*[rows]();
-            for (int r = 0; r < rows; ++r) {
-                cube[b][r] = new T[cols];
-                for (int c = 0; c < cols; ++c)
-                    cube[b][r][c] = mxgrip_detail::element<T>(pr[r + static_cast<size_t>(c) * rows + b * plane], [&] {
-                        return "\"" + std::string(name) + "\"(" + std::to_string(r + 1) + ", " +
-                               std::to_string(c + 1) + ", " + std::to_string(b + 1) + ")";
-                    });
-            }
+    T*** cube = new T**[bands];
+    for (int b = 0; b < bands; ++b) {
+        cube[b] = new T*[rows];
+        for (int r = 0; r < rows; ++r) {
+            cube[b][r] = new T[cols];
+            for (int c = 0; c < cols; ++c)
+                cube[b][r][c] = static_cast<T>(pr[r + static_cast<size_t>(c) * rows + b * plane]);
         }
-    } catch (...) {
-        for (int b = 0; b < bands; ++b) {
-            if (cube[b] == nullptr) continue;
-            for (int r = 0; r < rows; ++r) delete[] cube[b][r];
-            delete[] cube[b];
-        }
-        delete[] cube;
-        throw;
     }
     return cube;
 }
@@ -244,6 +190,23 @@ inline mxArray* toDouble(const mxArray* a) {
     return d;
 }
 
+// A full double array of a sparse double or logical matrix, or null for
+// another sparse type.
+inline mxArray* sparseToFull(const mxArray* a) {
+    const size_t rows = mxGetM(a), cols = mxGetN(a);
+    const mwIndex* jc = mxGetJc(a);
+    const mwIndex* ir = mxGetIr(a);
+    const bool logical = mxIsLogical(a);
+    if (!logical && !mxIsDouble(a)) return nullptr;
+    mxArray* d = mxCreateDoubleMatrix(rows, cols, mxREAL);
+    double* to = mxGetPr(d);
+    for (size_t c = 0; c < cols; ++c)
+        for (mwIndex k = jc[c]; k < jc[c + 1]; ++k)
+            to[ir[k] + c * rows] =
+                logical ? static_cast<double>(static_cast<const mxLogical*>(mxGetData(a))[k]) : mxGetPr(a)[k];
+    return d;
+}
+
 }  // namespace mxgrip_detail
 
 // Property `name` of element 0 of an object or, for a plain struct, its field
@@ -264,31 +227,18 @@ inline MxValue mxRequiredProperty(const mxArray* object, const char* name) {
     return value;
 }
 
-namespace mxgrip_detail {
-
-// A full double matrix holding a sparse (double or logical) one: the readers
-// index every element, which a sparse array does not store.
-inline mxArray* sparseToFull(const mxArray* a) {
-    const size_t rows = mxGetM(a), cols = mxGetN(a);
-    mxArray* d = mxCreateDoubleMatrix(rows, cols, mxREAL);
-    double* out = mxGetPr(d);
-    const mwIndex* ir = mxGetIr(a);
-    const mwIndex* jc = mxGetJc(a);
-    const bool logical = mxIsLogical(a);
-    const double* pr = logical ? nullptr : mxGetPr(a);
-    const mxLogical* lr = logical ? static_cast<const mxLogical*>(mxGetData(a)) : nullptr;
-    for (size_t c = 0; c < cols; ++c)
-        for (mwIndex k = jc[c]; k < jc[c + 1]; ++k) out[ir[k] + c * rows] = logical ? (lr[k] ? 1.0 : 0.0) : pr[k];
-    return d;
-}
-
-}  // namespace mxgrip_detail
-
-// A numeric property as a full double array (other numeric and logical types
-// and sparse arrays are converted); null when it does not exist.
+// A numeric property as a double array (other numeric and logical types are
+// converted); null when it does not exist.
 inline MxValue mxNumericProperty(const mxArray* object, const char* name) {
     MxValue value = mxProperty(object, name);
-    if (value && mxIsSparse(value.get())) return MxValue(mxgrip_detail::sparseToFull(value.get()), true);
+    if (value && mxIsSparse(value.get())) {
+        // The readers address the array as full storage.
+        mxArray* full = mxgrip_detail::sparseToFull(value.get());
+        if (full == nullptr)
+            throw MxError("dhc:badProperty",
+                          std::string("\"") + name + "\" must be a numeric or logical array");
+        return MxValue(full, true);
+    }
     if (!value || mxIsDouble(value.get())) return value;
     mxArray* converted = mxgrip_detail::toDouble(value.get());
     if (converted == nullptr)
@@ -301,6 +251,30 @@ inline MxValue mxRequiredNumericProperty(const mxArray* object, const char* name
     MxValue value = mxNumericProperty(object, name);
     if (!value) throw MxError("dhc:missingProperty", std::string("no property or field \"") + name + "\"");
     return value;
+}
+
+// A value as MATLAB writes it: NaN, Inf, -Inf, else %g.
+inline std::string mxNumberText(double v) {
+    if (v != v) return "NaN";
+    char text[64];
+    std::snprintf(text, sizeof text, "%g", v);
+    const std::string t = text;
+    return t == "inf" ? "Inf" : t == "-inf" ? "-Inf" : t;
+}
+
+// Every value of a double array must convert to int32 (after truncation
+// toward zero): NaN, infinities and values outside the range would be
+// undefined conversions.
+inline void mxCheckIntValues(const mxArray* array, const std::string& name) {
+    const size_t n = mxGetNumberOfElements(array);
+    const double* pr = mxGetPr(array);
+    for (size_t i = 0; i < n; ++i) {
+        const double v = pr[i];
+        if (v > -2147483649.0 && v < 2147483648.0) continue;
+        throw MxError("dhc:badValue", "\"" + name + "\" holds " + mxNumberText(v) + " at element " +
+                                          std::to_string(i + 1) +
+                                          "; values must be finite and within the int32 range");
+    }
 }
 
 // First element of a required numeric property, as double.

@@ -10,16 +10,18 @@ namespace {
 bool asBool(double v) {
     return v != 0.0;
 }
-
-// An integer setting, truncated toward zero; NaN, infinities and values past
-// the int range have no integer to become.
-int intSetting(const mxArray* object, const char* name) {
-    return mxgrip_detail::element<int>(mxScalar(object, name), [name] { return std::string("\"") + name + "\""; });
+// Truncated toward zero; a value no int can hold is refused (the cast would be undefined).
+int asInt(double v, const char* name) {
+    if (!(v > -2147483649.0 && v < 2147483648.0)) {
+        throw MxError("dhc:badSetting",
+                      std::string(name) + " must be an integer in the int32 range, not " + mxNumberText(v));
+    }
+    return static_cast<int>(v);
 }
 
 }  // namespace
 
-DHC_SET* dhcConfig(const mxArray* settings) {
+DHC_SET* dhcConfig(const mxArray* settings, std::vector<int>* levelsOut, std::vector<int>* pathsOut) {
     auto set = std::make_unique<DHC_SET>();
 
     const MxValue unsupSet = mxRequiredProperty(settings, "unsupSet");
@@ -33,18 +35,19 @@ DHC_SET* dhcConfig(const mxArray* settings) {
     set->variableMultiplicity = asBool(mxScalar(unsup, "variableMultiplicity"));
     set->blind = asBool(mxScalar(unsup, "blind"));
     set->balancedTree = asBool(mxScalar(unsup, "balancedTree"));
-    set->growDepth = intSetting(unsup, "growDepth");
+    set->growDepth = asInt(mxScalar(unsup, "growDepth"), "unsupSet.growDepth");
     set->doubleSplit = asBool(mxScalar(unsup, "doubleSplit"));
     set->splitwiseDisconnect = asBool(mxScalar(unsup, "splitwiseDisconnect"));
-    set->multiplicity = intSetting(unsup, "multiplicity");
+    set->multiplicity = asInt(mxScalar(unsup, "multiplicity"), "unsupSet.multiplicity");
 
     const mxArray* classic = classicSet.get();
     set->splitGainThreshold = mxScalar(classic, "splitGainThreshold");
-    set->maxNumberOfClasses = intSetting(classic, "maxNumberOfClasses");
+    set->maxNumberOfClasses =
+        asInt(mxScalar(classic, "maxNumberOfClasses"), "unsupSet.classicSet.maxNumberOfClasses");
     set->minSplitArea = mxScalar(classic, "minSplitArea");
 
     const mxArray* blind = blindSet.get();
-    set->metric = intSetting(blind, "metric");
+    set->metric = asInt(mxScalar(blind, "metric"), "unsupSet.blindSet.metric");
     set->distorsionThreshold = mxScalar(blind, "distorsionThreshold");
     set->blindActive = asBool(mxScalar(blind, "active"));
     set->blindDepth = mxScalar(blind, "depth");
@@ -55,16 +58,21 @@ DHC_SET* dhcConfig(const mxArray* settings) {
     set->updateBlindActive();
 
     if (set->supervisedMode) {
-        // Read in supervised runs only: unsupervised settings may leave it out.
         const MxValue supSet = mxRequiredProperty(settings, "supSet");
         const mxArray* sup = supSet.get();
-        set->numberOfClasses = intSetting(sup, "numberOfClasses");
+        set->numberOfClasses = asInt(mxScalar(sup, "numberOfClasses"), "supSet.numberOfClasses");
         int nLevels = 0;
         int nPaths = 0;
         const MxValue levels = mxRequiredNumericProperty(sup, "structureLevels");
         const MxValue paths = mxRequiredNumericProperty(sup, "structurePaths");
-        set->structureLevels = readMxVector<int>(levels.get(), nLevels, "structureLevels");
-        set->structurePaths = readMxVector<int>(paths.get(), nPaths, "structurePaths");
+        mxCheckIntValues(levels.get(), "structureLevels");
+        mxCheckIntValues(paths.get(), "structurePaths");
+        set->structureLevels = readMxVector<int>(levels.get(), nLevels);
+        set->structurePaths = readMxVector<int>(paths.get(), nPaths);
+        if (levelsOut != nullptr && pathsOut != nullptr) {
+            levelsOut->assign(set->structureLevels, set->structureLevels + nLevels);
+            pathsOut->assign(set->structurePaths, set->structurePaths + nPaths);
+        }
         // The driver walks numberOfClasses levels and their paths without
         // bounds; refuse a structure that would make it read past the arrays.
         long needed = 0;
@@ -73,7 +81,7 @@ DHC_SET* dhcConfig(const mxArray* settings) {
             ok = set->structureLevels[c] >= 0;
             needed += set->structureLevels[c];
         }
-        if (!ok || needed > nPaths)
+        if ((!ok || needed > nPaths) && levelsOut == nullptr)
             throw MxError("dhc:badStructure",
                           "supSet: structureLevels needs numberOfClasses non-negative entries and "
                           "structurePaths as many entries as their sum");
@@ -86,9 +94,9 @@ DHC_SET* dhcConfig(const mxArray* settings) {
     set->betaBound = mxScalar(engine, "betaBound");
     set->rangeBandwidth = mxScalar(engine, "rangeBandwidth");
     set->spatialBandwidth = mxScalar(engine, "spatialBandwidth");
-    set->autoAdjustkNN = intSetting(engine, "autoAdjustkNN");
+    set->autoAdjustkNN = asInt(mxScalar(engine, "autoAdjustkNN"), "engineSet.autoAdjustkNN");
     set->skipLast = mxScalar(engine, "skipLast");
     set->tolerance = mxScalar(engine, "tolerance");
-    set->kernelType = intSetting(engine, "kernelType");
+    set->kernelType = asInt(mxScalar(engine, "kernelType"), "engineSet.kernelType");
     return set.release();
 }

@@ -120,36 +120,6 @@ TEST_F(BadInput, EveryRowOfTheReadmeTable) {
     for (const auto& [args, message] : input) expectRefused(args, message, 1);
 }
 
-// Settings that would wrap, loop without end or exhaust the labels, and a
-// ground truth with negative labels: refused before anything runs.
-TEST_F(BadInput, HostileSettingsAndLabels) {
-    Hraw truth{1, 6, 6, {}};
-    for (int i = 0; i < 36; ++i) truth.values.push_back(i == 21 ? -1 : (i % 6 < 3 ? 1 : 2));
-    writeHraw("gtneg.hraw", truth);
-    const std::pair<Args, std::string> cases[] = {
-        {segment({"--set", "POTTS_MODEL.BetaMin=-1e100"}),
-         "--set POTTS_MODEL.BetaMin=-1e100: BetaMin must be a finite number from -100 to 100"},
-        {segment({"--set", "UNSUPERVISED_MODE_CONF.SplitGainThreshold=-1e17"}),
-         "--set UNSUPERVISED_MODE_CONF.SplitGainThreshold=-1e17: SplitGainThreshold must be a finite number "
-         "from -1e+12 to 1e+12"},
-        {segment({"--set", "POTTS_MODEL.Multiplicity=1000000"}),
-         "--set POTTS_MODEL.Multiplicity=1000000: Multiplicity must be at most 64 (children per split)"},
-        {segment({"--set", "POTTS_MODEL.Multiplicity=40"}),
-         "Multiplicity (40) exceeds the number of pixels in the region of interest (36)"},
-        {segment({"--set", "UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=1000001"}),
-         "--set UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=1000001: MaxNumberOfClasses must be at most "
-         "1000000 (the label space)"},
-        {segment({"--set", "MEANSHIFT.Tolerance=-0.5"}),
-         "--set MEANSHIFT.Tolerance=-0.5: Tolerance must be a number from 0 to 1"},
-        {segment({"--set", "MEANSHIFT.AutoAdjustKNN=500"}),
-         "--set MEANSHIFT.AutoAdjustKNN=500: AutoAdjustKNN must be 0 to 64 (modes wanted)"},
-        {supervised("{1 1}", "{0 1}", {"--gt", "gtneg.hraw"}),
-         "ground truth \"gtneg.hraw\" holds the negative label -1 at row 4, column 4 (classes are positive "
-         "labels, 0 is unlabelled)"},
-    };
-    for (const auto& [args, message] : cases) expectRefused(args, message, 1);
-}
-
 // An interrupted run removes its temporary files and leaves the old output.
 TEST_F(BadInput, InterruptedRunLeavesNothing) {
     ASSERT_EQ(dhc({"-o", "big.hraw", "--rows", "512", "--cols", "512"}, DHC_SCENE_PATH).status, 0);
