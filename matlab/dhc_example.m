@@ -54,8 +54,8 @@ frag.fragmentation = 1;
 out4 = dhc(DhcProblem(img), frag);
 fprintf('fragmentation: %d fragments\n', numel(unique(out4.fragmentation)));
 
-% An unknown blind metric is a fatal condition of the core: it is raised as
-% an error whose identifier carries the status, and the session goes on.
+% A setting outside its range (here an unknown blind metric) is refused
+% before anything runs, as an error with an identifier; the session goes on.
 blind = settings;
 blind.unsupSet.blind = 1;
 blind.unsupSet.blindSet.metric = 42;

@@ -23,6 +23,7 @@
 #include "frontend/InputError.h"
 #include "frontend/Segmentation.h"
 #include "frontend/SettingsCheck.h"
+#include "frontend/TreeOutput.h"
 #include "mex.h"
 #include "mex/mxGrip.h"
 #include "settings/DHC_SET.h"
@@ -148,23 +149,6 @@ struct MxDestroy {
 using MxOwned = std::unique_ptr<mxArray, MxDestroy>;
 using IntRoi = ROI<int, xy>;
 
-// The reports of a run: the array and every report in it.
-class ReportList {
-  public:
-    ReportList(WSReport** reports, int n) : reports_(reports), n_(n) {}
-    ReportList(const ReportList&) = delete;
-    ReportList& operator=(const ReportList&) = delete;
-    ~ReportList() {
-        for (int i = 0; i < n_; ++i) delete reports_[i];
-        delete[] reports_;
-    }
-    int size() const { return n_; }
-    const WSReport& operator[](int i) const { return *reports_[i]; }
-
-  private:
-    WSReport** reports_;
-    int n_;
-};
 
 // Reads an optional R x C map of the problem; empty when absent or empty.
 // The map is read (and its rank asserted) even when it has no elements.
@@ -211,46 +195,28 @@ mxArray* newStruct(int n, int nFields, const char** fields) {
 }
 
 // The five-field summary of the tree.
-mxArray* buildSummary(const ReportList& reports, DHC& driver) {
+mxArray* buildSummary(const dhc::SplitSummary& summary) {
     const char* fields[] = {"NClass", "Classes", "NSplit", "SplitOrder", "OffspringMat"};
     MxOwned s(newStruct(1, 5, fields));
-
-    int nClass = 0;
-    for (int i = 0; i < reports.size(); ++i)
-        if (reports[i].nChildren == 0) ++nClass;
+    const int nClass = static_cast<int>(summary.classes.size());
+    const int nSplit = static_cast<int>(summary.splitOrder.size());
     mxSetField(s.get(), 0, "NClass", mxCreateDoubleScalar(nClass));
-    if (nClass > 0) {
-        mxArray* classes = mxCreateDoubleMatrix(nClass, 1, mxREAL);
-        double* pr = mxGetPr(classes);
-        for (int i = 0, k = 0; i < reports.size(); ++i)
-            if (reports[i].nChildren == 0) pr[k++] = reports[i].WSLab;
-        mxSetField(s.get(), 0, "Classes", classes);
-    }
-
-    int nSplit = 0;
-    std::unique_ptr<int[]> order(driver.extractSplitSequence(nSplit));
+    if (nClass > 0) mxSetField(s.get(), 0, "Classes", column(summary.classes.data(), nClass));
     mxSetField(s.get(), 0, "NSplit", mxCreateDoubleScalar(nSplit));
     if (nSplit >= 1) {
-        mxSetField(s.get(), 0, "SplitOrder", column(order.get(), nSplit));
+        mxSetField(s.get(), 0, "SplitOrder", column(summary.splitOrder.data(), nSplit));
         mxArray* offspring = mxCreateDoubleMatrix(nSplit, nClass, mxREAL);
         double* pr = mxGetPr(offspring);
-        for (int k = 0; k < nSplit; ++k) {
-            for (int i = 0; i < reports.size(); ++i) {
-                const WSReport& rep = reports[i];
-                if (rep.WSLab != order[k]) continue;
-                // Left-aligned; the zero-filled matrix pads the rest of the row.
-                for (int j = 0; j < rep.nOffspring && j < nClass; ++j)
-                    pr[k + static_cast<size_t>(j) * nSplit] = rep.offspring[j];
-                break;
-            }
-        }
+        for (int k = 0; k < nSplit; ++k)
+            for (int j = 0; j < nClass; ++j)
+                pr[k + static_cast<size_t>(j) * nSplit] = summary.offspring[static_cast<size_t>(k) * nClass + j];
         mxSetField(s.get(), 0, "OffspringMat", offspring);
     }
     return s.release();
 }
 
 // One element per workspace report, 21 fields.
-mxArray* buildReports(const ReportList& reports) {
+mxArray* buildReports(const dhc::RegionReports& reports) {
     const char* fields[] = {"label",     "depth", "path",       "nChildren", "children", "offspCard",
                             "offspring", "split", "isTerminal", "beta",      "edges",    "textureBased",
                             "sgBasic",   "sgTex", "sgSpec",     "area",      "area_k",   "TlkE",
@@ -350,10 +316,8 @@ void run(int nlhs, mxArray* plhs[], const mxArray* problem, const mxArray* setti
 
     MxOwned summary, reportArray;
     if (treeOutput) {
-        int n = 0;
-        WSReport** list = out.dhc->reportAllWSs(n);
-        const ReportList reports(list, n);
-        summary.reset(buildSummary(reports, *out.dhc));
+        const dhc::RegionReports reports(*out.dhc);
+        summary.reset(buildSummary(dhc::summarizeSplits(*out.dhc, reports)));
         reportArray.reset(buildReports(reports));
     }
 
