@@ -5,7 +5,7 @@
 BUILD     ?= build
 JOBS      ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_ARGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
-DEB_PACKAGES := g++ cmake make libgtest-dev libbenchmark-dev libeigen3-dev libpng-dev octave liboctave-dev valgrind
+DEB_PACKAGES := g++ cmake make libgtest-dev libbenchmark-dev libeigen3-dev libpng-dev octave liboctave-dev valgrind libgdal-dev gdal-bin
 
 .PHONY: all deps configure build test demo bench clean
 

@@ -1,5 +1,8 @@
 #include "CommandLine.h"
 
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
 #include <functional>
 
 #include "frontend/InputError.h"
@@ -130,6 +133,16 @@ void parse(const std::vector<std::string>& args, const std::vector<Option>& opti
     }
 }
 
+// A finite number, all of the text.
+double number(const std::string& option, const std::string& text) {
+    char* end = nullptr;
+    errno = 0;
+    const double v = std::strtod(text.c_str(), &end);
+    if (end == text.c_str() || *end != '\0' || errno == ERANGE || !std::isfinite(v))
+        throw InputError(kExitUsage, option + " " + text + ": must be a number");
+    return v;
+}
+
 }  // namespace
 
 SegmentOptions parseSegment(const std::vector<std::string>& args) {
@@ -145,6 +158,18 @@ SegmentOptions parseSegment(const std::vector<std::string>& args) {
         {"report", 0, true, into(s.report)},
         {"fragments", 0, true, into(s.fragments)},
         {"png", 0, true, into(s.png)},
+        {"format", 0, true, into(s.format)},
+        {"scale", 0, true,
+         [&s](const std::string& v) {
+             s.scale = number("--scale", v);
+             if (!(s.scale > 0)) throw InputError(kExitUsage, "--scale " + v + ": must be positive");
+             s.hasScale = true;
+         }},
+        {"nodata", 0, true,
+         [&s](const std::string& v) {
+             s.nodata = number("--nodata", v);
+             s.hasNodata = true;
+         }},
         {"quiet", 'q', false, [&s](const std::string&) { s.quiet = true; }},
         {"help", 'h', false, [&s](const std::string&) { s.help = true; }},
     };

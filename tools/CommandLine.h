@@ -16,8 +16,13 @@ struct SegmentOptions {
     std::string fragments;          // --fragments: fragment map
     std::string png;                // --png: picture of the label map
     std::vector<std::string> sets;  // --set SECTION.Key=value, in order
-    bool quiet = false;             // -q, --quiet: no progress lines
-    bool help = false;              // -h, --help
+    std::string format;             // --format: GDAL driver of the label and fragment maps
+    bool hasScale = false;          // --scale: factor of floating-point image bands
+    double scale = 1;
+    bool hasNodata = false;  // --nodata: nodata value of every image band
+    double nodata = 0;
+    bool quiet = false;  // -q, --quiet: no progress lines
+    bool help = false;   // -h, --help
 };
 
 // Options of `dhc info`.

@@ -23,6 +23,7 @@
 #include "OutputFiles.h"
 #include "Segment.h"
 #include "frontend/InputError.h"
+#include "io/Raster.h"
 #include "settings/Fatal.h"
 
 #ifndef DHC_VERSION
@@ -113,7 +114,10 @@ int run(const std::vector<std::string>& args) {
         }
         for (size_t i = 0; i < options.files.size(); ++i) {
             if (i > 0) std::cout << "\n";
-            printInfo(options.files[i]);
+            if (dhc::io::isHraw(options.files[i]))
+                printInfo(options.files[i]);
+            else
+                dhc::io::printInfo(options.files[i], std::cout);
         }
         return kExitOk;
     }
