@@ -112,6 +112,7 @@ std::vector<GDALRasterBand*> valueBands(GDALDataset& d) {
 class BandReader {
   public:
     BandReader(GDALRasterBand* band, const Conversion& conversion) : band_(band) {
+        GDALDataset* d = band->GetDataset();
         float_ = isFloat(band->GetRasterDataType());
         int has = 0;
         const double value = band->GetNoDataValue(&has);
@@ -126,6 +127,10 @@ class BandReader {
         // nodata value and "all valid" are handled above.
         const int flags = band->GetMaskFlags();
         if (!(flags & GMF_ALL_VALID) && !(flags & GMF_NODATA)) mask_ = band->GetMaskBand();
+        // GDAL offers an alpha band as mask only in grey+alpha and RGBA
+        // layouts; any alpha band says which pixels hold data.
+        for (int b = 1; mask_ == nullptr && d != nullptr && b <= d->GetRasterCount(); ++b)
+            if (d->GetRasterBand(b)->GetColorInterpretation() == GCI_AlphaBand) mask_ = d->GetRasterBand(b);
     }
 
     // Reads rows [row, row + n) into values; ok[i] = 0 marks nodata.
@@ -429,6 +434,29 @@ std::string outputDriver(const std::string& name, const std::string& format) {
         driver->GetMetadataItem(GDAL_DCAP_CREATECOPY) == nullptr)
         throw InputError(kExitUsage,
                          "--format " + quoted(format) + ": GDAL cannot write files with this driver");
+    // A trial write in memory shows whether the driver needs side files,
+    // which an output written under a temporary name and renamed cannot have.
+    GDALDriver* mem = GetGDALDriverManager()->GetDriverByName("MEM");
+    Dataset probe(mem->Create("", 1, 1, 1, GDT_Byte, nullptr));
+    const std::string trial = "/vsimem/dhc-format-probe";
+    Dataset written(driver->CreateCopy(trial.c_str(), probe.get(), FALSE, nullptr, nullptr, nullptr));
+    int count = 0;
+    if (written) {
+        char** list = written->GetFileList();
+        count = CSLCount(list);
+        CSLDestroy(list);
+        written.reset();
+    }
+    char** left = VSIReadDir("/vsimem/");
+    for (char** f = left; f != nullptr && *f != nullptr; ++f)
+        if (std::string(*f).rfind("dhc-format-probe", 0) == 0)
+            VSIUnlink(("/vsimem/" + std::string(*f)).c_str());
+    CSLDestroy(left);
+    if (count > 1)
+        throw InputError(kExitUsage,
+                         "--format " + quoted(format) +
+                             ": the driver writes more than one file; choose a one-file format such as "
+                             "GTiff");
     return driver->GetDescription();
 }
 
