@@ -1,6 +1,7 @@
 # dhc: two commands set up everything on a fresh Debian machine.
 #   make test   install what is missing, build in build/, run every test (Octave included)
-#   make demo   build and segment the bundled synthetic scene; writes labels, report and a PNG
+#   make demo   build and segment the bundled synthetic scene and the Landsat scene in data/;
+#               writes labels, report, a georeferenced GeoTIFF label map and PNG pictures
 
 BUILD     ?= build
 JOBS      ?= $(shell nproc 2>/dev/null || echo 2)
@@ -41,11 +42,14 @@ demo: build
 	@mkdir -p $(OUT)
 	$(BUILD)/dhc-make-scene -o $(OUT)/scene.hraw --truth $(OUT)/truth.hraw
 	$(BUILD)/dhc segment $(OUT)/scene.hraw -o $(OUT)/labels.hraw --report $(OUT)/report.txt --png $(OUT)/labels.png
+	$(BUILD)/dhc segment data/L7_ETMs.tif -o $(OUT)/landsat_labels.tif --png $(OUT)/landsat_labels.png \
+	  --set UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=6 --set UNSUPERVISED_MODE_CONF.SplitGainThreshold=0.05
 	@echo
 	@echo "scene:     $(abspath $(OUT))/scene.hraw (truth: $(abspath $(OUT))/truth.hraw)"
 	@echo "label map: $(abspath $(OUT))/labels.hraw"
 	@echo "report:    $(abspath $(OUT))/report.txt"
 	@echo "picture:   $(abspath $(OUT))/labels.png"
+	@echo "Landsat:   $(abspath $(OUT))/landsat_labels.tif (GeoTIFF, UTM zone 25S), picture $(abspath $(OUT))/landsat_labels.png"
 
 bench: build
 	@for b in $(BUILD)/bench/*_bench; do [ -x "$$b" ] && "$$b"; done

@@ -9,11 +9,13 @@
 
 const char* const kUsage =
     "Usage: dhc COMMAND [OPTION]... [FILE]...\n"
-    "Hierarchical segmentation of multispectral images stored as hraw files.\n"
+    "Hierarchical segmentation of multispectral images (hraw files or any raster\n"
+    "GDAL reads: GeoTIFF, ENVI, ...).\n"
     "\n"
     "Commands:\n"
-    "  segment IMAGE.hraw -o LABELS.hraw [OPTION]...   segment an image\n"
-    "  info FILE.hraw...                               print bands, rows, cols and value range\n"
+    "  segment IMAGE -o LABELS [OPTION]...   segment an image\n"
+    "  info FILE...                          print sizes, value ranges (and, for GDAL\n"
+    "                                        rasters, driver, type, nodata, georeference)\n"
     "\n"
     "Options:\n"
     "  -h, --help      show this help (or a command's help: dhc COMMAND --help)\n"
@@ -23,9 +25,10 @@ const char* const kUsage =
     "command line; other values are fatal conditions of the segmenter itself.\n";
 
 const char* const kSegmentUsage =
-    "Usage: dhc segment IMAGE.hraw -o LABELS.hraw [OPTION]...\n"
-    "Segment IMAGE.hraw and write its label map (one band, same rows and columns,\n"
-    "0 outside the region of interest) to LABELS.hraw.\n"
+    "Usage: dhc segment IMAGE -o LABELS [OPTION]...\n"
+    "Segment IMAGE (hraw, or any raster GDAL reads) and write its label map (one\n"
+    "band, same rows and columns, 0 outside the region of interest) to LABELS:\n"
+    "hraw, or a georeferenced GeoTIFF when LABELS ends in .tif or .tiff.\n"
     "\n"
     "  -o, --output=FILE      label map to write (required)\n"
     "      --config=FILE      ini configuration (default: the built-in default.ini)\n"
@@ -38,17 +41,25 @@ const char* const kSegmentUsage =
     "      --report=FILE      text report of the tree of regions\n"
     "      --fragments=FILE   connected fragments of the classes (needs Fragmentation=1)\n"
     "      --png=FILE         PNG picture of the label map, one colour per class\n"
+    "      --format=DRIVER    GDAL driver of the label and fragment maps (GTiff, PNG, ...;\n"
+    "                         hraw for hraw)\n"
+    "      --scale=S          factor of floating-point image bands before rounding\n"
+    "                         (default: the power of ten giving the widest band range\n"
+    "                         at least 10,000 steps)\n"
+    "      --nodata=V         nodata value of every image band (replaces the file's)\n"
     "  -q, --quiet            no progress lines on standard error\n"
     "  -h, --help             show this help\n"
     "\n"
-    "Mask, initial segmentation and ground truth are one-band hraw files of the\n"
-    "image's size.  Outputs are written under a temporary name and renamed when\n"
-    "the run has succeeded.\n";
+    "Mask, initial segmentation and ground truth are one-band integer maps of the\n"
+    "image's size (hraw or GDAL).  Nodata pixels of the image (nodata value, NaN,\n"
+    "mask or alpha band) are outside the region of interest.  Outputs are written\n"
+    "under a temporary name and renamed when the run has succeeded.\n";
 
 const char* const kInfoUsage =
-    "Usage: dhc info FILE.hraw...\n"
-    "Print the bands, rows and columns of each hraw file and the range of its values\n"
-    "(overall and per band).\n"
+    "Usage: dhc info FILE...\n"
+    "Print the bands, rows and columns of each file and the range of its values\n"
+    "(overall and per band for hraw; per band for GDAL rasters, with the driver,\n"
+    "data type, nodata, coordinate system, geotransform and value conversion).\n"
     "\n"
     "  -h, --help   show this help\n";
 

@@ -6,7 +6,7 @@
 
 // Options of `dhc segment`.
 struct SegmentOptions {
-    std::string image;              // IMAGE.hraw (operand)
+    std::string image;              // IMAGE (operand): hraw or a GDAL raster
     std::string output;             // -o, --output: label map
     std::string config;             // --config: ini file (default: the built-in default.ini)
     std::string mask;               // --mask: pixels with value 1 form the region of interest

@@ -1,7 +1,7 @@
 // dhc: the command-line front end of the hierarchical segmenter.
 //
-//   dhc segment IMAGE.hraw -o LABELS.hraw [options]
-//   dhc info FILE.hraw...
+//   dhc segment IMAGE -o LABELS [options]      (hraw, or rasters through GDAL)
+//   dhc info FILE...
 //
 // Every problem with the user's input is one line on standard error and a
 // non-zero exit status, before any output file is touched (InputError).
