@@ -273,9 +273,12 @@ void readCube(Raster& r, const std::vector<GDALRasterBand*>& bands, const Conver
                         continue;
                     }
                     const double v = scaled ? std::round(values[k] * r.scale) : values[k];
-                    const std::string at =
-                        " at row " + std::to_string(row + i + 1) + ", column " + std::to_string(c + 1);
-                    if (v > kMax || v < kMin) {
+                    if (v > kMax || v < kMin || v != std::floor(v)) {
+                        const std::string at =
+                            " at row " + std::to_string(row + i + 1) + ", column " + std::to_string(c + 1);
+                        if (v != std::floor(v))
+                            throw InputError(kExitInput,
+                                             band + ": value " + number(v) + at + " is not a whole number");
                         if (scaled)
                             throw InputError(kExitInput, band + ": value " + number(values[k]) + at +
                                                              " scaled by " + number(r.scale) +
@@ -284,9 +287,6 @@ void readCube(Raster& r, const std::vector<GDALRasterBand*>& bands, const Conver
                         throw InputError(kExitInput, band + ": value " + number(v) + at +
                                                          " does not fit a 32-bit integer");
                     }
-                    if (v != std::floor(v))
-                        throw InputError(kExitInput,
-                                         band + ": value " + number(v) + at + " is not a whole number");
                     cell = static_cast<int>(v);
                 }
         }

@@ -141,11 +141,13 @@ TEST_F(Raster, FormatsGiveTheLabelsOfTheSameDataAsHraw) {
     Layout floats;
     floats.type = GDT_Float32;
     writeRaster("quarters.tif", floats, scene.bands, kSide, kSide, sceneValues(0.25));
+    write("scene.raw", read("scene.hraw"));
 
     const std::pair<Args, std::string> runs[] = {
         {{"scene.tif"}, "GeoTIFF"},
         {{"scene.envi"}, "ENVI"},
         {{"quarters.tif", "--scale", "4"}, "float GeoTIFF with --scale"},
+        {{"scene.raw"}, "hraw recognised by its header, not its name"},
     };
     for (const auto& [input, what] : runs) {
         SCOPED_TRACE(what);
@@ -417,6 +419,21 @@ TEST_F(Raster, LandsatSceneFollowsTheGround) {
     ASSERT_NE(out->GetSpatialRef(), nullptr);
     EXPECT_TRUE(out->GetSpatialRef()->IsSame(landsat->GetSpatialRef()));
     EXPECT_STREQ(out->GetSpatialRef()->GetAuthorityCode(nullptr), "31985");
+
+    // dhc info: what GDAL itself says of the scene.
+    segment({"info", DHC_LANDSAT_PATH});
+    EXPECT_NE(
+        last.out.find("\ndriver: GTiff (GeoTIFF)\nbands: 6\nrows: 352\ncols: 349\ntype: Byte\nnodata: none\n"
+                      "crs: SIRGAS 2000 / UTM zone 25S (EPSG:31985)\n"),
+        std::string::npos)
+        << last.out;
+    for (int k = 1; k <= 6; ++k) {
+        double range[2];
+        ASSERT_EQ(landsat->GetRasterBand(k)->ComputeRasterMinMax(FALSE, range), CE_None);
+        std::ostringstream line;
+        line << "\nband " << k << ": " << range[0] << " " << range[1] << "\n";
+        EXPECT_NE(last.out.find(line.str()), std::string::npos) << line.str();
+    }
 
     const std::vector<int32_t> labels = band("landsat.tif");
     ASSERT_EQ(labels.size(), 349u * 352u);
