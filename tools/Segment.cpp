@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <iomanip>
 #include <iostream>
@@ -31,6 +32,20 @@ dhc::io::Raster readHraw(const std::string& path) {
     r.cube = ImageFile<int>::readHRawInt32(path, r.bands, r.rows, r.cols);
     r.driver = "hraw";
     return r;
+}
+
+// --nodata on an hraw image: the pixels equal to value in any band.
+void markNodata(dhc::io::Raster& image, double value, const std::string& path) {
+    const size_t cols = static_cast<size_t>(image.cols);
+    image.valid.assign(static_cast<size_t>(image.rows) * cols, 1);
+    for (int b = 0; b < image.bands; ++b)
+        for (int r = 0; r < image.rows; ++r)
+            for (int c = 0; c < image.cols; ++c)
+                if (image.cube[b][r][c] == value)
+                    image.valid[static_cast<size_t>(r) * cols + static_cast<size_t>(c)] = 0;
+    if (std::find(image.valid.begin(), image.valid.end(), 1) == image.valid.end())
+        throw InputError(kExitInput, "image \"" + path + "\" holds only nodata pixels");
+    if (std::find(image.valid.begin(), image.valid.end(), 0) == image.valid.end()) image.valid.clear();
 }
 
 // The colour table of a label map: the colours of its PNG picture, by label value.
@@ -144,7 +159,10 @@ int runSegment(const SegmentOptions& o) {
     dhc::PreparedRun run;
     const dhc::io::Georeference geo = imageRaster.geo;
     {
-        if (imageRaster.cube == nullptr) imageRaster = readHraw(o.image);
+        if (imageRaster.cube == nullptr) {
+            imageRaster = readHraw(o.image);
+            if (o.hasNodata) markNodata(imageRaster, o.nodata, o.image);
+        }
         if (!o.mask.empty() && maskRaster.cube == nullptr) maskRaster = readHraw(o.mask);
         if (!o.init.empty() && initRaster.cube == nullptr) initRaster = readHraw(o.init);
         if (supervised && gtRaster.cube == nullptr) gtRaster = readHraw(o.gt);

@@ -267,6 +267,10 @@ TEST_F(Raster, NodataPixelsAreOutsideTheRegionAndTheStatistics) {
                 framed(scene.bands, [nan](int, int, int) { return nan; }));
     writeRaster("zeros.tif", Layout(), scene.bands, kOuter, kOuter,
                 framed(scene.bands, [](int, int, int) { return 0; }));
+    Hraw zeros{scene.bands, kOuter, kOuter, {}};
+    for (double v : framed(scene.bands, [](int, int, int) { return 0; }))
+        zeros.values.push_back(static_cast<int32_t>(v));
+    writeHraw("zeros.hraw", zeros);
     Layout alpha;
     alpha.alpha = true;
     alpha.type = GDT_Byte;
@@ -282,6 +286,7 @@ TEST_F(Raster, NodataPixelsAreOutsideTheRegionAndTheStatistics) {
         {{"nan.tif", "--scale", "1"}, "NaN"},
         {{"zeros.tif", "--nodata", "0"}, "--nodata"},
         {{"alpha.tif"}, "alpha band"},
+        {{"zeros.hraw", "--nodata", "0"}, "--nodata on hraw"},
     };
     for (const auto& [input, what] : runs) {
         SCOPED_TRACE(what);
