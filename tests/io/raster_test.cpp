@@ -6,6 +6,7 @@
 #include <ogr_spatialref.h>
 
 #include <cmath>
+#include <csignal>
 #include <functional>
 #include <limits>
 #include <map>
@@ -407,6 +408,29 @@ TEST_F(BadRaster, EveryNewRowOfTheReadmeTable) {
     EXPECT_EQ(junk.err.rfind("dhc: cannot read image \"junk.tif\": ", 0), 0u) << junk.err;
     EXPECT_EQ(std::count(junk.err.begin(), junk.err.end(), '\n'), 1);
     EXPECT_EQ(files(), before);
+}
+
+// An interrupted run leaves neither the GeoTIFF, its temporary file nor a side file.
+TEST_F(BadRaster, InterruptedRunLeavesNothing) {
+    ASSERT_EQ(dhc({"-o", "big.hraw", "--rows", "512", "--cols", "512"}, DHC_SCENE_PATH).status, 0);
+    const Hraw big = readHraw("big.hraw");
+    std::vector<double> values(big.values.begin(), big.values.end());
+    writeRaster("big.tif", Layout(), big.bands, big.rows, big.cols, values);
+    const std::set<std::string> before = files();
+    const pid_t pid = start({"segment", "big.tif", "-o", "labels.tif", "--png", "labels.png", "-q"});
+    ASSERT_GT(pid, 0);
+    // The outputs are registered before the long part of the run.
+    auto started = [&] { return files().size() > before.size(); };
+    for (int i = 0; i < 20000 && !started(); ++i) ::usleep(100);
+    ASSERT_TRUE(started());
+    ::kill(pid, SIGTERM);
+    int status = 0;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
+    std::set<std::string> after = files();
+    after.erase(".stdout");
+    after.erase(".stderr");
+    EXPECT_EQ(after, before);
 }
 
 TEST_F(Raster, LandsatSceneFollowsTheGround) {
