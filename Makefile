@@ -1,6 +1,7 @@
 # dhc: two commands set up everything on a fresh Debian machine.
 #   make test   install what is missing, build in build/, run every test (Octave and Python included)
-#   make demo   build and segment the bundled synthetic scene; writes labels, report, PNGs, every cut and the tree
+#   make demo   build and segment the bundled synthetic scene and the Landsat scene in data/; writes labels,
+#               report, PNGs, every cut and the tree, and a georeferenced GeoTIFF label map
 
 BUILD     ?= build
 JOBS      ?= $(shell nproc 2>/dev/null || echo 2)
@@ -9,7 +10,7 @@ CMAKE_ARGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 PYTHON    ?= /usr/bin/python3
 DEB_PACKAGES := g++ cmake make libgtest-dev libbenchmark-dev libeigen3-dev libpng-dev octave liboctave-dev valgrind \
                 python3-dev python3-numpy python3-pytest python3-setuptools python3-pip pybind11-dev python3-gdal \
-                nlohmann-json3-dev
+                nlohmann-json3-dev libgdal-dev gdal-bin
 
 .PHONY: all deps configure build test demo bench clean
 
@@ -47,6 +48,8 @@ demo: build
 	$(BUILD)/dhc-make-scene -o $(OUT)/scene.hraw --truth $(OUT)/truth.hraw
 	$(BUILD)/dhc segment $(OUT)/scene.hraw -o $(OUT)/labels.hraw --report $(OUT)/report.txt --png $(OUT)/labels.png \
 	  --levels $(OUT)/levels.hraw --tree $(OUT)/tree.json --tree-png $(OUT)/tree.png --tree-svg $(OUT)/tree.svg
+	$(BUILD)/dhc segment data/L7_ETMs.tif -o $(OUT)/landsat_labels.tif --png $(OUT)/landsat_labels.png \
+	  --set UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=6 --set UNSUPERVISED_MODE_CONF.SplitGainThreshold=0.05
 	@echo
 	@echo "scene:     $(abspath $(OUT))/scene.hraw (truth: $(abspath $(OUT))/truth.hraw)"
 	@echo "label map: $(abspath $(OUT))/labels.hraw"
@@ -54,6 +57,7 @@ demo: build
 	@echo "picture:   $(abspath $(OUT))/labels.png"
 	@echo "levels:    $(abspath $(OUT))/levels.hraw (band k: after k splits)"
 	@echo "tree:      $(abspath $(OUT))/tree.json, $(abspath $(OUT))/tree.png, $(abspath $(OUT))/tree.svg"
+	@echo "Landsat:   $(abspath $(OUT))/landsat_labels.tif (GeoTIFF, UTM zone 25S), picture $(abspath $(OUT))/landsat_labels.png"
 
 bench: build
 	@for b in $(BUILD)/bench/*_bench; do [ -x "$$b" ] && "$$b"; done

@@ -1,5 +1,8 @@
 #include "CommandLine.h"
 
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
 #include <functional>
 #include <stdexcept>
 
@@ -7,11 +10,13 @@
 
 const char* const kUsage =
     "Usage: dhc COMMAND [OPTION]... [FILE]...\n"
-    "Hierarchical segmentation of multispectral images stored as hraw files.\n"
+    "Hierarchical segmentation of multispectral images (hraw files or any raster\n"
+    "GDAL reads: GeoTIFF, ENVI, ...).\n"
     "\n"
     "Commands:\n"
-    "  segment IMAGE.hraw -o LABELS.hraw [OPTION]...   segment an image\n"
-    "  info FILE.hraw...                               print bands, rows, cols and value range\n"
+    "  segment IMAGE -o LABELS [OPTION]...   segment an image\n"
+    "  info FILE...                          print sizes, value ranges (and, for GDAL\n"
+    "                                        rasters, driver, type, nodata, georeference)\n"
     "\n"
     "Options:\n"
     "  -h, --help      show this help (or a command's help: dhc COMMAND --help)\n"
@@ -21,9 +26,10 @@ const char* const kUsage =
     "command line; other values are fatal conditions of the segmenter itself.\n";
 
 const char* const kSegmentUsage =
-    "Usage: dhc segment IMAGE.hraw -o LABELS.hraw [OPTION]...\n"
-    "Segment IMAGE.hraw and write its label map (one band, same rows and columns,\n"
-    "0 outside the region of interest) to LABELS.hraw.\n"
+    "Usage: dhc segment IMAGE -o LABELS [OPTION]...\n"
+    "Segment IMAGE (hraw, or any raster GDAL reads) and write its label map (one\n"
+    "band, same rows and columns, 0 outside the region of interest) to LABELS:\n"
+    "hraw, or a georeferenced GeoTIFF when LABELS ends in .tif or .tiff.\n"
     "\n"
     "  -o, --output=FILE      label map to write (required)\n"
     "      --config=FILE      ini configuration (default: the built-in default.ini)\n"
@@ -42,17 +48,25 @@ const char* const kSegmentUsage =
     "      --tree=FILE        the tree of regions as JSON (docs/tree.schema.json)\n"
     "      --tree-png=FILE    picture of the tree of regions (PNG)\n"
     "      --tree-svg=FILE    picture of the tree of regions (SVG)\n"
+    "      --format=DRIVER    GDAL driver of the label and fragment maps (GTiff, PNG, ...;\n"
+    "                         hraw for hraw)\n"
+    "      --scale=S          factor of floating-point image bands before rounding\n"
+    "                         (default: the power of ten giving the widest band range\n"
+    "                         at least 10,000 steps)\n"
+    "      --nodata=V         nodata value of every image band (replaces the file's)\n"
     "  -q, --quiet            no progress lines on standard error\n"
     "  -h, --help             show this help\n"
     "\n"
-    "Mask, initial segmentation and ground truth are one-band hraw files of the\n"
-    "image's size.  Outputs are written under a temporary name and renamed when\n"
-    "the run has succeeded.\n";
+    "Mask, initial segmentation and ground truth are one-band integer maps of the\n"
+    "image's size (hraw or GDAL).  Nodata pixels of the image (nodata value, NaN,\n"
+    "mask or alpha band) are outside the region of interest.  Outputs are written\n"
+    "under a temporary name and renamed when the run has succeeded.\n";
 
 const char* const kInfoUsage =
-    "Usage: dhc info FILE.hraw...\n"
-    "Print the bands, rows and columns of each hraw file and the range of its values\n"
-    "(overall and per band).\n"
+    "Usage: dhc info FILE...\n"
+    "Print the bands, rows and columns of each file and the range of its values\n"
+    "(overall and per band for hraw; per band for GDAL rasters, with the driver,\n"
+    "data type, nodata, coordinate system, geotransform and value conversion).\n"
     "\n"
     "  -h, --help   show this help\n";
 
@@ -153,6 +167,16 @@ int classCount(const std::string& option, const std::string& value) {
     return static_cast<int>(n);
 }
 
+// A finite number, all of the text.
+double number(const std::string& option, const std::string& text) {
+    char* end = nullptr;
+    errno = 0;
+    const double v = std::strtod(text.c_str(), &end);
+    if (end == text.c_str() || *end != '\0' || errno == ERANGE || !std::isfinite(v))
+        throw InputError(kExitUsage, option + " " + text + ": must be a number");
+    return v;
+}
+
 }  // namespace
 
 SegmentOptions parseSegment(const std::vector<std::string>& args) {
@@ -173,6 +197,18 @@ SegmentOptions parseSegment(const std::vector<std::string>& args) {
         {"tree-png", 0, true, into(s.treePng)},
         {"tree-svg", 0, true, into(s.treeSvg)},
         {"cut", 0, true, [&s](const std::string& v) { s.cut = classCount("--cut", v); }},
+        {"format", 0, true, into(s.format)},
+        {"scale", 0, true,
+         [&s](const std::string& v) {
+             s.scale = number("--scale", v);
+             if (!(s.scale > 0)) throw InputError(kExitUsage, "--scale " + v + ": must be positive");
+             s.hasScale = true;
+         }},
+        {"nodata", 0, true,
+         [&s](const std::string& v) {
+             s.nodata = number("--nodata", v);
+             s.hasNodata = true;
+         }},
         {"quiet", 'q', false, [&s](const std::string&) { s.quiet = true; }},
         {"help", 'h', false, [&s](const std::string&) { s.help = true; }},
     };

@@ -6,7 +6,7 @@
 
 // Options of `dhc segment`.
 struct SegmentOptions {
-    std::string image;              // IMAGE.hraw (operand)
+    std::string image;              // IMAGE (operand): hraw or a GDAL raster
     std::string output;             // -o, --output: label map
     std::string config;             // --config: ini file (default: the built-in default.ini)
     std::string mask;               // --mask: pixels with value 1 form the region of interest
@@ -21,8 +21,13 @@ struct SegmentOptions {
     std::string treeSvg;            // --tree-svg: picture of the tree, vector form
     int cut = 0;                    // --cut: classes of the cut written instead of the final map (0: final)
     std::vector<std::string> sets;  // --set SECTION.Key=value, in order
-    bool quiet = false;             // -q, --quiet: no progress lines
-    bool help = false;              // -h, --help
+    std::string format;             // --format: GDAL driver of the label and fragment maps
+    bool hasScale = false;          // --scale: factor of floating-point image bands
+    double scale = 1;
+    bool hasNodata = false;  // --nodata: nodata value of every image band
+    double nodata = 0;
+    bool quiet = false;  // -q, --quiet: no progress lines
+    bool help = false;   // -h, --help
 };
 
 // Options of `dhc info`.

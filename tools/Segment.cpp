@@ -3,11 +3,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <fstream>
 #include <iomanip>
 #include <iostream>
 #include <memory>
+#include <set>
 #include <vector>
 
 #include "DefaultIni.h"
@@ -25,19 +27,46 @@
 #include "hierarchy/RgbImage.h"
 #include "hierarchy/TreeJson.h"
 #include "hierarchy/TreePicture.h"
+#include "io/Raster.h"
 #include "settings/DHC_SET.h"
 
 namespace {
 
-// A cube read by ImageFile, freed on scope exit.
-struct Cube {
-    int*** data = nullptr;
-    int bands = 0, rows = 0, cols = 0;
-    explicit Cube(const std::string& path) { data = ImageFile<int>::readHRawInt32(path, bands, rows, cols); }
-    ~Cube() { ImageFile<int>::deleteCube(data, bands, rows); }
-    Cube(const Cube&) = delete;
-    Cube& operator=(const Cube&) = delete;
-};
+// A file read as hraw (header already checked) into the form GDAL inputs take.
+dhc::io::Raster readHraw(const std::string& path) {
+    dhc::io::Raster r;
+    r.cube = ImageFile<int>::readHRawInt32(path, r.bands, r.rows, r.cols);
+    r.driver = "hraw";
+    return r;
+}
+
+// --nodata on an hraw image: the pixels equal to value in any band.
+void markNodata(dhc::io::Raster& image, double value, const std::string& path) {
+    const size_t cols = static_cast<size_t>(image.cols);
+    image.valid.assign(static_cast<size_t>(image.rows) * cols, 1);
+    for (int b = 0; b < image.bands; ++b)
+        for (int r = 0; r < image.rows; ++r)
+            for (int c = 0; c < image.cols; ++c)
+                if (image.cube[b][r][c] == value)
+                    image.valid[static_cast<size_t>(r) * cols + static_cast<size_t>(c)] = 0;
+    if (std::find(image.valid.begin(), image.valid.end(), 1) == image.valid.end())
+        throw InputError(kExitInput, "image \"" + path + "\" holds only nodata pixels");
+    if (std::find(image.valid.begin(), image.valid.end(), 0) == image.valid.end()) image.valid.clear();
+}
+
+// The colour table of a label map: the colours of its PNG picture, by label value.
+std::vector<dhc::io::TableColour> tableColours(const std::vector<int>& labels) {
+    std::set<int> present;
+    for (int v : labels)
+        if (v > 0 && v <= 65535) present.insert(v);
+    std::vector<dhc::io::TableColour> table(present.empty() ? 1 : static_cast<size_t>(*present.rbegin()) + 1);
+    int k = 0;
+    for (int v : present) {
+        const Rgb c = labelColour(k++);
+        table[static_cast<size_t>(v)] = {c.r, c.g, c.b};
+    }
+    return table;
+}
 
 // Writes an hraw map of `bands` planes (one after the other in `planes`) and
 // makes sure all of it reached the file.
@@ -78,6 +107,15 @@ std::string noCut(const dhc::Hierarchy& h, int wanted) {
     return text + " classes)";
 }
 
+// Writes a one-band map as hraw (no driver) or through GDAL.
+void writeOutput(const std::string& path, const std::string& target, const std::string& driver,
+                 std::vector<int>& plane, int rows, int cols, const dhc::io::Georeference& geo) {
+    if (driver.empty())
+        writeMap(path, target, plane, rows, cols);
+    else
+        dhc::io::writeLabelMap(path, target, driver, plane, rows, cols, geo, tableColours(plane));
+}
+
 }  // namespace
 
 int runSegment(const SegmentOptions& o) {
@@ -89,11 +127,37 @@ int runSegment(const SegmentOptions& o) {
     const std::unique_ptr<DHC_SET> settings = readCheckedSettings(ini);
 
     // 2. The input files: readable, well-formed, all of the image's size.
-    const HrawShape image = checkHraw(o.image, "image");
-    dhc::checkImageSize(image.rows, image.cols, image.bands, "image \"" + o.image + "\"");
-    if (!o.mask.empty()) checkMap(o.mask, "mask", image);
-    if (!o.init.empty()) checkMap(o.init, "initial segmentation", image);
-    if (!o.gt.empty()) checkMap(o.gt, "ground truth", image);
+    // hraw files are checked now and read once the run is certain; other
+    // rasters are read through GDAL, which checks them as it goes.
+    const std::string labelsDriver = dhc::io::outputDriver(o.output, o.format);
+    const std::string fragmentsDriver =
+        o.fragments.empty() ? std::string() : dhc::io::outputDriver(o.fragments, o.format);
+    dhc::io::Conversion conversion;
+    if (o.hasScale) conversion.scale = o.scale;
+    if (o.hasNodata) conversion.nodata = o.nodata;
+    dhc::io::Raster imageRaster;
+    HrawShape image;
+    if (dhc::io::isHraw(o.image)) {
+        image = checkHraw(o.image, "image");
+        dhc::checkImageSize(image.rows, image.cols, image.bands, "image \"" + o.image + "\"");
+        imageRaster.bands = image.bands;
+        imageRaster.rows = image.rows;
+        imageRaster.cols = image.cols;
+    } else {
+        imageRaster = dhc::io::readImage(o.image, "image", conversion);
+        image = HrawShape{imageRaster.bands, imageRaster.rows, imageRaster.cols};
+    }
+    dhc::io::Raster maskRaster, initRaster, gtRaster;
+    auto checkOrRead = [&](const std::string& path, const std::string& role, dhc::io::Raster& into) {
+        if (path.empty()) return;
+        if (dhc::io::isHraw(path))
+            checkMap(path, role, image);
+        else
+            into = dhc::io::readMap(path, role, imageRaster, role == "mask");
+    };
+    checkOrRead(o.mask, "mask", maskRaster);
+    checkOrRead(o.init, "initial segmentation", initRaster);
+    checkOrRead(o.gt, "ground truth", gtRaster);
 
     // 3. What the settings allow.
     const bool supervised = settings->supervisedMode;
@@ -126,6 +190,9 @@ int runSegment(const SegmentOptions& o) {
     if (!o.fragments.empty() && !fragmentOutput)
         throw InputError(kExitInput, "--fragments needs Fragmentation=1 and SplitwiseDisconnect=0");
 
+    const bool scaled = imageRaster.hasFloatBands;
+    const double scale = imageRaster.scale;
+
     // 4. The outputs, created empty under temporary names before the long part.
     OutputFiles outputs;
     const std::string labelsTmp = outputs.add(o.output);
@@ -140,25 +207,63 @@ int runSegment(const SegmentOptions& o) {
     // 5. The region of interest, exactly as the gateway builds it; the input
     // planes go as soon as the core holds its copies.
     dhc::PreparedRun run;
+    const dhc::io::Georeference geo = imageRaster.geo;
     {
-        Cube cube(o.image);
-        std::unique_ptr<Cube> mask, init, gt;
-        if (!o.mask.empty()) mask = std::make_unique<Cube>(o.mask);
-        if (!o.init.empty()) init = std::make_unique<Cube>(o.init);
-        if (supervised) gt = std::make_unique<Cube>(o.gt);
-        dhc::RunNames runNames;
-        runNames.gt = "ground truth \"" + o.gt + "\"";
-        runNames.settings = settingNames(ini);
-        run =
-            dhc::prepareRun(cube.rows, cube.cols, cube.bands, cube.data, mask ? mask->data[0] : nullptr,
-                            init ? init->data[0] : nullptr, gt ? gt->data[0] : nullptr, *settings, runNames);
+        if (imageRaster.cube == nullptr) {
+            imageRaster = readHraw(o.image);
+            if (o.hasNodata) markNodata(imageRaster, o.nodata, o.image);
+        }
+        if (!o.mask.empty() && maskRaster.cube == nullptr) maskRaster = readHraw(o.mask);
+        if (!o.init.empty() && initRaster.cube == nullptr) initRaster = readHraw(o.init);
+        if (supervised && gtRaster.cube == nullptr) gtRaster = readHraw(o.gt);
+        int** mask = maskRaster.cube != nullptr ? maskRaster.cube[0] : nullptr;
+        int** init = initRaster.cube != nullptr ? initRaster.cube[0] : nullptr;
+        // Nodata pixels of the image (and of a GDAL mask) leave the region of
+        // interest: it becomes an explicit mask without them.
+        std::vector<uint8_t> valid = imageRaster.valid;
+        if (!maskRaster.valid.empty()) {
+            if (valid.empty()) valid.assign(maskRaster.valid.size(), 1);
+            for (size_t i = 0; i < valid.size(); ++i) valid[i] &= maskRaster.valid[i];
+        }
+        std::vector<int> dataMask;
+        std::vector<int*> dataMaskRows;
+        if (!valid.empty()) {
+            const size_t cols = static_cast<size_t>(image.cols);
+            dataMask.assign(valid.size(), 0);
+            dataMaskRows.resize(static_cast<size_t>(image.rows));
+            bool any = false;
+            for (int r = 0; r < image.rows; ++r) {
+                dataMaskRows[static_cast<size_t>(r)] = &dataMask[static_cast<size_t>(r) * cols];
+                for (int c = 0; c < image.cols; ++c) {
+                    const bool inside = mask != nullptr ? mask[r][c] == 1 : init == nullptr || init[r][c] > 0;
+                    const size_t k = static_cast<size_t>(r) * cols + static_cast<size_t>(c);
+                    dataMask[k] = inside && valid[k] ? 1 : 0;
+                    any = any || dataMask[k] == 1;
+                }
+            }
+            if (!any)
+                throw InputError(kExitInput,
+                                 "the region of interest is empty once the nodata pixels are taken out");
+            mask = dataMaskRows.data();
+        }
+        dhc::RunNames names;
+        names.gt = "ground truth \"" + o.gt + "\"";
+        names.settings = settingNames(ini);
+        run = dhc::prepareRun(image.rows, image.cols, image.bands, imageRaster.cube, mask, init,
+                              gtRaster.cube != nullptr ? gtRaster.cube[0] : nullptr, *settings, names);
+        imageRaster = dhc::io::Raster();
+        maskRaster = dhc::io::Raster();
+        initRaster = dhc::io::Raster();
+        gtRaster = dhc::io::Raster();
     }
 
     // 6. The run.
     if (!o.quiet) {
         std::cerr << "dhc: segmenting \"" << o.image << "\": " << image.rows << " x " << image.cols << ", "
                   << image.bands << (image.bands == 1 ? " band, " : " bands, ") << run.roi->count
-                  << " pixels in the region of interest\n";
+                  << " pixels in the region of interest";
+        if (scaled) std::cerr << "; floating-point values scaled by " << scale;
+        std::cerr << "\n";
         DHC::setProgress([](int leaves, int label) {
             std::cerr << "dhc: split region " << label << ", " << leaves << " leaves" << std::endl;
         });
@@ -187,12 +292,12 @@ int runSegment(const SegmentOptions& o) {
         if (k < 0) throw InputError(kExitInput, noCut(*tree, o.cut));
         labels = tree->cut(k);
     }
-    writeMap(labelsTmp, o.output, labels, image.rows, image.cols);
+    writeOutput(labelsTmp, o.output, labelsDriver, labels, image.rows, image.cols, geo);
     if (!reportTmp.empty()) out.dhc->printReport(reportTmp);
     if (!fragmentsTmp.empty()) {
         if (out.fragRoi == nullptr) throw InputError(kExitInput, "the segmentation produced no fragment map");
         std::vector<int> fragments = dhc::fullFrame(*out.fragRoi, image.rows, image.cols);
-        writeMap(fragmentsTmp, o.fragments, fragments, image.rows, image.cols);
+        writeOutput(fragmentsTmp, o.fragments, fragmentsDriver, fragments, image.rows, image.cols, geo);
     }
     if (!levelsTmp.empty()) {
         std::vector<int> stack = tree->levels();

@@ -1,7 +1,7 @@
 // dhc: the command-line front end of the hierarchical segmenter.
 //
-//   dhc segment IMAGE.hraw -o LABELS.hraw [options]
-//   dhc info FILE.hraw...
+//   dhc segment IMAGE -o LABELS [options]      (hraw, or rasters through GDAL)
+//   dhc info FILE...
 //
 // Every problem with the user's input is one line on standard error and a
 // non-zero exit status, before any output file is touched (InputError).
@@ -23,6 +23,7 @@
 #include "OutputFiles.h"
 #include "Segment.h"
 #include "frontend/InputError.h"
+#include "io/Raster.h"
 #include "settings/Fatal.h"
 
 #ifndef DHC_VERSION
@@ -113,7 +114,10 @@ int run(const std::vector<std::string>& args) {
         }
         for (size_t i = 0; i < options.files.size(); ++i) {
             if (i > 0) std::cout << "\n";
-            printInfo(options.files[i]);
+            if (dhc::io::isHraw(options.files[i]))
+                printInfo(options.files[i]);
+            else
+                dhc::io::printInfo(options.files[i], std::cout);
         }
         return kExitOk;
     }

@@ -8,7 +8,7 @@ namespace {
 class Cli : public ToolTest {};
 
 TEST_F(Cli, HelpVersionAndInfo) {
-    EXPECT_EQ(dhc({"segment", "--help"}).out.rfind("Usage: dhc segment IMAGE.hraw -o LABELS.hraw", 0), 0u);
+    EXPECT_EQ(dhc({"segment", "--help"}).out.rfind("Usage: dhc segment IMAGE -o LABELS", 0), 0u);
     EXPECT_EQ(dhc({"--version"}).out, std::string("dhc ") + DHC_VERSION_TEXT + "\n");
     // No command: the usage goes to standard error, as a usage error.
     const Result bare = dhc({});
