@@ -17,12 +17,32 @@
 
 namespace {
 
-// The product of two band values as a 32-bit signed integer: values whose
-// product leaves the 32-bit range wrap around, as the label statistics have
-// always done.  Formed unsigned so the wrap is defined.
-inline double wrappedProduct(int a, int b) {
-    return static_cast<double>(static_cast<int32_t>(static_cast<uint32_t>(a) * static_cast<uint32_t>(b)));
-}
+__extension__ typedef __int128 Int128;
+
+// Sums of the band products x[i] * x[j] (i <= j) over the pixels added.  Each
+// product is formed in 64 bits and summed in 128, so the sums are exact for
+// every int32 value and any pixel count, and are rounded to double once.  (While
+// the sums stay below 2^53 this is what summing the products in double gives.)
+class ProductSums {
+  public:
+    explicit ProductSums(int d) : d_(d > 0 ? d : 0), s_(static_cast<size_t>(d_) * d_, 0) {}
+    void add(const int* x) {
+        for (int i = 0; i < d_; ++i) {
+            Int128* row = &s_[static_cast<size_t>(i) * d_];
+            const int64_t xi = x[i];
+            for (int j = i; j < d_; ++j) row[j] += xi * x[j];
+        }
+    }
+    // Sum of x[i] * x[j], either order of i and j.
+    double at(int i, int j) const {
+        return static_cast<double>(i <= j ? s_[static_cast<size_t>(i) * d_ + j]
+                                          : s_[static_cast<size_t>(j) * d_ + i]);
+    }
+
+  private:
+    int d_;
+    std::vector<Int128> s_;
+};
 
 void zeroMatrix(double** m, int n) {
     for (int i = 0; i < n; ++i) std::fill(m[i], m[i] + n, 0.0);
@@ -283,20 +303,18 @@ void PottsWS::sigmaWhere(Selected selected, double** out) {
     std::vector<double> mu(d > 0 ? d : 0);
     meanWhere(selected, mu.data());
     const PixelScan scan{*this};
-    zeroMatrix(out, d);
+    ProductSums products(d);
     int count = 0;
     cursor = 0;
     for (int p = 0; p < scan.count(); ++p) {
         if (!selected(p)) continue;
-        const int* x = scan.values(p);
-        for (int i = 0; i < d; ++i)
-            for (int j = i; j < d; ++j) out[i][j] += wrappedProduct(x[i], x[j]);
+        products.add(scan.values(p));
         ++count;
     }
     scan.finish();
-    mirrorUpper(out, d);
     for (int i = 0; i < d; ++i)
-        for (int j = 0; j < d; ++j) out[i][j] = out[i][j] / static_cast<double>(count) - mu[i] * mu[j];
+        for (int j = 0; j < d; ++j)
+            out[i][j] = products.at(i, j) / static_cast<double>(count) - mu[i] * mu[j];
     repairDegenerate(out, d);
 }
 
@@ -341,24 +359,21 @@ void PottsWS::getSigma(int n, int* labels, int* counts, double*** covs) {
     const PixelScan scan{*this};
     const int d = bands;
     std::vector<std::vector<double>> sums(n > 0 ? n : 0, std::vector<double>(d > 0 ? d : 0, 0.0));
-    for (int j = 0; j < n; ++j) {
-        counts[j] = 0;
-        zeroMatrix(covs[j], d);
-    }
+    std::vector<ProductSums> products(n > 0 ? n : 0, ProductSums(d));
+    for (int j = 0; j < n; ++j) counts[j] = 0;
     cursor = 0;
     for (int p = 0; p < scan.count(); ++p) {
         const int j = firstMatch(labels, n, scan.label(p));
         if (j < 0) continue;
         const int* x = scan.values(p);
-        for (int i = 0; i < d; ++i) {
-            sums[j][i] += static_cast<double>(x[i]);
-            for (int l = i; l < d; ++l) covs[j][i][l] += wrappedProduct(x[i], x[l]);
-        }
+        for (int i = 0; i < d; ++i) sums[j][i] += static_cast<double>(x[i]);
+        products[j].add(x);
         ++counts[j];
     }
     scan.finish();
     for (int j = 0; j < n; ++j) {
-        mirrorUpper(covs[j], d);
+        for (int i = 0; i < d; ++i)
+            for (int l = 0; l < d; ++l) covs[j][i][l] = products[j].at(i, l);
         if (counts[j] > 0) {
             const double c = counts[j];
             for (int i = 0; i < d; ++i) sums[j][i] /= c;
@@ -616,9 +631,10 @@ void PottsWS::MLMapCompletion(double** means, double*** covs) {
         return (it != classLabel.end() && *it == v) ? static_cast<int>(it - classLabel.begin()) : -1;
     };
 
-    // Class statistics from the labelled pixels (32-bit products, no repair).
+    // Class statistics from the labelled pixels (exact product sums, no repair).
     std::vector<int> counts(k, 0);
     std::vector<std::vector<double>> mu(k, std::vector<double>(d, 0.0));
+    std::vector<ProductSums> products(k, ProductSums(d));
     std::vector<double**> cov(k);
     for (int c = 0; c < k; ++c) cov[c] = dhc::newRows<double>(d, d);
     cursor = 0;
@@ -628,10 +644,8 @@ void PottsWS::MLMapCompletion(double** means, double*** covs) {
         const int c = classOf(v);
         if (c < 0) continue;
         const int* x = scan.values(p);
-        for (int i = 0; i < d; ++i) {
-            mu[c][i] += static_cast<double>(x[i]);
-            for (int j = 0; j < d; ++j) cov[c][i][j] += wrappedProduct(x[i], x[j]);
-        }
+        for (int i = 0; i < d; ++i) mu[c][i] += static_cast<double>(x[i]);
+        products[c].add(x);
         ++counts[c];
     }
     scan.finish();
@@ -639,7 +653,7 @@ void PottsWS::MLMapCompletion(double** means, double*** covs) {
         const double n = counts[c];
         for (int i = 0; i < d; ++i) mu[c][i] /= n;
         for (int i = 0; i < d; ++i)
-            for (int j = 0; j < d; ++j) cov[c][i][j] = cov[c][i][j] / n - mu[c][i] * mu[c][j];
+            for (int j = 0; j < d; ++j) cov[c][i][j] = products[c].at(i, j) / n - mu[c][i] * mu[c][j];
     }
 
     // Inverses and log-determinants; a singular class takes no part.

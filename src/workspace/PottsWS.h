@@ -81,8 +81,8 @@ class PottsWS : public PottsData {
     // Means and counts of n labels in one pass (first matching label wins);
     // an empty label keeps a zero mean.
     void getMi(int n, int* labels, int* counts, double** means);
-    // Biased covariance of one label into out; products formed in 32-bit
-    // integer arithmetic (wrapping); near-zero result gets a unit diagonal.
+    // Biased covariance of one label into out; the sums of band products are
+    // exact integers for every int32 value; near-zero result gets a unit diagonal.
     void getSigma(int label, double** out);
     double** getSigma(int label);
     // Covariances and counts of n labels in one pass; an empty label gets the identity.

@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <cmath>
+#include <cstdint>
 #include <vector>
 
 #include "workspace/WorkspaceFixtures.h"
@@ -11,7 +13,7 @@ namespace {
 
 using namespace wstest;
 
-TEST(PottsWSStatsTest, IdentityForConstantPixelsAndThirtyTwoBitLabelProducts) {
+TEST(PottsWSStatsTest, IdentityForConstantPixels) {
     // Constant pixels: the covariance, by whole workspace or by label, is repaired
     // to the identity so that it can still be inverted.
     auto flat = makeWS(3, 3, 3, [](int, int, int band) { return 7 * (band + 1); });
@@ -22,18 +24,56 @@ TEST(PottsWSStatsTest, IdentityForConstantPixelsAndThirtyTwoBitLabelProducts) {
             EXPECT_EQ(byLabel[i][j], i == j ? 1.0 : 0.0);
         }
     dhc::deleteRows(byLabel, 3);
+}
 
-    // Squares are summed in 32 bits by label, not for the whole workspace.
-    auto b = makeWS(1, 2, 1, [](int, int c, int) { return c == 0 ? 50000 : 60000; });
-    EXPECT_DOUBLE_EQ(b.ws->sigma[0][0], 25000000.0);  // exact: ((60000 - 50000) / 2)^2
-    // 50000^2 wraps to 2.5e9 - 2^32 = -1794967296, 60000^2 to -694967296;
-    // their mean -1244967296 minus 55000^2 = 3.025e9 gives -4269967296.
-    double** s = b.ws->getSigma(kRoot);
-    EXPECT_DOUBLE_EQ(s[0][0], -4269967296.0);
+// Every form of the label covariance: one label, several labels, class array.
+std::vector<double> labelCovariances(PottsWS& ws, int d) {
+    std::vector<double> out;
+    double** s = ws.getSigma(kRoot);
     int count = 0, label = kRoot;
-    b.ws->getSigma(1, &label, &count, &s);
-    EXPECT_DOUBLE_EQ(s[0][0], -4269967296.0);
-    dhc::deleteRows(s, 1);
+    double** several = dhc::newRows<double>(d, d);
+    ws.getSigma(1, &label, &count, &several);
+    double** byClass = dhc::newRows<double>(d, d);
+    std::vector<int> classOf(static_cast<size_t>(count), 0);
+    ws.getSigmaOfClass(0, classOf.data(), byClass);
+    for (double** m : {s, several, byClass}) {
+        for (int i = 0; i < d; ++i) out.insert(out.end(), m[i], m[i] + d);
+        dhc::deleteRows(m, d);
+    }
+    return out;
+}
+
+TEST(PottsWSStatsTest, LabelProductsAreExactForSixteenBitAndNearLimitValues) {
+    // 16-bit digital numbers: squares up to 65535^2 leave the 32-bit range.
+    // Two pixels 0 and 65535 in band 0, 65535 and 1 in band 1: variances
+    // (65535/2)^2 and (65534/2)^2, covariance -(65535/2)(65534/2), all exact in double.
+    auto b =
+        makeWS(1, 2, 2, [](int, int c, int band) { return band == 0 ? (c ? 65535 : 0) : (c ? 1 : 65535); });
+    const double v0 = 32767.5 * 32767.5, v1 = 32767.0 * 32767.0, c01 = -32767.5 * 32767.0;
+    const std::vector<double> sixteen = labelCovariances(*b.ws, 2);
+    for (size_t f = 0; f < 3; ++f) {
+        EXPECT_EQ(sixteen[4 * f + 0], v0);
+        EXPECT_EQ(sixteen[4 * f + 1], c01);
+        EXPECT_EQ(sixteen[4 * f + 2], c01);
+        EXPECT_EQ(sixteen[4 * f + 3], v1);
+    }
+    EXPECT_EQ(b.ws->sigma[0][0], v0);  // the whole-workspace form agrees
+
+    // The ends of the int32 range: mean 0 and variance (2^31 - 1)^2 within the
+    // rounding of double (a wrapped square would give 1).
+    auto edge = makeWS(2, 2, 1, [](int r, int c, int) { return (r + c) % 2 ? INT32_MAX : -INT32_MAX; });
+    const double big = static_cast<double>(INT32_MAX) * INT32_MAX;
+    for (double v : labelCovariances(*edge.ws, 1)) EXPECT_NEAR(v / big, 1.0, 1e-15);
+
+    // 256 near-limit squares sum past 2^63: the sums must not wrap.  The true
+    // variance is about 4/256; what is left after the cancellation of E[x^2] and
+    // the squared mean is double rounding, far below the square of the values.
+    auto many =
+        makeWS(16, 16, 1, [](int r, int c, int) { return r == 0 && c == 0 ? INT32_MAX - 2 : INT32_MAX; });
+    for (double v : labelCovariances(*many.ws, 1)) {
+        EXPECT_TRUE(std::isfinite(v));
+        EXPECT_LT(std::fabs(v), 1e-6 * big);
+    }
 }
 
 TEST(PottsWSStatsTest, LabelStatisticsAndEmptyLabels) {
