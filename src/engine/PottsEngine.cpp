@@ -50,14 +50,18 @@ double squaredDistance(const int* x, const double* c, int d) {
     return s;
 }
 
-// One Lloyd assignment pass: every loaded pixel goes to the nearest of the m
-// codewords (the first of equally near ones); its class index (firstOf of the
-// codeword) goes to classOf and its squared distance is added to that
-// codeword's distortion.  Band values are converted as they are used, without
-// a staging copy.
-void assignPass(const PottsWS* w, int n, double** code, int m, const int* firstOf, int* classOf,
-                double* distortion) {
+// One Lloyd iteration over the loaded pixels: every pixel goes to the nearest
+// of the m codewords (the first of equally near ones); its class index (firstOf
+// of the codeword) goes to classOf, its squared distance is added to that
+// codeword's distortion, and its values to the class's integer sums (exact for
+// any int32 values) and count.  The new codewords are the classes' means, as
+// the class-array means of the workspace give them (a class without pixels
+// gets a zero codeword), from the same pass instead of a second one.
+void lloydPass(const PottsWS* w, int n, double** code, int m, const int* firstOf, int* classOf,
+               double* distortion, int* counts) {
     const int d = w->bands;
+    std::vector<int64_t> sums(static_cast<std::size_t>(m) * d, 0);
+    for (int c = 0; c < m; ++c) counts[c] = 0;
     for (int p = 0; p < n; ++p) {
         const int* x = pixel(w, p);
         int best = 0;
@@ -70,8 +74,17 @@ void assignPass(const PottsWS* w, int n, double** code, int m, const int* firstO
             }
         }
         distortion[best] += bestDist;
-        classOf[p] = firstOf[best];
+        const int j = firstOf[best];
+        classOf[p] = j;
+        int64_t* sum = &sums[static_cast<std::size_t>(j) * d];
+        for (int b = 0; b < d; ++b) sum[b] += x[b];
+        ++counts[j];
     }
+    for (int c = 0; c < m; ++c)
+        for (int b = 0; b < d; ++b)
+            code[c][b] = counts[c] > 0 ? static_cast<double>(sums[static_cast<std::size_t>(c) * d + b]) /
+                                             static_cast<double>(counts[c])
+                                       : 0.0;
 }
 
 // 32-bit unsigned product of the class counts: zero also when the product is a
@@ -222,10 +235,9 @@ double** PottsEngine::kGLA(PottsWS* w, int* labels) {
         relabelled = true;
         for (;;) {
             for (int c = 0; c < m; ++c) distortion[c] = 0.0;
-            assignPass(w, n, code, m, firstOf.data(), classOf.data(), distortion.data());
             for (int c = 0; c < m; ++c)
                 for (int b = 0; b < d; ++b) previous[static_cast<std::size_t>(c) * d + b] = code[c][b];
-            w->getMiOfClasses(m, classOf.data(), counts.data(), code);
+            lloydPass(w, n, code, m, firstOf.data(), classOf.data(), distortion.data(), counts.data());
 
             double movement = 0.0;
             bool empty = false;
