@@ -300,8 +300,10 @@ double** PottsEngine::kML(PottsWS* w, int* labels, double** energy) {
 // ICM sweeps over the loaded pixels of the current workspace.  Labels are
 // written at once, so later pixels of a sweep see them.  Stops when at most
 // 0.1 % of the pixels changed, or after 151 sweeps; returns the sweeps run.
+// classOf receives every pixel's class as the label statistics resolve its new
+// map label (the first of equal labels), so they can read it in pixel order.
 template <typename EnergyAt>
-int PottsEngine::sweeps(int* labels, int k, EnergyAt energyAt) {
+int PottsEngine::sweeps(int* labels, int k, int* classOf, EnergyAt energyAt) {
     PottsMapRegion* region = ws->root;
     int** map = region->map;
     const int pad = region->pad;
@@ -309,6 +311,15 @@ int PottsEngine::sweeps(int* labels, int k, EnergyAt energyAt) {
     const int n = ws->loadedCount;
     const double total = ws->envelopeCount;
     constexpr int kAhead = 16;
+    std::vector<int> firstOf(k);
+    for (int c = 0; c < k; ++c) {
+        firstOf[c] = c;
+        for (int e = 0; e < c; ++e)
+            if (labels[e] == labels[c]) {
+                firstOf[c] = e;
+                break;
+            }
+    }
     int done = 0;
     double rate = 0.0;
     do {
@@ -342,6 +353,7 @@ int PottsEngine::sweeps(int* labels, int k, EnergyAt energyAt) {
                     bestScore = score;
                 }
             }
+            classOf[p] = firstOf[best];
             if (mid[1] != labels[best]) {
                 mid[1] = labels[best];
                 q.flag = 1;
@@ -355,16 +367,27 @@ int PottsEngine::sweeps(int* labels, int k, EnergyAt energyAt) {
 }
 
 int PottsEngine::kICM(double** means, int* labels) {
+    std::vector<int> classOf;
+    return kICM(means, labels, classOf, false);
+}
+
+int PottsEngine::kICM(double** means, int* labels, std::vector<int>& classOf, bool classesKnown) {
     if (ws == nullptr) dhc::fatal(-1, "kICMns --> currentContainer == NULL", dhc::FatalChannel::StdErr);
     const int k = multiplicity;
     const int d = ws->bands;
     const int n = ws->loadedCount;
 
+    // The map is read once for every pixel's class (unless the last sweeps of
+    // the caller left it in classOf); the statistics then read in pixel order.
+    if (!classesKnown) {
+        classOf.assign(static_cast<std::size_t>(n), -1);
+        ws->classesOf(k, labels, classOf.data());
+    }
     std::vector<int> counts(k, 0);
     double*** covs = newCube(k, d);
     double*** inverses = newCube(k, d);
     std::vector<double> logdet(k, 0.0);
-    ws->getSigma(k, labels, counts.data(), covs);
+    ws->getSigmaOfClasses(k, classOf.data(), counts.data(), covs);
     bool invertible = true;
     for (int c = 0; c < k; ++c) {
         int ok = 0;
@@ -386,14 +409,14 @@ int PottsEngine::kICM(double** means, int* labels) {
                     PottsLikelihoodEnergy::gaussianEnergy(x, means[c], inverses[c], logdet[c], d);
         }
         const double* e = table.data();
-        lastSweeps =
-            sweeps(labels, k, [e, k](int p, int c) { return e[static_cast<std::size_t>(p) * k + c]; });
+        lastSweeps = sweeps(labels, k, classOf.data(),
+                            [e, k](int p, int c) { return e[static_cast<std::size_t>(p) * k + c]; });
         result = 2;
     }
     freeCube(covs, k, d);
     freeCube(inverses, k, d);
 
-    ws->getMi(k, labels, counts.data(), means);
+    ws->getMiOfClasses(k, classOf.data(), counts.data(), means);
     for (int c = 0; c < k; ++c)
         if (counts[c] <= 0) result = -2;
     return result;
@@ -403,9 +426,10 @@ int PottsEngine::kICM(double** means, int* labels, double** energy) {
     if (ws == nullptr) dhc::fatal(-1, "kICMs --> currentContainer == NULL", dhc::FatalChannel::StdErr);
     const int k = multiplicity;
     lastPasses = 1;
-    lastSweeps = sweeps(labels, k, [energy](int p, int c) { return energy[c][p]; });
+    std::vector<int> classOf(static_cast<std::size_t>(ws->loadedCount));
+    lastSweeps = sweeps(labels, k, classOf.data(), [energy](int p, int c) { return energy[c][p]; });
     std::vector<int> counts(k, 0);
-    ws->getMi(k, labels, counts.data(), means);
+    ws->getMiOfClasses(k, classOf.data(), counts.data(), means);
     return countsProductIsZero(counts) ? -2 : 2;
 }
 
@@ -491,10 +515,12 @@ int PottsEngine::kEstMaxICM(double** means, int* labels) {
     int passes = 0;
     int total = 0;
     int r = 2;
+    // betaHat only reads the map: the classes the sweeps leave stay valid.
+    std::vector<int> classOf;
     for (;;) {
         const double previous = beta;
         beta = betaHat(labels);
-        r = kICM(means, labels);
+        r = kICM(means, labels, classOf, passes > 0);
         total += lastSweeps;
         ++passes;
         const double delta = std::fabs(previous - beta);

@@ -355,7 +355,8 @@ double** PottsWS::getSigma(int label) {
     return out;
 }
 
-void PottsWS::getSigma(int n, int* labels, int* counts, double*** covs) {
+template <typename ClassOf>
+void PottsWS::sigmasOf(int n, ClassOf classOf, int* counts, double*** covs) {
     const PixelScan scan{*this};
     const int d = bands;
     std::vector<std::vector<double>> sums(n > 0 ? n : 0, std::vector<double>(d > 0 ? d : 0, 0.0));
@@ -363,7 +364,7 @@ void PottsWS::getSigma(int n, int* labels, int* counts, double*** covs) {
     for (int j = 0; j < n; ++j) counts[j] = 0;
     cursor = 0;
     for (int p = 0; p < scan.count(); ++p) {
-        const int j = firstMatch(labels, n, scan.label(p));
+        const int j = classOf(p);
         if (j < 0) continue;
         const int* x = scan.values(p);
         for (int i = 0; i < d; ++i) sums[j][i] += static_cast<double>(x[i]);
@@ -382,6 +383,24 @@ void PottsWS::getSigma(int n, int* labels, int* counts, double*** covs) {
         }
         repairDegenerate(covs[j], d);
     }
+}
+
+void PottsWS::getSigma(int n, int* labels, int* counts, double*** covs) {
+    const PixelScan scan{*this};
+    sigmasOf(
+        n, [&scan, labels, n](int p) { return firstMatch(labels, n, scan.label(p)); }, counts, covs);
+}
+
+void PottsWS::getSigmaOfClasses(int n, const int* classOf, int* counts, double*** covs) {
+    sigmasOf(
+        n, [classOf](int p) { return classOf[p]; }, counts, covs);
+}
+
+void PottsWS::classesOf(int n, const int* labels, int* classOf) {
+    const PixelScan scan{*this};
+    cursor = 0;
+    for (int p = 0; p < scan.count(); ++p) classOf[p] = firstMatch(labels, n, scan.label(p));
+    scan.finish();
 }
 
 void PottsWS::getAreas(int n, int* labels, int* areas) {

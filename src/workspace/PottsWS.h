@@ -95,6 +95,11 @@ class PottsWS : public PottsData {
     // order, so a class array that agrees with the map gives identical results.
     void getMiOfClasses(int n, const int* classOf, int* counts, double** means);
     void getSigmaOfClass(int c, const int* classOf, double** out);
+    // Class form of getSigma(n, labels, counts, covs).
+    void getSigmaOfClasses(int n, const int* classOf, int* counts, double*** covs);
+    // classOf[p] = index of the first of the n labels equal to loaded pixel p's
+    // map label, -1 for none: the class array that agrees with the map.
+    void classesOf(int n, const int* labels, int* classOf);
 
     // Replaces mixture by the sub-model of the k classes idx of m (linked view).
     void linkMixture(Mixture* m, int k, int* idx);
@@ -126,4 +131,6 @@ class PottsWS : public PottsData {
     void meansOf(int n, ClassOf classOf, int* counts, double** means);
     template <typename Selected>
     void sigmaWhere(Selected selected, double** out);
+    template <typename ClassOf>
+    void sigmasOf(int n, ClassOf classOf, int* counts, double*** covs);
 };

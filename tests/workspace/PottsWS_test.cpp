@@ -117,6 +117,20 @@ TEST(PottsWSStatsTest, LabelStatisticsAndEmptyLabels) {
     ws.getMiOfClasses(3, classOf, classCounts, classMeans);
     ws.getSigmaOfClass(0, classOf, classCov);
     EXPECT_EQ(std::vector<int>(classCounts, classCounts + 3), (std::vector<int>{3, 2, 0}));
+    // The class array read from the map is that one, and the several-class
+    // covariance form gives the several-label form's bits (identity when empty).
+    int read[6];
+    ws.classesOf(3, labels, read);
+    EXPECT_EQ(std::vector<int>(read, read + 6), std::vector<int>(classOf, classOf + 6));
+    double** classCovs[3] = {dhc::newRows<double>(2, 2), dhc::newRows<double>(2, 2),
+                             dhc::newRows<double>(2, 2)};
+    int covCounts[3];
+    ws.getSigmaOfClasses(3, classOf, covCounts, classCovs);
+    EXPECT_EQ(std::vector<int>(covCounts, covCounts + 3), (std::vector<int>{3, 2, 0}));
+    for (int j = 0; j < 3; ++j)
+        for (int i = 0; i < 2; ++i)
+            for (int l = 0; l < 2; ++l) EXPECT_EQ(classCovs[j][i][l], covs[j][i][l]) << j;
+    for (auto* c : classCovs) dhc::deleteRows(c, 2);
     for (int i = 0; i < 2; ++i) {
         for (int j = 0; j < 3; ++j) EXPECT_EQ(classMeans[j][i], means[j][i]);
         for (int j = 0; j < 2; ++j) EXPECT_EQ(classCov[i][j], single[i][j]);
