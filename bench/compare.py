@@ -79,6 +79,20 @@ def make_scene(tool, out, rows, cols, seed=1):
     return scene, truth
 
 
+def band_variants(out, scene):
+    """The scene cut to 3 bands and widened to 5 and 6 (sums of its bands)."""
+    raw = np.fromfile(scene, dtype="<i4")
+    b, r, c = raw[:3]
+    cube = raw[3:].reshape(b, r, c)
+    paths = []
+    for n in (3, 5, 6):
+        extra = [cube[i % b] + cube[(i + 1) % b] for i in range(max(0, n - b))]
+        path = os.path.join(out, "bands%d.hraw" % n)
+        write_hraw(path, np.concatenate([cube[:min(n, b)]] + ([np.stack(extra)] if extra else [])))
+        paths.append(path)
+    return paths
+
+
 def mask_and_init(out, rows, cols):
     """A disc-shaped mask and a two-region initial segmentation (0 outside a frame)."""
     r, c = np.mgrid[0:rows, 0:cols]
@@ -168,14 +182,17 @@ def small(args, old, new, work):
         os.makedirs(d, exist_ok=True)
         scene, truth = make_scene(tool, d, rows, cols, seed=rows)
         mask, init = mask_and_init(d, rows, cols)
-        for name, extra, kinds in configurations(scene, truth, mask, init):
+        cases = [(scene, c) for c in configurations(scene, truth, mask, init)]
+        if rows == 96:
+            cases += [(v, ("bands" + v[-6], [], ("report",))) for v in band_variants(d, scene)]
+        for image, (name, extra, kinds) in cases:
             oa, ofiles = outputs(os.path.join(d, name + ".old"), kinds)
-            run([old, "segment", scene, "-q"] + oa + extra)
+            run([old, "segment", image, "-q"] + oa + extra)
             for t in threads:
                 tag = name + ".new" + ("" if t is None else ".t" + t)
                 na, nfiles = outputs(os.path.join(d, tag), kinds)
                 targs = [] if t is None else ["--threads", t]
-                run([new, "segment", scene, "-q"] + na + extra + targs)
+                run([new, "segment", image, "-q"] + na + extra + targs)
                 for a, b in zip(ofiles, nfiles):
                     count += 1
                     if not same(a, b):

@@ -1,5 +1,6 @@
 #include "engine/PottsEngine.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
@@ -41,15 +42,6 @@ const int* pixel(const PottsWS* w, int p) {
     return w->data + static_cast<std::size_t>(p) * w->bands;
 }
 
-double squaredDistance(const int* x, const double* c, int d) {
-    double s = 0.0;
-    for (int b = 0; b < d; ++b) {
-        const double t = static_cast<double>(x[b]) - c[b];
-        s += t * t;
-    }
-    return s;
-}
-
 // One Lloyd iteration over the loaded pixels: every pixel goes to the nearest
 // of the m codewords (the first of equally near ones); its class index (firstOf
 // of the codeword) goes to classOf, its squared distance is added to that
@@ -57,18 +49,31 @@ double squaredDistance(const int* x, const double* c, int d) {
 // any int32 values) and count.  The new codewords are the classes' means, as
 // the class-array means of the workspace give them (a class without pixels
 // gets a zero codeword), from the same pass instead of a second one.
-void lloydPass(const PottsWS* w, int n, double** code, int m, const int* firstOf, int* classOf,
-               double* distortion, int* counts) {
-    const int d = w->bands;
+template <int D>
+void lloydPassOf(const PottsWS* w, int n, double** code, int m, const int* firstOf, int* classOf,
+                 double* distortion, int* counts) {
+    const int d = D > 0 ? D : w->bands;
     std::vector<int64_t> sums(static_cast<std::size_t>(m) * d, 0);
+    // The codewords side by side, and each pixel's values converted once for all
+    // of them; the distances are summed band by band as before, so the bits agree.
+    std::vector<double> cw(static_cast<std::size_t>(m) * d);
+    for (int c = 0; c < m; ++c)
+        std::copy(code[c], code[c] + d, cw.begin() + static_cast<std::ptrdiff_t>(c) * d);
+    std::vector<double> xd(static_cast<std::size_t>(d));
     for (int c = 0; c < m; ++c) counts[c] = 0;
     for (int p = 0; p < n; ++p) {
         const int* x = pixel(w, p);
+        for (int b = 0; b < d; ++b) xd[b] = static_cast<double>(x[b]);
         int best = 0;
-        double bestDist = squaredDistance(x, code[0], d);
-        for (int c = 1; c < m; ++c) {
-            const double dist = squaredDistance(x, code[c], d);
-            if (dist < bestDist) {
+        double bestDist = 0.0;
+        for (int c = 0; c < m; ++c) {
+            const double* cc = &cw[static_cast<std::size_t>(c) * d];
+            double dist = 0.0;
+            for (int b = 0; b < d; ++b) {
+                const double t = xd[b] - cc[b];
+                dist += t * t;
+            }
+            if (c == 0 || dist < bestDist) {
                 bestDist = dist;
                 best = c;
             }
@@ -85,6 +90,21 @@ void lloydPass(const PottsWS* w, int n, double** code, int m, const int* firstOf
             code[c][b] = counts[c] > 0 ? static_cast<double>(sums[static_cast<std::size_t>(c) * d + b]) /
                                              static_cast<double>(counts[c])
                                        : 0.0;
+}
+
+// The common band counts get a pass with the count fixed at compile time.
+void lloydPass(const PottsWS* w, int n, double** code, int m, const int* firstOf, int* classOf,
+               double* distortion, int* counts) {
+    switch (w->bands) {
+        case 3:
+            return lloydPassOf<3>(w, n, code, m, firstOf, classOf, distortion, counts);
+        case 4:
+            return lloydPassOf<4>(w, n, code, m, firstOf, classOf, distortion, counts);
+        case 6:
+            return lloydPassOf<6>(w, n, code, m, firstOf, classOf, distortion, counts);
+        default:
+            return lloydPassOf<0>(w, n, code, m, firstOf, classOf, distortion, counts);
+    }
 }
 
 // 32-bit unsigned product of the class counts: zero also when the product is a
