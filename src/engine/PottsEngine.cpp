@@ -107,6 +107,38 @@ void lloydPass(const PottsWS* w, int n, double** code, int m, const int* firstOf
     }
 }
 
+// The Gaussian class energies of every loaded pixel, pixel-major, for a band
+// count D fixed at compile time: PottsLikelihoodEnergy::gaussianEnergy's
+// arithmetic in its order, with the class parameters copied side by side.
+template <int D>
+void classEnergies(const PottsWS* w, int n, int k, double** means, double*** inverses, const double* logdet,
+                   double* table) {
+    std::vector<double> mu(static_cast<std::size_t>(k) * D), inv(static_cast<std::size_t>(k) * D * D);
+    for (int c = 0; c < k; ++c) {
+        std::copy(means[c], means[c] + D, mu.begin() + static_cast<std::ptrdiff_t>(c) * D);
+        for (int i = 0; i < D; ++i)
+            std::copy(inverses[c][i], inverses[c][i] + D,
+                      inv.begin() + (static_cast<std::ptrdiff_t>(c) * D + i) * D);
+    }
+    for (int p = 0; p < n; ++p) {
+        const int* x = pixel(w, p);
+        double xd[D];
+        for (int i = 0; i < D; ++i) xd[i] = static_cast<double>(x[i]);
+        for (int c = 0; c < k; ++c) {
+            const double* m = &mu[static_cast<std::size_t>(c) * D];
+            const double* s = &inv[static_cast<std::size_t>(c) * D * D];
+            double diff[D];
+            for (int i = 0; i < D; ++i) diff[i] = xd[i] - m[i];
+            double q = 0.0;
+            for (int i = 0; i < D; ++i) {
+                const double di = diff[i];
+                for (int j = 0; j < D; ++j) q += di * s[i * D + j] * diff[j];
+            }
+            table[static_cast<std::size_t>(p) * k + c] = 0.5 * (logdet[c] + q);
+        }
+    }
+}
+
 // 32-bit unsigned product of the class counts: zero also when the product is a
 // multiple of 2^32, which the callers deliberately treat as an empty class.
 bool countsProductIsZero(const std::vector<int>& counts) {
@@ -422,11 +454,23 @@ int PottsEngine::kICM(double** means, int* labels, std::vector<int>& classOf, bo
     if (invertible) {
         // Class energies once per call, pixel-major so a sweep reads them in order.
         std::vector<double> table(static_cast<std::size_t>(n) * k);
-        for (int p = 0; p < n; ++p) {
-            const int* x = pixel(ws, p);
-            for (int c = 0; c < k; ++c)
-                table[static_cast<std::size_t>(p) * k + c] =
-                    PottsLikelihoodEnergy::gaussianEnergy(x, means[c], inverses[c], logdet[c], d);
+        switch (d) {
+            case 3:
+                classEnergies<3>(ws, n, k, means, inverses, logdet.data(), table.data());
+                break;
+            case 4:
+                classEnergies<4>(ws, n, k, means, inverses, logdet.data(), table.data());
+                break;
+            case 6:
+                classEnergies<6>(ws, n, k, means, inverses, logdet.data(), table.data());
+                break;
+            default:
+                for (int p = 0; p < n; ++p) {
+                    const int* x = pixel(ws, p);
+                    for (int c = 0; c < k; ++c)
+                        table[static_cast<std::size_t>(p) * k + c] =
+                            PottsLikelihoodEnergy::gaussianEnergy(x, means[c], inverses[c], logdet[c], d);
+                }
         }
         const double* e = table.data();
         lastSweeps = sweeps(labels, k, classOf.data(),
