@@ -12,6 +12,7 @@
 #include "data/PaddedMap.h"
 #include "data/ROI.h"
 #include "settings/Fatal.h"
+#include "settings/Random.h"
 #include "settings/RowMatrix.h"
 
 namespace {
@@ -115,11 +116,12 @@ void PottsData::buildRasterCoords() {
 void PottsData::shuffleCoords() {
     if (rows <= 0 || cols <= 0) return;
     const long long swaps = 10LL * envelopeCount;
+    dhc::Random& random = dhc::processRandom();
     for (long long s = 0; s < swaps; ++s) {
-        const int r1 = std::rand();
-        const int r2 = std::rand();
-        const int r3 = std::rand();
-        const int r4 = std::rand();
+        const int r1 = random.next();
+        const int r2 = random.next();
+        const int r3 = random.next();
+        const int r4 = random.next();
         const int i = cols * (r1 % rows) + (r2 % cols);
         const int j = cols * (r3 % rows) + (r4 % cols);
         std::swap(coords[i], coords[j]);
@@ -147,7 +149,7 @@ void PottsData::setupRoot(int nRows, int nCols, int nBands, bool doShuffle, floa
     buildRasterCoords();
     rasterOrder = true;
     if (doShuffle) {
-        std::srand(kShuffleSeed);
+        dhc::processRandom().reseed(kShuffleSeed);
         shuffleCoords();
     }
     loadDataRaw(bandFiles, bands, percentage);

@@ -6,6 +6,8 @@
 #include <utility>
 #include <vector>
 
+#include "settings/Random.h"
+
 ROI<int, xy>* buildRoi(int rows, int cols, int bands, int*** cube, int** mask, int maskValue, bool shuffle) {
     int count = 0;
     for (int r = 0; r < rows; ++r)
@@ -36,7 +38,8 @@ ROI<int, xy>* buildRoi(int rows, int cols, int bands, int*** cube, int** mask, i
         // The swaps run on an index permutation, then the points are gathered
         // once: the same final order as swapping the points themselves, without
         // moving every point's values around at random tens of times.
-        std::srand(3605118785u);
+        dhc::Random& random = dhc::processRandom();
+        random.reseed(3605118785u);
         std::vector<int32_t> from(static_cast<size_t>(count));
         for (int i = 0; i < count; ++i) from[i] = i;
         // The draws do not depend on the permutation, so they are taken a batch
@@ -47,8 +50,8 @@ ROI<int, xy>* buildRoi(int rows, int cols, int bands, int*** cube, int** mask, i
         for (long s = 0; s < swaps; s += kBatch) {
             const long n = std::min(kBatch, swaps - s);
             for (long t = 0; t < n; ++t) {
-                is[t] = std::rand() % count;
-                js[t] = std::rand() % count;
+                is[t] = random.next() % count;
+                js[t] = random.next() % count;
                 __builtin_prefetch(&from[is[t]], 1);
                 __builtin_prefetch(&from[js[t]], 1);
             }

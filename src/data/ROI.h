@@ -111,8 +111,8 @@ struct ROI {
 
 // Builds the ROI of the pixels whose mask value equals maskValue, in raster
 // order (rows outer), with coordinates rebased on the bounding box.  shuffle:
-// seeds rand() with 3605118785 and makes 10 x count swaps of two random points
-// (order = 1); otherwise order = 2.  cube[band][row][col], mask[row][col].
+// reseeds the process generator (settings/Random.h, the sequence of rand()) with 3605118785 and makes 10 x
+// count swaps of two random points (order = 1); otherwise order = 2.  cube[band][row][col], mask[row][col].
 // No selected pixel: count 0, empty arrays, minRow = minCol = -1, height = width = 0.
 // The caller owns the result.
 ROI<int, xy>* buildRoi(int rows, int cols, int bands, int*** cube, int** mask, int maskValue, bool shuffle);

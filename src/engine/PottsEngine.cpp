@@ -1,5 +1,6 @@
 #include "engine/PottsEngine.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
@@ -41,36 +42,100 @@ const int* pixel(const PottsWS* w, int p) {
     return w->data + static_cast<std::size_t>(p) * w->bands;
 }
 
-double squaredDistance(const int* x, const double* c, int d) {
-    double s = 0.0;
-    for (int b = 0; b < d; ++b) {
-        const double t = static_cast<double>(x[b]) - c[b];
-        s += t * t;
-    }
-    return s;
-}
-
-// One Lloyd assignment pass: every loaded pixel goes to the nearest of the m
-// codewords (the first of equally near ones); its class index (firstOf of the
-// codeword) goes to classOf and its squared distance is added to that
-// codeword's distortion.  Band values are converted as they are used, without
-// a staging copy.
-void assignPass(const PottsWS* w, int n, double** code, int m, const int* firstOf, int* classOf,
-                double* distortion) {
-    const int d = w->bands;
+// One Lloyd iteration over the loaded pixels: every pixel goes to the nearest
+// of the m codewords (the first of equally near ones); its class index (firstOf
+// of the codeword) goes to classOf, its squared distance is added to that
+// codeword's distortion, and its values to the class's integer sums (exact for
+// any int32 values) and count.  The new codewords are the classes' means, as
+// the class-array means of the workspace give them (a class without pixels
+// gets a zero codeword), from the same pass instead of a second one.
+template <int D>
+void lloydPassOf(const PottsWS* w, int n, double** code, int m, const int* firstOf, int* classOf,
+                 double* distortion, int* counts) {
+    const int d = D > 0 ? D : w->bands;
+    std::vector<int64_t> sums(static_cast<std::size_t>(m) * d, 0);
+    // The codewords side by side, and each pixel's values converted once for all
+    // of them; the distances are summed band by band as before, so the bits agree.
+    std::vector<double> cw(static_cast<std::size_t>(m) * d);
+    for (int c = 0; c < m; ++c)
+        std::copy(code[c], code[c] + d, cw.begin() + static_cast<std::ptrdiff_t>(c) * d);
+    std::vector<double> xd(static_cast<std::size_t>(d));
+    for (int c = 0; c < m; ++c) counts[c] = 0;
     for (int p = 0; p < n; ++p) {
         const int* x = pixel(w, p);
+        for (int b = 0; b < d; ++b) xd[b] = static_cast<double>(x[b]);
         int best = 0;
-        double bestDist = squaredDistance(x, code[0], d);
-        for (int c = 1; c < m; ++c) {
-            const double dist = squaredDistance(x, code[c], d);
-            if (dist < bestDist) {
+        double bestDist = 0.0;
+        for (int c = 0; c < m; ++c) {
+            const double* cc = &cw[static_cast<std::size_t>(c) * d];
+            double dist = 0.0;
+            for (int b = 0; b < d; ++b) {
+                const double t = xd[b] - cc[b];
+                dist += t * t;
+            }
+            if (c == 0 || dist < bestDist) {
                 bestDist = dist;
                 best = c;
             }
         }
         distortion[best] += bestDist;
-        classOf[p] = firstOf[best];
+        const int j = firstOf[best];
+        classOf[p] = j;
+        int64_t* sum = &sums[static_cast<std::size_t>(j) * d];
+        for (int b = 0; b < d; ++b) sum[b] += x[b];
+        ++counts[j];
+    }
+    for (int c = 0; c < m; ++c)
+        for (int b = 0; b < d; ++b)
+            code[c][b] = counts[c] > 0 ? static_cast<double>(sums[static_cast<std::size_t>(c) * d + b]) /
+                                             static_cast<double>(counts[c])
+                                       : 0.0;
+}
+
+// The common band counts get a pass with the count fixed at compile time.
+void lloydPass(const PottsWS* w, int n, double** code, int m, const int* firstOf, int* classOf,
+               double* distortion, int* counts) {
+    switch (w->bands) {
+        case 3:
+            return lloydPassOf<3>(w, n, code, m, firstOf, classOf, distortion, counts);
+        case 4:
+            return lloydPassOf<4>(w, n, code, m, firstOf, classOf, distortion, counts);
+        case 6:
+            return lloydPassOf<6>(w, n, code, m, firstOf, classOf, distortion, counts);
+        default:
+            return lloydPassOf<0>(w, n, code, m, firstOf, classOf, distortion, counts);
+    }
+}
+
+// The Gaussian class energies of every loaded pixel, pixel-major, for a band
+// count D fixed at compile time: PottsLikelihoodEnergy::gaussianEnergy's
+// arithmetic in its order, with the class parameters copied side by side.
+template <int D>
+void classEnergies(const PottsWS* w, int n, int k, double** means, double*** inverses, const double* logdet,
+                   double* table) {
+    std::vector<double> mu(static_cast<std::size_t>(k) * D), inv(static_cast<std::size_t>(k) * D * D);
+    for (int c = 0; c < k; ++c) {
+        std::copy(means[c], means[c] + D, mu.begin() + static_cast<std::ptrdiff_t>(c) * D);
+        for (int i = 0; i < D; ++i)
+            std::copy(inverses[c][i], inverses[c][i] + D,
+                      inv.begin() + (static_cast<std::ptrdiff_t>(c) * D + i) * D);
+    }
+    for (int p = 0; p < n; ++p) {
+        const int* x = pixel(w, p);
+        double xd[D];
+        for (int i = 0; i < D; ++i) xd[i] = static_cast<double>(x[i]);
+        for (int c = 0; c < k; ++c) {
+            const double* m = &mu[static_cast<std::size_t>(c) * D];
+            const double* s = &inv[static_cast<std::size_t>(c) * D * D];
+            double diff[D];
+            for (int i = 0; i < D; ++i) diff[i] = xd[i] - m[i];
+            double q = 0.0;
+            for (int i = 0; i < D; ++i) {
+                const double di = diff[i];
+                for (int j = 0; j < D; ++j) q += di * s[i * D + j] * diff[j];
+            }
+            table[static_cast<std::size_t>(p) * k + c] = 0.5 * (logdet[c] + q);
+        }
     }
 }
 
@@ -222,10 +287,9 @@ double** PottsEngine::kGLA(PottsWS* w, int* labels) {
         relabelled = true;
         for (;;) {
             for (int c = 0; c < m; ++c) distortion[c] = 0.0;
-            assignPass(w, n, code, m, firstOf.data(), classOf.data(), distortion.data());
             for (int c = 0; c < m; ++c)
                 for (int b = 0; b < d; ++b) previous[static_cast<std::size_t>(c) * d + b] = code[c][b];
-            w->getMiOfClasses(m, classOf.data(), counts.data(), code);
+            lloydPass(w, n, code, m, firstOf.data(), classOf.data(), distortion.data(), counts.data());
 
             double movement = 0.0;
             bool empty = false;
@@ -288,8 +352,10 @@ double** PottsEngine::kML(PottsWS* w, int* labels, double** energy) {
 // ICM sweeps over the loaded pixels of the current workspace.  Labels are
 // written at once, so later pixels of a sweep see them.  Stops when at most
 // 0.1 % of the pixels changed, or after 151 sweeps; returns the sweeps run.
+// classOf receives every pixel's class as the label statistics resolve its new
+// map label (the first of equal labels), so they can read it in pixel order.
 template <typename EnergyAt>
-int PottsEngine::sweeps(int* labels, int k, EnergyAt energyAt) {
+int PottsEngine::sweeps(int* labels, int k, int* classOf, EnergyAt energyAt) {
     PottsMapRegion* region = ws->root;
     int** map = region->map;
     const int pad = region->pad;
@@ -297,6 +363,15 @@ int PottsEngine::sweeps(int* labels, int k, EnergyAt energyAt) {
     const int n = ws->loadedCount;
     const double total = ws->envelopeCount;
     constexpr int kAhead = 16;
+    std::vector<int> firstOf(k);
+    for (int c = 0; c < k; ++c) {
+        firstOf[c] = c;
+        for (int e = 0; e < c; ++e)
+            if (labels[e] == labels[c]) {
+                firstOf[c] = e;
+                break;
+            }
+    }
     int done = 0;
     double rate = 0.0;
     do {
@@ -330,6 +405,7 @@ int PottsEngine::sweeps(int* labels, int k, EnergyAt energyAt) {
                     bestScore = score;
                 }
             }
+            classOf[p] = firstOf[best];
             if (mid[1] != labels[best]) {
                 mid[1] = labels[best];
                 q.flag = 1;
@@ -343,16 +419,27 @@ int PottsEngine::sweeps(int* labels, int k, EnergyAt energyAt) {
 }
 
 int PottsEngine::kICM(double** means, int* labels) {
+    std::vector<int> classOf;
+    return kICM(means, labels, classOf, false);
+}
+
+int PottsEngine::kICM(double** means, int* labels, std::vector<int>& classOf, bool classesKnown) {
     if (ws == nullptr) dhc::fatal(-1, "kICMns --> currentContainer == NULL", dhc::FatalChannel::StdErr);
     const int k = multiplicity;
     const int d = ws->bands;
     const int n = ws->loadedCount;
 
+    // The map is read once for every pixel's class (unless the last sweeps of
+    // the caller left it in classOf); the statistics then read in pixel order.
+    if (!classesKnown) {
+        classOf.assign(static_cast<std::size_t>(n), -1);
+        ws->classesOf(k, labels, classOf.data());
+    }
     std::vector<int> counts(k, 0);
     double*** covs = newCube(k, d);
     double*** inverses = newCube(k, d);
     std::vector<double> logdet(k, 0.0);
-    ws->getSigma(k, labels, counts.data(), covs);
+    ws->getSigmaOfClasses(k, classOf.data(), counts.data(), covs);
     bool invertible = true;
     for (int c = 0; c < k; ++c) {
         int ok = 0;
@@ -367,21 +454,33 @@ int PottsEngine::kICM(double** means, int* labels) {
     if (invertible) {
         // Class energies once per call, pixel-major so a sweep reads them in order.
         std::vector<double> table(static_cast<std::size_t>(n) * k);
-        for (int p = 0; p < n; ++p) {
-            const int* x = pixel(ws, p);
-            for (int c = 0; c < k; ++c)
-                table[static_cast<std::size_t>(p) * k + c] =
-                    PottsLikelihoodEnergy::gaussianEnergy(x, means[c], inverses[c], logdet[c], d);
+        switch (d) {
+            case 3:
+                classEnergies<3>(ws, n, k, means, inverses, logdet.data(), table.data());
+                break;
+            case 4:
+                classEnergies<4>(ws, n, k, means, inverses, logdet.data(), table.data());
+                break;
+            case 6:
+                classEnergies<6>(ws, n, k, means, inverses, logdet.data(), table.data());
+                break;
+            default:
+                for (int p = 0; p < n; ++p) {
+                    const int* x = pixel(ws, p);
+                    for (int c = 0; c < k; ++c)
+                        table[static_cast<std::size_t>(p) * k + c] =
+                            PottsLikelihoodEnergy::gaussianEnergy(x, means[c], inverses[c], logdet[c], d);
+                }
         }
         const double* e = table.data();
-        lastSweeps =
-            sweeps(labels, k, [e, k](int p, int c) { return e[static_cast<std::size_t>(p) * k + c]; });
+        lastSweeps = sweeps(labels, k, classOf.data(),
+                            [e, k](int p, int c) { return e[static_cast<std::size_t>(p) * k + c]; });
         result = 2;
     }
     freeCube(covs, k, d);
     freeCube(inverses, k, d);
 
-    ws->getMi(k, labels, counts.data(), means);
+    ws->getMiOfClasses(k, classOf.data(), counts.data(), means);
     for (int c = 0; c < k; ++c)
         if (counts[c] <= 0) result = -2;
     return result;
@@ -391,9 +490,10 @@ int PottsEngine::kICM(double** means, int* labels, double** energy) {
     if (ws == nullptr) dhc::fatal(-1, "kICMs --> currentContainer == NULL", dhc::FatalChannel::StdErr);
     const int k = multiplicity;
     lastPasses = 1;
-    lastSweeps = sweeps(labels, k, [energy](int p, int c) { return energy[c][p]; });
+    std::vector<int> classOf(static_cast<std::size_t>(ws->loadedCount));
+    lastSweeps = sweeps(labels, k, classOf.data(), [energy](int p, int c) { return energy[c][p]; });
     std::vector<int> counts(k, 0);
-    ws->getMi(k, labels, counts.data(), means);
+    ws->getMiOfClasses(k, classOf.data(), counts.data(), means);
     return countsProductIsZero(counts) ? -2 : 2;
 }
 
@@ -479,10 +579,12 @@ int PottsEngine::kEstMaxICM(double** means, int* labels) {
     int passes = 0;
     int total = 0;
     int r = 2;
+    // betaHat only reads the map: the classes the sweeps leave stay valid.
+    std::vector<int> classOf;
     for (;;) {
         const double previous = beta;
         beta = betaHat(labels);
-        r = kICM(means, labels);
+        r = kICM(means, labels, classOf, passes > 0);
         total += lastSweeps;
         ++passes;
         const double delta = std::fabs(previous - beta);

@@ -23,6 +23,8 @@
 // duration and clear it before returning.  kICM and betaHat work on the current
 // workspace; a caller that uses them directly sets ws first.
 
+#include <vector>
+
 class PottsWS;
 class Mixture;
 class PottsLikelihoodEnergy;
@@ -144,7 +146,10 @@ class PottsEngine {
 
   private:
     template <typename EnergyAt>
-    int sweeps(int* labels, int k, EnergyAt energyAt);
+    int sweeps(int* labels, int k, int* classOf, EnergyAt energyAt);
+    // kICM(means, labels) with the pixels' classes in classOf: read from the map
+    // first unless classesKnown, and left as the sweeps set them.
+    int kICM(double** means, int* labels, std::vector<int>& classOf, bool classesKnown);
     double betaHat(int* labels, int k);
     PottsWS** icmAndSplit(PottsWS* w, int* labels, double** means, bool altGain, double threshold);
     PottsWS** makeChildren(PottsWS* w, int* labels, int k, bool altGain, double threshold);

@@ -8,6 +8,7 @@
 #include "settings/ConfigFileParser.h"
 #include "settings/DHC_SET.h"
 #include "settings/Fatal.h"
+#include "settings/Random.h"
 #include "settings/RowMatrix.h"
 
 namespace {
@@ -81,7 +82,7 @@ bool FMSC::setStartCenter(int& i) {
 }
 
 void FMSC::setRandomStartCenter() {
-    const int i = std::rand() % nPoints;
+    const int i = dhc::processRandom().next() % nPoints;
     for (int c = 0; c < dim; ++c) center[c] = data[i][c];
 }
 

@@ -55,7 +55,7 @@ class FMSC {
 
     // i = first unassigned point, copied into `center`; false when all are assigned.
     bool setStartCenter(int& i);
-    // center = point rand() mod n.
+    // center = point (next draw of the process generator, as rand()) mod n.
     void setRandomStartCenter();
     // Mean shift from `center` (at most 500 iterations).  visited becomes a new
     // int[n] (the caller's) marking the points that fell inside a bandwidth;

@@ -17,25 +17,31 @@
 
 namespace {
 
-// Sums of products of two band values, kept exact for every int32 image: a
-// product fits 64 bits, and 2^64 of them fit 128 bits.  (32-bit products
-// would wrap above about 46,340 and collapse 16-bit imagery into one class.)
-__extension__ typedef __int128 ProductSum;
+__extension__ typedef __int128 Int128;
 
-inline int64_t product(int a, int b) {
-    return static_cast<int64_t>(a) * b;
-}
-
-// Upper triangle of the sums of x x^T, d x d, row-major.
-struct ProductSums {
-    int d;
-    std::vector<ProductSum> sums;
-    explicit ProductSums(int d_) : d(d_ > 0 ? d_ : 0), sums(static_cast<size_t>(d) * d, 0) {}
-    void add(const int* x, bool full = false) {
-        for (int i = 0; i < d; ++i)
-            for (int j = full ? 0 : i; j < d; ++j) sums[static_cast<size_t>(i) * d + j] += product(x[i], x[j]);
+// Sums of the band products x[i] * x[j] (i <= j) over the pixels added.  Each
+// product is formed in 64 bits and summed in 128, so the sums are exact for
+// every int32 value and any pixel count, and are rounded to double once.  (While
+// the sums stay below 2^53 this is what summing the products in double gives.)
+class ProductSums {
+  public:
+    explicit ProductSums(int d) : d_(d > 0 ? d : 0), s_(static_cast<size_t>(d_) * d_, 0) {}
+    void add(const int* x) {
+        for (int i = 0; i < d_; ++i) {
+            Int128* row = &s_[static_cast<size_t>(i) * d_];
+            const int64_t xi = x[i];
+            for (int j = i; j < d_; ++j) row[j] += xi * x[j];
+        }
     }
-    double at(int i, int j) const { return static_cast<double>(sums[static_cast<size_t>(i) * d + j]); }
+    // Sum of x[i] * x[j], either order of i and j.
+    double at(int i, int j) const {
+        return static_cast<double>(i <= j ? s_[static_cast<size_t>(i) * d_ + j]
+                                          : s_[static_cast<size_t>(j) * d_ + i]);
+    }
+
+  private:
+    int d_;
+    std::vector<Int128> s_;
 };
 
 void zeroMatrix(double** m, int n) {
@@ -307,10 +313,8 @@ void PottsWS::sigmaWhere(Selected selected, double** out) {
     }
     scan.finish();
     for (int i = 0; i < d; ++i)
-        for (int j = i; j < d; ++j) out[i][j] = products.at(i, j);
-    mirrorUpper(out, d);
-    for (int i = 0; i < d; ++i)
-        for (int j = 0; j < d; ++j) out[i][j] = out[i][j] / static_cast<double>(count) - mu[i] * mu[j];
+        for (int j = 0; j < d; ++j)
+            out[i][j] = products.at(i, j) / static_cast<double>(count) - mu[i] * mu[j];
     repairDegenerate(out, d);
 }
 
@@ -351,7 +355,8 @@ double** PottsWS::getSigma(int label) {
     return out;
 }
 
-void PottsWS::getSigma(int n, int* labels, int* counts, double*** covs) {
+template <typename ClassOf>
+void PottsWS::sigmasOf(int n, ClassOf classOf, int* counts, double*** covs) {
     const PixelScan scan{*this};
     const int d = bands;
     std::vector<std::vector<double>> sums(n > 0 ? n : 0, std::vector<double>(d > 0 ? d : 0, 0.0));
@@ -359,7 +364,7 @@ void PottsWS::getSigma(int n, int* labels, int* counts, double*** covs) {
     for (int j = 0; j < n; ++j) counts[j] = 0;
     cursor = 0;
     for (int p = 0; p < scan.count(); ++p) {
-        const int j = firstMatch(labels, n, scan.label(p));
+        const int j = classOf(p);
         if (j < 0) continue;
         const int* x = scan.values(p);
         for (int i = 0; i < d; ++i) sums[j][i] += static_cast<double>(x[i]);
@@ -368,10 +373,8 @@ void PottsWS::getSigma(int n, int* labels, int* counts, double*** covs) {
     }
     scan.finish();
     for (int j = 0; j < n; ++j) {
-        zeroMatrix(covs[j], d);
         for (int i = 0; i < d; ++i)
-            for (int l = i; l < d; ++l) covs[j][i][l] = products[j].at(i, l);
-        mirrorUpper(covs[j], d);
+            for (int l = 0; l < d; ++l) covs[j][i][l] = products[j].at(i, l);
         if (counts[j] > 0) {
             const double c = counts[j];
             for (int i = 0; i < d; ++i) sums[j][i] /= c;
@@ -380,6 +383,24 @@ void PottsWS::getSigma(int n, int* labels, int* counts, double*** covs) {
         }
         repairDegenerate(covs[j], d);
     }
+}
+
+void PottsWS::getSigma(int n, int* labels, int* counts, double*** covs) {
+    const PixelScan scan{*this};
+    sigmasOf(
+        n, [&scan, labels, n](int p) { return firstMatch(labels, n, scan.label(p)); }, counts, covs);
+}
+
+void PottsWS::getSigmaOfClasses(int n, const int* classOf, int* counts, double*** covs) {
+    sigmasOf(
+        n, [classOf](int p) { return classOf[p]; }, counts, covs);
+}
+
+void PottsWS::classesOf(int n, const int* labels, int* classOf) {
+    const PixelScan scan{*this};
+    cursor = 0;
+    for (int p = 0; p < scan.count(); ++p) classOf[p] = firstMatch(labels, n, scan.label(p));
+    scan.finish();
 }
 
 void PottsWS::getAreas(int n, int* labels, int* areas) {
@@ -629,7 +650,7 @@ void PottsWS::MLMapCompletion(double** means, double*** covs) {
         return (it != classLabel.end() && *it == v) ? static_cast<int>(it - classLabel.begin()) : -1;
     };
 
-    // Class statistics from the labelled pixels (no repair).
+    // Class statistics from the labelled pixels (exact product sums, no repair).
     std::vector<int> counts(k, 0);
     std::vector<std::vector<double>> mu(k, std::vector<double>(d, 0.0));
     std::vector<ProductSums> products(k, ProductSums(d));
@@ -643,17 +664,15 @@ void PottsWS::MLMapCompletion(double** means, double*** covs) {
         if (c < 0) continue;
         const int* x = scan.values(p);
         for (int i = 0; i < d; ++i) mu[c][i] += static_cast<double>(x[i]);
-        products[c].add(x, true);
+        products[c].add(x);
         ++counts[c];
     }
     scan.finish();
     for (int c = 0; c < k; ++c) {
-        for (int i = 0; i < d; ++i)
-            for (int j = 0; j < d; ++j) cov[c][i][j] = products[c].at(i, j);
         const double n = counts[c];
         for (int i = 0; i < d; ++i) mu[c][i] /= n;
         for (int i = 0; i < d; ++i)
-            for (int j = 0; j < d; ++j) cov[c][i][j] = cov[c][i][j] / n - mu[c][i] * mu[c][j];
+            for (int j = 0; j < d; ++j) cov[c][i][j] = products[c].at(i, j) / n - mu[c][i] * mu[c][j];
     }
 
     // Inverses and log-determinants; a singular class takes no part.

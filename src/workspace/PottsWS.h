@@ -81,8 +81,8 @@ class PottsWS : public PottsData {
     // Means and counts of n labels in one pass (first matching label wins);
     // an empty label keeps a zero mean.
     void getMi(int n, int* labels, int* counts, double** means);
-    // Biased covariance of one label into out; products formed in 32-bit
-    // integer arithmetic (wrapping); near-zero result gets a unit diagonal.
+    // Biased covariance of one label into out; the sums of band products are
+    // exact integers for every int32 value; near-zero result gets a unit diagonal.
     void getSigma(int label, double** out);
     double** getSigma(int label);
     // Covariances and counts of n labels in one pass; an empty label gets the identity.
@@ -95,6 +95,11 @@ class PottsWS : public PottsData {
     // order, so a class array that agrees with the map gives identical results.
     void getMiOfClasses(int n, const int* classOf, int* counts, double** means);
     void getSigmaOfClass(int c, const int* classOf, double** out);
+    // Class form of getSigma(n, labels, counts, covs).
+    void getSigmaOfClasses(int n, const int* classOf, int* counts, double*** covs);
+    // classOf[p] = index of the first of the n labels equal to loaded pixel p's
+    // map label, -1 for none: the class array that agrees with the map.
+    void classesOf(int n, const int* labels, int* classOf);
 
     // Replaces mixture by the sub-model of the k classes idx of m (linked view).
     void linkMixture(Mixture* m, int k, int* idx);
@@ -126,4 +131,6 @@ class PottsWS : public PottsData {
     void meansOf(int n, ClassOf classOf, int* counts, double** means);
     template <typename Selected>
     void sigmaWhere(Selected selected, double** out);
+    template <typename ClassOf>
+    void sigmasOf(int n, ClassOf classOf, int* counts, double*** covs);
 };

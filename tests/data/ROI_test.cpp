@@ -9,6 +9,7 @@
 
 #include "MapTestUtil.h"
 #include "data/ImageFile.h"
+#include "settings/Random.h"
 
 namespace {
 
@@ -67,7 +68,7 @@ TEST(BuildRoi, ShuffleIsTheSeededSwapSequence) {
         for (int c = 0; c < 6; ++c) im.mask[0][r][c] = (r + 2 * c) % 3 == 0 ? 0 : 1;
     ROI<int, xy>* plain = im.roi(1, false);
     ROI<int, xy>* a = im.roi(1, true);
-    const int afterA = std::rand();
+    const int afterA = dhc::processRandom().next();  // the draw after the shuffle
     ROI<int, xy>* b = im.roi(1, true);
     const int n = plain->count;
     EXPECT_EQ(a->order, 1);

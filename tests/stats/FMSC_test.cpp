@@ -14,6 +14,7 @@
 #include "StatsTestSupport.h"
 #include "common/TestSupport.h"
 #include "settings/Fatal.h"
+#include "settings/Random.h"
 
 namespace {
 
@@ -105,7 +106,7 @@ TEST(FMSCModes, TolerancePruningSeventyPercentRuleAndSkipLast) {
 std::vector<std::string> azimuthLines(Rows& pts, int target, unsigned seed, int& knn) {
     std::ostringstream buffer;
     std::ostream* previous = dhc::setOut(&buffer);
-    srand(seed);
+    dhc::processRandom().reseed(seed);
     knn = FMSC(pts.get(), 2, pts.size(), 20, 0.05, 100.0, target, 0.0, 0.0, 0).knn;
     dhc::setOut(previous);
     std::vector<std::string> lines;

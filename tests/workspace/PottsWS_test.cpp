@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <cmath>
+#include <cstdint>
 #include <vector>
 
 #include "workspace/WorkspaceFixtures.h"
@@ -11,7 +13,7 @@ namespace {
 
 using namespace wstest;
 
-TEST(PottsWSStatsTest, IdentityForConstantPixelsAndExactLabelProducts) {
+TEST(PottsWSStatsTest, IdentityForConstantPixels) {
     // Constant pixels: the covariance, by whole workspace or by label, is repaired
     // to the identity so that it can still be inverted.
     auto flat = makeWS(3, 3, 3, [](int, int, int band) { return 7 * (band + 1); });
@@ -22,28 +24,56 @@ TEST(PottsWSStatsTest, IdentityForConstantPixelsAndExactLabelProducts) {
             EXPECT_EQ(byLabel[i][j], i == j ? 1.0 : 0.0);
         }
     dhc::deleteRows(byLabel, 3);
+}
 
-    // Squares past the 32-bit range (50000^2 would wrap) are exact by label as
-    // for the whole workspace: ((60000 - 50000) / 2)^2.
-    auto b = makeWS(1, 2, 1, [](int, int c, int) { return c == 0 ? 50000 : 60000; });
-    EXPECT_DOUBLE_EQ(b.ws->sigma[0][0], 25000000.0);
-    double** s = b.ws->getSigma(kRoot);
-    EXPECT_DOUBLE_EQ(s[0][0], 25000000.0);
+// Every form of the label covariance: one label, several labels, class array.
+std::vector<double> labelCovariances(PottsWS& ws, int d) {
+    std::vector<double> out;
+    double** s = ws.getSigma(kRoot);
     int count = 0, label = kRoot;
-    b.ws->getSigma(1, &label, &count, &s);
-    EXPECT_DOUBLE_EQ(s[0][0], 25000000.0);
-    dhc::deleteRows(s, 1);
+    double** several = dhc::newRows<double>(d, d);
+    ws.getSigma(1, &label, &count, &several);
+    double** byClass = dhc::newRows<double>(d, d);
+    std::vector<int> classOf(static_cast<size_t>(count), 0);
+    ws.getSigmaOfClass(0, classOf.data(), byClass);
+    for (double** m : {s, several, byClass}) {
+        for (int i = 0; i < d; ++i) out.insert(out.end(), m[i], m[i] + d);
+        dhc::deleteRows(m, d);
+    }
+    return out;
+}
 
-    // Near the int32 limits, with a cross term of opposite signs: 2^31 - 1 and
-    // -2^31 + 1 alternate with 0 and 2.
-    auto big = makeWS(1, 2, 2, [](int, int c, int band) {
-        return band == 0 ? (c == 0 ? 2147483647 : -2147483647) : 2 * c;
-    });
-    double** t = big.ws->getSigma(kRoot);
-    EXPECT_DOUBLE_EQ(t[0][0], 2147483647.0 * 2147483647.0);
-    EXPECT_DOUBLE_EQ(t[0][1], -2147483647.0);
-    EXPECT_DOUBLE_EQ(t[1][1], 1.0);
-    dhc::deleteRows(t, 2);
+TEST(PottsWSStatsTest, LabelProductsAreExactForSixteenBitAndNearLimitValues) {
+    // 16-bit digital numbers: squares up to 65535^2 leave the 32-bit range.
+    // Two pixels 0 and 65535 in band 0, 65535 and 1 in band 1: variances
+    // (65535/2)^2 and (65534/2)^2, covariance -(65535/2)(65534/2), all exact in double.
+    auto b =
+        makeWS(1, 2, 2, [](int, int c, int band) { return band == 0 ? (c ? 65535 : 0) : (c ? 1 : 65535); });
+    const double v0 = 32767.5 * 32767.5, v1 = 32767.0 * 32767.0, c01 = -32767.5 * 32767.0;
+    const std::vector<double> sixteen = labelCovariances(*b.ws, 2);
+    for (size_t f = 0; f < 3; ++f) {
+        EXPECT_EQ(sixteen[4 * f + 0], v0);
+        EXPECT_EQ(sixteen[4 * f + 1], c01);
+        EXPECT_EQ(sixteen[4 * f + 2], c01);
+        EXPECT_EQ(sixteen[4 * f + 3], v1);
+    }
+    EXPECT_EQ(b.ws->sigma[0][0], v0);  // the whole-workspace form agrees
+
+    // The ends of the int32 range: mean 0 and variance (2^31 - 1)^2 within the
+    // rounding of double (a wrapped square would give 1).
+    auto edge = makeWS(2, 2, 1, [](int r, int c, int) { return (r + c) % 2 ? INT32_MAX : -INT32_MAX; });
+    const double big = static_cast<double>(INT32_MAX) * INT32_MAX;
+    for (double v : labelCovariances(*edge.ws, 1)) EXPECT_NEAR(v / big, 1.0, 1e-15);
+
+    // 256 near-limit squares sum past 2^63: the sums must not wrap.  The true
+    // variance is about 4/256; what is left after the cancellation of E[x^2] and
+    // the squared mean is double rounding, far below the square of the values.
+    auto many =
+        makeWS(16, 16, 1, [](int r, int c, int) { return r == 0 && c == 0 ? INT32_MAX - 2 : INT32_MAX; });
+    for (double v : labelCovariances(*many.ws, 1)) {
+        EXPECT_TRUE(std::isfinite(v));
+        EXPECT_LT(std::fabs(v), 1e-6 * big);
+    }
 }
 
 TEST(PottsWSStatsTest, LabelStatisticsAndEmptyLabels) {
@@ -87,6 +117,20 @@ TEST(PottsWSStatsTest, LabelStatisticsAndEmptyLabels) {
     ws.getMiOfClasses(3, classOf, classCounts, classMeans);
     ws.getSigmaOfClass(0, classOf, classCov);
     EXPECT_EQ(std::vector<int>(classCounts, classCounts + 3), (std::vector<int>{3, 2, 0}));
+    // The class array read from the map is that one, and the several-class
+    // covariance form gives the several-label form's bits (identity when empty).
+    int read[6];
+    ws.classesOf(3, labels, read);
+    EXPECT_EQ(std::vector<int>(read, read + 6), std::vector<int>(classOf, classOf + 6));
+    double** classCovs[3] = {dhc::newRows<double>(2, 2), dhc::newRows<double>(2, 2),
+                             dhc::newRows<double>(2, 2)};
+    int covCounts[3];
+    ws.getSigmaOfClasses(3, classOf, covCounts, classCovs);
+    EXPECT_EQ(std::vector<int>(covCounts, covCounts + 3), (std::vector<int>{3, 2, 0}));
+    for (int j = 0; j < 3; ++j)
+        for (int i = 0; i < 2; ++i)
+            for (int l = 0; l < 2; ++l) EXPECT_EQ(classCovs[j][i][l], covs[j][i][l]) << j;
+    for (auto* c : classCovs) dhc::deleteRows(c, 2);
     for (int i = 0; i < 2; ++i) {
         for (int j = 0; j < 3; ++j) EXPECT_EQ(classMeans[j][i], means[j][i]);
         for (int j = 0; j < 2; ++j) EXPECT_EQ(classCov[i][j], single[i][j]);
