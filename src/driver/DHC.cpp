@@ -553,7 +553,11 @@ void DHC::splitLeaf(const SplittingOptions& opts, WSNode* node) {
     int k = engine->multiplicity;
     double** seeds = nullptr;
     if (variableMultiplicity) seeds = engine->MS_K_est(ws, k, true);
+    const int seedRows = k;
     if (areaOf(ws) < opts.minSplitArea) {
+        // Mean shift has painted its modes' labels over the leaf (labels the
+        // allocator never handed out): give the leaf its own label back.
+        if (seeds != nullptr) ws->root->mapRefresh(ws->root->label, false);
         k = 1;
         ws->splitState = -1;
     }
@@ -563,7 +567,7 @@ void DHC::splitLeaf(const SplittingOptions& opts, WSNode* node) {
         if (children != nullptr) node->appendChildren(k, children, fresh.get());
         delete[] children;
     }
-    dhc::deleteRows(seeds, k);
+    dhc::deleteRows(seeds, seedRows);
 }
 
 // splitOption 2: the leaf came apart into pieces.  Every piece is split on its

@@ -1,0 +1,93 @@
+// Settings at the edge of (or beyond) what a run is meant to see: every run
+// ends, and the label map keeps only labels that some workspace owns.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <memory>
+#include <set>
+#include <sstream>
+#include <vector>
+
+#include "driver/DHC.h"
+#include "driver/DriverScene.h"
+#include "settings/DHC_SET.h"
+#include "settings/Fatal.h"
+#include "workspace/PottsWS.h"
+#include "workspace/Tree.h"
+
+namespace {
+
+using driver_test::Scene;
+
+// 24 x 24, four quadrant classes well apart along both bands: mean shift
+// finds several modes in it.
+Scene quadrants() {
+    Scene s(24, 24, 2);
+    for (int r = 0; r < s.rows; ++r)
+        for (int c = 0; c < s.cols; ++c) s.truth[r][c] = 1 + (r >= 12 ? 2 : 0) + (c >= 12 ? 1 : 0);
+    s.paint({{10, 12}, {40, 45}, {70, 72}, {100, 108}}, 3);
+    return s;
+}
+
+std::unique_ptr<DHC_SET> settings() {
+    std::unique_ptr<DHC_SET> s(new DHC_SET());
+    s->multiplicity = 2;
+    s->betaMin = 0.0;
+    s->betaMax = 1.5;
+    s->splitGainThreshold = 0.01;
+    s->maxNumberOfClasses = 4;
+    s->minSplitArea = 8;
+    return s;
+}
+
+// The engine's progress lines go to a string while a test runs.
+struct Quiet {
+    std::ostringstream sink;
+    std::ostream* previous = dhc::setOut(&sink);
+    ~Quiet() { dhc::setOut(previous); }
+};
+
+std::set<int> labelsUnder(const PottsWS* ws) {
+    int n = 0;
+    std::unique_ptr<int[]> found(ws->root->labels(n));
+    return std::set<int>(found.get(), found.get() + n);
+}
+
+struct Bounds : ::testing::Test {
+    Scene scene = quadrants();
+    std::unique_ptr<ROI<int, xy>> roi{scene.dataRoi()};
+    std::unique_ptr<DHC_SET> s = settings();
+    Quiet quiet;
+
+    DHC_OUT run() {
+        DHC_IN in;
+        in.mode = 0;
+        in.roi = roi.get();
+        in.settings = s.get();
+        return DHC::dhc(in);
+    }
+    // Every label of the final map belongs to a leaf of the tree.
+    static void expectOwnedLabels(const DHC_OUT& out) {
+        std::set<int> leaves;
+        for (TreeNode<PottsWS*>* leaf : out.dhc->tree->terminals) leaves.insert(leaf->label);
+        for (int k = 0; k < out.labelRoi->count; ++k) ASSERT_EQ(leaves.count(out.labelRoi->data[k]), 1u);
+    }
+};
+
+}  // namespace
+
+// Mean shift labels the leaf's samples by mode before the area rule refuses
+// the split; the leaf must show its own label again afterwards.
+TEST_F(Bounds, VariableMultiplicityOnALeafBelowTheMinimumAreaLeavesItsLabel) {
+    DHC d(roi.get(), s->maxLabels, true, nullptr, s.get());
+    d.tree->current = d.tree->root;
+    SplittingOptions opts;
+    opts.minSplitArea = 24 * 24 + 1;
+    d.split(opts);
+    ASSERT_NE(quiet.sink.str().find("Modes found:"), std::string::npos) << "mean shift found one mode only";
+    EXPECT_EQ(d.tree->root->nChildren, 0);
+    EXPECT_EQ(d.tree->root->data->splitState, -1);
+    EXPECT_EQ(labelsUnder(d.tree->root->data), std::set<int>{d.tree->root->label});
+}
