@@ -459,8 +459,15 @@ double PottsEngine::betaHat(int* labels, int k) {
     // Bisection; the lower end is taken to be on the positive side.
     double a = betaMin;
     double mid = betaMax;
-    while (std::fabs(c - a) > 0.0001) {
-        mid = 0.5 * (a + c);
+    // Every pass halves the interval, so 2100 passes bring any two finite
+    // ends within 0.0001 (a sane interval needs a few dozen).  With ends so
+    // large that 0.0001 is below their spacing the midpoint eventually lands on
+    // an end: nothing is left to halve and the last midpoint is the answer.
+    for (int pass = 0; pass < 2100 && std::fabs(c - a) > 0.0001; ++pass) {
+        const double next = 0.5 * (a + c);
+        const double half = std::isfinite(next) ? next : 0.5 * a + 0.5 * c;  // a + c overflowed
+        if (half == a || half == c || !std::isfinite(half)) break;
+        mid = half;
         const double gm = score(mid);
         if (gc * gm < 0.0) {
             a = mid;

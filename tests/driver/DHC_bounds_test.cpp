@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <memory>
@@ -90,4 +91,29 @@ TEST_F(Bounds, VariableMultiplicityOnALeafBelowTheMinimumAreaLeavesItsLabel) {
     EXPECT_EQ(d.tree->root->nChildren, 0);
     EXPECT_EQ(d.tree->root->data->splitState, -1);
     EXPECT_EQ(labelsUnder(d.tree->root->data), std::set<int>{d.tree->root->label});
+}
+
+// A threshold at which theta - 1 equals theta (or compares false with it) once
+// let leaves with nothing to split win the best score, and the loop chose them
+// forever.  Below every split gain, such a threshold splits exactly as far as
+// an ordinary very low one: until no leaf has an eligible test split.
+TEST_F(Bounds, GainThresholdsWithoutAnythingBelowThemEndTheSplitting) {
+    s->maxNumberOfClasses = 100;
+    s->splitGainThreshold = -1e6;
+    DHC_OUT low = run();
+    ASSERT_GE(low.nClasses, 4);
+    for (double theta : {-1e17, -std::numeric_limits<double>::infinity()}) {
+        SCOPED_TRACE(theta);
+        s->splitGainThreshold = theta;
+        DHC_OUT out = run();
+        EXPECT_EQ(out.nClasses, low.nClasses);
+        ASSERT_EQ(out.labelRoi->count, low.labelRoi->count);
+        EXPECT_TRUE(
+            std::equal(out.labelRoi->data, out.labelRoi->data + out.labelRoi->count, low.labelRoi->data));
+    }
+    // No score reaches a NaN threshold's test; the run ends with what it has.
+    s->splitGainThreshold = std::numeric_limits<double>::quiet_NaN();
+    DHC_OUT nan = run();
+    EXPECT_GE(nan.nClasses, 1);
+    expectOwnedLabels(nan);
 }
