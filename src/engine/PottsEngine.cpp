@@ -218,9 +218,12 @@ double** PottsEngine::kGLA(PottsWS* w, int* labels) {
         // split without Lloyd iterations.
         if (!(2.0 * eps > eps)) continue;
 
-        // Lloyd iterations; convergence is decided by eps alone.
+        // Lloyd iterations; convergence is decided by eps alone.  They settle
+        // in exact arithmetic; in floating point a pixel equally near two
+        // codewords could keep them alternating.  1000 passes bound that
+        // (every image tried settled within 200).
         relabelled = true;
-        for (;;) {
+        for (int pass = 0; pass < 1000; ++pass) {
             for (int c = 0; c < m; ++c) distortion[c] = 0.0;
             assignPass(w, n, code, m, firstOf.data(), classOf.data(), distortion.data());
             for (int c = 0; c < m; ++c)
