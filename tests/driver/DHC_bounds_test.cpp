@@ -9,6 +9,7 @@
 #include <memory>
 #include <set>
 #include <sstream>
+#include <string>
 #include <vector>
 
 #include "driver/DHC.h"
@@ -116,4 +117,40 @@ TEST_F(Bounds, GainThresholdsWithoutAnythingBelowThemEndTheSplitting) {
     DHC_OUT nan = run();
     EXPECT_GE(nan.nClasses, 1);
     expectOwnedLabels(nan);
+}
+
+// A ground truth is read into the label map as labels; a negative one used to
+// be written before the label table (heap corruption).  The core now stops
+// through the fatal door with a message naming it.
+TEST_F(Bounds, NegativeGroundTruthLabelIsFatalNotACorruption) {
+    struct Thrown {
+        int status;
+        std::string message;
+    };
+    for (int r = 0; r < scene.rows; ++r)
+        for (int c = 0; c < scene.cols; ++c)
+            if (scene.truth[r][c] == 1) scene.truth[r][c] = -1;
+    std::unique_ptr<ROI<int, xy>> gt(scene.truthRoi(roi.get()));
+    s->supervisedMode = true;
+    s->numberOfClasses = 4;
+    s->structureLevels = new int[4]{1, 1, 1, 1};
+    s->structurePaths = new int[4]{0, 1, 2, 3};
+    DHC_IN in;
+    in.mode = 1;
+    in.roi = roi.get();
+    in.gt = gt.get();
+    in.settings = s.get();
+    const dhc::FatalHandler previous =
+        dhc::setFatalHandler([](int status, const std::string& message, dhc::FatalChannel) {
+            throw Thrown{status, message};
+        });
+    Thrown caught{0, ""};
+    try {
+        DHC::dhc(in);
+    } catch (const Thrown& e) {
+        caught = e;
+    }
+    dhc::setFatalHandler(previous);
+    EXPECT_EQ(caught.status, -1);
+    EXPECT_NE(caught.message.find("negative label -1"), std::string::npos) << caught.message;
 }
