@@ -154,3 +154,13 @@ TEST_F(Bounds, NegativeGroundTruthLabelIsFatalNotACorruption) {
     EXPECT_EQ(caught.status, -1);
     EXPECT_NE(caught.message.find("negative label -1"), std::string::npos) << caught.message;
 }
+
+// Far more classes than pixels: the clustering runs out of pixels for its
+// codewords, every split is refused, and the run ends with the root alone.
+TEST_F(Bounds, MultiplicityAbovePixelCountEndsUnsplit) {
+    s->multiplicity = 1000;
+    s->minSplitArea = 0;
+    DHC_OUT out = run();
+    EXPECT_EQ(out.nClasses, 1);
+    expectOwnedLabels(out);
+}
