@@ -3,8 +3,11 @@
 #include <algorithm>
 #include <cstring>
 #include <map>
+#include <string>
 #include <type_traits>
 #include <vector>
+
+#include "settings/Fatal.h"
 
 namespace {
 
@@ -27,6 +30,9 @@ xy makeXY(int r, int c) {
 class LabelSet {
   public:
     void add(int l) {
+        // Labels index the table: a negative one (a ground truth read as
+        // labels) would be written before it.
+        if (l < 0) dhc::fatal(-1, "negative label " + std::to_string(l) + " in a region's label map");
         if (static_cast<size_t>(l) >= present_.size())
             present_.resize(std::max(static_cast<size_t>(l) + 1, present_.size() * 2), 0);
         present_[l] = 1;
@@ -285,7 +291,7 @@ int* PottsMapRegion::labels(int& n) const {
         const int* cell = map[runs[k].row + pad] + runs[k].col + pad;
         int last = -1;
         for (int i = 0; i < runs[k].len; ++i)
-            if (cell[i] != last) {
+            if (i == 0 || cell[i] != last) {
                 last = cell[i];
                 set.add(last);
             }

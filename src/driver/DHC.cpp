@@ -553,7 +553,11 @@ void DHC::splitLeaf(const SplittingOptions& opts, WSNode* node) {
     int k = engine->multiplicity;
     double** seeds = nullptr;
     if (variableMultiplicity) seeds = engine->MS_K_est(ws, k, true);
+    const int seedRows = k;
     if (areaOf(ws) < opts.minSplitArea) {
+        // Mean shift has painted its modes' labels over the leaf (labels the
+        // allocator never handed out): give the leaf its own label back.
+        if (seeds != nullptr) ws->root->mapRefresh(ws->root->label, false);
         k = 1;
         ws->splitState = -1;
     }
@@ -563,7 +567,7 @@ void DHC::splitLeaf(const SplittingOptions& opts, WSNode* node) {
         if (children != nullptr) node->appendChildren(k, children, fresh.get());
         delete[] children;
     }
-    dhc::deleteRows(seeds, k);
+    dhc::deleteRows(seeds, seedRows);
 }
 
 // splitOption 2: the leaf came apart into pieces.  Every piece is split on its
@@ -692,21 +696,30 @@ void DHC::splitting(SplittingOptions opts) {
         testSplitting(opts);
         std::vector<WSNode*> leaves(tree->terminals.begin(), tree->terminals.end());
         std::vector<double> scores(leaves.size());
+        std::vector<char> eligible(leaves.size());
         for (size_t i = 0; i < leaves.size(); ++i) {
             WSNode* leaf = leaves[i];
             // A leaf without tentative children (its split failed or was
             // refused) has nothing to make permanent.
-            bool eligible = leaf->nChildren > 0 && areaOf(leaf->data) >= opts.minSplitArea;
-            for (int c = 0; eligible && c < leaf->nChildren; ++c)
-                eligible = areaOf(leaf->children[c]->data) >= opts.minSplitArea;
+            bool ok = leaf->nChildren > 0 && areaOf(leaf->data) >= opts.minSplitArea;
+            for (int c = 0; ok && c < leaf->nChildren; ++c)
+                ok = areaOf(leaf->children[c]->data) >= opts.minSplitArea;
             double score = theta - 1.0;
-            if (eligible) score = balanced ? opts.depthLimit - leaf->depth : leaf->data->splitGain;
-            if (std::isnan(score)) score = theta - 1.0;
+            if (ok) score = balanced ? opts.depthLimit - leaf->depth : leaf->data->splitGain;
+            if (std::isnan(score)) {
+                score = theta - 1.0;
+                ok = false;
+            }
             scores[i] = score;
+            eligible[i] = ok;
         }
         if (scores.empty()) return;
         const int best = OpMatrix::max(scores.data(), static_cast<int>(scores.size()));
         if (scores[best] < theta) return;
+        // Only a threshold at which theta - 1 is not below theta (beyond about
+        // 1e16 in magnitude, infinite or NaN) lets an ineligible leaf through
+        // the test above; validating it would change nothing, forever.
+        if (!eligible[best]) return;
         WSNode* chosen = leaves[best];
         tree->current = chosen;
         tree->validate(opts.validateFlag ? 1 : 0);

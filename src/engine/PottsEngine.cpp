@@ -283,9 +283,12 @@ double** PottsEngine::kGLA(PottsWS* w, int* labels) {
         // split without Lloyd iterations.
         if (!(2.0 * eps > eps)) continue;
 
-        // Lloyd iterations; convergence is decided by eps alone.
+        // Lloyd iterations; convergence is decided by eps alone.  They settle
+        // in exact arithmetic; in floating point a pixel equally near two
+        // codewords could keep them alternating.  1000 passes bound that
+        // (every image tried settled within 200).
         relabelled = true;
-        for (;;) {
+        for (int pass = 0; pass < 1000; ++pass) {
             for (int c = 0; c < m; ++c) distortion[c] = 0.0;
             for (int c = 0; c < m; ++c)
                 for (int b = 0; b < d; ++b) previous[static_cast<std::size_t>(c) * d + b] = code[c][b];
@@ -559,8 +562,15 @@ double PottsEngine::betaHat(int* labels, int k) {
     // Bisection; the lower end is taken to be on the positive side.
     double a = betaMin;
     double mid = betaMax;
-    while (std::fabs(c - a) > 0.0001) {
-        mid = 0.5 * (a + c);
+    // Every pass halves the interval, so 2100 passes bring any two finite
+    // ends within 0.0001 (a sane interval needs a few dozen).  With ends so
+    // large that 0.0001 is below their spacing the midpoint eventually lands on
+    // an end: nothing is left to halve and the last midpoint is the answer.
+    for (int pass = 0; pass < 2100 && std::fabs(c - a) > 0.0001; ++pass) {
+        const double next = 0.5 * (a + c);
+        const double half = std::isfinite(next) ? next : 0.5 * a + 0.5 * c;  // a + c overflowed
+        if (half == a || half == c || !std::isfinite(half)) break;
+        mid = half;
         const double gm = score(mid);
         if (gc * gm < 0.0) {
             a = mid;
