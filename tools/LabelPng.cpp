@@ -1,6 +1,7 @@
 #include "LabelPng.h"
 
 #include <png.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -64,7 +65,7 @@ struct PngFile {
 
 }  // namespace
 
-void writeLabelPng(const std::string& path, const std::vector<int>& labels, int rows, int cols) {
+void writeLabelPng(int fd, const std::string& name, const std::vector<int>& labels, int rows, int cols) {
     std::map<int, Rgb> colours;
     for (int v : labels)
         if (v != 0) colours.emplace(v, Rgb{0, 0, 0});
@@ -83,16 +84,20 @@ void writeLabelPng(const std::string& path, const std::vector<int>& labels, int 
         rowPointers[static_cast<size_t>(r)] = &pixels[static_cast<size_t>(r) * cols * 3];
 
     PngFile out;
-    out.file = std::fopen(path.c_str(), "wb");
-    if (out.file == nullptr)
-        throw InputError(kExitInput, "cannot write \"" + path + "\": " + std::strerror(errno));
+    const int own = ::dup(fd);
+    out.file = own < 0 ? nullptr : ::fdopen(own, "wb");
+    if (out.file == nullptr) {
+        const int err = errno;
+        if (own >= 0) ::close(own);
+        throw InputError(kExitInput, "cannot write \"" + name + "\": " + std::strerror(err));
+    }
     out.png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
     if (out.png != nullptr) out.info = png_create_info_struct(out.png);
     if (out.png == nullptr || out.info == nullptr)
         throw InputError(kExitInput, "cannot start the PNG writer");
     // libpng reports errors by longjmp; nothing with a destructor lives between here and the jump.
     if (setjmp(png_jmpbuf(out.png)))
-        throw InputError(kExitInput, "cannot write the PNG picture \"" + path + "\"");
+        throw InputError(kExitInput, "cannot write the PNG picture \"" + name + "\"");
     png_init_io(out.png, out.file);
     png_set_IHDR(out.png, out.info, static_cast<png_uint_32>(cols), static_cast<png_uint_32>(rows), 8,
                  PNG_COLOR_TYPE_RGB, PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT,
@@ -101,5 +106,5 @@ void writeLabelPng(const std::string& path, const std::vector<int>& labels, int 
     png_write_image(out.png, rowPointers.data());
     png_write_end(out.png, nullptr);
     if (std::fflush(out.file) != 0 || std::ferror(out.file))
-        throw InputError(kExitInput, "cannot write \"" + path + "\": " + std::strerror(errno));
+        throw InputError(kExitInput, "cannot write \"" + name + "\": " + std::strerror(errno));
 }

@@ -1,12 +1,11 @@
 #include "Segment.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <chrono>
+#include <cstdint>
 #include <iomanip>
 #include <iostream>
 #include <memory>
+#include <sstream>
 #include <vector>
 
 #include "DefaultIni.h"
@@ -33,23 +32,26 @@ struct Cube {
     Cube& operator=(const Cube&) = delete;
 };
 
-// Writes a one-band hraw map and makes sure all of it reached the file.
-void writeMap(const std::string& path, const std::string& target, std::vector<int>& plane, int rows,
-              int cols) {
-    std::vector<int*> rowPointers(static_cast<size_t>(rows));
-    for (int r = 0; r < rows; ++r)
-        rowPointers[static_cast<size_t>(r)] = &plane[static_cast<size_t>(r) * cols];
-    ImageFile<int>::writeHRawInt32(path, rowPointers.data(), rows, cols);
-    struct stat st;
-    const long long expected = 12 + 4LL * rows * cols;
-    if (::stat(path.c_str(), &st) != 0 || st.st_size != expected)
-        throw InputError(kExitInput, "cannot write \"" + target + "\" (file system full?)");
+// Writes a one-band hraw map: the header (1, rows, cols), then the plane, as int32.
+void writeMap(const OutputFiles::Output& out, const std::vector<int>& plane, int rows, int cols) {
+    const int32_t header[3] = {1, rows, cols};
+    std::string bytes(reinterpret_cast<const char*>(header), sizeof header);
+    bytes.append(reinterpret_cast<const char*>(plane.data()), plane.size() * sizeof(int32_t));
+    OutputFiles::writeAll(out, bytes);
 }
 
 }  // namespace
 
 int runSegment(const SegmentOptions& o) {
     const auto start = std::chrono::steady_clock::now();
+
+    // 0. No output may be an input or another output.
+    std::vector<std::string> inputs{o.image}, outputNames{o.output};
+    for (const std::string* name : {&o.config, &o.mask, &o.init, &o.gt})
+        if (!name->empty()) inputs.push_back(*name);
+    for (const std::string* name : {&o.report, &o.fragments, &o.png})
+        if (!name->empty()) outputNames.push_back(*name);
+    OutputFiles::checkDistinct(inputs, outputNames);
 
     // 1. The configuration, with the overrides, checked as a whole.
     IniFile ini = o.config.empty() ? IniFile("default.ini", kDefaultIni) : IniFile::fromFile(o.config);
@@ -82,10 +84,11 @@ int runSegment(const SegmentOptions& o) {
 
     // 4. The outputs, created empty under temporary names before the long part.
     OutputFiles outputs;
-    const std::string labelsTmp = outputs.add(o.output);
-    const std::string reportTmp = o.report.empty() ? std::string() : outputs.add(o.report);
-    const std::string fragmentsTmp = o.fragments.empty() ? std::string() : outputs.add(o.fragments);
-    const std::string pngTmp = o.png.empty() ? std::string() : outputs.add(o.png);
+    const OutputFiles::Output labelsOut = outputs.add(o.output);
+    const OutputFiles::Output reportOut = o.report.empty() ? OutputFiles::Output() : outputs.add(o.report);
+    const OutputFiles::Output fragmentsOut =
+        o.fragments.empty() ? OutputFiles::Output() : outputs.add(o.fragments);
+    const OutputFiles::Output pngOut = o.png.empty() ? OutputFiles::Output() : outputs.add(o.png);
 
     // 5. The region of interest, exactly as the gateway builds it; the input
     // planes go as soon as the core holds its copies.
@@ -122,14 +125,19 @@ int runSegment(const SegmentOptions& o) {
 
     // 7. The outputs, then the renames.
     std::vector<int> labels = dhc::fullFrame(*out.labelRoi, image.rows, image.cols);
-    writeMap(labelsTmp, o.output, labels, image.rows, image.cols);
-    if (!reportTmp.empty()) out.dhc->printReport(reportTmp);
-    if (!fragmentsTmp.empty()) {
+    writeMap(labelsOut, labels, image.rows, image.cols);
+    if (reportOut.fd >= 0) {
+        std::ostringstream report;
+        out.dhc->printReport(report);
+        if (!report) throw InputError(kExitInput, "cannot make the report");
+        OutputFiles::writeAll(reportOut, report.str());
+    }
+    if (fragmentsOut.fd >= 0) {
         if (out.fragRoi == nullptr) throw InputError(kExitInput, "the segmentation produced no fragment map");
         std::vector<int> fragments = dhc::fullFrame(*out.fragRoi, image.rows, image.cols);
-        writeMap(fragmentsTmp, o.fragments, fragments, image.rows, image.cols);
+        writeMap(fragmentsOut, fragments, image.rows, image.cols);
     }
-    if (!pngTmp.empty()) writeLabelPng(pngTmp, labels, image.rows, image.cols);
+    if (pngOut.fd >= 0) writeLabelPng(pngOut.fd, o.png, labels, image.rows, image.cols);
     outputs.commit();
 
     if (!o.quiet) {

@@ -38,12 +38,6 @@ void fatalHandler(int status, const std::string& message, dhc::FatalChannel chan
     dhc::defaultFatalHandler(status, message, channel);
 }
 
-void onSignal(int sig) {
-    OutputFiles::removeAllTemporaries();
-    std::signal(sig, SIG_DFL);
-    std::raise(sig);
-}
-
 // Prints the header sizes and the value range of one hraw file, streaming its
 // values so that large images need little memory.
 void printInfo(const std::string& path) {
@@ -126,7 +120,7 @@ int run(const std::vector<std::string>& args) {
 
 int main(int argc, char** argv) {
     dhc::setFatalHandler(fatalHandler);
-    for (int sig : {SIGINT, SIGTERM, SIGHUP}) std::signal(sig, onSignal);
+    OutputFiles::removeTemporariesOnSignals();
     try {
         return run(std::vector<std::string>(argv + 1, argv + argc));
     } catch (const InputError& e) {
