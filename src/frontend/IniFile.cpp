@@ -301,6 +301,20 @@ void IniFile::check() const {
     }
     if (sectionLine("SEGM_MAIN_CONFIGURATION") < 0)
         throw InputError(kExitInput, name_ + ": no [SEGM_MAIN_CONFIGURATION] section");
+    // The reader matches a key only when it stands alone before '=': a blank
+    // around it would make the reader pass the line by.
+    for (const Setting& setting : settings()) {
+        const int s = sectionLine(setting.section);
+        if (s < 0) continue;
+        for (int i = s + 1; i < sectionEnd(s); ++i) {
+            const std::string& t = lines_[i].text;
+            const size_t eq = t.find('=');
+            if (eq == std::string::npos || t.compare(0, eq, setting.key) == 0) continue;
+            if (trimBlanks(t.substr(0, eq)) == setting.key)
+                throw InputError(kExitInput, lines_[i].origin + ": blank around the key " + setting.key +
+                                                 " (write " + setting.key + "=value)");
+        }
+    }
     for (const Setting& setting : settings()) {
         const int s = sectionLine(setting.section);
         if (s < 0) continue;

@@ -1,6 +1,6 @@
 // The tool's configuration check against the library's own reader: whatever
 // the check accepts must be read by the reader as written, and what the reader
-// would misread is refused with the line it stands on.
+// would misread or pass by is refused with the line it stands on.
 
 #include "frontend/IniFile.h"
 
@@ -73,6 +73,11 @@ TEST(IniFileCheck, RefusesControlBytesWithTheLineNumber) {
         SCOPED_TRACE(message);
         EXPECT_EQ(refusal(IniFile("c.ini", text)), message);
     }
+    // A key with a blank around it is passed by the reader.
+    EXPECT_EQ(refusal(IniFile("c.ini", base + "Multiplicity =4\n")),
+              "c.ini:5: blank around the key Multiplicity (write Multiplicity=value)");
+    EXPECT_EQ(refusal(IniFile("c.ini", base + "\tMultiplicity=4\n")),
+              "c.ini:5: blank around the key Multiplicity (write Multiplicity=value)");
     // Tabs and the carriage return of a CRLF line end are ordinary.
     EXPECT_EQ(refusal(IniFile("c.ini",
                               "[SEGM_MAIN_CONFIGURATION]\r\nSupervisedMode=\t0\r\n\r\n"

@@ -71,6 +71,7 @@ TEST_F(BadInput, EveryRowOfTheReadmeTable) {
     write("blank.ini",
           "[SEGM_MAIN_CONFIGURATION]\nSupervisedMode=1\n\n[SUPERVISED_MODE_CONF]\nNumberOfClasses=2\n"
           "StructureLevels= {1 1}\nStructurePaths={0 1}\n");
+    write("key.ini", "[SEGM_MAIN_CONFIGURATION]\nSupervisedMode=0\n\n[POTTS_MODEL]\nMultiplicity =4\n");
     // The reader's lines end at a NUL: this would run with Multiplicity=0.
     write("nul.ini",
           std::string("[SEGM_MAIN_CONFIGURATION]\nSupervisedMode=0\n\n[POTTS_MODEL]\nMultiplicity=\0"
@@ -113,6 +114,8 @@ TEST_F(BadInput, EveryRowOfTheReadmeTable) {
         {segment({"--config", "nomain.ini"}), "nomain.ini: no [SEGM_MAIN_CONFIGURATION] section"},
         {segment({"--config", "blank.ini"}),
          "blank.ini:6: StructureLevels must be a list in braces with '{' directly after '=', not \" {1 1}\""},
+        {segment({"--config", "key.ini"}),
+         "key.ini:5: blank around the key Multiplicity (write Multiplicity=value)"},
         {segment({"--config", "nul.ini"}), "nul.ini:5: control character (byte 0x00) in the line"},
         {segment({"--set", "POTTS_MODEL.Multiplicity=1"}),
          "--set POTTS_MODEL.Multiplicity=1: Multiplicity must be at least 2 (children per split)"},
@@ -194,8 +197,10 @@ TEST_F(AbnormalEnd, OutOfMemoryRemovesTheTemporaryFiles) {
 #if defined(__SANITIZE_ADDRESS__)
     GTEST_SKIP() << "the address sanitizer needs more address space than the limit allows";
 #endif
+    // The run needs about 180 MB; the program itself starts in less than 10 MB.
+    ASSERT_EQ(dhc({"-o", "huge.hraw", "--rows", "1024", "--cols", "1024"}, DHC_SCENE_PATH).status, 0);
     const pid_t pid = start(
-        {"-c", "ulimit -v 40000; exec " DHC_TOOL_PATH " segment big.hraw -o labels.hraw -q"}, "/bin/sh");
+        {"-c", "ulimit -v 60000; exec " DHC_TOOL_PATH " segment huge.hraw -o labels.hraw -q"}, "/bin/sh");
     int status = 0;
     ASSERT_EQ(::waitpid(pid, &status, 0), pid);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
