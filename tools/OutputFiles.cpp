@@ -154,10 +154,11 @@ OutputFiles::Output OutputFiles::add(const std::string& target) {
     return out;
 }
 
-void OutputFiles::writeAll(const Output& out, const std::string& bytes) {
+void OutputFiles::writeAll(const Output& out, const void* bytes, size_t size) {
+    const char* at = static_cast<const char*>(bytes);
     size_t done = 0;
-    while (done < bytes.size()) {
-        const ssize_t n = ::write(out.fd, bytes.data() + done, bytes.size() - done);
+    while (done < size) {
+        const ssize_t n = ::write(out.fd, at + done, size - done);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0)
             throw InputError(kExitInput,

@@ -16,6 +16,7 @@
 // Writers that can take a descriptor write through Output::fd; writers that
 // need a file name (GDAL) write to Output::path, the same file.
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -46,7 +47,10 @@ class OutputFiles {
 
     // Writes all of bytes to out.fd; a short write (file system full) is an
     // InputError naming out.target.
-    static void writeAll(const Output& out, const std::string& bytes);
+    static void writeAll(const Output& out, const void* bytes, size_t size);
+    static void writeAll(const Output& out, const std::string& bytes) {
+        writeAll(out, bytes.data(), bytes.size());
+    }
 
     // Throws an InputError (usage status) unless the files are distinct: no
     // output is one of the inputs, no two outputs are one file.  Names are

@@ -34,10 +34,10 @@ struct Cube {
 
 // Writes a one-band hraw map: the header (1, rows, cols), then the plane, as int32.
 void writeMap(const OutputFiles::Output& out, const std::vector<int>& plane, int rows, int cols) {
+    static_assert(sizeof(int) == sizeof(int32_t), "hraw values are int32");
     const int32_t header[3] = {1, rows, cols};
-    std::string bytes(reinterpret_cast<const char*>(header), sizeof header);
-    bytes.append(reinterpret_cast<const char*>(plane.data()), plane.size() * sizeof(int32_t));
-    OutputFiles::writeAll(out, bytes);
+    OutputFiles::writeAll(out, header, sizeof header);
+    OutputFiles::writeAll(out, plane.data(), plane.size() * sizeof(int32_t));
 }
 
 }  // namespace
