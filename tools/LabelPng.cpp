@@ -5,7 +5,7 @@
 #include "frontend/InputError.h"
 #include "hierarchy/RgbImage.h"
 
-void writeLabelPng(const std::string& path, const std::vector<int>& labels, int rows, int cols) {
+void writeLabelPng(int fd, const std::string& name, const std::vector<int>& labels, int rows, int cols) {
     std::map<int, Rgb> colours;
     for (int v : labels)
         if (v != 0) colours.emplace(v, Rgb{0, 0, 0});
@@ -19,7 +19,7 @@ void writeLabelPng(const std::string& path, const std::vector<int>& labels, int 
             if (v != 0) picture.set(c, r, colours[v]);
         }
     try {
-        picture.writePng(path);
+        picture.writePng(fd, name);
     } catch (const dhc::WriteError& e) {
         throw InputError(kExitInput, e.what());
     }

@@ -7,6 +7,7 @@
 
 #include "hierarchy/LabelColours.h"
 
-// Writes labels (rows x cols, row-major) as an 8-bit RGB PNG; throws a
-// InputError when the file cannot be written.
-void writeLabelPng(const std::string& path, const std::vector<int>& labels, int rows, int cols);
+// Writes labels (rows x cols, row-major) as an 8-bit RGB PNG to the open
+// descriptor fd (left open); throws an InputError naming `name` when the
+// picture cannot be written.
+void writeLabelPng(int fd, const std::string& name, const std::vector<int>& labels, int rows, int cols);

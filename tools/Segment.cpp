@@ -1,15 +1,13 @@
 #include "Segment.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <chrono>
-#include <fstream>
+#include <cstdint>
 #include <iomanip>
 #include <iostream>
 #include <memory>
 #include <set>
+#include <sstream>
 #include <vector>
 
 #include "DefaultIni.h"
@@ -68,30 +66,14 @@ std::vector<dhc::io::TableColour> tableColours(const std::vector<int>& labels) {
     return table;
 }
 
-// Writes an hraw map of `bands` planes (one after the other in `planes`) and
-// makes sure all of it reached the file.
-void writeMap(const std::string& path, const std::string& target, std::vector<int>& planes, int rows,
-              int cols, int bands = 1) {
-    std::vector<std::vector<int*>> rowPointers(static_cast<size_t>(bands), std::vector<int*>(rows));
-    std::vector<int**> cube(static_cast<size_t>(bands));
-    for (int b = 0; b < bands; ++b) {
-        for (int r = 0; r < rows; ++r)
-            rowPointers[b][r] = &planes[(static_cast<size_t>(b) * rows + r) * cols];
-        cube[b] = rowPointers[b].data();
-    }
-    ImageFile<int>::writeHRawInt32(path, cube.data(), bands, rows, cols);
-    struct stat st;
-    const long long expected = 12 + 4LL * bands * rows * cols;
-    if (::stat(path.c_str(), &st) != 0 || st.st_size != expected)
-        throw InputError(kExitInput, "cannot write \"" + target + "\" (file system full?)");
-}
-
-// Writes a text file and makes sure all of it reached the file.
-void writeText(const std::string& path, const std::string& target, const std::string& text) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << text;
-    out.flush();
-    if (!out) throw InputError(kExitInput, "cannot write \"" + target + "\" (file system full?)");
+// Writes an hraw map of `bands` planes (one after the other in `planes`):
+// the header (bands, rows, cols), then the planes, as int32.
+void writeMap(const OutputFiles::Output& out, const std::vector<int>& planes, int rows, int cols,
+              int bands = 1) {
+    static_assert(sizeof(int) == sizeof(int32_t), "hraw values are int32");
+    const int32_t header[3] = {bands, rows, cols};
+    OutputFiles::writeAll(out, header, sizeof header);
+    OutputFiles::writeAll(out, planes.data(), planes.size() * sizeof(int32_t));
 }
 
 // Why no cut has `wanted` classes: "the cuts have 1, 3 and 5 classes".
@@ -107,19 +89,28 @@ std::string noCut(const dhc::Hierarchy& h, int wanted) {
     return text + " classes)";
 }
 
-// Writes a one-band map as hraw (no driver) or through GDAL.
-void writeOutput(const std::string& path, const std::string& target, const std::string& driver,
-                 std::vector<int>& plane, int rows, int cols, const dhc::io::Georeference& geo) {
+// Writes a one-band map as hraw (no driver) or through GDAL, which writes
+// to the temporary file by its name.
+void writeOutput(const OutputFiles::Output& out, const std::string& driver, std::vector<int>& plane, int rows,
+                 int cols, const dhc::io::Georeference& geo) {
     if (driver.empty())
-        writeMap(path, target, plane, rows, cols);
+        writeMap(out, plane, rows, cols);
     else
-        dhc::io::writeLabelMap(path, target, driver, plane, rows, cols, geo, tableColours(plane));
+        dhc::io::writeLabelMap(out.path, out.target, driver, plane, rows, cols, geo, tableColours(plane));
 }
 
 }  // namespace
 
 int runSegment(const SegmentOptions& o) {
     const auto start = std::chrono::steady_clock::now();
+
+    // 0. No output may be an input or another output.
+    std::vector<std::string> inputs{o.image}, outputNames{o.output};
+    for (const std::string* name : {&o.config, &o.mask, &o.init, &o.gt})
+        if (!name->empty()) inputs.push_back(*name);
+    for (const std::string* name : {&o.report, &o.fragments, &o.png})
+        if (!name->empty()) outputNames.push_back(*name);
+    OutputFiles::checkDistinct(inputs, outputNames);
 
     // 1. The configuration, with the overrides, checked as a whole.
     IniFile ini = o.config.empty() ? IniFile("default.ini", kDefaultIni) : IniFile::fromFile(o.config);
@@ -195,14 +186,17 @@ int runSegment(const SegmentOptions& o) {
 
     // 4. The outputs, created empty under temporary names before the long part.
     OutputFiles outputs;
-    const std::string labelsTmp = outputs.add(o.output);
-    const std::string reportTmp = o.report.empty() ? std::string() : outputs.add(o.report);
-    const std::string fragmentsTmp = o.fragments.empty() ? std::string() : outputs.add(o.fragments);
-    const std::string pngTmp = o.png.empty() ? std::string() : outputs.add(o.png);
-    const std::string levelsTmp = o.levels.empty() ? std::string() : outputs.add(o.levels);
-    const std::string treeTmp = o.tree.empty() ? std::string() : outputs.add(o.tree);
-    const std::string treePngTmp = o.treePng.empty() ? std::string() : outputs.add(o.treePng);
-    const std::string treeSvgTmp = o.treeSvg.empty() ? std::string() : outputs.add(o.treeSvg);
+    const OutputFiles::Output labelsOut = outputs.add(o.output);
+    auto optional = [&outputs](const std::string& name) {
+        return name.empty() ? OutputFiles::Output() : outputs.add(name);
+    };
+    const OutputFiles::Output reportOut = optional(o.report);
+    const OutputFiles::Output fragmentsOut = optional(o.fragments);
+    const OutputFiles::Output pngOut = optional(o.png);
+    const OutputFiles::Output levelsOut = optional(o.levels);
+    const OutputFiles::Output treeOut = optional(o.tree);
+    const OutputFiles::Output treePngOut = optional(o.treePng);
+    const OutputFiles::Output treeSvgOut = optional(o.treeSvg);
 
     // 5. The region of interest, exactly as the gateway builds it; the input
     // planes go as soon as the core holds its copies.
@@ -292,27 +286,29 @@ int runSegment(const SegmentOptions& o) {
         if (k < 0) throw InputError(kExitInput, noCut(*tree, o.cut));
         labels = tree->cut(k);
     }
-    writeOutput(labelsTmp, o.output, labelsDriver, labels, image.rows, image.cols, geo);
-    if (!reportTmp.empty()) out.dhc->printReport(reportTmp);
-    if (!fragmentsTmp.empty()) {
+    writeOutput(labelsOut, labelsDriver, labels, image.rows, image.cols, geo);
+    if (reportOut.fd >= 0) {
+        std::ostringstream report;
+        out.dhc->printReport(report);
+        if (!report) throw InputError(kExitInput, "cannot make the report");
+        OutputFiles::writeAll(reportOut, report.str());
+    }
+    if (fragmentsOut.fd >= 0) {
         if (out.fragRoi == nullptr) throw InputError(kExitInput, "the segmentation produced no fragment map");
         std::vector<int> fragments = dhc::fullFrame(*out.fragRoi, image.rows, image.cols);
-        writeOutput(fragmentsTmp, o.fragments, fragmentsDriver, fragments, image.rows, image.cols, geo);
+        writeOutput(fragmentsOut, fragmentsDriver, fragments, image.rows, image.cols, geo);
     }
-    if (!levelsTmp.empty()) {
-        std::vector<int> stack = tree->levels();
-        writeMap(levelsTmp, o.levels, stack, image.rows, image.cols, tree->splits() + 1);
-    }
-    if (!treeTmp.empty()) writeText(treeTmp, o.tree, dhc::treeJsonText(*tree, *settings, "dhc", DHC_VERSION));
-    if (!treeSvgTmp.empty()) writeText(treeSvgTmp, o.treeSvg, dhc::treeSvg(*tree));
-    if (!treePngTmp.empty()) {
+    if (levelsOut.fd >= 0) writeMap(levelsOut, tree->levels(), image.rows, image.cols, tree->splits() + 1);
+    if (treeOut.fd >= 0) OutputFiles::writeAll(treeOut, dhc::treeJsonText(*tree, *settings, "dhc", DHC_VERSION));
+    if (treeSvgOut.fd >= 0) OutputFiles::writeAll(treeSvgOut, dhc::treeSvg(*tree));
+    if (treePngOut.fd >= 0) {
         try {
-            dhc::writeTreePng(*tree, treePngTmp);
+            dhc::treePicture(*tree).writePng(treePngOut.fd, o.treePng);
         } catch (const dhc::WriteError& e) {
             throw InputError(kExitInput, e.what());
         }
     }
-    if (!pngTmp.empty()) writeLabelPng(pngTmp, labels, image.rows, image.cols);
+    if (pngOut.fd >= 0) writeLabelPng(pngOut.fd, o.png, labels, image.rows, image.cols);
     outputs.commit();
 
     if (!o.quiet) {

@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -37,12 +36,6 @@ namespace {
 void fatalHandler(int status, const std::string& message, dhc::FatalChannel channel) {
     OutputFiles::removeAllTemporaries();
     dhc::defaultFatalHandler(status, message, channel);
-}
-
-void onSignal(int sig) {
-    OutputFiles::removeAllTemporaries();
-    std::signal(sig, SIG_DFL);
-    std::raise(sig);
 }
 
 // Prints the header sizes and the value range of one hraw file, streaming its
@@ -130,7 +123,7 @@ int run(const std::vector<std::string>& args) {
 
 int main(int argc, char** argv) {
     dhc::setFatalHandler(fatalHandler);
-    for (int sig : {SIGINT, SIGTERM, SIGHUP}) std::signal(sig, onSignal);
+    OutputFiles::removeTemporariesOnSignals();
     try {
         return run(std::vector<std::string>(argv + 1, argv + argc));
     } catch (const InputError& e) {

@@ -1119,6 +1119,12 @@ PaddedMap* DHC::outputPMap(bool fromMap, bool compact, bool padded, int keep) {
 
 void DHC::printReport(std::string fileName, bool withStats, bool withCovariance, int nSplit,
                       int* splitSequence) {
+    std::ofstream os(fileName, std::ios::out | std::ios::trunc);
+    if (!os) return;
+    printReport(os, withStats, withCovariance, nSplit, splitSequence);
+}
+
+void DHC::printReport(std::ostream& os, bool withStats, bool withCovariance, int nSplit, int* splitSequence) {
     std::unique_ptr<int[]> extracted;
     if (splitSequence == nullptr) {
         extracted.reset(extractSplitSequence(nSplit));
@@ -1129,10 +1135,7 @@ void DHC::printReport(std::string fileName, bool withStats, bool withCovariance,
     std::vector<std::unique_ptr<WSReport>> reports(raw, raw + nReports);
     delete[] raw;
 
-    { std::ofstream create(fileName, std::ios::out | std::ios::trunc); }
     {
-        std::ofstream os(fileName, std::ios::out | std::ios::app);
-        if (!os) return;
         const int nLeaves = leafCount();
         os << "[GENERAL INFORMATION]\n";
         os << "NClass = " << nLeaves << ";\n";
@@ -1162,5 +1165,5 @@ void DHC::printReport(std::string fileName, bool withStats, bool withCovariance,
         os << "];\n";
         os << "[END GENERAL INFORMATION]\n";
     }
-    for (const auto& r : reports) r->appendToFile(fileName, withStats, withCovariance);
+    for (const auto& r : reports) r->write(os, withStats, withCovariance);
 }

@@ -17,6 +17,7 @@
 // so the engine must not rebuild that mixture while the tree exists.
 
 #include <functional>
+#include <iosfwd>
 #include <string>
 
 #include "data/xy.h"
@@ -170,6 +171,9 @@ class DHC {
     // extracted here.  A run without splits writes the entry 0 where the
     // sequence's first label would stand.
     void printReport(std::string fileName, bool withStats = true, bool withCovariance = true, int nSplit = 0,
+                     int* splitSequence = nullptr);
+    // The same text written to a stream (the caller checks the stream's state).
+    void printReport(std::ostream& os, bool withStats = true, bool withCovariance = true, int nSplit = 0,
                      int* splitSequence = nullptr);
 
   private:

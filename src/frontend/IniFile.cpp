@@ -65,20 +65,47 @@ bool parseDouble(const std::string& text, double& value) {
     return true;
 }
 
-// "{a b c}": integers separated by blanks between braces.
+// "{a b c}": integers separated by blanks between braces, exactly as the
+// library's reader takes them.  The reader skips the first character after
+// '=' whatever it is, ends the list at '}' and ignores what follows, and reads
+// each item as the longest integer prefix; so the brace must follow '='
+// directly, every item must be a whole integer, and only blanks may follow
+// the closing brace.
 bool parseIntArray(const std::string& text, std::vector<int>& values) {
-    const std::string t = trimBlanks(text);
-    if (t.size() < 2 || t.front() != '{' || t.back() != '}') return false;
-    std::istringstream items(t.substr(1, t.size() - 2));
+    if (text.empty() || text[0] != '{') return false;
     std::vector<int> out;
-    std::string item;
-    while (items >> item) {
+    size_t i = 1;
+    for (;;) {
+        while (i < text.size() && isBlank(text[i])) ++i;
+        if (i >= text.size()) return false;  // no closing brace
+        if (text[i] == '}') break;
+        const size_t start = i;
+        while (i < text.size() && !isBlank(text[i]) && text[i] != '}') ++i;
         int v = 0;
-        if (!parseInt(item, v)) return false;
+        if (!parseInt(text.substr(start, i - start), v)) return false;
         out.push_back(v);
     }
+    for (++i; i < text.size(); ++i)
+        if (!isBlank(text[i])) return false;
     values.swap(out);
     return true;
+}
+
+// The first byte the reader would misread: a control character (NUL cuts the
+// line short, others are no part of any value), or a carriage return that is
+// not the line's last character.  npos when there is none.
+size_t controlByte(const std::string& line) {
+    for (size_t i = 0; i < line.size(); ++i) {
+        const unsigned char c = static_cast<unsigned char>(line[i]);
+        if (c == '\t' || (c == '\r' && i + 1 == line.size())) continue;
+        if (c < 0x20 || c == 0x7f) return i;
+    }
+    return std::string::npos;
+}
+
+std::string byteText(unsigned char c) {
+    static const char* const kHex = "0123456789abcdef";
+    return std::string("byte 0x") + kHex[c >> 4] + kHex[c & 15];
 }
 
 const char* kindText(IniFile::Kind kind) {
@@ -215,9 +242,14 @@ void IniFile::checkValue(const Setting& setting, const std::string& text, const 
             ok = parseIntArray(text, a);
             break;
     }
-    if (!ok)
-        throw InputError(status, where + ": " + setting.key + " must be " + kindText(setting.kind) +
-                                     ", not \"" + text + "\"");
+    if (!ok) {
+        // The reader skips exactly one character after '=': say so when a blank took the brace's place.
+        const bool blankFirst = setting.kind == Kind::IntArray && !text.empty() && isBlank(text[0]);
+        const std::string expected = blankFirst ? std::string("a list in braces with '{' directly after '='")
+                                                : std::string(kindText(setting.kind));
+        throw InputError(status,
+                         where + ": " + setting.key + " must be " + expected + ", not \"" + text + "\"");
+    }
 }
 
 void IniFile::applyOverride(const std::string& assignment) {
@@ -234,6 +266,11 @@ void IniFile::applyOverride(const std::string& assignment) {
         throw InputError(kExitUsage, "--set \"" + assignment + "\": unknown setting " + section + "." + key);
     if (text.find_first_of("\r\n") != std::string::npos)
         throw InputError(kExitUsage, where + ": the value must be on one line");
+    const size_t control = controlByte(text);
+    if (control != std::string::npos)
+        throw InputError(kExitUsage, where + ": control character (" +
+                                         byteText(static_cast<unsigned char>(text[control])) +
+                                         ") in the value");
     checkValue(*setting, text, where, kExitUsage);
     assign(section, key, text, where);
 }
@@ -262,12 +299,32 @@ void IniFile::assign(const std::string& section, const std::string& key, const s
 }
 
 void IniFile::check() const {
-    for (const Line& l : lines_)
+    for (const Line& l : lines_) {
         if (l.text.size() > kMaxLine)
             throw InputError(kExitInput,
                              l.origin + ": line longer than " + std::to_string(kMaxLine) + " characters");
+        const size_t control = controlByte(l.text);
+        if (control != std::string::npos)
+            throw InputError(kExitInput, l.origin + ": control character (" +
+                                             byteText(static_cast<unsigned char>(l.text[control])) +
+                                             ") in the line");
+    }
     if (sectionLine("SEGM_MAIN_CONFIGURATION") < 0)
         throw InputError(kExitInput, name_ + ": no [SEGM_MAIN_CONFIGURATION] section");
+    // The reader matches a key only when it stands alone before '=': a blank
+    // around it would make the reader pass the line by.
+    for (const Setting& setting : settings()) {
+        const int s = sectionLine(setting.section);
+        if (s < 0) continue;
+        for (int i = s + 1; i < sectionEnd(s); ++i) {
+            const std::string& t = lines_[i].text;
+            const size_t eq = t.find('=');
+            if (eq == std::string::npos || t.compare(0, eq, setting.key) == 0) continue;
+            if (trimBlanks(t.substr(0, eq)) == setting.key)
+                throw InputError(kExitInput, lines_[i].origin + ": blank around the key " + setting.key +
+                                                 " (write " + setting.key + "=value)");
+        }
+    }
     for (const Setting& setting : settings()) {
         const int s = sectionLine(setting.section);
         if (s < 0) continue;

@@ -1,6 +1,7 @@
 #include "hierarchy/RgbImage.h"
 
 #include <png.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -168,19 +169,36 @@ void RgbImage::text(int x, int y, const std::string& s, Rgb c) {
 }
 
 void RgbImage::writePng(const std::string& path) const {
+    std::FILE* file = std::fopen(path.c_str(), "wb");
+    if (file == nullptr) throw WriteError("cannot write \"" + path + "\": " + std::strerror(errno));
+    writePng(file, path);
+}
+
+void RgbImage::writePng(int fd, const std::string& name) const {
+    // A duplicate, so that closing the stream leaves the caller's descriptor open.
+    const int own = ::dup(fd);
+    std::FILE* file = own < 0 ? nullptr : ::fdopen(own, "wb");
+    if (file == nullptr) {
+        const int err = errno;
+        if (own >= 0) ::close(own);
+        throw WriteError("cannot write \"" + name + "\": " + std::strerror(err));
+    }
+    writePng(file, name);
+}
+
+void RgbImage::writePng(std::FILE* file, const std::string& name) const {
     std::vector<png_bytep> rowPointers(static_cast<size_t>(height_));
     for (int r = 0; r < height_; ++r)
         rowPointers[static_cast<size_t>(r)] =
             const_cast<png_bytep>(&pixels_[static_cast<size_t>(r) * width_ * 3]);
 
     PngFile out;
-    out.file = std::fopen(path.c_str(), "wb");
-    if (out.file == nullptr) throw WriteError("cannot write \"" + path + "\": " + std::strerror(errno));
+    out.file = file;
     out.png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
     if (out.png != nullptr) out.info = png_create_info_struct(out.png);
     if (out.png == nullptr || out.info == nullptr) throw WriteError("cannot start the PNG writer");
     // libpng reports errors by longjmp; nothing with a destructor lives between here and the jump.
-    if (setjmp(png_jmpbuf(out.png))) throw WriteError("cannot write the PNG picture \"" + path + "\"");
+    if (setjmp(png_jmpbuf(out.png))) throw WriteError("cannot write the PNG picture \"" + name + "\"");
     png_init_io(out.png, out.file);
     png_set_IHDR(out.png, out.info, static_cast<png_uint_32>(width_), static_cast<png_uint_32>(height_), 8,
                  PNG_COLOR_TYPE_RGB, PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT,
@@ -189,7 +207,7 @@ void RgbImage::writePng(const std::string& path) const {
     png_write_image(out.png, rowPointers.data());
     png_write_end(out.png, nullptr);
     if (std::fflush(out.file) != 0 || std::ferror(out.file))
-        throw WriteError("cannot write \"" + path + "\": " + std::strerror(errno));
+        throw WriteError("cannot write \"" + name + "\": " + std::strerror(errno));
 }
 
 }  // namespace dhc

@@ -3,6 +3,7 @@
 // of regions): filled rectangles, a built-in 5 x 7 bitmap font, and an 8-bit
 // RGB PNG writer.
 
+#include <cstdio>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -36,10 +37,14 @@ class RgbImage {
     static constexpr int kAdvance = 6;
     static constexpr int kLineHeight = 9;
 
-    // Writes the image as an 8-bit RGB PNG; a WriteError names the file on failure.
+    // Writes the image as an 8-bit RGB PNG to a file, or to an open
+    // descriptor (left open) under the given name; a WriteError names the
+    // file on failure.
     void writePng(const std::string& path) const;
+    void writePng(int fd, const std::string& name) const;
 
   private:
+    void writePng(std::FILE* file, const std::string& name) const;
     int width_, height_;
     std::vector<uint8_t> pixels_;  // row-major r, g, b
 };

@@ -110,7 +110,7 @@ TreeLayout layoutTree(const Hierarchy& tree) {
     return layout;
 }
 
-void writeTreePng(const Hierarchy& tree, const std::string& path) {
+RgbImage treePicture(const Hierarchy& tree) {
     const TreeLayout layout = layoutTree(tree);
     RgbImage picture(layout.width, layout.height, kTreeBackground);
     picture.text(kMargin, kMargin, layout.title, kTreeInk);
@@ -123,7 +123,11 @@ void writeTreePng(const Hierarchy& tree, const std::string& path) {
         for (size_t i = 0; i < n.text.size(); ++i)
             picture.text(n.textX, n.textY + static_cast<int>(i) * RgbImage::kLineHeight, n.text[i], kTreeInk);
     }
-    picture.writePng(path);
+    return picture;
+}
+
+void writeTreePng(const Hierarchy& tree, const std::string& path) {
+    treePicture(tree).writePng(path);
 }
 
 std::string treeSvg(const Hierarchy& tree) {

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "hierarchy/LabelColours.h"
+#include "hierarchy/RgbImage.h"
 
 namespace dhc {
 
@@ -45,7 +46,9 @@ constexpr Rgb kTreeInnerFill{235, 235, 235};
 
 TreeLayout layoutTree(const Hierarchy& tree);
 
-// Writes the PNG; a WriteError names the file on failure.
+// The dendrogram as a picture, and written as a PNG file (a WriteError names
+// the file on failure).
+RgbImage treePicture(const Hierarchy& tree);
 void writeTreePng(const Hierarchy& tree, const std::string& path);
 // The SVG document.
 std::string treeSvg(const Hierarchy& tree);

@@ -29,7 +29,10 @@ void writeList(std::ostream& out, const char* name, const V* values, int n) {
 void WSReport::appendToFile(std::string fileName, bool withStats, bool withCovariance) {
     std::fstream out(fileName, std::ios::in | std::ios::out | std::ios::app);
     if (!out.is_open()) return;
+    write(out, withStats, withCovariance);
+}
 
+void WSReport::write(std::ostream& out, bool withStats, bool withCovariance) const {
     out << "\n[NEW WORKSPACE]\n";
     out << "WSLab = " << WSLab << ";\n";
     writeList(out, "Path", path, pathLength);

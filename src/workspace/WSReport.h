@@ -10,6 +10,7 @@
 // new[] arrays (covariance as new double*[nBands] plus one new double[nBands]
 // per row); the destructor frees them.  Not copyable.
 
+#include <iosfwd>
 #include <string>
 
 struct WSReport {
@@ -45,4 +46,6 @@ struct WSReport {
     // withCovariance the covariance rows.  Numbers in default stream format.
     // A file that cannot be opened is silently skipped.
     void appendToFile(std::string fileName, bool withStats, bool withCovariance);
+    // The same block written to a stream.
+    void write(std::ostream& out, bool withStats, bool withCovariance) const;
 };

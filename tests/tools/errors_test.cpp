@@ -2,7 +2,11 @@
 // checks the one line on standard error, the exit status, that an existing
 // output file keeps its bytes and that no temporary file is left behind.
 
+#include <sys/resource.h>
+#include <sys/stat.h>
+
 #include <csignal>
+#include <cstring>
 
 #include "ToolTest.h"
 
@@ -62,7 +66,20 @@ TEST_F(BadInput, EveryRowOfTheReadmeTable) {
     write("int.ini",
           "[SEGM_MAIN_CONFIGURATION]\r\nSupervisedMode=0\r\n\r\n[UNSUPERVISED_MODE_CONF]\r\n"
           "SplitGainThreshold=0.3\r\nMaxNumberOfClasses=eight\r\n");
+    // Devices are reached through links in the scratch directory, so that a
+    // faulty tool could never replace the machine's own nodes.
+    std::filesystem::create_symlink("/dev/full", path("full"));
     write("nomain.ini", "[POTTS_MODEL]\nMultiplicity=2\n");
+    // The reader skips the one character after '=': here the blank, so "{1" would read as 0.
+    write("blank.ini",
+          "[SEGM_MAIN_CONFIGURATION]\nSupervisedMode=1\n\n[SUPERVISED_MODE_CONF]\nNumberOfClasses=2\n"
+          "StructureLevels= {1 1}\nStructurePaths={0 1}\n");
+    write("key.ini", "[SEGM_MAIN_CONFIGURATION]\nSupervisedMode=0\n\n[POTTS_MODEL]\nMultiplicity =4\n");
+    // The reader's lines end at a NUL: this would run with Multiplicity=0.
+    write("nul.ini",
+          std::string("[SEGM_MAIN_CONFIGURATION]\nSupervisedMode=0\n\n[POTTS_MODEL]\nMultiplicity=\0"
+                      "4\n",
+                      72));
 
     // One case per row of the README table, in its order: bad command lines
     // (status 2), then bad input (status 1).
@@ -73,6 +90,11 @@ TEST_F(BadInput, EveryRowOfTheReadmeTable) {
         {segment({"--mask"}), "option \"--mask\" needs a value"},
         {segment({"--cut", "0"}), "option \"--cut\" needs a number of classes from 1 to 1000000, not \"0\""},
         {segment({"--report", "labels.hraw"}), "\"labels.hraw\" is given as more than one output"},
+        {segment({"--png", "./labels.hraw"}),
+         "outputs \"labels.hraw\" and \"./labels.hraw\" are the same file"},
+        {segment({"--fragments", "../" + std::filesystem::path(dir_).filename().string() + "/img.hraw"}),
+         "output \"../" + std::filesystem::path(dir_).filename().string() +
+             "/img.hraw\" is the same file as input \"img.hraw\""},
         {segment({"--set", "POTTS_MODEL.BetaMax"}),
          "--set \"POTTS_MODEL.BetaMax\": expected SECTION.Key=value"},
         {segment({"--set", "POTTS_MODEL.Beta=1"}),
@@ -94,6 +116,11 @@ TEST_F(BadInput, EveryRowOfTheReadmeTable) {
          "cannot open configuration \"none.ini\": No such file or directory"},
         {segment({"--config", "int.ini"}), "int.ini:6: MaxNumberOfClasses must be an integer, not \"eight\""},
         {segment({"--config", "nomain.ini"}), "nomain.ini: no [SEGM_MAIN_CONFIGURATION] section"},
+        {segment({"--config", "blank.ini"}),
+         "blank.ini:6: StructureLevels must be a list in braces with '{' directly after '=', not \" {1 1}\""},
+        {segment({"--config", "key.ini"}),
+         "key.ini:5: blank around the key Multiplicity (write Multiplicity=value)"},
+        {segment({"--config", "nul.ini"}), "nul.ini:5: control character (byte 0x00) in the line"},
         {segment({"--set", "POTTS_MODEL.Multiplicity=1"}),
          "--set POTTS_MODEL.Multiplicity=1: Multiplicity must be at least 2 (children per split)"},
         {supervised("{1 2}", "{0 0 1}"),
@@ -115,26 +142,122 @@ TEST_F(BadInput, EveryRowOfTheReadmeTable) {
          "the region of interest is empty: no pixel has a positive initial label"},
         {{"segment", "img.hraw", "-o", "nodir/labels.hraw"},
          "cannot write \"nodir/labels.hraw\": No such file or directory"},
+        {segment({"--report", "full", "-q"}), "cannot write \"full\": No space left on device"},
     };
     for (const auto& [args, message] : usage) expectRefused(args, message, 2);
     for (const auto& [args, message] : input) expectRefused(args, message, 1);
 }
 
-// An interrupted run removes its temporary files and leaves the old output.
-TEST_F(BadInput, InterruptedRunLeavesNothing) {
-    ASSERT_EQ(dhc({"-o", "big.hraw", "--rows", "512", "--cols", "512"}, DHC_SCENE_PATH).status, 0);
-    const pid_t pid = start({"segment", "big.hraw", "-o", "labels.hraw", "-q"});
+class AbnormalEnd : public BadInput {
+  protected:
+    void SetUp() override {
+        BadInput::SetUp();
+        // No core files from the signals that dump one.
+        const rlimit none{0, 0};
+        ::setrlimit(RLIMIT_CORE, &none);
+        ASSERT_EQ(dhc({"-o", "big.hraw", "--rows", "512", "--cols", "512"}, DHC_SCENE_PATH).status, 0);
+    }
+
+    // Starts `dhc segment big.hraw -o labels.hraw -q` through `sh -c "PREFIX exec dhc ..."`
+    // (exec keeps the process id) and waits until its temporary file exists.
+    pid_t startRun(const std::string& prefix = "") {
+        const pid_t pid =
+            start({"-c", prefix + "exec " DHC_TOOL_PATH " segment big.hraw -o labels.hraw -q"}, "/bin/sh");
+        temporary_ = path("labels.hraw.tmp." + std::to_string(pid));
+        for (int i = 0; i < 50000 && !std::filesystem::exists(temporary_); ++i) ::usleep(100);
+        return pid;
+    }
+
+    std::string temporary_;
+};
+
+// An interrupted, killed or aborted run (an assertion or a crash ends in one of
+// these signals) removes its temporary file, leaves the old output and ends by
+// the signal it got.
+TEST_F(AbnormalEnd, EverySignalRemovesTheTemporaryFiles) {
+    for (int sig : {SIGTERM, SIGINT, SIGHUP, SIGQUIT, SIGABRT, SIGSEGV, SIGBUS, SIGFPE}) {
+        SCOPED_TRACE(strsignal(sig));
+        const pid_t pid = startRun();
+        ASSERT_GT(pid, 0);
+        ASSERT_TRUE(std::filesystem::exists(temporary_));
+        ::kill(pid, sig);
+        int status = 0;
+        ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+        EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == sig) << status;
+        EXPECT_EQ(read("labels.hraw"), "precious");
+        EXPECT_FALSE(std::filesystem::exists(temporary_));
+    }
+}
+
+// Under nohup (SIGHUP inherited as ignored) a hang-up does not end the run.
+TEST_F(AbnormalEnd, AnIgnoredHangUpStaysIgnored) {
+    const pid_t pid = startRun("trap '' HUP; ");
     ASSERT_GT(pid, 0);
-    // The temporary file exists from before the run to its end.
-    const std::string temporary = path("labels.hraw.tmp." + std::to_string(pid));
-    for (int i = 0; i < 20000 && !std::filesystem::exists(temporary); ++i) ::usleep(100);
-    ASSERT_TRUE(std::filesystem::exists(temporary));
-    ::kill(pid, SIGTERM);
+    ASSERT_TRUE(std::filesystem::exists(temporary_));
+    ::kill(pid, SIGHUP);
     int status = 0;
     ASSERT_EQ(::waitpid(pid, &status, 0), pid);
-    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_EQ(readHraw("labels.hraw").rows, 512);
+    EXPECT_FALSE(std::filesystem::exists(temporary_));
+}
+
+// Running out of memory is one line and status 1, and leaves nothing behind.
+TEST_F(AbnormalEnd, OutOfMemoryRemovesTheTemporaryFiles) {
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "the address sanitizer needs more address space than the limit allows";
+#endif
+    // The run needs about 700 MB; the program with the GDAL libraries it
+    // loads needs about 400 MB of address space to start.
+    ASSERT_EQ(dhc({"-o", "huge.hraw", "--rows", "2048", "--cols", "2048"}, DHC_SCENE_PATH).status, 0);
+    const pid_t pid = start(
+        {"-c", "ulimit -v 560000; exec " DHC_TOOL_PATH " segment huge.hraw -o labels.hraw -q"}, "/bin/sh");
+    int status = 0;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
+    EXPECT_EQ(read(".stderr"), "dhc: out of memory\n");
     EXPECT_EQ(read("labels.hraw"), "precious");
-    EXPECT_FALSE(std::filesystem::exists(temporary));
+    for (const auto& entry : std::filesystem::directory_iterator(dir_))
+        EXPECT_EQ(entry.path().string().find(".tmp."), std::string::npos) << entry.path();
+}
+
+// A link planted under the temporary name is neither followed nor removed.
+TEST_F(BadInput, APlantedTemporaryIsRefused) {
+    write("victim", "keep");
+    const pid_t pid = start({"-c", "ln -s victim labels.hraw.tmp.$$ && exec " DHC_TOOL_PATH
+                                   " segment img.hraw -o labels.hraw -q"},
+                            "/bin/sh");
+    int status = 0;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    const std::string temporary = "labels.hraw.tmp." + std::to_string(pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
+    EXPECT_EQ(read(".stderr"), "dhc: cannot write \"labels.hraw\": \"" + temporary + "\" already exists\n");
+    EXPECT_EQ(read("victim"), "keep");
+    EXPECT_EQ(read("labels.hraw"), "precious");
+    EXPECT_TRUE(std::filesystem::is_symlink(path(temporary)));
+}
+
+// A device is written in place, never replaced by a regular file; the same
+// bytes reach it as a regular output gets.
+TEST_F(BadInput, ADeviceOutputIsWrittenInPlace) {
+    ASSERT_EQ(dhc(segment({"-q", "--report", "r.txt"})).status, 0);
+    ASSERT_EQ(::mkfifo(path("fifo").c_str(), 0600), 0);
+    // The reading end is open before the run (the report fits in the pipe's buffer).
+    const int reader = ::open(path("fifo").c_str(), O_RDONLY | O_NONBLOCK);
+    ASSERT_GE(reader, 0);
+    // A link to the device, not the device itself: a faulty tool would replace the link.
+    std::filesystem::create_symlink("/dev/null", path("null"));
+    const Result run = dhc({"segment", "img.hraw", "-o", "null", "--report", "fifo", "-q"});
+    std::string received;
+    char buffer[4096];
+    for (ssize_t n; (n = ::read(reader, buffer, sizeof buffer)) > 0;)
+        received.append(buffer, static_cast<size_t>(n));
+    ::close(reader);
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_TRUE(std::filesystem::is_symlink(path("null")));
+    EXPECT_TRUE(std::filesystem::is_fifo(path("fifo")));
+    EXPECT_EQ(received, read("r.txt"));
+    EXPECT_NE(read("r.txt"), "");
 }
 
 }  // namespace
