@@ -23,27 +23,6 @@ namespace {
 
 using driver_test::Scene;
 
-// 24 x 24, four quadrant classes well apart along both bands: mean shift
-// finds several modes in it.
-Scene quadrants() {
-    Scene s(24, 24, 2);
-    for (int r = 0; r < s.rows; ++r)
-        for (int c = 0; c < s.cols; ++c) s.truth[r][c] = 1 + (r >= 12 ? 2 : 0) + (c >= 12 ? 1 : 0);
-    s.paint({{10, 12}, {40, 45}, {70, 72}, {100, 108}}, 3);
-    return s;
-}
-
-std::unique_ptr<DHC_SET> settings() {
-    std::unique_ptr<DHC_SET> s(new DHC_SET());
-    s->multiplicity = 2;
-    s->betaMin = 0.0;
-    s->betaMax = 1.5;
-    s->splitGainThreshold = 0.01;
-    s->maxNumberOfClasses = 4;
-    s->minSplitArea = 8;
-    return s;
-}
-
 // The engine's progress lines go to a string while a test runs.
 struct Quiet {
     std::ostringstream sink;
@@ -58,9 +37,9 @@ std::set<int> labelsUnder(const PottsWS* ws) {
 }
 
 struct Bounds : ::testing::Test {
-    Scene scene = quadrants();
+    Scene scene = driver_test::fourQuadrants();
     std::unique_ptr<ROI<int, xy>> roi{scene.dataRoi()};
-    std::unique_ptr<DHC_SET> s = settings();
+    std::unique_ptr<DHC_SET> s = driver_test::baseSettings();
     Quiet quiet;
 
     DHC_OUT run() {

@@ -24,15 +24,8 @@
 namespace {
 
 using driver_test::Scene;
-
-// 24 x 24, four quadrant classes well apart along both bands.
-Scene fourQuadrants() {
-    Scene s(24, 24, 2);
-    for (int r = 0; r < s.rows; ++r)
-        for (int c = 0; c < s.cols; ++c) s.truth[r][c] = 1 + (r >= 12 ? 2 : 0) + (c >= 12 ? 1 : 0);
-    s.paint({{10, 12}, {40, 45}, {70, 72}, {100, 108}}, 3);
-    return s;
-}
+using driver_test::baseSettings;
+using driver_test::fourQuadrants;
 
 // 20 x 20 background (class 1) with two separate squares of class 2.
 Scene twoBlobs() {
@@ -44,17 +37,6 @@ Scene twoBlobs() {
             s.truth[r][c] = (blobA || blobB) ? 2 : 1;
         }
     s.paint({{20}, {90}}, 3);
-    return s;
-}
-
-std::unique_ptr<DHC_SET> baseSettings() {
-    std::unique_ptr<DHC_SET> s(new DHC_SET());
-    s->multiplicity = 2;
-    s->betaMin = 0.0;
-    s->betaMax = 1.5;
-    s->splitGainThreshold = 0.01;
-    s->maxNumberOfClasses = 4;
-    s->minSplitArea = 8;
     return s;
 }
 

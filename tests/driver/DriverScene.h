@@ -1,10 +1,12 @@
 #pragma once
 // Synthetic scenes for the driver tests.
 
+#include <memory>
 #include <vector>
 
 #include "data/ROI.h"
 #include "data/xy.h"
+#include "settings/DHC_SET.h"
 
 namespace driver_test {
 
@@ -55,5 +57,27 @@ struct Scene {
         return points->extractLabROI(rowPtr.data(), 0, true);
     }
 };
+
+// 24 x 24, four quadrant classes well apart along both bands (mean shift
+// finds several modes in it).
+inline Scene fourQuadrants() {
+    Scene s(24, 24, 2);
+    for (int r = 0; r < s.rows; ++r)
+        for (int c = 0; c < s.cols; ++c) s.truth[r][c] = 1 + (r >= 12 ? 2 : 0) + (c >= 12 ? 1 : 0);
+    s.paint({{10, 12}, {40, 45}, {70, 72}, {100, 108}}, 3);
+    return s;
+}
+
+// Gain-driven settings for the small scenes: two children, up to four classes.
+inline std::unique_ptr<DHC_SET> baseSettings() {
+    std::unique_ptr<DHC_SET> s(new DHC_SET());
+    s->multiplicity = 2;
+    s->betaMin = 0.0;
+    s->betaMax = 1.5;
+    s->splitGainThreshold = 0.01;
+    s->maxNumberOfClasses = 4;
+    s->minSplitArea = 8;
+    return s;
+}
 
 }  // namespace driver_test
