@@ -15,6 +15,7 @@ always survives and the next call runs normally.
 
 from __future__ import annotations
 
+import json
 import os
 import tempfile
 from typing import Any, Callable, Dict, List, Optional, Sequence, Tuple
@@ -241,23 +242,59 @@ class Result:
     - offspring: int32 (splits, classes): row k lists the leaves below split
       k, left-aligned, zero-padded (OffspringMat)
     - regions: list of :class:`Region`, one per node of the tree
+    - tree: the whole tree as a dict, the document ``dhc segment --tree``
+      writes (docs/tree.schema.json)
+    - cut(k) / cut(classes=n): the label map after k splits, or with n classes
+      (``dhc segment --cut``); levels(): every cut, (splits + 1, rows, cols)
+      (``dhc segment --levels``)
 
-    classes, split_order, offspring and regions are None when the run has no
-    tree to report (``fragmentation`` or, unsupervised, ``splitwise_disconnect``),
-    as the MATLAB module then gives one output only.
+    classes, split_order, offspring, regions and tree are None when the run
+    has no tree to report (``fragmentation`` or, unsupervised,
+    ``splitwise_disconnect``), as the MATLAB module then gives one output only;
+    cut and levels then raise ValueError.
     """
 
-    __slots__ = ("labels", "fragments", "classes", "split_order", "offspring", "regions")
+    __slots__ = ("labels", "fragments", "classes", "split_order", "offspring", "regions", "tree", "_hierarchy")
 
     def __init__(self, labels: np.ndarray, fragments: Optional[np.ndarray], classes: Optional[np.ndarray],
                  split_order: Optional[np.ndarray], offspring: Optional[np.ndarray],
-                 regions: Optional[List[Region]]) -> None:
+                 regions: Optional[List[Region]], tree: Optional[dict] = None, hierarchy: Any = None) -> None:
         self.labels = labels
         self.fragments = fragments
         self.classes = classes
         self.split_order = split_order
         self.offspring = offspring
         self.regions = regions
+        self.tree = tree
+        self._hierarchy = hierarchy
+
+    def _tree(self) -> Any:
+        if self._hierarchy is None:
+            raise ValueError("this run has no tree to cut (fragmentation or splitwise_disconnect cut its map "
+                             "into pieces)")
+        return self._hierarchy
+
+    def cut(self, k: Optional[int] = None, *, classes: Optional[int] = None) -> np.ndarray:
+        """The label map after the first k splits of split_order (k = 0: the
+        region of interest as one class), or the cut with ``classes`` classes.
+        Pixels carry the label of their region in that cut, 0 outside the
+        region of interest; the same map as ``dhc segment --cut``."""
+        h = self._tree()
+        if (k is None) == (classes is None):
+            raise TypeError("give either k (a number of splits) or classes=n")
+        if classes is not None:
+            k = h.splits_for_leaves(int(classes))
+            if k < 0:
+                counts = sorted({h.leaves_after(j) for j in range(h.splits() + 1)})
+                raise ValueError(f"no cut of the tree has {classes} classes (the cuts have {counts})")
+        if not 0 <= int(k) <= h.splits():
+            raise ValueError(f"k must be from 0 to {h.splits()} (the number of splits), not {k}")
+        return h.cut(int(k))
+
+    def levels(self) -> np.ndarray:
+        """Every cut: band k is the label map after k splits, as
+        ``dhc segment --levels`` writes it."""
+        return self._tree().levels()
 
     def __repr__(self) -> str:
         rows, cols = self.labels.shape
@@ -349,4 +386,6 @@ def segment(image: Any, mask: Any = None, init: Any = None, gt: Any = None, sett
     maps = [_plane(m, name, rows, cols) for m, name in ((mask, "mask"), (init, "init"), (gt, "gt"))]
     out = _dhc.segment(cube, *maps, settings._entries(), progress)
     regions = None if out["regions"] is None else [Region(**r) for r in out["regions"]]
-    return Result(out["labels"], out["fragments"], out["classes"], out["split_order"], out["offspring"], regions)
+    tree = None if out["tree"] is None else json.loads(out["tree"])
+    return Result(out["labels"], out["fragments"], out["classes"], out["split_order"], out["offspring"], regions,
+                  tree, out["hierarchy"])

@@ -34,6 +34,8 @@
 #include "frontend/InputError.h"
 #include "frontend/Segmentation.h"
 #include "frontend/TreeOutput.h"
+#include "hierarchy/Hierarchy.h"
+#include "hierarchy/TreeJson.h"
 #include "settings/DHC_SET.h"
 #include "settings/Fatal.h"
 #include "workspace/WSReport.h"
@@ -207,6 +209,8 @@ struct RunResult {
     bool hasFragments = false, hasTree = false;
     dhc::SplitSummary summary;
     std::vector<RegionData> regions;
+    std::shared_ptr<dhc::Hierarchy> hierarchy;  // every cut of the tree
+    std::string treeJson;                       // the tree as the tool's --tree writes it
 };
 
 RegionData regionData(const WSReport& r) {
@@ -335,6 +339,8 @@ py::dict segment(const py::array& image, const py::object& mask, const py::objec
             result.summary = dhc::summarizeSplits(*out.dhc, reports);
             result.regions.reserve(static_cast<size_t>(reports.size()));
             for (int i = 0; i < reports.size(); ++i) result.regions.push_back(regionData(reports[i]));
+            result.hierarchy = std::make_shared<dhc::Hierarchy>(dhc::Hierarchy::fromRun(out, *settings));
+            result.treeJson = dhc::treeJsonText(*result.hierarchy, *settings, "dhc (Python)", DHC_VERSION);
         }
     } catch (const FatalCondition& f) {
         raiseFatal(f);
@@ -358,8 +364,11 @@ py::dict segment(const py::array& image, const py::object& mask, const py::objec
         py::list regions;
         for (const RegionData& d : result.regions) regions.append(regionDict(d));
         out["regions"] = regions;
+        out["hierarchy"] = py::cast(result.hierarchy);
+        out["tree"] = result.treeJson;
     } else {
-        for (const char* key : {"classes", "split_order", "offspring", "regions"}) out[key] = py::none();
+        for (const char* key : {"classes", "split_order", "offspring", "regions", "hierarchy", "tree"})
+            out[key] = py::none();
     }
     return out;
 }
@@ -452,6 +461,18 @@ PYBIND11_MODULE(_dhc, m) {
         }
     });
 
+    py::class_<dhc::Hierarchy, std::shared_ptr<dhc::Hierarchy>>(m, "_Hierarchy")
+        .def("splits", &dhc::Hierarchy::splits)
+        .def("leaves_after", &dhc::Hierarchy::leavesAfter, py::arg("k"))
+        .def("splits_for_leaves", &dhc::Hierarchy::splitsForLeaves, py::arg("leaves"))
+        .def("cut",
+             [](const dhc::Hierarchy& h, int k) {
+                 return adopt(h.cut(k), std::vector<py::ssize_t>{h.rows(), h.cols()});
+             },
+             py::arg("k"))
+        .def("levels", [](const dhc::Hierarchy& h) {
+            return adopt(h.levels(), std::vector<py::ssize_t>{h.splits() + 1, h.rows(), h.cols()});
+        });
     m.def("segment", &segment, py::arg("image"), py::arg("mask"), py::arg("init"), py::arg("gt"),
           py::arg("entries"), py::arg("progress"),
           "Runs one segmentation on checked int32 arrays; returns a dict of results.");

@@ -1,6 +1,7 @@
 """dhc.segment against the command-line tool and the MATLAB/Octave module, and
 the consistency of what a Result holds."""
 
+import json
 import os
 import subprocess
 import threading
@@ -9,7 +10,7 @@ import numpy as np
 import pytest
 
 import dhc
-from conftest import SOURCE_DIR, read_hraw, run_tool, write_hraw
+from conftest import SOURCE_DIR, read_hraw, run_tool, tool, write_hraw
 
 # A mask with a hole and a stray value (only 1 selects), an initial
 # segmentation with unlabelled rows.
@@ -177,3 +178,37 @@ def test_labels_equal_the_mex_modules(scene, tmp_path):
                    check=True, capture_output=True, timeout=300)
     result = dhc.segment(image, mask=mask, settings=dhc.Settings(max_number_of_classes=5))
     assert result.labels.tobytes() == read_hraw(out)[0].astype(np.int32).tobytes()
+
+
+def test_cuts_levels_and_tree_equal_the_tools(scene, tmp_path):
+    image, _ = scene
+    for multiplicity in (2, 3):
+        s = dhc.Settings(multiplicity=multiplicity, min_region_area=16, max_number_of_classes=6)
+        result = dhc.segment(image, settings=s)
+        args = ["--set", f"POTTS_MODEL.Multiplicity={multiplicity}", "--set", "UNSUPERVISED_MODE_CONF.MinRegionArea=16",
+                "--set", "UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=6"]
+        image_file = tmp_path / "cut_image.hraw"
+        write_hraw(image_file, image)
+        subprocess.run([tool(), "segment", str(image_file), "-o", str(tmp_path / "l.hraw"), "--quiet",
+                        "--levels", str(tmp_path / "levels.hraw"), "--tree", str(tmp_path / "tree.json"), *args],
+                       check=True, capture_output=True)
+        levels = result.levels()
+        assert levels.tobytes() == read_hraw(tmp_path / "levels.hraw").astype(np.int32).tobytes()
+        assert levels[-1].tobytes() == result.labels.tobytes()
+        for k in range(levels.shape[0]):
+            assert result.cut(k).tobytes() == levels[k].tobytes()
+            n = len(np.unique(levels[k][levels[k] > 0]))
+            assert result.cut(classes=n).tobytes() == levels[k].tobytes()
+        with open(tmp_path / "tree.json") as f:
+            expected = json.load(f)
+        # The same document but for the program's name.
+        assert result.tree["regions"] == expected["regions"]
+        assert result.tree["splitOrder"] == expected["splitOrder"]
+    with pytest.raises(ValueError, match="no cut of the tree has 2 classes"):
+        result.cut(classes=2)  # three children per split: 1, 3, 5, ... classes
+    with pytest.raises(ValueError, match="k must be from 0 to"):
+        result.cut(levels.shape[0])
+    no_tree = dhc.segment(image, settings=dhc.Settings(fragmentation=True))
+    assert no_tree.tree is None
+    with pytest.raises(ValueError, match="no tree to cut"):
+        no_tree.levels()
