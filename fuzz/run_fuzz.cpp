@@ -1,0 +1,186 @@
+// A whole segmentation run on a small random image, with optional mask,
+// initial segmentation or ground truth and random settings, through the same
+// path as the tool: default configuration + overrides, the check, the
+// settings reader, prepareRun, runSegmentation, the outputs.  A refusal
+// (InputError) is an answer; a fatal status of the core is an answer too (it
+// unwinds here as it does in the MEX module).  The run must give every point
+// of the region a positive label, and the same input must give the same labels.
+//
+// Inputs are bounded so the target measures correctness, not slowness: sides up
+// to 12, up to 3 bands, multiplicity up to 4.  Known faults kept out: negative
+// ground-truth labels, variable multiplicity, extreme BetaMin /
+// SplitGainThreshold / Multiplicity, values above 46340.
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "DefaultIni.h"
+#include "FuzzSupport.h"
+#include "data/ROI.h"
+#include "driver/DHC.h"
+#include "driver/DHC_OUT.h"
+#include "frontend/IniFile.h"
+#include "frontend/InputError.h"
+#include "frontend/Segmentation.h"
+#include "settings/DHC_SET.h"
+
+using namespace dhc::fuzz;
+
+namespace {
+
+template <typename T, size_t N>
+const T& pick(Bytes& in, const T (&options)[N]) {
+    return options[in.range(0, static_cast<int>(N) - 1)];
+}
+
+// A rows x cols plane with row pointers.
+struct Plane {
+    std::vector<int> cells;
+    std::vector<int*> rows;
+    Plane(int r, int c) : cells(static_cast<size_t>(r * c)), rows(static_cast<size_t>(r)) {
+        for (int i = 0; i < r; ++i) rows[static_cast<size_t>(i)] = &cells[static_cast<size_t>(i * c)];
+    }
+    int** get() { return rows.data(); }
+};
+
+struct Case {
+    int rows, cols, bands;
+    std::vector<Plane> cube;
+    std::vector<int**> cubeRows;
+    std::unique_ptr<Plane> mask, init, gt;
+    std::vector<std::string> sets;
+};
+
+Case makeCase(Bytes& in) {
+    Case c;
+    c.rows = in.range(1, 12);
+    c.cols = in.range(1, 12);
+    c.bands = in.range(1, 3);
+    const bool supervised = in.flag();
+    auto set = [&c](const std::string& key, const std::string& value) {
+        c.sets.push_back(key + "=" + value);
+    };
+    set("SEGM_MAIN_CONFIGURATION.SupervisedMode", supervised ? "1" : "0");
+    int classes = 0;
+    if (supervised) {
+        // A flat class structure: k classes, each its own path of length 1.
+        classes = in.range(1, 4);
+        std::string levels = "{", paths = "{";
+        for (int k = 0; k < classes; ++k) {
+            levels += std::string(k ? " " : "") + "1";
+            paths += std::string(k ? " " : "") + std::to_string(k);
+        }
+        set("SUPERVISED_MODE_CONF.NumberOfClasses", std::to_string(classes));
+        set("SUPERVISED_MODE_CONF.StructureLevels", levels + "}");
+        set("SUPERVISED_MODE_CONF.StructurePaths", paths + "}");
+    } else {
+        static const char* const gains[] = {"0", "0.2", "1", "-1", "5", "0.01"};
+        static const char* const areas[] = {"0", "1", "4", "16", "64"};
+        static const char* const small[] = {"0", "0.5", "1", "2", "3"};
+        set("UNSUPERVISED_MODE_CONF.SplitGainThreshold", pick(in, gains));
+        set("UNSUPERVISED_MODE_CONF.MaxNumberOfClasses", std::to_string(in.range(0, 10)));
+        set("UNSUPERVISED_MODE_CONF.MinRegionArea", pick(in, areas));
+        set("UNSUPERVISED_MODE_CONF.BalancedTree", in.flag() ? "1" : "0");
+        set("UNSUPERVISED_MODE_CONF.GrowDepth", std::to_string(in.range(0, 4)));
+        set("UNSUPERVISED_MODE_CONF.Blind", in.flag() ? "1" : "0");
+        set("UNSUPERVISED_MODE_CONF.Metric", std::to_string(in.range(0, 8)));
+        set("UNSUPERVISED_MODE_CONF.DistortionThreshold", pick(in, small));
+        set("UNSUPERVISED_MODE_CONF.BlindSplitDepthMax", std::to_string(in.range(0, 3)));
+        set("UNSUPERVISED_MODE_CONF.BlindSplitAreaMin", pick(in, areas));
+        set("UNSUPERVISED_MODE_CONF.BlindSplitMSEMin", pick(in, small));
+        set("UNSUPERVISED_MODE_CONF.DoubleSplit", in.flag() ? "1" : "0");
+        set("UNSUPERVISED_MODE_CONF.SplitwiseDisconnect", in.flag() ? "1" : "0");
+        set("UNSUPERVISED_MODE_CONF.Fragmentation", in.flag() ? "1" : "0");
+        set("POTTS_MODEL.Multiplicity", std::to_string(in.range(2, 4)));
+    }
+    static const char* const betaMins[] = {"0", "0.1", "0.5"};
+    static const char* const betaMaxs[] = {"0.5", "1.5", "3"};
+    static const char* const bandwidths[] = {"0", "1", "10"};
+    static const char* const tolerances[] = {"0.05", "0.5", "0.001"};
+    static const char* const skips[] = {"0", "0.1", "0.5"};
+    set("POTTS_MODEL.BetaMin", pick(in, betaMins));
+    set("POTTS_MODEL.BetaMax", pick(in, betaMaxs));
+    set("POTTS_MODEL.Adaptive", in.flag() ? "1" : "0");
+    set("POTTS_MODEL.BetaBound", std::to_string(in.range(0, 2)));
+    set("POTTS_MODEL.RangeBandwidth", pick(in, bandwidths));
+    set("POTTS_MODEL.SpatialBandwidth", pick(in, bandwidths));
+    set("MEANSHIFT.AutoAdjustKNN", std::to_string(in.range(0, 3)));
+    set("MEANSHIFT.Tolerance", pick(in, tolerances));
+    set("MEANSHIFT.SkipLast", pick(in, skips));
+    set("MEANSHIFT.KernelType", std::to_string(in.range(0, 2)));
+
+    const bool maskGiven = in.flag(), initGiven = !supervised && in.flag();
+    static const int bounds[] = {1, 15, 255, 4095, 40000};
+    const int bound = pick(in, bounds);
+    for (int b = 0; b < c.bands; ++b) c.cube.emplace_back(c.rows, c.cols);
+    for (Plane& p : c.cube) {
+        for (int& v : p.cells) v = in.range(0, bound);
+        c.cubeRows.push_back(p.get());
+    }
+    if (maskGiven) {
+        c.mask = std::make_unique<Plane>(c.rows, c.cols);
+        for (int& v : c.mask->cells) v = in.range(0, 3) == 0 ? 0 : 1;
+    }
+    if (initGiven) {
+        c.init = std::make_unique<Plane>(c.rows, c.cols);
+        for (int& v : c.init->cells) v = in.range(-1, 3);
+    }
+    if (supervised) {
+        c.gt = std::make_unique<Plane>(c.rows, c.cols);
+        for (int& v : c.gt->cells) v = in.range(0, classes);
+    }
+    return c;
+}
+
+std::vector<int> run(const Case& c, DHC_SET& settings, int& classes) {
+    dhc::PreparedRun prepared = dhc::prepareRun(
+        c.rows, c.cols, c.bands, const_cast<int***>(c.cubeRows.data()), c.mask ? c.mask->get() : nullptr,
+        c.init ? c.init->get() : nullptr, c.gt ? c.gt->get() : nullptr, settings);
+    const int points = prepared.roi->count;
+    DHC_OUT out = dhc::runSegmentation(prepared, settings);
+    if (out.labelRoi == nullptr || out.labelRoi->count != points) broken("no label for every point");
+    for (int k = 0; k < points; ++k)
+        if (out.labelRoi->data[k] <= 0) broken("a point of the region has no positive label");
+    if (out.nClasses < 1) broken("a run without classes");
+    if (dhc::hasFragmentOutput(settings) && out.fragRoi == nullptr) broken("no fragment map");
+    if (dhc::hasTreeOutput(settings)) {
+        const std::string report = std::string(std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp") +
+                                   "/dhc-fuzz-report-" + std::to_string(::getpid());
+        out.dhc->printReport(report);
+        ::unlink(report.c_str());
+    }
+    classes = out.nClasses;
+    return dhc::fullFrame(*out.labelRoi, c.rows, c.cols);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    setUp();
+    DHC::setProgress(nullptr);
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    Bytes in(data, size);
+    Case c = makeCase(in);
+    IniFile ini("default.ini", kDefaultIni);
+    try {
+        for (const std::string& s : c.sets) ini.applyOverride(s);
+        ini.check();
+    } catch (const InputError&) {
+        return 0;
+    }
+    try {
+        int classes1 = 0, classes2 = 0;
+        std::unique_ptr<DHC_SET> settings = readSettings(ini);
+        const std::vector<int> first = run(c, *settings, classes1);
+        std::unique_ptr<DHC_SET> again = readSettings(ini);
+        const std::vector<int> second = run(c, *again, classes2);
+        if (first != second || classes1 != classes2) broken("the same run gave different labels");
+    } catch (const InputError&) {
+    } catch (const FatalStatus&) {
+    }
+    return 0;
+}
