@@ -100,9 +100,17 @@ class Bytes {
     size_t pos_ = 0;
 };
 
+// What the current input means, printed with a broken property (set by targets
+// whose bytes are decoded into a case).
+inline std::string& context() {
+    static std::string text;
+    return text;
+}
+
 // Stops the fuzzer with a readable report: a property the code promises failed.
 [[noreturn]] inline void broken(const std::string& what) {
     std::fprintf(stderr, "fuzz: property broken: %s\n", what.c_str());
+    if (!context().empty()) std::fprintf(stderr, "fuzz: case:\n%s\n", context().c_str());
     std::abort();
 }
 

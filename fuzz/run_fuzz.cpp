@@ -50,6 +50,7 @@ struct Case {
     std::vector<int**> cubeRows;
     std::unique_ptr<Plane> mask, init, gt;
     std::vector<std::string> sets;
+    int classes = 0;  // supervised: ground-truth labels are 1..classes
 };
 
 Case makeCase(Bytes& in) {
@@ -65,7 +66,7 @@ Case makeCase(Bytes& in) {
     int classes = 0;
     if (supervised) {
         // A flat class structure: k classes, each its own path of length 1.
-        classes = in.range(1, 4);
+        classes = c.classes = in.range(1, 4);
         std::string levels = "{", paths = "{";
         for (int k = 0; k < classes; ++k) {
             levels += std::string(k ? " " : "") + "1";
@@ -133,6 +134,24 @@ Case makeCase(Bytes& in) {
     return c;
 }
 
+// The case as text: sizes, settings and every plane, for reproducing a finding.
+std::string describe(const Case& c) {
+    std::string s =
+        std::to_string(c.rows) + " x " + std::to_string(c.cols) + ", " + std::to_string(c.bands) + " bands\n";
+    for (const std::string& set : c.sets) s += "--set " + set + "\n";
+    auto plane = [&](const char* name, const Plane& p) {
+        s += name;
+        for (size_t i = 0; i < p.cells.size(); ++i)
+            s += (i % static_cast<size_t>(c.cols) == 0 ? "\n  " : " ") + std::to_string(p.cells[i]);
+        s += "\n";
+    };
+    for (const Plane& p : c.cube) plane("band", p);
+    if (c.mask) plane("mask", *c.mask);
+    if (c.init) plane("init", *c.init);
+    if (c.gt) plane("gt", *c.gt);
+    return s;
+}
+
 std::vector<int> run(const Case& c, DHC_SET& settings, int& classes) {
     dhc::PreparedRun prepared = dhc::prepareRun(
         c.rows, c.cols, c.bands, const_cast<int***>(c.cubeRows.data()), c.mask ? c.mask->get() : nullptr,
@@ -140,8 +159,17 @@ std::vector<int> run(const Case& c, DHC_SET& settings, int& classes) {
     const int points = prepared.roi->count;
     DHC_OUT out = dhc::runSegmentation(prepared, settings);
     if (out.labelRoi == nullptr || out.labelRoi->count != points) broken("no label for every point");
-    for (int k = 0; k < points; ++k)
-        if (out.labelRoi->data[k] <= 0) broken("a point of the region has no positive label");
+    // Unsupervised: every point carries its leaf's label.  Supervised: the map
+    // labels are matched to ground-truth labels; a map label left without a
+    // partner keeps no ground-truth label (0), nothing else may appear.
+    for (int k = 0; k < points; ++k) {
+        const int label = out.labelRoi->data[k];
+        if (c.gt ? (label < 0 || label > c.classes) : label <= 0) {
+            std::string all;
+            for (int j = 0; j < points; ++j) all += " " + std::to_string(out.labelRoi->data[j]);
+            broken("a point of the region has label " + std::to_string(label) + "; labels:" + all);
+        }
+    }
     if (out.nClasses < 1) broken("a run without classes");
     if (dhc::hasFragmentOutput(settings) && out.fragRoi == nullptr) broken("no fragment map");
     if (dhc::hasTreeOutput(settings)) {
@@ -165,6 +193,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Bytes in(data, size);
     Case c = makeCase(in);
+    context() = describe(c);
     IniFile ini("default.ini", kDefaultIni);
     try {
         for (const std::string& s : c.sets) ini.applyOverride(s);
