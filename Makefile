@@ -81,7 +81,7 @@ fuzz: fuzz-build
 	  if $(FUZZ_BUILD)/fuzz/$${t}_fuzz -max_total_time=$(FUZZ_SECONDS) -timeout=10 -rss_limit_mb=2048 \
 	       -max_len=4096 -print_final_stats=1 -artifact_prefix=$(FUZZ_BUILD)/findings/$$t- $$dict $(FUZZ_FLAGS) \
 	       $(FUZZ_BUILD)/corpus/$$t fuzz/corpus/$$t > $(FUZZ_BUILD)/logs/$$t.log 2>&1; then \
-	    grep -E "^#[0-9]+ +DONE" $(FUZZ_BUILD)/logs/$$t.log | tail -1; \
+	    grep -E "^#[0-9]+[[:space:]]+DONE" $(FUZZ_BUILD)/logs/$$t.log | tail -1; \
 	    grep -E "^stat::number_of_executed_units" $(FUZZ_BUILD)/logs/$$t.log; \
 	  else \
 	    failed="$$failed $$t"; tail -40 $(FUZZ_BUILD)/logs/$$t.log; \

@@ -61,7 +61,8 @@ void compareWithReader(const IniFile& ini) {
             continue;
         }
         const std::string read = reader.seekString(s.key, "\x01");
-        if (present != (read != "\x01") || (present && read != text))
+        const bool found = read != "\x01" || reader.seekString(s.key, "\x02") != "\x02";
+        if (present != found || (present && read != text))
             broken(std::string("check and reader see different text for ") + s.key);
         if (!present) continue;
         switch (s.kind) {

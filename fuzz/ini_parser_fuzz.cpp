@@ -17,8 +17,9 @@ namespace {
 
 void lookups(ConfigFileParser& ini, int n, int rows, int cols) {
     for (const char* key : {"A", "B", "Key"}) {
+        // Two different defaults: a value equal to one of them is still seen.
         const std::string text = ini.seekString(key, "\x01");
-        const bool present = text != "\x01";
+        const bool present = text != "\x01" || ini.seekString(key, "\x02") != "\x02";
         char* par = ini.seekPar(key);
         if ((par != nullptr) != present) broken("seekPar and seekString disagree on presence");
         if (par != nullptr && std::strncmp(par, text.c_str(), ConfigFileParser::kLineSize - 1) != 0)
