@@ -11,6 +11,9 @@
 // ground-truth labels, variable multiplicity, extreme BetaMin /
 // SplitGainThreshold / Multiplicity, values above 46340.
 
+#include <cstdio>
+#include <cstdlib>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -65,16 +68,28 @@ Case makeCase(Bytes& in) {
     set("SEGM_MAIN_CONFIGURATION.SupervisedMode", supervised ? "1" : "0");
     int classes = 0;
     if (supervised) {
-        // A flat class structure: k classes, each its own path of length 1.
-        classes = c.classes = in.range(1, 4);
-        std::string levels = "{", paths = "{";
-        for (int k = 0; k < classes; ++k) {
-            levels += std::string(k ? " " : "") + "1";
-            paths += std::string(k ? " " : "") + std::to_string(k);
-        }
+        // Class structures the check accepts: flat ones and deeper trees.
+        struct Structure {
+            int classes;
+            const char* levels;
+            const char* paths;
+        };
+        static const Structure structures[] = {
+            {1, "{1}", "{0}"},
+            {2, "{1 1}", "{0 1}"},
+            {3, "{1 1 1}", "{0 1 2}"},
+            {4, "{1 1 1 1}", "{0 1 2 3}"},
+            {3, "{1 2 2}", "{0 1 0 1 1}"},
+            {3, "{2 2 1}", "{0 0 0 1 1}"},
+            {4, "{2 2 2 2}", "{0 0 0 1 1 0 1 1}"},
+            {4, "{1 2 3 3}", "{0 1 0 1 1 0 1 1 1}"},
+        };
+        const Structure& st = pick(in, structures);
+        classes = c.classes = st.classes;
+        const std::string levels = st.levels, paths = st.paths;
         set("SUPERVISED_MODE_CONF.NumberOfClasses", std::to_string(classes));
-        set("SUPERVISED_MODE_CONF.StructureLevels", levels + "}");
-        set("SUPERVISED_MODE_CONF.StructurePaths", paths + "}");
+        set("SUPERVISED_MODE_CONF.StructureLevels", levels);
+        set("SUPERVISED_MODE_CONF.StructurePaths", paths);
     } else {
         static const char* const gains[] = {"0", "0.2", "1", "-1", "5", "0.01"};
         static const char* const areas[] = {"0", "1", "4", "16", "64"};
@@ -184,8 +199,27 @@ std::vector<int> run(const Case& c, DHC_SET& settings, int& classes) {
 
 }  // namespace
 
+// A failed supervised split runs the shell command "PAUSE" before its fatal
+// status; here that would start a shell per such input.  This definition takes
+// the place of the C library's for the whole target and runs nothing.
+extern "C" int system(const char*) {
+    return -1;
+}
+
+// How often each fatal status of the core was reached, printed at the end of a
+// run (DHC_FUZZ_FATALS=1) to see which deliberate ends the inputs reach.
+std::map<int, long>& fatals() {
+    static std::map<int, long> counts;
+    return counts;
+}
+
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     setUp();
+    fatals();  // constructed before the handler is registered, so still alive when it runs
+    if (std::getenv("DHC_FUZZ_FATALS") != nullptr)
+        std::atexit([] {
+            for (const auto& f : fatals()) std::fprintf(stderr, "fuzz: fatal status %d: %ld\n", f.first, f.second);
+        });
     DHC::setProgress(nullptr);
     return 0;
 }
@@ -209,7 +243,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const std::vector<int> second = run(c, *again, classes2);
         if (first != second || classes1 != classes2) broken("the same run gave different labels");
     } catch (const InputError&) {
-    } catch (const FatalStatus&) {
+    } catch (const FatalStatus& f) {
+        if (++fatals()[f.status] == 1 && std::getenv("DHC_FUZZ_FATALS") != nullptr)
+            std::fprintf(stderr, "fuzz: first fatal status %d on:\n%s\n", f.status, context().c_str());
     }
     return 0;
 }
