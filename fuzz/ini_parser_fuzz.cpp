@@ -28,6 +28,7 @@ void lookups(ConfigFileParser& ini, int n, int rows, int cols) {
         const int i = ini.seekInt(key, -7);
         if (!present && i != -7) broken("absent key did not yield the default");
         ini.seekDouble(key, 0.5);
+        ini.seekFloat(key, 0.5f);
         ini.seekFlag(key);
 
         char** strings = ini.seekArray(key, n);
@@ -35,8 +36,10 @@ void lookups(ConfigFileParser& ini, int n, int rows, int cols) {
         ConfigFileParser::freeStrings(strings, n);
         delete[] ini.seekIntArray(key, n);
         delete[] ini.seekDoubleArray(key, n);
+        delete[] ini.seekFloatArray(key, n);
         ConfigFileParser::freeMatrix(ini.seekIntMatrix(key, rows, cols), rows);
         ConfigFileParser::freeMatrix(ini.seekDoubleMatrix(key, rows, cols), rows);
+        ConfigFileParser::freeMatrix(ini.seekFloatMatrix(key, rows, cols), rows);
         ConfigFileParser::freeStringMatrix(ini.seekMatrix(key, rows, cols), rows, cols);
     }
     ini.eoa();

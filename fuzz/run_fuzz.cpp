@@ -7,7 +7,8 @@
 // of the region a positive label, and the same input must give the same labels.
 //
 // Inputs are bounded so the target measures correctness, not slowness: sides up
-// to 12, up to 3 bands, multiplicity up to 4.  Known faults kept out: negative
+// to 12, up to 3 bands, multiplicity up to 4.  Settings without a known fault
+// at their extremes sometimes get extreme values.  Known faults kept out: negative
 // ground-truth labels, variable multiplicity, extreme BetaMin /
 // SplitGainThreshold / Multiplicity, values above 46340.
 
@@ -35,6 +36,23 @@ namespace {
 template <typename T, size_t N>
 const T& pick(Bytes& in, const T (&options)[N]) {
     return options[in.range(0, static_cast<int>(N) - 1)];
+}
+
+// Now and then a value far outside the usual range, for the settings whose
+// extremes are not known faults: the check lets them through, the run must
+// still end well.
+const char* const kWildInts[] = {"-1", "2147483647", "-2147483648", "1000"};
+const char* const kWildReals[] = {"-1", "1e300", "-1e300", "1e-300", "2147483648"};
+
+std::string integer(Bytes& in, int lo, int hi) {
+    if (in.range(0, 7) == 0) return pick(in, kWildInts);
+    return std::to_string(in.range(lo, hi));
+}
+
+template <size_t N>
+std::string real(Bytes& in, const char* const (&usual)[N]) {
+    if (in.range(0, 7) == 0) return pick(in, kWildReals);
+    return pick(in, usual);
 }
 
 // A rows x cols plane with row pointers.
@@ -95,36 +113,36 @@ Case makeCase(Bytes& in) {
         static const char* const areas[] = {"0", "1", "4", "16", "64"};
         static const char* const small[] = {"0", "0.5", "1", "2", "3"};
         set("UNSUPERVISED_MODE_CONF.SplitGainThreshold", pick(in, gains));
-        set("UNSUPERVISED_MODE_CONF.MaxNumberOfClasses", std::to_string(in.range(0, 10)));
-        set("UNSUPERVISED_MODE_CONF.MinRegionArea", pick(in, areas));
+        set("UNSUPERVISED_MODE_CONF.MaxNumberOfClasses", integer(in, 0, 10));
+        set("UNSUPERVISED_MODE_CONF.MinRegionArea", real(in, areas));
         set("UNSUPERVISED_MODE_CONF.BalancedTree", in.flag() ? "1" : "0");
-        set("UNSUPERVISED_MODE_CONF.GrowDepth", std::to_string(in.range(0, 4)));
+        set("UNSUPERVISED_MODE_CONF.GrowDepth", integer(in, 0, 4));
         set("UNSUPERVISED_MODE_CONF.Blind", in.flag() ? "1" : "0");
-        set("UNSUPERVISED_MODE_CONF.Metric", std::to_string(in.range(0, 8)));
-        set("UNSUPERVISED_MODE_CONF.DistortionThreshold", pick(in, small));
-        set("UNSUPERVISED_MODE_CONF.BlindSplitDepthMax", std::to_string(in.range(0, 3)));
-        set("UNSUPERVISED_MODE_CONF.BlindSplitAreaMin", pick(in, areas));
-        set("UNSUPERVISED_MODE_CONF.BlindSplitMSEMin", pick(in, small));
+        set("UNSUPERVISED_MODE_CONF.Metric", integer(in, 0, 8));
+        set("UNSUPERVISED_MODE_CONF.DistortionThreshold", real(in, small));
+        set("UNSUPERVISED_MODE_CONF.BlindSplitDepthMax", real(in, small));
+        set("UNSUPERVISED_MODE_CONF.BlindSplitAreaMin", real(in, areas));
+        set("UNSUPERVISED_MODE_CONF.BlindSplitMSEMin", real(in, small));
         set("UNSUPERVISED_MODE_CONF.DoubleSplit", in.flag() ? "1" : "0");
         set("UNSUPERVISED_MODE_CONF.SplitwiseDisconnect", in.flag() ? "1" : "0");
         set("UNSUPERVISED_MODE_CONF.Fragmentation", in.flag() ? "1" : "0");
         set("POTTS_MODEL.Multiplicity", std::to_string(in.range(2, 4)));
     }
     static const char* const betaMins[] = {"0", "0.1", "0.5"};
-    static const char* const betaMaxs[] = {"0.5", "1.5", "3"};
+    static const char* const betaMaxs[] = {"0.5", "1.5", "3", "100"};
     static const char* const bandwidths[] = {"0", "1", "10"};
     static const char* const tolerances[] = {"0.05", "0.5", "0.001"};
     static const char* const skips[] = {"0", "0.1", "0.5"};
     set("POTTS_MODEL.BetaMin", pick(in, betaMins));
     set("POTTS_MODEL.BetaMax", pick(in, betaMaxs));
     set("POTTS_MODEL.Adaptive", in.flag() ? "1" : "0");
-    set("POTTS_MODEL.BetaBound", std::to_string(in.range(0, 2)));
-    set("POTTS_MODEL.RangeBandwidth", pick(in, bandwidths));
-    set("POTTS_MODEL.SpatialBandwidth", pick(in, bandwidths));
-    set("MEANSHIFT.AutoAdjustKNN", std::to_string(in.range(0, 3)));
-    set("MEANSHIFT.Tolerance", pick(in, tolerances));
-    set("MEANSHIFT.SkipLast", pick(in, skips));
-    set("MEANSHIFT.KernelType", std::to_string(in.range(0, 2)));
+    set("POTTS_MODEL.BetaBound", real(in, bandwidths));
+    set("POTTS_MODEL.RangeBandwidth", real(in, bandwidths));
+    set("POTTS_MODEL.SpatialBandwidth", real(in, bandwidths));
+    set("MEANSHIFT.AutoAdjustKNN", integer(in, 0, 3));
+    set("MEANSHIFT.Tolerance", real(in, tolerances));
+    set("MEANSHIFT.SkipLast", real(in, skips));
+    set("MEANSHIFT.KernelType", integer(in, 0, 2));
 
     const bool maskGiven = in.flag(), initGiven = !supervised && in.flag();
     static const int bounds[] = {1, 15, 255, 4095, 40000};
@@ -218,7 +236,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     fatals();  // constructed before the handler is registered, so still alive when it runs
     if (std::getenv("DHC_FUZZ_FATALS") != nullptr)
         std::atexit([] {
-            for (const auto& f : fatals()) std::fprintf(stderr, "fuzz: fatal status %d: %ld\n", f.first, f.second);
+            for (const auto& f : fatals())
+                std::fprintf(stderr, "fuzz: fatal status %d: %ld\n", f.first, f.second);
         });
     DHC::setProgress(nullptr);
     return 0;
