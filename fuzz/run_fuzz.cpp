@@ -226,7 +226,7 @@ extern "C" int system(const char*) {
 
 // How often each fatal status of the core was reached, printed at the end of a
 // run (DHC_FUZZ_FATALS=1) to see which deliberate ends the inputs reach.
-std::map<int, long>& fatals() {
+static std::map<int, long>& fatals() {
     static std::map<int, long> counts;
     return counts;
 }
