@@ -64,17 +64,26 @@ bool parseDouble(const std::string& text, double& value) {
     return true;
 }
 
-// "{a b c}": integers separated by blanks between braces.
+// "{a b c}": integers between braces.  Items are separated exactly as the
+// reader separates them, by spaces and tabs: any other white space (a carriage
+// return, a form feed) belongs to an item, which then is no integer.
 bool parseIntArray(const std::string& text, std::vector<int>& values) {
     const std::string t = trimBlanks(text);
     if (t.size() < 2 || t.front() != '{' || t.back() != '}') return false;
-    std::istringstream items(t.substr(1, t.size() - 2));
     std::vector<int> out;
-    std::string item;
-    while (items >> item) {
+    const size_t end = t.size() - 1;
+    size_t i = 1;
+    while (i < end) {
+        if (isBlank(t[i])) {
+            ++i;
+            continue;
+        }
+        size_t j = i;
+        while (j < end && !isBlank(t[j])) ++j;
         int v = 0;
-        if (!parseInt(item, v)) return false;
+        if (!parseInt(t.substr(i, j - i), v)) return false;
         out.push_back(v);
+        i = j;
     }
     values.swap(out);
     return true;

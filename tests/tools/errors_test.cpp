@@ -113,6 +113,33 @@ TEST_F(BadInput, EveryRowOfTheReadmeTable) {
     for (const auto& [args, message] : input) expectRefused(args, message, 1);
 }
 
+// The reader separates list items by spaces and tabs only: "{0 1 2 \r 3}" reads
+// as {0 1 2 0}, a class structure the check never saw (found by the ini_check
+// fuzz target).  The check refuses such a list, naming its line.
+TEST_F(BadInput, ListItemsSeparatedByOtherWhiteSpaceAreRefused) {
+    Hraw gt{1, 6, 6, {}};
+    for (int i = 0; i < 36; ++i) gt.values.push_back(1 + (i / 3) % 4);
+    writeHraw("gt.hraw", gt);
+    for (const char* paths : {"{0 1 2 \r 3}", "{0 1 2\v3}", "{0 1\f2 3}"}) {
+        SCOPED_TRACE(paths);
+        write("cr.ini",
+              "[SEGM_MAIN_CONFIGURATION]\nSupervisedMode=1\n\n[SUPERVISED_MODE_CONF]\nNumberOfClasses=4\n"
+              "StructureLevels={1 1 1 1}\nStructurePaths=" +
+                  std::string(paths) + "\n");
+        const Result run = dhc(segment({"--config", "cr.ini", "--gt", "gt.hraw"}));
+        EXPECT_EQ(run.status, 1);
+        EXPECT_EQ(run.err.rfind("dhc: cr.ini:7: ", 0), 0u) << run.err;
+        EXPECT_EQ(read("labels.hraw"), "precious");
+    }
+    // Blanks and tabs still separate items.
+    write("tab.ini",
+          "[SEGM_MAIN_CONFIGURATION]\nSupervisedMode=1\n\n[SUPERVISED_MODE_CONF]\nNumberOfClasses=2\n"
+          "StructureLevels={1\t1}\nStructurePaths={0 \t 1}\n");
+    const Result tab = dhc(segment({"--config", "tab.ini", "--gt", "gt.hraw"}));
+    EXPECT_EQ(tab.status, 1);
+    EXPECT_NE(tab.err.find("holds 4 classes"), std::string::npos) << tab.err;
+}
+
 // An interrupted run removes its temporary files and leaves the old output.
 TEST_F(BadInput, InterruptedRunLeavesNothing) {
     ASSERT_EQ(dhc({"-o", "big.hraw", "--rows", "512", "--cols", "512"}, DHC_SCENE_PATH).status, 0);
