@@ -2,6 +2,8 @@
 #   make test   install what is missing, build in build/, run every test (Octave and Python included)
 #   make demo   build and segment the bundled synthetic scene and the Landsat scene in data/; writes labels,
 #               report, PNGs, every cut and the tree, and a georeferenced GeoTIFF label map
+#   make test-sanitize   every test again, built with AddressSanitizer + UBSan in build-asan/
+#   make fuzz   build the libFuzzer targets (clang) in build-fuzz/ and run each for FUZZ_SECONDS
 
 BUILD     ?= build
 JOBS      ?= $(shell nproc 2>/dev/null || echo 2)
@@ -10,9 +12,10 @@ CMAKE_ARGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 PYTHON    ?= /usr/bin/python3
 DEB_PACKAGES := g++ cmake make libgtest-dev libbenchmark-dev libeigen3-dev libpng-dev octave liboctave-dev valgrind \
                 python3-dev python3-numpy python3-pytest python3-setuptools python3-pip pybind11-dev python3-gdal \
-                nlohmann-json3-dev libgdal-dev gdal-bin
+                nlohmann-json3-dev libgdal-dev gdal-bin \
+                clang-14 libclang-rt-14-dev
 
-.PHONY: all deps configure build test demo bench clean
+.PHONY: all deps configure build test demo bench clean test-sanitize fuzz-build fuzz
 
 all: build
 
@@ -59,8 +62,47 @@ demo: build
 	@echo "tree:      $(abspath $(OUT))/tree.json, $(abspath $(OUT))/tree.png, $(abspath $(OUT))/tree.svg"
 	@echo "Landsat:   $(abspath $(OUT))/landsat_labels.tif (GeoTIFF, UTM zone 25S), picture $(abspath $(OUT))/landsat_labels.png"
 
+# The whole suite (Octave tests included, with the ASan runtime preloaded into
+# Octave) built with -fsanitize=address,undefined; any report fails its test.
+ASAN_BUILD ?= build-asan
+test-sanitize: deps
+	cmake -S . -B $(ASAN_BUILD) $(CMAKE_ARGS) -DDHC_SANITIZE=ON -DDHC_BUILD_BENCH=OFF
+	cmake --build $(ASAN_BUILD) -j $(JOBS)
+	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 \
+	  UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 ctest --output-on-failure -j $(JOBS)
+
+# libFuzzer targets (fuzz/): each runs FUZZ_SECONDS on its committed seeds plus
+# what earlier runs found (FUZZ_BUILD/corpus); findings go to FUZZ_BUILD/findings,
+# each target's log to FUZZ_BUILD/logs.  Fails when any target finds something.
+FUZZ_BUILD   ?= build-fuzz
+FUZZ_SECONDS ?= 60
+FUZZ_TARGETS ?= hraw ini_parser ini_check command_line run
+FUZZ_FLAGS   ?=
+
+fuzz-build: deps
+	CC=clang-14 CXX=clang++-14 cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDHC_FUZZ=ON \
+	  -DDHC_BUILD_TESTS=OFF -DDHC_BUILD_BENCH=OFF -DDHC_BUILD_TOOLS=OFF
+	cmake --build $(FUZZ_BUILD) -j $(JOBS)
+
+fuzz: fuzz-build
+	@mkdir -p $(FUZZ_BUILD)/logs $(FUZZ_BUILD)/findings; failed=""; \
+	for t in $(FUZZ_TARGETS); do \
+	  mkdir -p $(FUZZ_BUILD)/corpus/$$t; \
+	  case $$t in ini_parser|ini_check) dict=-dict=fuzz/ini.dict;; command_line) dict=-dict=fuzz/command_line.dict;; *) dict=;; esac; \
+	  echo "fuzz: $$t for $(FUZZ_SECONDS) s"; \
+	  if $(FUZZ_BUILD)/fuzz/$${t}_fuzz -max_total_time=$(FUZZ_SECONDS) -timeout=10 -rss_limit_mb=2048 \
+	       -max_len=4096 -print_final_stats=1 -artifact_prefix=$(FUZZ_BUILD)/findings/$$t- $$dict $(FUZZ_FLAGS) \
+	       $(FUZZ_BUILD)/corpus/$$t fuzz/corpus/$$t > $(FUZZ_BUILD)/logs/$$t.log 2>&1; then \
+	    grep -E "^#[0-9]+[[:space:]]+DONE" $(FUZZ_BUILD)/logs/$$t.log | tail -1; \
+	    grep -E "^stat::number_of_executed_units" $(FUZZ_BUILD)/logs/$$t.log; \
+	  else \
+	    failed="$$failed $$t"; tail -40 $(FUZZ_BUILD)/logs/$$t.log; \
+	  fi; \
+	done; \
+	if [ -n "$$failed" ]; then echo "fuzz: findings in:$$failed (see $(FUZZ_BUILD)/findings)"; exit 1; fi
+
 bench: build
 	@for b in $(BUILD)/bench/*_bench; do [ -x "$$b" ] && "$$b"; done
 
 clean:
-	rm -rf $(BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)

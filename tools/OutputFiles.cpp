@@ -1,6 +1,7 @@
 #include "OutputFiles.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -89,10 +90,23 @@ void refuseSameOutput(const std::string& a, const std::string& b) {
     throw InputError(kExitUsage, "outputs \"" + a + "\" and \"" + b + "\" are the same file");
 }
 
+// The thread that registers the outputs.  Libraries may start threads of
+// their own before main (OpenBLAS, loaded with GDAL, does), and the kernel may
+// hand a signal to any of them, also while the main thread holds signals off
+// to create and register a temporary file.  So the main thread alone cleans
+// up: another thread passes the signal on, and it waits until the main thread
+// takes signals again, when every temporary file it made is registered.
+pthread_t gMainThread;
+
 void onSignal(int sig) {
+    if (!pthread_equal(pthread_self(), gMainThread)) {
+        ::pthread_kill(gMainThread, sig);
+        return;
+    }
     OutputFiles::removeAllTemporaries();
-    // The handler was reset to the default on entry: the signal now ends the
-    // process as it would have without us (core dump included).
+    // Now the default: the signal ends the process as it would have without
+    // us (core dump included).
+    ::signal(sig, SIG_DFL);
     std::raise(sig);
 }
 
@@ -228,9 +242,10 @@ void OutputFiles::removeAllTemporaries() {
 void OutputFiles::removeTemporariesOnSignals() {
     struct sigaction action;
     std::memset(&action, 0, sizeof action);
+    gMainThread = pthread_self();
     action.sa_handler = onSignal;
     sigemptyset(&action.sa_mask);
-    action.sa_flags = SA_RESETHAND;
+    action.sa_flags = 0;
     for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
         struct sigaction inherited;
         // An ignored hang-up or interrupt (nohup, a background job) stays ignored.

@@ -202,6 +202,34 @@ TEST_F(AbnormalEnd, AnIgnoredHangUpStaysIgnored) {
     EXPECT_FALSE(std::filesystem::exists(temporary_));
 }
 
+// The reader separates list items by spaces and tabs only: "{0 1 2 \r 3}" reads
+// as {0 1 2 0}, a class structure the check never saw (found by the ini_check
+// fuzz target).  The check refuses such a list, naming its line.
+TEST_F(BadInput, ListItemsSeparatedByOtherWhiteSpaceAreRefused) {
+    Hraw gt{1, 6, 6, {}};
+    for (int i = 0; i < 36; ++i) gt.values.push_back(1 + (i / 3) % 4);
+    writeHraw("gt.hraw", gt);
+    for (const char* paths : {"{0 1 2 \r 3}", "{0 1 2\v3}", "{0 1\f2 3}"}) {
+        SCOPED_TRACE(paths);
+        write("cr.ini",
+              "[SEGM_MAIN_CONFIGURATION]\nSupervisedMode=1\n\n[SUPERVISED_MODE_CONF]\nNumberOfClasses=4\n"
+              "StructureLevels={1 1 1 1}\nStructurePaths=" +
+                  std::string(paths) + "\n");
+        const Result run = dhc(segment({"--config", "cr.ini", "--gt", "gt.hraw"}));
+        EXPECT_EQ(run.status, 1);
+        EXPECT_EQ(run.err.rfind("dhc: cr.ini:7: ", 0), 0u) << run.err;
+        EXPECT_EQ(read("labels.hraw"), "precious");
+    }
+    // Blanks and tabs still separate items.
+    write("tab.ini",
+          "[SEGM_MAIN_CONFIGURATION]\nSupervisedMode=1\n\n[SUPERVISED_MODE_CONF]\nNumberOfClasses=2\n"
+          "StructureLevels={1\t1}\nStructurePaths={0 \t 1}\n");
+    const Result tab = dhc(segment({"--config", "tab.ini", "--gt", "gt.hraw"}));
+    EXPECT_EQ(tab.status, 1);
+    EXPECT_NE(tab.err.find("holds 4 classes"), std::string::npos) << tab.err;
+}
+
+
 // Running out of memory is one line and status 1, and leaves nothing behind.
 TEST_F(AbnormalEnd, OutOfMemoryRemovesTheTemporaryFiles) {
 #if defined(__SANITIZE_ADDRESS__)
