@@ -358,8 +358,14 @@ bool isHraw(const std::string& path) {
     std::fseek(f, 0, SEEK_END);
     const long size = std::ftell(f);
     std::fclose(f);
-    if (!got || header[0] <= 0 || header[1] <= 0 || header[2] <= 0) return false;
-    return size == 12 + 4L * header[0] * header[1] * header[2];
+    if (!got || header[0] <= 0 || header[1] <= 0 || header[2] <= 0 || size < 12) return false;
+    // Any header of a real file's size: compared by division, as the product
+    // of three arbitrary int32 values overflows 64 bits.
+    const uint64_t values = static_cast<uint64_t>(size - 12) / 4;
+    if ((size - 12) % 4 != 0) return false;
+    const uint64_t bands = static_cast<uint64_t>(header[0]),
+                   plane = static_cast<uint64_t>(header[1]) * static_cast<uint64_t>(header[2]);
+    return values % bands == 0 && values / bands == plane;
 }
 
 Raster readImage(const std::string& path, const std::string& role, const Conversion& conversion) {
