@@ -21,6 +21,21 @@
 
 namespace {
 
+// For each of k labels, the index of the first label equal to it: the class
+// the label statistics give a pixel carrying that label.
+std::vector<int> firstIndices(const int* labels, int k) {
+    std::vector<int> first(k);
+    for (int c = 0; c < k; ++c) {
+        first[c] = c;
+        for (int e = 0; e < c; ++e)
+            if (labels[e] == labels[c]) {
+                first[c] = e;
+                break;
+            }
+    }
+    return first;
+}
+
 // n square d x d matrices.
 double*** newCube(int n, int d) {
     double*** c = new double**[n > 0 ? n : 0];
@@ -243,15 +258,7 @@ double** PottsEngine::kGLA(PottsWS* w, int* labels) {
     // read back from the map (scattered reads) by every statistic: the index
     // of the first label equal to the pixel's map label, as the label
     // statistics resolve it.  The map itself is written once, at the end.
-    std::vector<int> firstOf(k);
-    for (int c = 0; c < k; ++c) {
-        firstOf[c] = c;
-        for (int e = 0; e < c; ++e)
-            if (labels[e] == labels[c]) {
-                firstOf[c] = e;
-                break;
-            }
-    }
+    const std::vector<int> firstOf = firstIndices(labels, k);
     std::vector<int> classOf(n, -1);
     for (int p = 0; p < n; ++p) {
         const int l = cell(region, w->coords[p]);
@@ -366,15 +373,7 @@ int PottsEngine::sweeps(int* labels, int k, int* classOf, EnergyAt energyAt) {
     const int n = ws->loadedCount;
     const double total = ws->envelopeCount;
     constexpr int kAhead = 16;
-    std::vector<int> firstOf(k);
-    for (int c = 0; c < k; ++c) {
-        firstOf[c] = c;
-        for (int e = 0; e < c; ++e)
-            if (labels[e] == labels[c]) {
-                firstOf[c] = e;
-                break;
-            }
-    }
+    const std::vector<int> firstOf = firstIndices(labels, k);
     int done = 0;
     double rate = 0.0;
     do {
