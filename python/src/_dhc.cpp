@@ -38,7 +38,6 @@
 #include "hierarchy/TreeJson.h"
 #include "settings/DHC_SET.h"
 #include "settings/Fatal.h"
-#include "workspace/WSReport.h"
 
 namespace py = pybind11;
 
@@ -195,75 +194,40 @@ py::array_t<T> vectorArray(const T* values, int n) {
 }
 
 // Everything a run hands back, built without the GIL.
-struct RegionData {
-    int label, depth, area, edges, bands;
-    bool split, terminal, textureBased;
-    double beta, sgBasic, sgTex, sgSpec, energy;
-    std::vector<int> path, children, offspring, childAreas;
-    std::vector<double> mean, covariance;  // covariance row-major, bands x bands
-    bool hasMean, hasCovariance;
-};
 
 struct RunResult {
     std::vector<int> labels, fragments;
     bool hasFragments = false, hasTree = false;
     dhc::SplitSummary summary;
-    std::vector<RegionData> regions;
-    std::shared_ptr<dhc::Hierarchy> hierarchy;  // every cut of the tree
+    std::shared_ptr<dhc::Hierarchy> hierarchy;  // every region, and every cut of the tree
     std::string treeJson;                       // the tree as the tool's --tree writes it
 };
 
-RegionData regionData(const WSReport& r) {
-    RegionData d;
-    d.label = r.WSLab;
-    d.depth = r.pathLength;
-    d.area = r.area;
-    d.edges = r.edges;
-    d.bands = r.nBands;
-    d.split = r.split;
-    d.terminal = r.terminal;
-    d.textureBased = r.textureBased;
-    d.beta = r.beta;
-    d.sgBasic = r.splitGainTFR;
-    d.sgTex = r.mixtureSplitGainTFR;
-    d.sgSpec = r.splitGainMRF;
-    d.energy = r.totalLikelihoodEnergy;
-    if (r.path != nullptr) d.path.assign(r.path, r.path + r.pathLength);
-    if (r.children != nullptr) d.children.assign(r.children, r.children + r.nChildren);
-    if (r.offspring != nullptr) d.offspring.assign(r.offspring, r.offspring + r.nOffspring);
-    if (r.chAreas != nullptr) d.childAreas.assign(r.chAreas, r.chAreas + r.nChildren);
-    d.hasMean = r.mean != nullptr;
-    if (d.hasMean) d.mean.assign(r.mean, r.mean + r.nBands);
-    d.hasCovariance = r.covariance != nullptr;
-    if (d.hasCovariance)
-        for (int i = 0; i < r.nBands; ++i)
-            d.covariance.insert(d.covariance.end(), r.covariance[i], r.covariance[i] + r.nBands);
-    return d;
-}
-
-py::dict regionDict(const RegionData& d) {
+py::dict regionDict(const dhc::RegionNode& d) {
+    auto ints = [](const std::vector<int>& v) { return vectorArray(v.data(), static_cast<int>(v.size())); };
     py::dict out;
     out["label"] = d.label;
     out["depth"] = d.depth;
-    out["path"] = vectorArray(d.path.data(), static_cast<int>(d.path.size()));
-    out["children"] = vectorArray(d.children.data(), static_cast<int>(d.children.size()));
-    out["offspring"] = vectorArray(d.offspring.data(), static_cast<int>(d.offspring.size()));
+    out["path"] = ints(d.path);
+    out["children"] = ints(d.children);
+    out["offspring"] = ints(d.offspring);
     out["split"] = d.split;
     out["is_terminal"] = d.terminal;
     out["beta"] = d.beta;
     out["edges"] = d.edges;
     out["texture_based"] = d.textureBased;
-    out["sg_basic"] = d.sgBasic;
-    out["sg_tex"] = d.sgTex;
-    out["sg_spec"] = d.sgSpec;
+    out["sg_basic"] = d.splitGainTFR;
+    out["sg_tex"] = d.mixtureSplitGainTFR;
+    out["sg_spec"] = d.splitGainMRF;
     out["area"] = d.area;
-    out["child_areas"] = vectorArray(d.childAreas.data(), static_cast<int>(d.childAreas.size()));
-    out["total_likelihood_energy"] = d.energy;
+    out["child_areas"] = ints(d.childAreas);
+    out["total_likelihood_energy"] = d.likelihoodEnergy;
     out["bands"] = d.bands;
-    out["mean"] = d.hasMean ? py::object(vectorArray(d.mean.data(), d.bands)) : py::object(py::none());
-    if (d.hasCovariance) {
+    out["mean"] = d.mean.empty() ? py::object(py::none()) : py::object(vectorArray(d.mean.data(), d.bands));
+    if (!d.covariance.empty()) {
         py::array_t<double> sigma({static_cast<py::ssize_t>(d.bands), static_cast<py::ssize_t>(d.bands)});
-        std::copy(d.covariance.begin(), d.covariance.end(), sigma.mutable_data());
+        for (int i = 0; i < d.bands; ++i)
+            std::copy(d.covariance[i].begin(), d.covariance[i].end(), sigma.mutable_data() + i * d.bands);
         out["covariance"] = sigma;
     } else {
         out["covariance"] = py::none();
@@ -337,8 +301,6 @@ py::dict segment(const py::array& image, const py::object& mask, const py::objec
         if (result.hasTree) {
             const dhc::RegionReports reports(*out.dhc);
             result.summary = dhc::summarizeSplits(*out.dhc, reports);
-            result.regions.reserve(static_cast<size_t>(reports.size()));
-            for (int i = 0; i < reports.size(); ++i) result.regions.push_back(regionData(reports[i]));
             result.hierarchy = std::make_shared<dhc::Hierarchy>(dhc::Hierarchy::fromRun(out, *settings));
             result.treeJson = dhc::treeJsonText(*result.hierarchy, *settings, "dhc (Python)", DHC_VERSION);
         }
@@ -362,7 +324,7 @@ py::dict segment(const py::array& image, const py::object& mask, const py::objec
         std::copy(s.offspring.begin(), s.offspring.end(), offspring.mutable_data());
         out["offspring"] = offspring;
         py::list regions;
-        for (const RegionData& d : result.regions) regions.append(regionDict(d));
+        for (const dhc::RegionNode& d : result.hierarchy->nodes()) regions.append(regionDict(d));
         out["regions"] = regions;
         out["hierarchy"] = py::cast(result.hierarchy);
         out["tree"] = result.treeJson;
@@ -465,11 +427,12 @@ PYBIND11_MODULE(_dhc, m) {
         .def("splits", &dhc::Hierarchy::splits)
         .def("leaves_after", &dhc::Hierarchy::leavesAfter, py::arg("k"))
         .def("splits_for_leaves", &dhc::Hierarchy::splitsForLeaves, py::arg("leaves"))
-        .def("cut",
-             [](const dhc::Hierarchy& h, int k) {
-                 return adopt(h.cut(k), std::vector<py::ssize_t>{h.rows(), h.cols()});
-             },
-             py::arg("k"))
+        .def(
+            "cut",
+            [](const dhc::Hierarchy& h, int k) {
+                return adopt(h.cut(k), std::vector<py::ssize_t>{h.rows(), h.cols()});
+            },
+            py::arg("k"))
         .def("levels", [](const dhc::Hierarchy& h) {
             return adopt(h.levels(), std::vector<py::ssize_t>{h.splits() + 1, h.rows(), h.cols()});
         });

@@ -34,6 +34,7 @@ RegionNode fromReport(const WSReport& r) {
     n.mixtureSplitGainTFR = r.mixtureSplitGainTFR;
     n.splitGainTFR = r.splitGainTFR;
     n.likelihoodEnergy = r.totalLikelihoodEnergy;
+    n.bands = r.nBands;
     if (r.mean != nullptr) n.mean.assign(r.mean, r.mean + r.nBands);
     if (r.covariance != nullptr)
         for (int i = 0; i < r.nBands; ++i)

@@ -54,7 +54,8 @@ struct RegionNode {
     double mixtureSplitGainTFR = 0.0;
     double splitGainTFR = 0.0;
     double likelihoodEnergy = 0.0;
-    std::vector<double> mean;
+    int bands = 0;
+    std::vector<double> mean;  // empty when the region has no statistics
     std::vector<std::vector<double>> covariance;
 };
 
