@@ -12,9 +12,12 @@ classdef DhcProblem
   %   roi      R x C mask: pixels equal to 1 are segmented, or [] to use
   %            initSeg > 0 (the whole frame when initSeg is [] as well).
   %   gt       R x C ground truth, read in supervised runs only.
+  %   threads  threads the run may use: 0 (the default) for one per core.
+  %            The results are the same for every number.
   %
   %   Any numeric or logical type is accepted and stored as double.  A plain
-  %   struct with the fields data, initSeg, roi and gt works as well.
+  %   struct with the fields data, initSeg, roi and gt (and optionally
+  %   threads) works as well.
   %
   %   See also DhcSettings, dhc.
 
@@ -23,6 +26,7 @@ classdef DhcProblem
     initSeg = [];
     roi = [];
     gt = [];
+    threads = 0;
   end
 
   methods

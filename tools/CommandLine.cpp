@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "frontend/InputError.h"
+#include "frontend/SettingsCheck.h"
 
 const char* const kUsage =
     "Usage: dhc COMMAND [OPTION]... [FILE]...\n"
@@ -54,6 +55,8 @@ const char* const kSegmentUsage =
     "                         (default: the power of ten giving the widest band range\n"
     "                         at least 10,000 steps)\n"
     "      --nodata=V         nodata value of every image band (replaces the file's)\n"
+    "      --threads=N        threads to use (default 0: one per core); the results\n"
+    "                         are the same for every N\n"
     "  -q, --quiet            no progress lines on standard error\n"
     "  -h, --help             show this help\n"
     "\n"
@@ -208,6 +211,14 @@ SegmentOptions parseSegment(const std::vector<std::string>& args) {
          [&s](const std::string& v) {
              s.nodata = number("--nodata", v);
              s.hasNodata = true;
+         }},
+        {"threads", 0, true,
+         [&s](const std::string& v) {
+             try {
+                 s.threads = dhc::checkThreads(number("--threads", v), "--threads");
+             } catch (const InputError& e) {
+                 throw InputError(kExitUsage, e.what());
+             }
          }},
         {"quiet", 'q', false, [&s](const std::string&) { s.quiet = true; }},
         {"help", 'h', false, [&s](const std::string&) { s.help = true; }},

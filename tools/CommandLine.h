@@ -26,6 +26,7 @@ struct SegmentOptions {
     double scale = 1;
     bool hasNodata = false;  // --nodata: nodata value of every image band
     double nodata = 0;
+    int threads = 0;     // --threads: threads of the run (0: one per core)
     bool quiet = false;  // -q, --quiet: no progress lines
     bool help = false;   // -h, --help
 };

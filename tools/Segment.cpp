@@ -264,7 +264,7 @@ int runSegment(const SegmentOptions& o) {
     } else {
         DHC::setProgress(nullptr);
     }
-    DHC_OUT out = dhc::runSegmentation(run, *settings);
+    DHC_OUT out = dhc::runSegmentation(run, *settings, o.threads);
     const int points = run.roi->count;
     // Like the gateway, let the inputs go before the outputs are made.
     run = dhc::PreparedRun();

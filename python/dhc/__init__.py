@@ -16,6 +16,7 @@ always survives and the next call runs normally.
 from __future__ import annotations
 
 import json
+import numbers
 import os
 import tempfile
 from typing import Any, Callable, Dict, List, Optional, Sequence, Tuple
@@ -346,7 +347,7 @@ def _int32(a: np.ndarray, name: str) -> np.ndarray:
 
 
 def segment(image: Any, mask: Any = None, init: Any = None, gt: Any = None, settings: Optional[Settings] = None,
-            progress: Optional[Callable[[int, int], Any]] = None) -> Result:
+            progress: Optional[Callable[[int, int], Any]] = None, threads: int = 0) -> Result:
     """Segments a multispectral image into a hierarchy of regions.
 
     image     (bands, rows, cols) or (rows, cols) array of any integer dtype,
@@ -363,6 +364,8 @@ def segment(image: Any, mask: Any = None, init: Any = None, gt: Any = None, sett
     progress  optional callable progress(leaves, last_label), called after
               every split that becomes permanent.  An exception it raises
               stops the run and propagates (Ctrl-C does too).
+    threads   threads the run may use: 0 (the default) for one per core.
+              The results are the same for every number.
 
     Returns a dhc.Result.  The same inputs give the same labels as
     ``dhc segment`` and the MATLAB/Octave module.  The GIL is released during
@@ -381,10 +384,12 @@ def segment(image: Any, mask: Any = None, init: Any = None, gt: Any = None, sett
         raise TypeError(f"settings must be a dhc.Settings, not {type(settings).__name__}")
     if progress is not None and not callable(progress):
         raise TypeError(f"progress must be callable, not {type(progress).__name__}")
+    if isinstance(threads, bool) or not isinstance(threads, numbers.Integral):
+        raise TypeError(f"threads must be an integer, not {type(threads).__name__}")
     cube = _image(image)
     _bands, rows, cols = cube.shape
     maps = [_plane(m, name, rows, cols) for m, name in ((mask, "mask"), (init, "init"), (gt, "gt"))]
-    out = _dhc.segment(cube, *maps, settings._entries(), progress)
+    out = _dhc.segment(cube, *maps, settings._entries(), progress, float(max(min(int(threads), 2**53), -(2**53))))
     regions = None if out["regions"] is None else [Region(**r) for r in out["regions"]]
     tree = None if out["tree"] is None else json.loads(out["tree"])
     return Result(out["labels"], out["fragments"], out["classes"], out["split_order"], out["offspring"], regions,

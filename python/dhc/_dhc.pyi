@@ -18,6 +18,7 @@ def segment(
     gt: Optional[npt.NDArray[np.int32]],
     entries: List[_Entry],
     progress: Optional[Callable[[int, int], Any]],
+    threads: float,
 ) -> Dict[str, Any]: ...
 class _Hierarchy:
     def splits(self) -> int: ...

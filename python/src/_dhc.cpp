@@ -33,6 +33,7 @@
 #include "frontend/IniFile.h"
 #include "frontend/InputError.h"
 #include "frontend/Segmentation.h"
+#include "frontend/SettingsCheck.h"
 #include "frontend/TreeOutput.h"
 #include "hierarchy/Hierarchy.h"
 #include "hierarchy/TreeJson.h"
@@ -246,7 +247,7 @@ py::dict regionDict(const dhc::RegionNode& d) {
 }
 
 py::dict segment(const py::array& image, const py::object& mask, const py::object& init, const py::object& gt,
-                 const std::vector<Entry>& entries, const py::object& progress) {
+                 const std::vector<Entry>& entries, const py::object& progress, double threads) {
     requireLayout(image, 3, "image");
     const py::ssize_t bands = image.shape(0), rows = image.shape(1), cols = image.shape(2);
     if (bands < 1 || rows < 1 || cols < 1) throw py::value_error("image is empty");
@@ -264,6 +265,7 @@ py::dict segment(const py::array& image, const py::object& mask, const py::objec
                     gtArray = plane(gt, "gt");
 
     std::unique_ptr<DHC_SET> settings = checkedSettings(entries);
+    const int nThreads = dhc::checkThreads(threads, "threads");
     if (settings->supervisedMode && gt.is_none())
         throw py::value_error("supervised mode (supervised_mode=True) needs a ground truth: gt=...");
     if (!settings->supervisedMode && !gt.is_none())
@@ -290,7 +292,7 @@ py::dict segment(const py::array& image, const py::object& mask, const py::objec
             dhc::prepareRun(nRows, nCols, static_cast<int>(bands), cube.bands.data(), first(maskRows),
                             first(initRows), first(gtRows), *settings, names);
         const int points = run.roi->count;
-        DHC_OUT out = dhc::runSegmentation(run, *settings);
+        DHC_OUT out = dhc::runSegmentation(run, *settings, nThreads);
         run = dhc::PreparedRun();
         if (out.labelRoi == nullptr || out.labelRoi->count != points || out.dhc == nullptr)
             throw FatalCondition{-1, "the segmentation produced no label map"};
@@ -437,7 +439,7 @@ PYBIND11_MODULE(_dhc, m) {
             return adopt(h.levels(), std::vector<py::ssize_t>{h.splits() + 1, h.rows(), h.cols()});
         });
     m.def("segment", &segment, py::arg("image"), py::arg("mask"), py::arg("init"), py::arg("gt"),
-          py::arg("entries"), py::arg("progress"),
+          py::arg("entries"), py::arg("progress"), py::arg("threads"),
           "Runs one segmentation on checked int32 arrays; returns a dict of results.");
     m.def("_fatal", &fatalProbe, py::arg("status"), py::arg("message") = std::string(),
           "Raises a fatal condition of the core as a run would (for tests).");

@@ -39,6 +39,10 @@ GT2 = np.repeat([[1], [2]], 6, axis=0) * np.ones((1, 10), np.int32)
      "settings.multiplicity: Multiplicity must be at least 2"),
     (dict(image=IMAGE, settings={"max_number_of_classes": 3}), TypeError, "settings must be a dhc.Settings, not dict"),
     (dict(image=IMAGE, progress=3), TypeError, "progress must be callable, not int"),
+    (dict(image=IMAGE, threads=1.0), TypeError, "threads must be an integer, not float"),
+    (dict(image=IMAGE, threads=-1), ValueError,
+     "threads -1: must be a whole number of threads from 0 (one per core) to 256"),
+    (dict(image=IMAGE, threads=257), ValueError, "threads 257: must be a whole number"),
 ])
 def test_bad_input(kwargs, error, message):
     with pytest.raises(error) as e:

@@ -153,6 +153,17 @@ def test_threads_take_turns(scene):
     assert all(np.array_equal(got[k].labels, expected[k % 2]) for k in range(4))
 
 
+def test_any_number_of_threads_gives_the_same_result(scene):
+    image, _ = scene
+    # Large enough for the loops to be cut among the threads.
+    big = np.tile(image, (1, 3, 3))
+    one = dhc.segment(big, threads=1)
+    two = dhc.segment(big, threads=2)
+    assert len(one.classes) > 1
+    assert np.array_equal(one.labels, two.labels)
+    assert [r.beta for r in one.regions] == [r.beta for r in two.regions]
+
+
 def test_labels_equal_the_mex_modules(scene, tmp_path):
     octave, mex_dir = os.environ.get("DHC_OCTAVE"), os.environ.get("DHC_MEX_DIR")
     if not octave or not mex_dir:

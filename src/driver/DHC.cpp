@@ -14,6 +14,7 @@
 #include "data/PaddedMap.h"
 #include "data/PottsMapRegion.h"
 #include "data/ROI.h"
+#include "settings/Workers.h"
 #include "engine/PottsEngine.h"
 #include "settings/DHC_SET.h"
 #include "settings/Fatal.h"
@@ -394,6 +395,8 @@ ROI<int, xy>* DHC::fragmentLeaves(ROI<int, xy>* points) {
 DHC_OUT DHC::dhc(DHC_IN in) {
     DHC_OUT out;
     if (in.mode != 0 && in.mode != 1) return out;
+    dhc::Workers team(in.threads);
+    dhc::UseWorkers useTeam(team);
 
     const bool fileSource = in.source == 1;
     // The settings: the caller's record, or (file source without one) read

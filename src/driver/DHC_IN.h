@@ -39,4 +39,6 @@ struct DHC_IN {
     std::string gtFile;
     // Supervised, in-memory source: ground-truth labels, one per ROI point (not owned).
     ROI<int, xy>* gt = nullptr;
+    // Threads the run may use (0: one per core).  The results do not depend on it.
+    int threads = 0;
 };

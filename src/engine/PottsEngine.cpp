@@ -13,6 +13,7 @@
 #include "settings/DHC_SET.h"
 #include "settings/Fatal.h"
 #include "settings/RowMatrix.h"
+#include "settings/Workers.h"
 #include "stats/FMSC.h"
 #include "stats/FeatureSpace.h"
 #include "stats/Mixture.h"
@@ -57,32 +58,31 @@ const int* pixel(const PottsWS* w, int p) {
     return w->data + static_cast<std::size_t>(p) * w->bands;
 }
 
-// One Lloyd iteration over the loaded pixels: every pixel goes to the nearest
-// of the m codewords (the first of equally near ones); its class index (firstOf
-// of the codeword) goes to classOf, its squared distance is added to that
-// codeword's distortion, and its values to the class's integer sums (exact for
-// any int32 values) and count.  The new codewords are the classes' means, as
-// the class-array means of the workspace give them (a class without pixels
-// gets a zero codeword), from the same pass instead of a second one.
+// Pixels below this many per chunk are not worth handing to another thread.
+constexpr int kGrain = 16384;
+
+// The Lloyd assignment of the loaded pixels [begin, end): every pixel goes to
+// the nearest of the m codewords cw (side by side; the first of equally near
+// ones); its class index (firstOf of the codeword) goes to classOf and its
+// values to the class's integer sums (exact for any int32 values) and count.
+// The distances are summed band by band in a fixed order, so their bits do not
+// depend on how the pixels are cut.
 template <int D>
-void lloydPassOf(const PottsWS* w, int n, double** code, int m, const int* firstOf, int* classOf,
-                 double* distortion, int* counts) {
+void assignRange(const PottsWS* w, int begin, int end, const double* cw, int m, const int* firstOf,
+                 int* classOf, int64_t* sumsOut, int* countsOut) {
     const int d = D > 0 ? D : w->bands;
+    // Accumulated here, not in the caller's arrays: chunks side by side there
+    // would share cache lines between threads.
     std::vector<int64_t> sums(static_cast<std::size_t>(m) * d, 0);
-    // The codewords side by side, and each pixel's values converted once for all
-    // of them; the distances are summed band by band as before, so the bits agree.
-    std::vector<double> cw(static_cast<std::size_t>(m) * d);
-    for (int c = 0; c < m; ++c)
-        std::copy(code[c], code[c] + d, cw.begin() + static_cast<std::ptrdiff_t>(c) * d);
+    std::vector<int> counts(static_cast<std::size_t>(m), 0);
     std::vector<double> xd(static_cast<std::size_t>(d));
-    for (int c = 0; c < m; ++c) counts[c] = 0;
-    for (int p = 0; p < n; ++p) {
+    for (int p = begin; p < end; ++p) {
         const int* x = pixel(w, p);
         for (int b = 0; b < d; ++b) xd[b] = static_cast<double>(x[b]);
         int best = 0;
         double bestDist = 0.0;
         for (int c = 0; c < m; ++c) {
-            const double* cc = &cw[static_cast<std::size_t>(c) * d];
+            const double* cc = cw + static_cast<std::size_t>(c) * d;
             double dist = 0.0;
             for (int b = 0; b < d; ++b) {
                 const double t = xd[b] - cc[b];
@@ -93,32 +93,103 @@ void lloydPassOf(const PottsWS* w, int n, double** code, int m, const int* first
                 best = c;
             }
         }
-        distortion[best] += bestDist;
         const int j = firstOf[best];
         classOf[p] = j;
         int64_t* sum = &sums[static_cast<std::size_t>(j) * d];
         for (int b = 0; b < d; ++b) sum[b] += x[b];
         ++counts[j];
     }
-    for (int c = 0; c < m; ++c)
-        for (int b = 0; b < d; ++b)
-            code[c][b] = counts[c] > 0 ? static_cast<double>(sums[static_cast<std::size_t>(c) * d + b]) /
-                                             static_cast<double>(counts[c])
-                                       : 0.0;
+    std::copy(sums.begin(), sums.end(), sumsOut);
+    std::copy(counts.begin(), counts.end(), countsOut);
 }
 
-// The common band counts get a pass with the count fixed at compile time.
-void lloydPass(const PottsWS* w, int n, double** code, int m, const int* firstOf, int* classOf,
-               double* distortion, int* counts) {
+// The distortion of every codeword after assignRange over all pixels with the
+// same codewords: the squared distances of its pixels summed in pixel order.
+template <int D>
+void distortionOf(const PottsWS* w, int n, const double* cw, int m, const int* firstOf, const int* classOf,
+                  double* distortion) {
+    const int d = D > 0 ? D : w->bands;
+    bool distinct = true;
+    for (int c = 0; c < m; ++c) distinct = distinct && firstOf[c] == c;
+    std::vector<double> xd(static_cast<std::size_t>(d));
+    for (int c = 0; c < m; ++c) distortion[c] = 0.0;
+    for (int p = 0; p < n; ++p) {
+        const int* x = pixel(w, p);
+        for (int b = 0; b < d; ++b) xd[b] = static_cast<double>(x[b]);
+        // With distinct labels the class is the codeword; otherwise the
+        // nearest codeword is found again.
+        int best = distinct ? classOf[p] : 0;
+        double bestDist = 0.0;
+        for (int c = distinct ? best : 0; c < (distinct ? best + 1 : m); ++c) {
+            const double* cc = cw + static_cast<std::size_t>(c) * d;
+            double dist = 0.0;
+            for (int b = 0; b < d; ++b) {
+                const double t = xd[b] - cc[b];
+                dist += t * t;
+            }
+            if (c == 0 || distinct || dist < bestDist) {
+                bestDist = dist;
+                best = c;
+            }
+        }
+        distortion[best] += bestDist;
+    }
+}
+
+// One Lloyd iteration over the loaded pixels, cut among the run's threads: the
+// classes' counts and new codewords (their means; a class without pixels gets
+// a zero codeword).  The chunks' integer sums are merged exactly.
+template <int D>
+void lloydPassOf(const PottsWS* w, int n, double** code, int m, const int* firstOf, int* classOf,
+                 int* counts) {
+    const int d = D > 0 ? D : w->bands;
+    const std::size_t md = static_cast<std::size_t>(m) * d;
+    std::vector<double> cw(md);
+    for (int c = 0; c < m; ++c)
+        std::copy(code[c], code[c] + d, cw.begin() + static_cast<std::ptrdiff_t>(c) * d);
+    const int chunks = dhc::chunksFor(n, kGrain);
+    std::vector<int64_t> sums(md * chunks, 0);
+    std::vector<int> chunkCounts(static_cast<std::size_t>(m) * chunks, 0);
+    dhc::forChunks(n, kGrain, [&](int begin, int end, int chunk) {
+        assignRange<D>(w, begin, end, cw.data(), m, firstOf, classOf, &sums[md * chunk],
+                       &chunkCounts[static_cast<std::size_t>(m) * chunk]);
+    });
+    for (int c = 0; c < m; ++c) {
+        counts[c] = 0;
+        for (int i = 0; i < chunks; ++i) counts[c] += chunkCounts[static_cast<std::size_t>(m) * i + c];
+        for (int b = 0; b < d; ++b) {
+            int64_t sum = 0;
+            for (int i = 0; i < chunks; ++i) sum += sums[md * i + static_cast<std::size_t>(c) * d + b];
+            code[c][b] = counts[c] > 0 ? static_cast<double>(sum) / static_cast<double>(counts[c]) : 0.0;
+        }
+    }
+}
+
+// The common band counts get code with the count fixed at compile time.
+void lloydPass(const PottsWS* w, int n, double** code, int m, const int* firstOf, int* classOf, int* counts) {
     switch (w->bands) {
         case 3:
-            return lloydPassOf<3>(w, n, code, m, firstOf, classOf, distortion, counts);
+            return lloydPassOf<3>(w, n, code, m, firstOf, classOf, counts);
         case 4:
-            return lloydPassOf<4>(w, n, code, m, firstOf, classOf, distortion, counts);
+            return lloydPassOf<4>(w, n, code, m, firstOf, classOf, counts);
         case 6:
-            return lloydPassOf<6>(w, n, code, m, firstOf, classOf, distortion, counts);
+            return lloydPassOf<6>(w, n, code, m, firstOf, classOf, counts);
         default:
-            return lloydPassOf<0>(w, n, code, m, firstOf, classOf, distortion, counts);
+            return lloydPassOf<0>(w, n, code, m, firstOf, classOf, counts);
+    }
+}
+
+void lloydDistortion(const PottsWS* w, int n, const double* cw, int m, const int* firstOf, const int* classOf,
+                     double* distortion) {
+    switch (w->bands) {
+        case 3:
+            return distortionOf<3>(w, n, cw, m, firstOf, classOf, distortion);
+        case 4:
+            return distortionOf<4>(w, n, cw, m, firstOf, classOf, distortion);
+        case 6:
+            return distortionOf<6>(w, n, cw, m, firstOf, classOf, distortion);
+        default:
+            return distortionOf<0>(w, n, cw, m, firstOf, classOf, distortion);
     }
 }
 
@@ -135,23 +206,25 @@ void classEnergies(const PottsWS* w, int n, int k, double** means, double*** inv
             std::copy(inverses[c][i], inverses[c][i] + D,
                       inv.begin() + (static_cast<std::ptrdiff_t>(c) * D + i) * D);
     }
-    for (int p = 0; p < n; ++p) {
-        const int* x = pixel(w, p);
-        double xd[D];
-        for (int i = 0; i < D; ++i) xd[i] = static_cast<double>(x[i]);
-        for (int c = 0; c < k; ++c) {
-            const double* m = &mu[static_cast<std::size_t>(c) * D];
-            const double* s = &inv[static_cast<std::size_t>(c) * D * D];
-            double diff[D];
-            for (int i = 0; i < D; ++i) diff[i] = xd[i] - m[i];
-            double q = 0.0;
-            for (int i = 0; i < D; ++i) {
-                const double di = diff[i];
-                for (int j = 0; j < D; ++j) q += di * s[i * D + j] * diff[j];
+    dhc::forChunks(n, kGrain, [&](int begin, int end, int) {
+        for (int p = begin; p < end; ++p) {
+            const int* x = pixel(w, p);
+            double xd[D];
+            for (int i = 0; i < D; ++i) xd[i] = static_cast<double>(x[i]);
+            for (int c = 0; c < k; ++c) {
+                const double* m = &mu[static_cast<std::size_t>(c) * D];
+                const double* s = &inv[static_cast<std::size_t>(c) * D * D];
+                double diff[D];
+                for (int i = 0; i < D; ++i) diff[i] = xd[i] - m[i];
+                double q = 0.0;
+                for (int i = 0; i < D; ++i) {
+                    const double di = diff[i];
+                    for (int j = 0; j < D; ++j) q += di * s[i * D + j] * diff[j];
+                }
+                table[static_cast<std::size_t>(p) * k + c] = 0.5 * (logdet[c] + q);
             }
-            table[static_cast<std::size_t>(p) * k + c] = 0.5 * (logdet[c] + q);
         }
-    }
+    });
 }
 
 // 32-bit unsigned product of the class counts: zero also when the product is a
@@ -296,16 +369,14 @@ double** PottsEngine::kGLA(PottsWS* w, int* labels) {
         // (every image tried settled within 200).
         relabelled = true;
         for (int pass = 0; pass < 1000; ++pass) {
-            for (int c = 0; c < m; ++c) distortion[c] = 0.0;
             for (int c = 0; c < m; ++c)
                 for (int b = 0; b < d; ++b) previous[static_cast<std::size_t>(c) * d + b] = code[c][b];
-            lloydPass(w, n, code, m, firstOf.data(), classOf.data(), distortion.data(), counts.data());
+            lloydPass(w, n, code, m, firstOf.data(), classOf.data(), counts.data());
 
             double movement = 0.0;
             bool empty = false;
             for (int c = 0; c < m; ++c) {
                 if (counts[c] > 0) {
-                    meanDistortion[c] = distortion[c] / counts[c];
                     for (int b = 0; b < d; ++b) {
                         const double t = code[c][b] - previous[static_cast<std::size_t>(c) * d + b];
                         movement += t * t;
@@ -319,6 +390,12 @@ double** PottsEngine::kGLA(PottsWS* w, int* labels) {
                 abandoned = empty;
                 break;
             }
+        }
+        // The next step splits the class of largest mean distortion, as the
+        // last pass left it (its codewords are in previous).
+        if (!abandoned && m < k) {
+            lloydDistortion(w, n, previous.data(), m, firstOf.data(), classOf.data(), distortion.data());
+            for (int c = 0; c < m; ++c) meanDistortion[c] = distortion[c] / counts[c];
         }
     }
     dhc::deleteRows(sigma, d);
@@ -467,12 +544,14 @@ int PottsEngine::kICM(double** means, int* labels, std::vector<int>& classOf, bo
                 classEnergies<6>(ws, n, k, means, inverses, logdet.data(), table.data());
                 break;
             default:
-                for (int p = 0; p < n; ++p) {
-                    const int* x = pixel(ws, p);
-                    for (int c = 0; c < k; ++c)
-                        table[static_cast<std::size_t>(p) * k + c] =
-                            PottsLikelihoodEnergy::gaussianEnergy(x, means[c], inverses[c], logdet[c], d);
-                }
+                dhc::forChunks(n, kGrain, [&](int begin, int end, int) {
+                    for (int p = begin; p < end; ++p) {
+                        const int* x = pixel(ws, p);
+                        for (int c = 0; c < k; ++c)
+                            table[static_cast<std::size_t>(p) * k + c] =
+                                PottsLikelihoodEnergy::gaussianEnergy(x, means[c], inverses[c], logdet[c], d);
+                    }
+                });
         }
         const double* e = table.data();
         lastSweeps = sweeps(labels, k, classOf.data(),
@@ -506,57 +585,103 @@ double PottsEngine::betaHat(int* labels) {
 double PottsEngine::betaHat(int* labels, int k) {
     // Neighbour configuration of every region pixel, once per estimate:
     // a = neighbours with the pixel's own label, m = neighbours in the other
-    // classes of the split.
+    // classes of the split.  Chunks of runs are read by the run's threads and
+    // joined in run order.
     std::vector<uint8_t> config;
     if (ws != nullptr) {
         PottsMapRegion* region = ws->root;
         int** map = region->map;
         const int pad = region->pad;
-        config.reserve(region->area > 0 ? region->area : 0);
-        for (int r = 0; r < region->runCount; ++r) {
-            const run& rn = region->runs[r];
-            const int* up = map[rn.row + pad - 1];
-            const int* mid = map[rn.row + pad];
-            const int* dn = map[rn.row + pad + 1];
-            for (int c = rn.col + pad; c < rn.col + rn.len + pad; ++c) {
-                const int nb[8] = {up[c - 1],  up[c],     up[c + 1], mid[c - 1],
-                                   mid[c + 1], dn[c - 1], dn[c],     dn[c + 1]};
-                const int own = mid[c];
-                int a = 0;
-                int b = 0;
-                for (int t = 0; t < 8; ++t) {
-                    a += (nb[t] == own);
-                    for (int l = 0; l < k; ++l) {
-                        if (nb[t] == labels[l]) {
-                            ++b;
-                            break;
+        std::vector<std::vector<uint8_t>> parts(
+            static_cast<std::size_t>(dhc::chunksFor(region->runCount, 64)));
+        dhc::forChunks(region->runCount, 64, [&](int first, int last, int chunk) {
+            std::vector<uint8_t>& part = parts[chunk];
+            std::size_t cells = 0;
+            for (int r = first; r < last; ++r) cells += static_cast<std::size_t>(region->runs[r].len);
+            part.reserve(cells);
+            // The split's labels in a local copy: a store of a byte may alias
+            // anything, so reads of the caller's array would go back to memory.
+            int local[64];
+            const int kk = k;
+            const int* own = labels;
+            if (k <= 64) {
+                std::copy(labels, labels + k, local);
+                own = local;
+            }
+            for (int r = first; r < last; ++r) {
+                const run& rn = region->runs[r];
+                const int* up = map[rn.row + pad - 1];
+                const int* mid = map[rn.row + pad];
+                const int* dn = map[rn.row + pad + 1];
+                for (int c = rn.col + pad; c < rn.col + rn.len + pad; ++c) {
+                    const int nb[8] = {up[c - 1],  up[c],     up[c + 1], mid[c - 1],
+                                       mid[c + 1], dn[c - 1], dn[c],     dn[c + 1]};
+                    const int self = mid[c];
+                    int a = 0;
+                    int b = 0;
+                    for (int t = 0; t < 8; ++t) {
+                        a += (nb[t] == self);
+                        for (int l = 0; l < kk; ++l) {
+                            if (nb[t] == own[l]) {
+                                ++b;
+                                break;
+                            }
                         }
                     }
+                    // b < a only for a pixel outside every class of the split: it
+                    // has no competing configuration and takes no part in the score.
+                    if (b >= a) part.push_back(static_cast<uint8_t>(a * 9 + (b - a)));
                 }
-                // b < a only for a pixel outside every class of the split: it has
-                // no competing configuration and takes no part in the score.
-                if (b >= a) config.push_back(static_cast<uint8_t>(a * 9 + (b - a)));
             }
+        });
+        std::size_t total = 0;
+        for (const auto& part : parts) total += part.size();
+        config.reserve(total);
+        for (auto& part : parts) {
+            config.insert(config.end(), part.begin(), part.end());
+            std::vector<uint8_t>().swap(part);
         }
     }
 
-    // g(beta) = sum over pixels of a - T[a][m], the 9 x 9 table built once per evaluation.
-    auto score = [&config](double bt) {
-        double term[81];
-        for (int a = 0; a <= 8; ++a) {
-            for (int m = 0; m <= 8; ++m) {
-                const double ea = std::exp(bt * a);
-                const double em = std::exp(bt * m);
-                term[a * 9 + m] = a - (a * ea + m * em) / (ea + em);
+    // g(beta) = sum over pixels of a - T[a][m], the 9 x 9 table built once per
+    // evaluation.  Several betas are scored in one pass, each sum still taken
+    // in pixel order (so its bits are those of a pass of its own), four to a
+    // group and the groups spread over the run's threads.
+    auto scores = [&config](const std::vector<double>& betas, std::vector<double>& g) {
+        const int n = static_cast<int>(betas.size());
+        g.assign(static_cast<std::size_t>(n), 0.0);
+        const int groups = (n + 3) / 4;
+        dhc::forChunks(groups, 1, [&](int firstGroup, int lastGroup, int) {
+            for (int group = firstGroup; group < lastGroup; ++group) {
+                double term[4][81];
+                for (int i = 0; i < 4; ++i) {
+                    const int e = std::min(group * 4 + i, n - 1);
+                    const double bt = betas[e];
+                    for (int a = 0; a <= 8; ++a) {
+                        for (int m = 0; m <= 8; ++m) {
+                            const double ea = std::exp(bt * a);
+                            const double em = std::exp(bt * m);
+                            term[i][a * 9 + m] = a - (a * ea + m * em) / (ea + em);
+                        }
+                    }
+                }
+                double g0 = 0.0, g1 = 0.0, g2 = 0.0, g3 = 0.0;
+                for (uint8_t code : config) {
+                    g0 += term[0][code];
+                    g1 += term[1][code];
+                    g2 += term[2][code];
+                    g3 += term[3][code];
+                }
+                const double sums[4] = {g0, g1, g2, g3};
+                for (int i = 0; i < 4 && group * 4 + i < n; ++i) g[group * 4 + i] = sums[i];
             }
-        }
-        double g = 0.0;
-        for (uint8_t code : config) g += term[code];
-        return g;
+        });
     };
 
     double c = betaMax;
-    double gc = score(c);
+    std::vector<double> g;
+    scores({c}, g);
+    double gc = g[0];
     if (gc >= 0.0) return betaMax;
     // Bisection; the lower end is taken to be on the positive side.
     double a = betaMin;
@@ -565,20 +690,58 @@ double PottsEngine::betaHat(int* labels, int k) {
     // ends within 0.0001 (a sane interval needs a few dozen).  With ends so
     // large that 0.0001 is below their spacing the midpoint eventually lands on
     // an end: nothing is left to halve and the last midpoint is the answer.
-    for (int pass = 0; pass < 2100 && std::fabs(c - a) > 0.0001; ++pass) {
-        const double next = 0.5 * (a + c);
-        const double half = std::isfinite(next) ? next : 0.5 * a + 0.5 * c;  // a + c overflowed
-        if (half == a || half == c || !std::isfinite(half)) break;
-        mid = half;
-        const double gm = score(mid);
-        if (gc * gm < 0.0) {
-            a = mid;
-        } else {
-            c = mid;
-            gc = gm;
+    // The next midpoint of an interval, or false when the bisection stops there.
+    auto midpoint = [](double lo, double hi, double& half) {
+        if (!(std::fabs(hi - lo) > 0.0001)) return false;
+        const double next = 0.5 * (lo + hi);
+        half = std::isfinite(next) ? next : 0.5 * lo + 0.5 * hi;  // lo + hi overflowed
+        return !(half == lo || half == hi || !std::isfinite(half));
+    };
+    // The midpoints of the next kLevels passes do not depend on the scores,
+    // only on which way each pass went: all of them (a heap of both ways) are
+    // scored at once, then the passes are walked.
+    constexpr int kLevels = 3;
+    constexpr int kNodes = (1 << (kLevels + 1)) - 1;
+    int pass = 0;
+    for (;;) {
+        std::vector<double> betas;
+        int slot[kNodes + 1];
+        double lo[kNodes + 1], hi[kNodes + 1];
+        lo[1] = a;
+        hi[1] = c;
+        for (int node = 1; node <= kNodes; ++node) {
+            slot[node] = -1;
+            if (node > 1) {
+                const int parent = node / 2;
+                if (slot[parent] < 0) continue;
+                const double half = betas[slot[parent]];
+                // Child 2i: the score changed sign (a moves up); 2i + 1: c moves down.
+                lo[node] = node % 2 == 0 ? half : lo[parent];
+                hi[node] = node % 2 == 0 ? hi[parent] : half;
+            }
+            if (node >= (1 << kLevels)) continue;
+            double half = 0.0;
+            if (midpoint(lo[node], hi[node], half)) {
+                slot[node] = static_cast<int>(betas.size());
+                betas.push_back(half);
+            }
+        }
+        scores(betas, g);
+        int node = 1;
+        for (int level = 0; level < kLevels; ++level, ++pass) {
+            if (pass >= 2100 || slot[node] < 0) return mid;
+            mid = betas[slot[node]];
+            const double gm = g[slot[node]];
+            if (gc * gm < 0.0) {
+                a = mid;
+                node = 2 * node;
+            } else {
+                c = mid;
+                gc = gm;
+                node = 2 * node + 1;
+            }
         }
     }
-    return mid;
 }
 
 int PottsEngine::kEstMaxICM(double** means, int* labels) {

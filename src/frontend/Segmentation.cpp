@@ -90,8 +90,9 @@ PreparedRun prepareRun(int rows, int cols, int bands, int*** cube, int** mask, i
     return run;
 }
 
-DHC_OUT runSegmentation(const PreparedRun& run, DHC_SET& settings) {
+DHC_OUT runSegmentation(const PreparedRun& run, DHC_SET& settings, int threads) {
     DHC_IN in;
+    in.threads = threads;
     in.mode = settings.supervisedMode ? 1 : 0;
     in.source = 0;
     in.roi = run.roi.get();

@@ -45,8 +45,9 @@ struct PreparedRun {
 PreparedRun prepareRun(int rows, int cols, int bands, int*** cube, int** mask, int** init, int** gt,
                        const DHC_SET& settings, const RunNames& names = RunNames());
 
-// Runs the driver on a prepared run (progress lines through DHC::setProgress).
-DHC_OUT runSegmentation(const PreparedRun& run, DHC_SET& settings);
+// Runs the driver on a prepared run (progress lines through DHC::setProgress)
+// with up to `threads` threads (0: one per core; checkThreads).
+DHC_OUT runSegmentation(const PreparedRun& run, DHC_SET& settings, int threads = 0);
 
 // Whether a run with these settings has a tree to report (no cutting into
 // pieces) and a fragment map to give.

@@ -253,6 +253,15 @@ void checkClassStructure(int classes, int labelSpace, const GivenStructure& stru
     checkStructure(classes, labelSpace, structure, Refusal(names));
 }
 
+int checkThreads(double threads, const std::string& what) {
+    if (threads >= 0 && threads <= kMaxThreads && threads == static_cast<int>(threads))
+        return static_cast<int>(threads);
+    std::ostringstream text;
+    text << what << " " << threads << ": must be a whole number of threads from 0 (one per core) to "
+         << kMaxThreads;
+    throw InputError(kExitInput, text.str(), "dhc:badSetting");
+}
+
 unsigned long long physicalMemory() {
     const long pages = ::sysconf(_SC_PHYS_PAGES);
     const long pageSize = ::sysconf(_SC_PAGESIZE);

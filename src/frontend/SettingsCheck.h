@@ -95,6 +95,13 @@ void checkClassStructure(int classes, int labelSpace, const GivenStructure& stru
 // ("dhc:tooLarge").
 void checkImageSize(long long rows, long long cols, long long bands, const std::string& what);
 
+// Threads a run may use: a whole number from 0 (one per core) to kMaxThreads.
+// The results of a run are the same for every number.  what names the value in
+// the message ("--threads", "\"threads\""); throws an InputError
+// ("dhc:badSetting").
+constexpr int kMaxThreads = 256;
+int checkThreads(double threads, const std::string& what);
+
 // The bytes of physical memory of this machine (0 when unknown).
 unsigned long long physicalMemory();
 

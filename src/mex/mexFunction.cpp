@@ -149,7 +149,6 @@ struct MxDestroy {
 using MxOwned = std::unique_ptr<mxArray, MxDestroy>;
 using IntRoi = ROI<int, xy>;
 
-
 // Reads an optional R x C map of the problem; empty when absent or empty.
 // The map is read (and its rank asserted) even when it has no elements.
 IntMatrix readFrameMap(const mxArray* problem, const char* name, int rows, int cols) {
@@ -209,7 +208,8 @@ mxArray* buildSummary(const dhc::SplitSummary& summary) {
         double* pr = mxGetPr(offspring);
         for (int k = 0; k < nSplit; ++k)
             for (int j = 0; j < nClass; ++j)
-                pr[k + static_cast<size_t>(j) * nSplit] = summary.offspring[static_cast<size_t>(k) * nClass + j];
+                pr[k + static_cast<size_t>(j) * nSplit] =
+                    summary.offspring[static_cast<size_t>(k) * nClass + j];
         mxSetField(s.get(), 0, "OffspringMat", offspring);
     }
     return s.release();
@@ -291,6 +291,13 @@ void run(int nlhs, mxArray* plhs[], const mxArray* problem, const mxArray* setti
     }
     IntMatrix initSeg = readFrameMap(problem, "initSeg", rows, cols);
     IntMatrix mask = readFrameMap(problem, "roi", rows, cols);
+    // Optional: threads of the run (default 0, one per core).
+    int threads = 0;
+    const MxValue t = mxNumericProperty(problem, "threads");
+    if (t && mxGetNumberOfElements(t.get()) > 1)
+        throw MxError("dhc:badProperty", "\"threads\" must be a scalar");
+    if (t && mxGetNumberOfElements(t.get()) == 1)
+        threads = dhc::checkThreads(mxGetPr(t.get())[0], "\"threads\"");
 
     dhc::RunNames names;
     names.gt = "\"gt\"";
@@ -304,7 +311,7 @@ void run(int nlhs, mxArray* plhs[], const mxArray* problem, const mxArray* setti
     initSeg.reset();
     gt.reset();
 
-    const DHC_OUT out = dhc::runSegmentation(prepared, *settings);
+    const DHC_OUT out = dhc::runSegmentation(prepared, *settings, threads);
     if (out.labelRoi == nullptr || out.dhc == nullptr)
         throw MxError("dhc:internal", "the driver returned no result");
 

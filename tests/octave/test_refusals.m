@@ -169,3 +169,18 @@ u.supervisedMode = 1;
 dhc_expect_error('dhc:missingProperty', '"supSet"', 3, @dhc, DhcProblem(img, [], [], gt2), u);
 
 printf('test_refusals: passed\n');
+
+% threads: a whole number from 0 to 256; any number gives the same labels.
+dhc_expect_error('dhc:badSetting', '"threads" -1: must be a whole number of threads from 0 (one per core) to 256', ...
+                 3, @dhc, setfield(DhcProblem(img), 'threads', -1), s);
+dhc_expect_error('dhc:badSetting', '"threads" 1.5: must be a whole number', 3, @dhc, ...
+                 setfield(DhcProblem(img), 'threads', 1.5), s);
+dhc_expect_error('dhc:badProperty', '"threads" must be a scalar', 3, @dhc, setfield(DhcProblem(img), 'threads', [1 2]), s);
+[big, ~] = dhc_quadrants(192, 192, 3);
+big = big + mod((1:192)' * (1:192), 37);   % noise: the loops run over many passes
+labels = {};
+for threads = [1 2]
+  [o, ~, ~] = dhc(setfield(DhcProblem(big), 'threads', threads), s);
+  labels{end + 1} = o.segmentation;
+end
+dhc_check(isequal(labels{1}, labels{2}) && numel(unique(labels{1})) > 1, 'one and two threads give the same labels');
