@@ -14,12 +14,12 @@
 #include "data/PaddedMap.h"
 #include "data/PottsMapRegion.h"
 #include "data/ROI.h"
-#include "settings/Workers.h"
 #include "engine/PottsEngine.h"
 #include "settings/DHC_SET.h"
 #include "settings/Fatal.h"
 #include "settings/FileName.h"
 #include "settings/RowMatrix.h"
+#include "settings/Workers.h"
 #include "stats/Mixture.h"
 #include "stats/OpMatrix.h"
 #include "workspace/PottsWS.h"
@@ -530,9 +530,97 @@ void DHC::testSplitting(SplittingOptions opts) {
     std::vector<int> untested;
     for (WSNode* node : tree->terminals)
         if (node->data->splitState == 0) untested.push_back(node->label);
+    // Leaves cut into pieces first, or split into a number of children that
+    // mean shift estimates (and prints), are taken one after the other.
+    const dhc::Workers* team = dhc::installedWorkers();
+    if (team != nullptr && team->size() > 1 && untested.size() > 1 && opts.splitOption != 2 &&
+        !variableMultiplicity && engine->multiplicity >= 2) {
+        std::vector<WSNode*> leaves;
+        for (int label : untested) leaves.push_back(tree->root->find(label));
+        splitLeavesSideBySide(opts, leaves);
+        tree->current = leaves.back();
+        return;
+    }
     for (int label : untested) {
         tree->current = tree->root->find(label);
         split(opts);
+    }
+}
+
+// The leaves' splits are independent: each reads its own pixels and writes
+// its own region of the label map, and compares neighbours across its edge
+// only with its own fresh labels, which no other region carries.  What is
+// shared is ordered here: labels are picked in leaf order before the splits
+// run, and the children are attached in leaf order after.  A refused split
+// gives its labels back, so in one-after-the-other order the next leaf would
+// have picked other labels: the leaves after it in the group are undone and
+// split again one after the other.
+void DHC::splitLeavesSideBySide(const SplittingOptions& opts, const std::vector<WSNode*>& leaves) {
+    const int k = engine->multiplicity;
+    const int size = dhc::installedWorkers()->size();
+    while (static_cast<int>(sideEngines_.size()) < size - 1) sideEngines_.emplace_back(makeEngine());
+    auto engineOf = [&](size_t slot) { return slot == 0 ? engine : sideEngines_[slot - 1].get(); };
+
+    PottsEngine* last = nullptr;
+    size_t next = 0;
+    while (next < leaves.size()) {
+        // The next group: up to `size` leaves large enough to split.
+        std::vector<WSNode*> group;
+        while (next < leaves.size() && static_cast<int>(group.size()) < size) {
+            WSNode* node = leaves[next++];
+            if (areaOf(node->data) < opts.minSplitArea) {
+                node->data->splitState = -1;
+                continue;
+            }
+            group.push_back(node);
+        }
+        if (group.empty()) break;
+        const size_t n = group.size();
+        std::vector<std::unique_ptr<int[]>> fresh(n);
+        for (size_t j = 0; j < n; ++j) fresh[j].reset(labels->pickMultiple(k));
+        std::vector<PottsWS**> children(n, nullptr);
+        dhc::forChunks(static_cast<int>(n), 1, [&](int begin, int end, int) {
+            for (int j = begin; j < end; ++j)
+                children[j] = engineOf(j)->split(group[j]->data, fresh[j].get(), opts.keepTests, opts.beta);
+        });
+
+        size_t failed = n;
+        for (size_t j = 0; j < n && failed == n; ++j) {
+            PottsWS* ws = group[j]->data;
+            last = engineOf(j);
+            if (ws->splitState == 2 && children[j] != nullptr) {
+                group[j]->appendChildren(k, children[j], fresh[j].get());
+                delete[] children[j];
+            } else {
+                failed = j;
+            }
+        }
+        if (failed == n) continue;
+        // Undo the leaves after the refused one, newest first (their labels go
+        // back in reverse order of picking, which restores the allocator), then
+        // refuse it as one-after-the-other order does and split the rest again.
+        for (size_t j = n; j-- > failed + 1;) {
+            PottsWS* ws = group[j]->data;
+            if (children[j] != nullptr) {
+                for (int i = 0; i < k; ++i) delete children[j][i];
+                delete[] children[j];
+            }
+            for (int i = k; i-- > 0;) labels->release(fresh[j][i]);
+            ws->root->mapRefresh(ws->root->label, false);
+            ws->splitState = 0;
+        }
+        abandonSplit(labels, group[failed]->data, fresh[failed].get(), k, children[failed]);
+        last = engineOf(failed);
+        for (size_t j = failed + 1; j < n; ++j) {
+            splitLeaf(opts, group[j]);
+            last = engine;
+        }
+    }
+    // The main engine ends as the last split left its engine.
+    if (last != nullptr && last != engine) {
+        engine->beta = last->beta;
+        engine->lastSweeps = last->lastSweeps;
+        engine->lastPasses = last->lastPasses;
     }
 }
 

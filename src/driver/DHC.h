@@ -18,7 +18,9 @@
 
 #include <functional>
 #include <iosfwd>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "data/xy.h"
 #include "driver/DHC_IN.h"
@@ -188,6 +190,11 @@ class DHC {
     PottsWS* rootWS() const;
     int leafCount() const;
     void splitLeaf(const SplittingOptions& opts, TreeNode<PottsWS*>* node);
+    // Tentative splits of the given leaves, several at a time on the run's
+    // threads, with the results (labels, tree, allocator) of one after the other.
+    void splitLeavesSideBySide(const SplittingOptions& opts, const std::vector<TreeNode<PottsWS*>*>& leaves);
+    // Engines of the threads beyond the first, made on demand like `engine`.
+    std::vector<std::unique_ptr<PottsEngine>> sideEngines_;
     void splitPieces(const SplittingOptions& opts, TreeNode<PottsWS*>* node, PottsWS** pieces, int nPieces);
     double blindScore(const SplittingOptions& opts, TreeNode<PottsWS*>* node) const;
     void finishMixTree(int* levels, int** paths, int nClasses);

@@ -11,7 +11,6 @@
 
 #include <condition_variable>
 #include <cstddef>
-#include <exception>
 #include <functional>
 #include <mutex>
 #include <thread>
@@ -29,27 +28,28 @@ class Workers {
 
     int size() const { return static_cast<int>(threads_.size()) + 1; }
 
-    // Runs task(part) for every part in [0, parts), parts <= size(); part 0 on
-    // the caller.  Returns when all are done; the first exception a part threw
-    // is thrown again here.
+    // Runs task(part) for every part in [0, parts) and returns when all are
+    // done; the first exception a part threw is thrown again here.  Any thread
+    // may call it, a part of another call included: the caller takes parts of
+    // its own call, the team's idle threads take any, and a caller whose parts
+    // are all taken helps with other calls' parts while it waits.
     void run(int parts, const std::function<void(int)>& task);
 
     // The cores of this machine (at least 1).
     static int cores();
 
   private:
-    void serve(int part);
+    struct Batch;
+    void serve();
+    // Takes the next part of `b` (lock held); false when none is left.
+    bool claim(Batch& b, int& part);
+    void runPart(std::unique_lock<std::mutex>& lock, Batch& b, int part);
 
     std::vector<std::thread> threads_;
     std::mutex mutex_;
-    std::condition_variable wake_;
-    std::condition_variable done_;
-    const std::function<void(int)>* task_ = nullptr;
-    int parts_ = 0;
-    int pending_ = 0;
-    unsigned long generation_ = 0;
+    std::condition_variable changed_;  // a part was offered or a batch finished
+    std::vector<Batch*> open_;         // batches with parts not yet taken, oldest first
     bool stopping_ = false;
-    std::exception_ptr error_;
 };
 
 // Installs a team on the calling thread for the scope of this object.

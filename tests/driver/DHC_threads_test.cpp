@@ -26,6 +26,24 @@ Scene bigQuadrants() {
     return s;
 }
 
+// A flat block (one value: its split is refused) beside two noisy classes,
+// flat on the left or on the right, so that the refused split comes first or
+// last among the leaves split side by side.
+Scene flatBeside(bool flatLeft) {
+    Scene s(160, 240, 2);
+    for (int r = 0; r < s.rows; ++r)
+        for (int c = 0; c < s.cols; ++c) {
+            const bool left = c < 120;
+            s.truth[r][c] = left == flatLeft ? 1 : (r < 80 ? 2 : 3);
+        }
+    s.paint({{500, 500}, {100, 140}, {160, 110}}, 20);
+    for (int r = 0; r < s.rows; ++r)
+        for (int c = 0; c < s.cols; ++c)
+            if (s.truth[r][c] == 1)
+                for (int b = 0; b < s.bands; ++b) s.cube[b][r][c] = 500;
+    return s;
+}
+
 struct Outcome {
     std::vector<int> labels;
     std::vector<double> figures;  // beta, gain and mean of every node, tree order
@@ -40,8 +58,7 @@ void collect(TreeNode<PottsWS*>* node, std::vector<double>& out) {
     for (int c = 0; c < node->nChildren; ++c) collect(node->children[c], out);
 }
 
-Outcome runWith(int multiplicity, int threads) {
-    Scene scene = bigQuadrants();
+Outcome runWith(Scene scene, int multiplicity, int threads) {
     std::unique_ptr<ROI<int, xy>> roi(scene.dataRoi());
     DHC_SET s;
     s.multiplicity = multiplicity;
@@ -67,11 +84,11 @@ Outcome runWith(int multiplicity, int threads) {
 
 TEST(DHCThreads, OneTwoAndThreeThreadsGiveTheSameTree) {
     for (int multiplicity : {2, 3}) {
-        const Outcome one = runWith(multiplicity, 1);
+        const Outcome one = runWith(bigQuadrants(), multiplicity, 1);
         ASSERT_GT(one.figures.size(), 7u)
             << "the scene must split: state " << one.figures[2] << " gain " << one.figures[1];
         for (int threads : {2, 3}) {
-            const Outcome many = runWith(multiplicity, threads);
+            const Outcome many = runWith(bigQuadrants(), multiplicity, threads);
             EXPECT_EQ(many.labels, one.labels) << multiplicity << " children, " << threads << " threads";
             // Bitwise: the figures come from sums taken in the same order.
             ASSERT_EQ(many.figures.size(), one.figures.size());
@@ -79,5 +96,17 @@ TEST(DHCThreads, OneTwoAndThreeThreadsGiveTheSameTree) {
                 EXPECT_EQ(std::memcmp(&many.figures[i], &one.figures[i], sizeof(double)), 0)
                     << "figure " << i << ": " << many.figures[i] << " vs " << one.figures[i];
         }
+    }
+}
+
+TEST(DHCThreads, ARefusedSplitAmongLeavesSplitSideBySideLeavesTheSameTree) {
+    for (bool flatLeft : {true, false}) {
+        const Outcome one = runWith(flatBeside(flatLeft), 2, 1);
+        const Outcome two = runWith(flatBeside(flatLeft), 2, 2);
+        ASSERT_GT(one.figures.size(), 2 * 5u) << "the scene must split";
+        EXPECT_EQ(two.labels, one.labels);
+        ASSERT_EQ(two.figures.size(), one.figures.size());
+        for (size_t i = 0; i < one.figures.size(); ++i)
+            EXPECT_EQ(std::memcmp(&two.figures[i], &one.figures[i], sizeof(double)), 0) << "figure " << i;
     }
 }
