@@ -19,8 +19,8 @@
 #include "driver/DHC_OUT.h"
 #include "frontend/IniFile.h"
 #include "frontend/InputError.h"
-#include "frontend/SettingsCheck.h"
 #include "frontend/Segmentation.h"
+#include "frontend/SettingsCheck.h"
 #include "hierarchy/Hierarchy.h"
 #include "hierarchy/RgbImage.h"
 #include "hierarchy/TreeJson.h"
@@ -244,7 +244,8 @@ int runSegment(const SegmentOptions& o) {
         names.gt = "ground truth \"" + o.gt + "\"";
         names.settings = settingNames(ini);
         run = dhc::prepareRun(image.rows, image.cols, image.bands, imageRaster.cube, mask, init,
-                              gtRaster.cube != nullptr ? gtRaster.cube[0] : nullptr, *settings, names);
+                              gtRaster.cube != nullptr ? gtRaster.cube[0] : nullptr, *settings, names,
+                              o.threads);
         imageRaster = dhc::io::Raster();
         maskRaster = dhc::io::Raster();
         initRaster = dhc::io::Raster();
@@ -299,7 +300,8 @@ int runSegment(const SegmentOptions& o) {
         writeOutput(fragmentsOut, fragmentsDriver, fragments, image.rows, image.cols, geo);
     }
     if (levelsOut.fd >= 0) writeMap(levelsOut, tree->levels(), image.rows, image.cols, tree->splits() + 1);
-    if (treeOut.fd >= 0) OutputFiles::writeAll(treeOut, dhc::treeJsonText(*tree, *settings, "dhc", DHC_VERSION));
+    if (treeOut.fd >= 0)
+        OutputFiles::writeAll(treeOut, dhc::treeJsonText(*tree, *settings, "dhc", DHC_VERSION));
     if (treeSvgOut.fd >= 0) OutputFiles::writeAll(treeSvgOut, dhc::treeSvg(*tree));
     if (treePngOut.fd >= 0) {
         try {

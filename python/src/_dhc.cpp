@@ -290,7 +290,7 @@ py::dict segment(const py::array& image, const py::object& mask, const py::objec
         HostGuard guard(progress.is_none() ? nullptr : progress.ptr(), callbackError);
         dhc::PreparedRun run =
             dhc::prepareRun(nRows, nCols, static_cast<int>(bands), cube.bands.data(), first(maskRows),
-                            first(initRows), first(gtRows), *settings, names);
+                            first(initRows), first(gtRows), *settings, names, nThreads);
         const int points = run.roi->count;
         DHC_OUT out = dhc::runSegmentation(run, *settings, nThreads);
         run = dhc::PreparedRun();

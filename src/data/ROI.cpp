@@ -7,6 +7,34 @@
 #include <vector>
 
 #include "settings/Random.h"
+#include "settings/Workers.h"
+
+namespace {
+
+// Regions of interest smaller than this are shuffled on one thread.
+constexpr int kShuffleGrain = 1 << 16;
+
+// The shuffle's swaps on a position array: each swap exchanges the entries
+// at two positions drawn from the generator (first, then second).  The draws
+// do not depend on the entries, so they are taken a batch ahead (same draws,
+// same order) and the entries fetched before swapping.
+void applySwaps(dhc::Random& random, long swaps, std::vector<int32_t>& at) {
+    const int count = static_cast<int>(at.size());
+    constexpr long kBatch = 32;
+    int is[kBatch], js[kBatch];
+    for (long s = 0; s < swaps; s += kBatch) {
+        const long n = std::min(kBatch, swaps - s);
+        for (long t = 0; t < n; ++t) {
+            is[t] = random.next() % count;
+            js[t] = random.next() % count;
+            __builtin_prefetch(&at[is[t]], 1);
+            __builtin_prefetch(&at[js[t]], 1);
+        }
+        for (long t = 0; t < n; ++t) std::swap(at[is[t]], at[js[t]]);
+    }
+}
+
+}  // namespace
 
 ROI<int, xy>* buildRoi(int rows, int cols, int bands, int*** cube, int** mask, int maskValue, bool shuffle) {
     int count = 0;
@@ -40,22 +68,32 @@ ROI<int, xy>* buildRoi(int rows, int cols, int bands, int*** cube, int** mask, i
         // moving every point's values around at random tens of times.
         dhc::Random& random = dhc::processRandom();
         random.reseed(3605118785u);
+        const long swaps = 10L * count;
         std::vector<int32_t> from(static_cast<size_t>(count));
         for (int i = 0; i < count; ++i) from[i] = i;
-        // The draws do not depend on the permutation, so they are taken a batch
-        // ahead (same draws, same order) and the entries fetched before swapping.
-        constexpr long kBatch = 32;
-        int is[kBatch], js[kBatch];
-        const long swaps = 10L * count;
-        for (long s = 0; s < swaps; s += kBatch) {
-            const long n = std::min(kBatch, swaps - s);
-            for (long t = 0; t < n; ++t) {
-                is[t] = random.next() % count;
-                js[t] = random.next() % count;
-                __builtin_prefetch(&from[is[t]], 1);
-                __builtin_prefetch(&from[js[t]], 1);
-            }
-            for (long t = 0; t < n; ++t) std::swap(from[is[t]], from[js[t]]);
+        if (dhc::chunksFor(count, kShuffleGrain) < 2) {
+            applySwaps(random, swaps, from);
+        } else {
+            // Swaps act on positions whatever the entries, so the second half
+            // of them, applied to the identity on its own, gives the positions
+            // the first half's result is read at: the two halves run side by
+            // side and are joined by one gather.  The second half's draws
+            // start where the first half's end.
+            std::vector<int32_t> second(static_cast<size_t>(count));
+            for (int i = 0; i < count; ++i) second[i] = i;
+            const long half = swaps / 2;
+            dhc::Random ahead = random;
+            dhc::forChunks(2, 1, [&](int, int, int part) {
+                if (part == 0) {
+                    applySwaps(random, half, from);
+                } else {
+                    for (long t = 0; t < 2 * half; ++t) ahead.next();
+                    applySwaps(ahead, swaps - half, second);
+                }
+            });
+            random = ahead;
+            for (int q = 0; q < count; ++q) second[q] = from[second[q]];
+            from.swap(second);
         }
         xy* coords = new xy[count];
         int* data = new int[static_cast<size_t>(count) * (bands > 0 ? bands : 0)];

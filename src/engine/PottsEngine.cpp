@@ -333,14 +333,16 @@ double** PottsEngine::kGLA(PottsWS* w, int* labels) {
     // statistics resolve it.  The map itself is written once, at the end.
     const std::vector<int> firstOf = firstIndices(labels, k);
     std::vector<int> classOf(n, -1);
-    for (int p = 0; p < n; ++p) {
-        const int l = cell(region, w->coords[p]);
-        for (int c = 0; c < k; ++c)
-            if (labels[c] == l) {
-                classOf[p] = c;
-                break;
-            }
-    }
+    dhc::forChunks(n, kGrain, [&](int begin, int end, int) {
+        for (int p = begin; p < end; ++p) {
+            const int l = cell(region, w->coords[p]);
+            for (int c = 0; c < k; ++c)
+                if (labels[c] == l) {
+                    classOf[p] = c;
+                    break;
+                }
+        }
+    });
     bool relabelled = false;
 
     bool abandoned = false;

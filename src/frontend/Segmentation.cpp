@@ -7,6 +7,7 @@
 #include "driver/DHC_IN.h"
 #include "frontend/InputError.h"
 #include "settings/DHC_SET.h"
+#include "settings/Workers.h"
 
 namespace dhc {
 namespace {
@@ -40,7 +41,9 @@ struct FilledPlane {
 }  // namespace
 
 PreparedRun prepareRun(int rows, int cols, int bands, int*** cube, int** mask, int** init, int** gt,
-                       const DHC_SET& settings, const RunNames& names) {
+                       const DHC_SET& settings, const RunNames& names, int threads) {
+    dhc::Workers team(threads);
+    dhc::UseWorkers useTeam(team);
     const bool supervised = settings.supervisedMode;
     std::unique_ptr<FilledPlane> ownInit, ownMask;
     if (init == nullptr) {

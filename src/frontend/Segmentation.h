@@ -42,8 +42,10 @@ struct PreparedRun {
 // InputError (kExitInput) for an empty region ("dhc:emptyRoi"), a ground truth
 // the core cannot use ("dhc:badGroundTruth": negative labels, another number
 // of classes) or settings the region cannot satisfy (checkAgainstRegion).
+// The shuffle of the region of interest uses up to `threads` threads (0: one
+// per core), with the same order for every number.
 PreparedRun prepareRun(int rows, int cols, int bands, int*** cube, int** mask, int** init, int** gt,
-                       const DHC_SET& settings, const RunNames& names = RunNames());
+                       const DHC_SET& settings, const RunNames& names = RunNames(), int threads = 0);
 
 // Runs the driver on a prepared run (progress lines through DHC::setProgress)
 // with up to `threads` threads (0: one per core; checkThreads).

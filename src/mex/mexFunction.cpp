@@ -304,8 +304,8 @@ void run(int nlhs, mxArray* plhs[], const mxArray* problem, const mxArray* setti
     names.classCount = dhc::matlabName(dhc::Setting::NumberOfClasses).name;
     names.settings = dhc::matlabName;
     // The input ROIs outlive the driver output: the core may keep pointers to them.
-    const dhc::PreparedRun prepared =
-        dhc::prepareRun(rows, cols, bands, cube.get(), mask.get(), initSeg.get(), gt.get(), *settings, names);
+    const dhc::PreparedRun prepared = dhc::prepareRun(rows, cols, bands, cube.get(), mask.get(),
+                                                      initSeg.get(), gt.get(), *settings, names, threads);
     cube.reset();
     mask.reset();
     initSeg.reset();

@@ -11,6 +11,7 @@
 #include "data/PottsMapRegion.h"
 #include "data/run.h"
 #include "settings/RowMatrix.h"
+#include "settings/Workers.h"
 #include "stats/Mixture.h"
 #include "stats/OpMatrix.h"
 #include "workspace/WSReport.h"
@@ -32,6 +33,9 @@ class ProductSums {
             const int64_t xi = x[i];
             for (int j = i; j < d_; ++j) row[j] += xi * x[j];
         }
+    }
+    void add(const ProductSums& other) {
+        for (size_t e = 0; e < s_.size(); ++e) s_[e] += other.s_[e];
     }
     // Sum of x[i] * x[j], either order of i and j.
     double at(int i, int j) const {
@@ -162,6 +166,69 @@ struct PixelScan {
     void finish() const { d.cursor = std::max(d.loadedCount - 1, 0); }
 };
 
+// Pixels below this many per chunk are not worth handing to another thread.
+constexpr int kGrain = 16384;
+
+// The integer sums of the loaded pixels by class (values, and band products
+// when asked), taken by the run's threads over contiguous shares and merged
+// in share order: exact, so they do not depend on the cut.  classOf(p) gives
+// pixel p's class below n, or -1 for none.
+struct ClassSums {
+    std::vector<int64_t> sums;  // n x d
+    std::vector<ProductSums> products;
+    std::vector<int> counts;
+    int64_t largest = 0;  // the largest |value| summed
+
+    // Whether summing the values (and, with products, their band products)
+    // one pixel at a time in double was exact: then every partial sum was an
+    // integer below 2^53, and the double sums equal these integer sums.
+    bool doubleSumsExact(bool withProducts) const {
+        int64_t pixels = 0;
+        for (int c : counts) pixels += c;
+        const double limit = 9007199254740992.0;  // 2^53
+        const double top = static_cast<double>(largest);
+        if (top * static_cast<double>(pixels) >= limit) return false;
+        return !withProducts || top * top * static_cast<double>(pixels) < limit;
+    }
+};
+
+template <typename ClassOf>
+ClassSums classSums(const PixelScan& scan, int n, int d, ClassOf classOf, bool withProducts) {
+    const int chunks = dhc::chunksFor(scan.count(), kGrain);
+    std::vector<ClassSums> part(static_cast<size_t>(chunks));
+    dhc::forChunks(scan.count(), kGrain, [&](int begin, int end, int chunk) {
+        ClassSums s;
+        s.sums.assign(static_cast<size_t>(n) * d, 0);
+        s.counts.assign(static_cast<size_t>(n), 0);
+        if (withProducts) s.products.assign(static_cast<size_t>(n), ProductSums(d));
+        int64_t largest = 0;
+        for (int p = begin; p < end; ++p) {
+            const int j = classOf(p);
+            if (j < 0) continue;
+            const int* x = scan.values(p);
+            int64_t* sum = &s.sums[static_cast<size_t>(j) * d];
+            for (int b = 0; b < d; ++b) {
+                sum[b] += x[b];
+                largest = std::max<int64_t>(largest, x[b] < 0 ? -static_cast<int64_t>(x[b]) : x[b]);
+            }
+            if (withProducts) s.products[j].add(x);
+            ++s.counts[j];
+        }
+        s.largest = largest;
+        part[chunk] = std::move(s);
+    });
+    ClassSums total = std::move(part[0]);
+    for (int i = 1; i < chunks; ++i) {
+        for (size_t e = 0; e < total.sums.size(); ++e) total.sums[e] += part[i].sums[e];
+        for (int j = 0; j < n; ++j) {
+            total.counts[j] += part[i].counts[j];
+            if (withProducts) total.products[j].add(part[i].products[j]);
+        }
+        total.largest = std::max(total.largest, part[i].largest);
+    }
+    return total;
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -192,9 +259,15 @@ void PottsWS::updateMi() {
     const int d = bands;
     std::fill(mi, mi + d, 0.0);
     cursor = 0;
-    for (int p = 0; p < scan.count(); ++p) {
-        const int* x = scan.values(p);
-        for (int b = 0; b < d; ++b) mi[b] += static_cast<double>(x[b]);
+    const ClassSums exact = classSums(
+        scan, 1, d, [](int) { return 0; }, false);
+    if (exact.doubleSumsExact(false)) {
+        for (int b = 0; b < d; ++b) mi[b] = static_cast<double>(exact.sums[b]);
+    } else {
+        for (int p = 0; p < scan.count(); ++p) {
+            const int* x = scan.values(p);
+            for (int b = 0; b < d; ++b) mi[b] += static_cast<double>(x[b]);
+        }
     }
     scan.finish();
     const double n = std::max(scan.count(), 1);
@@ -206,11 +279,19 @@ void PottsWS::updateSigma() {
     const int d = bands;
     zeroMatrix(sigma, d);
     cursor = 0;
-    for (int p = 0; p < scan.count(); ++p) {
-        const int* x = scan.values(p);
-        // Exact products here (double arithmetic), unlike the label forms.
+    const ClassSums exact = classSums(
+        scan, 1, d, [](int) { return 0; }, true);
+    if (exact.doubleSumsExact(true)) {
         for (int i = 0; i < d; ++i)
-            for (int j = i; j < d; ++j) sigma[i][j] += static_cast<double>(x[i]) * static_cast<double>(x[j]);
+            for (int j = i; j < d; ++j) sigma[i][j] = exact.products[0].at(i, j);
+    } else {
+        for (int p = 0; p < scan.count(); ++p) {
+            const int* x = scan.values(p);
+            // Products in double arithmetic, unlike the label forms.
+            for (int i = 0; i < d; ++i)
+                for (int j = i; j < d; ++j)
+                    sigma[i][j] += static_cast<double>(x[i]) * static_cast<double>(x[j]);
+        }
     }
     scan.finish();
     mirrorUpper(sigma, d);
@@ -262,13 +343,18 @@ void PottsWS::meanWhere(Selected selected, double* out) {
     const PixelScan scan{*this};
     const int d = bands;
     std::fill(out, out + d, 0.0);
-    int count = 0;
     cursor = 0;
-    for (int p = 0; p < scan.count(); ++p) {
-        if (!selected(p)) continue;
-        const int* x = scan.values(p);
-        for (int b = 0; b < d; ++b) out[b] += static_cast<double>(x[b]);
-        ++count;
+    const ClassSums exact = classSums(
+        scan, 1, d, [&selected](int p) { return selected(p) ? 0 : -1; }, false);
+    const int count = exact.counts[0];
+    if (exact.doubleSumsExact(false)) {
+        for (int b = 0; b < d; ++b) out[b] = static_cast<double>(exact.sums[b]);
+    } else {
+        for (int p = 0; p < scan.count(); ++p) {
+            if (!selected(p)) continue;
+            const int* x = scan.values(p);
+            for (int b = 0; b < d; ++b) out[b] += static_cast<double>(x[b]);
+        }
     }
     scan.finish();
     // No guard: an absent label gives NaN, which callers rely on to tell it apart.
@@ -284,12 +370,21 @@ void PottsWS::meansOf(int n, ClassOf classOf, int* counts, double** means) {
         std::fill(means[j], means[j] + d, 0.0);
     }
     cursor = 0;
-    for (int p = 0; p < scan.count(); ++p) {
-        const int j = classOf(p);
-        if (j < 0) continue;
-        const int* x = scan.values(p);
-        for (int b = 0; b < d; ++b) means[j][b] += static_cast<double>(x[b]);
-        ++counts[j];
+    const ClassSums exact = classSums(scan, n, d, classOf, false);
+    if (exact.doubleSumsExact(false)) {
+        for (int j = 0; j < n; ++j) {
+            counts[j] = exact.counts[j];
+            for (int b = 0; b < d; ++b)
+                means[j][b] = static_cast<double>(exact.sums[static_cast<size_t>(j) * d + b]);
+        }
+    } else {
+        for (int p = 0; p < scan.count(); ++p) {
+            const int j = classOf(p);
+            if (j < 0) continue;
+            const int* x = scan.values(p);
+            for (int b = 0; b < d; ++b) means[j][b] += static_cast<double>(x[b]);
+            ++counts[j];
+        }
     }
     scan.finish();
     for (int j = 0; j < n; ++j)
@@ -303,15 +398,12 @@ void PottsWS::sigmaWhere(Selected selected, double** out) {
     std::vector<double> mu(d > 0 ? d : 0);
     meanWhere(selected, mu.data());
     const PixelScan scan{*this};
-    ProductSums products(d);
-    int count = 0;
     cursor = 0;
-    for (int p = 0; p < scan.count(); ++p) {
-        if (!selected(p)) continue;
-        products.add(scan.values(p));
-        ++count;
-    }
+    const ClassSums exact = classSums(
+        scan, 1, d, [&selected](int p) { return selected(p) ? 0 : -1; }, true);
     scan.finish();
+    const ProductSums& products = exact.products[0];
+    const int count = exact.counts[0];
     for (int i = 0; i < d; ++i)
         for (int j = 0; j < d; ++j)
             out[i][j] = products.at(i, j) / static_cast<double>(count) - mu[i] * mu[j];
@@ -360,16 +452,21 @@ void PottsWS::sigmasOf(int n, ClassOf classOf, int* counts, double*** covs) {
     const PixelScan scan{*this};
     const int d = bands;
     std::vector<std::vector<double>> sums(n > 0 ? n : 0, std::vector<double>(d > 0 ? d : 0, 0.0));
-    std::vector<ProductSums> products(n > 0 ? n : 0, ProductSums(d));
-    for (int j = 0; j < n; ++j) counts[j] = 0;
     cursor = 0;
-    for (int p = 0; p < scan.count(); ++p) {
-        const int j = classOf(p);
-        if (j < 0) continue;
-        const int* x = scan.values(p);
-        for (int i = 0; i < d; ++i) sums[j][i] += static_cast<double>(x[i]);
-        products[j].add(x);
-        ++counts[j];
+    const ClassSums exact = classSums(scan, n > 0 ? n : 0, d, classOf, true);
+    const std::vector<ProductSums>& products = exact.products;
+    for (int j = 0; j < n; ++j) counts[j] = exact.counts[j];
+    if (exact.doubleSumsExact(false)) {
+        for (int j = 0; j < n; ++j)
+            for (int i = 0; i < d; ++i)
+                sums[j][i] = static_cast<double>(exact.sums[static_cast<size_t>(j) * d + i]);
+    } else {
+        for (int p = 0; p < scan.count(); ++p) {
+            const int j = classOf(p);
+            if (j < 0) continue;
+            const int* x = scan.values(p);
+            for (int i = 0; i < d; ++i) sums[j][i] += static_cast<double>(x[i]);
+        }
     }
     scan.finish();
     for (int j = 0; j < n; ++j) {
@@ -399,7 +496,9 @@ void PottsWS::getSigmaOfClasses(int n, const int* classOf, int* counts, double**
 void PottsWS::classesOf(int n, const int* labels, int* classOf) {
     const PixelScan scan{*this};
     cursor = 0;
-    for (int p = 0; p < scan.count(); ++p) classOf[p] = firstMatch(labels, n, scan.label(p));
+    dhc::forChunks(scan.count(), kGrain, [&](int begin, int end, int) {
+        for (int p = begin; p < end; ++p) classOf[p] = firstMatch(labels, n, scan.label(p));
+    });
     scan.finish();
 }
 

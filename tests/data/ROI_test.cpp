@@ -10,6 +10,7 @@
 #include "MapTestUtil.h"
 #include "data/ImageFile.h"
 #include "settings/Random.h"
+#include "settings/Workers.h"
 
 namespace {
 
@@ -94,6 +95,29 @@ TEST(BuildRoi, ShuffleIsTheSeededSwapSequence) {
     delete plain;
     delete a;
     delete b;
+}
+
+TEST(BuildRoi, AShuffleCutBetweenTwoThreadsGivesTheSameOrderAndDraws) {
+    Image im(300, 260, 1);  // above the size that is shuffled on two threads
+    ROI<int, xy>* one = im.roi(0, true);
+    const int afterOne = dhc::processRandom().next();
+    ROI<int, xy>* two = nullptr;
+    {
+        dhc::Workers team(2);
+        dhc::UseWorkers use(team);
+        two = im.roi(0, true);
+    }
+    EXPECT_EQ(dhc::processRandom().next(), afterOne);
+    ASSERT_EQ(one->count, two->count);
+    EXPECT_EQ(cellsOf(one->coords, one->count), cellsOf(two->coords, two->count));
+    int moved = 0;
+    for (int k = 0; k < one->count; ++k) {
+        EXPECT_EQ(one->data[k], two->data[k]) << k;
+        moved += one->coords[k].x * 260 + one->coords[k].y != k;
+    }
+    EXPECT_GT(moved, one->count / 2);  // it is a shuffle
+    delete one;
+    delete two;
 }
 
 TEST(LabelsRoi, DistinctValuesAscending) {

@@ -2,11 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <climits>
 #include <cmath>
 #include <cstdint>
 #include <vector>
 
+#include "settings/Workers.h"
 #include "workspace/WorkspaceFixtures.h"
 
 namespace {
@@ -157,3 +159,57 @@ TEST(PottsWSStatsTest, FeaturesFromMeanAndCovariance) {
 }
 
 }  // namespace
+
+namespace {
+
+// The whole-workspace and label statistics as plain double sums in pixel
+// order, the arithmetic the integer sums must reproduce bit for bit.
+struct Plain {
+    std::vector<double> mean, products;
+    explicit Plain(const PottsWS& ws) : mean(ws.bands, 0.0), products(ws.bands * ws.bands, 0.0) {
+        const int d = ws.bands;
+        for (int p = 0; p < ws.loadedCount; ++p) {
+            const int* x = ws.data + static_cast<size_t>(p) * d;
+            for (int i = 0; i < d; ++i) {
+                mean[i] += static_cast<double>(x[i]);
+                for (int j = i; j < d; ++j) products[i * d + j] += static_cast<double>(x[i]) * x[j];
+            }
+        }
+        for (int i = 0; i < d; ++i) mean[i] /= ws.loadedCount;
+    }
+};
+
+}  // namespace
+
+TEST(PottsWSStatsTest, StatisticsCutAmongThreadsEqualPlainDoubleSums) {
+    // 200 x 200 (above the size cut among threads): ordinary values, values
+    // whose squares summed in double are no longer exact, and int32 extremes.
+    for (int scale : {1, 4000, 1 << 20}) {
+        auto built = makeWS(200, 200, 3, [scale](int r, int c, int b) {
+            const int64_t v = (static_cast<int64_t>(r) * 7919 + c * 104729 + b * 31) % 2001 - 1000;
+            return static_cast<int>(std::max<int64_t>(std::min<int64_t>(v * scale, INT32_MAX), -INT32_MAX));
+        });
+        PottsWS& ws = *built.ws;
+        const Plain plain(ws);
+        std::vector<double> mi(ws.mi, ws.mi + 3), sigma;
+        for (int i = 0; i < 3; ++i) sigma.insert(sigma.end(), ws.sigma[i], ws.sigma[i] + 3);
+        const std::vector<double> byLabel = labelCovariances(ws, 3);
+        dhc::Workers team(2);
+        dhc::UseWorkers use(team);
+        ws.updateMi();
+        ws.updateSigma();
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_EQ(ws.mi[i], mi[i]) << scale;
+            EXPECT_EQ(ws.mi[i], plain.mean[i]) << scale;
+            for (int j = 0; j < 3; ++j) {
+                EXPECT_EQ(ws.sigma[i][j], sigma[3 * i + j]) << scale;
+                const double s = plain.products[std::min(i, j) * 3 + std::max(i, j)] / ws.loadedCount -
+                                 plain.mean[i] * plain.mean[j];
+                if (std::fabs(s) >= 0.01 || i != j) {
+                    EXPECT_EQ(ws.sigma[i][j], s) << scale << " " << i << j;
+                }
+            }
+        }
+        EXPECT_EQ(labelCovariances(ws, 3), byLabel) << scale;
+    }
+}
