@@ -301,6 +301,34 @@ void PottsWS::updateSigma() {
     repairDegenerate(sigma, d);
 }
 
+namespace {
+
+// The sums of updateFeatures over the pixels in order, for a band count D
+// fixed at compile time (0: d at run time), in the same order of operations.
+template <int D>
+void featureSums(const PixelScan& scan, int d, const double* mi, double** inverse, bool ok,
+                 double& sqDeviation, double& mahalanobis) {
+    if (D > 0) d = D;
+    std::vector<double> mu(mi, mi + d), inv(static_cast<size_t>(d) * d), diff(d);
+    for (int i = 0; i < d; ++i)
+        std::copy(inverse[i], inverse[i] + d, inv.begin() + static_cast<ptrdiff_t>(i) * d);
+    double sq = 0.0, m = 0.0;
+    for (int p = 0; p < scan.count(); ++p) {
+        const int* x = scan.values(p);
+        for (int b = 0; b < d; ++b) {
+            diff[b] = static_cast<double>(x[b]) - mu[b];
+            sq += diff[b] * diff[b];
+        }
+        if (ok)
+            for (int i = 0; i < d; ++i)
+                for (int k = 0; k < d; ++k) m += diff[i] * inv[static_cast<size_t>(i) * d + k] * diff[k];
+    }
+    sqDeviation = sq;
+    mahalanobis = m;
+}
+
+}  // namespace
+
 void PottsWS::updateFeatures() {
     const PixelScan scan{*this};
     const int d = bands;
@@ -311,18 +339,20 @@ void PottsWS::updateFeatures() {
     double** inverse = dhc::newRows<double>(d, d);
     int ok = 0;
     OpMatrix::inv(work, d, inverse, ok);
-    std::vector<double> diff(d);
     double mahalanobis = 0.0;
     cursor = 0;
-    for (int p = 0; p < scan.count(); ++p) {
-        const int* x = scan.values(p);
-        for (int b = 0; b < d; ++b) {
-            diff[b] = static_cast<double>(x[b]) - mi[b];
-            sqDeviation += diff[b] * diff[b];
-        }
-        if (ok)
-            for (int i = 0; i < d; ++i)
-                for (int k = 0; k < d; ++k) mahalanobis += diff[i] * inverse[i][k] * diff[k];
+    switch (d) {
+        case 3:
+            featureSums<3>(scan, d, mi, inverse, ok != 0, sqDeviation, mahalanobis);
+            break;
+        case 4:
+            featureSums<4>(scan, d, mi, inverse, ok != 0, sqDeviation, mahalanobis);
+            break;
+        case 6:
+            featureSums<6>(scan, d, mi, inverse, ok != 0, sqDeviation, mahalanobis);
+            break;
+        default:
+            featureSums<0>(scan, d, mi, inverse, ok != 0, sqDeviation, mahalanobis);
     }
     scan.finish();
     if (ok) likelihoodEnergy = 0.5 * mahalanobis;
