@@ -70,6 +70,9 @@ void deleteModel(Mixture* m) {
     delete[] idx;
 }
 
+// Leaves together smaller than this are split one after the other.
+constexpr long long kSideBySideArea = 1 << 15;
+
 void refreshStats(PottsWS* ws) {
     ws->updateMi();
     ws->updateSigma();
@@ -531,10 +534,13 @@ void DHC::testSplitting(SplittingOptions opts) {
     for (WSNode* node : tree->terminals)
         if (node->data->splitState == 0) untested.push_back(node->label);
     // Leaves cut into pieces first, or split into a number of children that
-    // mean shift estimates (and prints), are taken one after the other.
+    // mean shift estimates (and prints), are taken one after the other; so are
+    // leaves too small to be worth a thread.
     const dhc::Workers* team = dhc::installedWorkers();
-    if (team != nullptr && team->size() > 1 && untested.size() > 1 && opts.splitOption != 2 &&
-        !variableMultiplicity && engine->multiplicity >= 2) {
+    long long area = 0;
+    for (int label : untested) area += areaOf(tree->root->find(label)->data);
+    if (team != nullptr && team->size() > 1 && untested.size() > 1 && area >= kSideBySideArea &&
+        opts.splitOption != 2 && !variableMultiplicity && engine->multiplicity >= 2) {
         std::vector<WSNode*> leaves;
         for (int label : untested) leaves.push_back(tree->root->find(label));
         splitLeavesSideBySide(opts, leaves);
