@@ -475,6 +475,10 @@ DHC_OUT DHC::dhc(DHC_IN in) {
                 d.reset(new DHC(initial, in.roi, s->maxLabels, s->variableMultiplicity, nullptr, s));
                 adopt();
             }
+            if (in.releaseRoiValues) {
+                delete[] in.roi->data;
+                in.roi->data = nullptr;
+            }
         } else if (in.initLabelsFile != nullptr) {
             // The seeded children sit one level down; only the file source
             // counts that level in the depth limit.
@@ -820,6 +824,8 @@ void DHC::splitting(SplittingOptions opts) {
         WSNode* chosen = leaves[best];
         tree->current = chosen;
         tree->validate(opts.validateFlag ? 1 : 0);
+        // Split for good: from now on only its statistics are read.
+        chosen->data->releasePixels();
 
         if (opts.splitMode == 1) {
             weights->growWeights(false);

@@ -41,4 +41,8 @@ struct DHC_IN {
     ROI<int, xy>* gt = nullptr;
     // Threads the run may use (0: one per core).  The results do not depend on it.
     int threads = 0;
+    // Unsupervised, in-memory source: the caller will not read roi->data
+    // again, so the driver frees it (and nulls it) once the root workspace
+    // holds its own copy.
+    bool releaseRoiValues = false;
 };

@@ -849,6 +849,17 @@ void PottsWS::MLMapCompletion(double** means, double*** covs) {
 // ---------------------------------------------------------------------------
 // Report
 
+void PottsWS::releasePixels() {
+    delete[] data;
+    data = nullptr;
+    delete[] coords;
+    coords = nullptr;
+    delete[] pixelIndex;
+    pixelIndex = nullptr;
+    envelopeCount = 0;
+    loadedCount = 0;
+}
+
 WSReport* PottsWS::getWSReport() {
     WSReport* r = new WSReport();
     r->WSLab = root->label;

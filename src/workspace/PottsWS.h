@@ -121,6 +121,10 @@ class PottsWS : public PottsData {
     void MLMapCompletion(double** means, double*** covs);
     // New report record of this workspace; the driver's members zero or null.
     WSReport* getWSReport();
+    // Frees the pixel list, its values and root indices of a workspace whose
+    // split is final (its statistics, region and map stay): nothing may read
+    // its pixels afterwards.
+    void releasePixels();
 
   private:
     // The accumulations behind the label statistics, by how a pixel is
