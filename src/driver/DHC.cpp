@@ -479,6 +479,8 @@ DHC_OUT DHC::dhc(DHC_IN in) {
                 delete[] in.roi->data;
                 in.roi->data = nullptr;
             }
+            // No table over the root's pixels in an unsupervised run.
+            d->rootWS()->tracksRootIndex = false;
         } else if (in.initLabelsFile != nullptr) {
             // The seeded children sit one level down; only the file source
             // counts that level in the depth limit.

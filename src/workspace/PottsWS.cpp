@@ -622,13 +622,14 @@ int PottsWS::split(int* labels, int n, PottsWS**& children, bool computeStats) {
             child->setHrawFileName(hrawFileName);
         else if (bandFiles != nullptr)
             child->setFileNames(bandFiles, bands);
+        child->tracksRootIndex = tracksRootIndex;
         delete child->root;
         child->root = new PottsMapRegion(*region, labels[j]);
         child->root->area = areas[j];
         if (areas[j] > 0) {
             ++nonEmpty;
             child->coords = new xy[areas[j]];
-            child->pixelIndex = new int[areas[j]];
+            if (tracksRootIndex) child->pixelIndex = new int[areas[j]];
             if (copyValues) child->data = new int[static_cast<size_t>(areas[j]) * bands];
         }
     }
@@ -644,7 +645,7 @@ int PottsWS::split(int* labels, int n, PottsWS**& children, bool computeStats) {
         record.aux = static_cast<uint16_t>(isBorder[p]);
         child->coords[q] = record;
         if (isBorder[p]) contours[j][contourFilled[j]++] = record;
-        child->pixelIndex[q] = pixelIndex != nullptr ? pixelIndex[p] : p;
+        if (tracksRootIndex) child->pixelIndex[q] = pixelIndex != nullptr ? pixelIndex[p] : p;
         if (copyValues)
             std::copy(data + static_cast<size_t>(p) * bands, data + static_cast<size_t>(p + 1) * bands,
                       child->data + static_cast<size_t>(q) * bands);

@@ -42,8 +42,13 @@ class PottsWS : public PottsData {
     bool textureBased = false;   // the split was made by the texture-based method
     double secondaryGain = 0.0;  // gain of the other method (meaningful when splitState is 2)
     // Entry p: index of pixel p in the root data's pixel list (set by split for
-    // every child); null when the workspace has none (the root).
+    // every child); null when the workspace has none (the root), or when the
+    // workspace does not track root indices.
     int* pixelIndex = nullptr;
+    // Whether split gives the children root indices (and passes this on to
+    // them).  Only tables over the root's pixels (the supervised likelihood
+    // table) need them; without, a child costs 4 bytes a pixel less.
+    bool tracksRootIndex = true;
 
     // Each constructor forwards to the PottsData constructor with the same
     // arguments, then runs init().
