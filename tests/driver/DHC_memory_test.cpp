@@ -23,12 +23,14 @@ struct Outcome {
     std::vector<double> means;  // every node's mean, tree order
     int inner = 0;              // split nodes
     int innerWithPixels = 0;    // split nodes that still hold pixels
+    int rootIndexed = 0;        // nodes with root indices (none is needed unsupervised)
     bool roiValuesLeft = true;
 };
 
 void walk(TreeNode<PottsWS*>* node, Outcome& r) {
     PottsWS* ws = node->data;
     for (int b = 0; b < ws->bands; ++b) r.means.push_back(ws->mi[b]);
+    r.rootIndexed += ws->pixelIndex != nullptr;
     if (node->nChildren > 0) {
         ++r.inner;
         if (ws->data != nullptr || ws->coords != nullptr || ws->loadedCount != 0) ++r.innerWithPixels;
@@ -70,6 +72,7 @@ TEST(DHCMemory, SplitRegionsAndTheRegionValuesAreLetGoWithoutChangingTheResult) 
     EXPECT_FALSE(released.roiValuesLeft);
     ASSERT_EQ(released.inner, 3) << "four classes: three splits";
     EXPECT_EQ(released.innerWithPixels, 0);
+    EXPECT_EQ(released.rootIndexed, 0);
     EXPECT_EQ(released.labels, kept.labels);
     EXPECT_EQ(released.means, kept.means);
     for (double m : released.means) EXPECT_TRUE(std::isfinite(m));
