@@ -9,6 +9,7 @@
 
 #include "data/PottsMapRegion.h"
 #include "engine/PottsLikelihoodEnergy.h"
+#include "settings/BandCount.h"
 #include "settings/ConfigFileParser.h"
 #include "settings/DHC_SET.h"
 #include "settings/Fatal.h"
@@ -165,32 +166,14 @@ void lloydPassOf(const PottsWS* w, int n, double** code, int m, const int* first
     }
 }
 
-// The common band counts get code with the count fixed at compile time.
 void lloydPass(const PottsWS* w, int n, double** code, int m, const int* firstOf, int* classOf, int* counts) {
-    switch (w->bands) {
-        case 3:
-            return lloydPassOf<3>(w, n, code, m, firstOf, classOf, counts);
-        case 4:
-            return lloydPassOf<4>(w, n, code, m, firstOf, classOf, counts);
-        case 6:
-            return lloydPassOf<6>(w, n, code, m, firstOf, classOf, counts);
-        default:
-            return lloydPassOf<0>(w, n, code, m, firstOf, classOf, counts);
-    }
+    dhc::withBandCount(w->bands, [&](auto D) { lloydPassOf<D()>(w, n, code, m, firstOf, classOf, counts); });
 }
 
 void lloydDistortion(const PottsWS* w, int n, const double* cw, int m, const int* firstOf, const int* classOf,
                      double* distortion) {
-    switch (w->bands) {
-        case 3:
-            return distortionOf<3>(w, n, cw, m, firstOf, classOf, distortion);
-        case 4:
-            return distortionOf<4>(w, n, cw, m, firstOf, classOf, distortion);
-        case 6:
-            return distortionOf<6>(w, n, cw, m, firstOf, classOf, distortion);
-        default:
-            return distortionOf<0>(w, n, cw, m, firstOf, classOf, distortion);
-    }
+    dhc::withBandCount(w->bands,
+                       [&](auto D) { distortionOf<D()>(w, n, cw, m, firstOf, classOf, distortion); });
 }
 
 // The Gaussian class energies of every loaded pixel, pixel-major, for a band

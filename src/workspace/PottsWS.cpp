@@ -10,6 +10,7 @@
 
 #include "data/PottsMapRegion.h"
 #include "data/run.h"
+#include "settings/BandCount.h"
 #include "settings/RowMatrix.h"
 #include "settings/Workers.h"
 #include "stats/Mixture.h"
@@ -341,19 +342,8 @@ void PottsWS::updateFeatures() {
     OpMatrix::inv(work, d, inverse, ok);
     double mahalanobis = 0.0;
     cursor = 0;
-    switch (d) {
-        case 3:
-            featureSums<3>(scan, d, mi, inverse, ok != 0, sqDeviation, mahalanobis);
-            break;
-        case 4:
-            featureSums<4>(scan, d, mi, inverse, ok != 0, sqDeviation, mahalanobis);
-            break;
-        case 6:
-            featureSums<6>(scan, d, mi, inverse, ok != 0, sqDeviation, mahalanobis);
-            break;
-        default:
-            featureSums<0>(scan, d, mi, inverse, ok != 0, sqDeviation, mahalanobis);
-    }
+    dhc::withBandCount(
+        d, [&](auto D) { featureSums<D()>(scan, d, mi, inverse, ok != 0, sqDeviation, mahalanobis); });
     scan.finish();
     if (ok) likelihoodEnergy = 0.5 * mahalanobis;
     dhc::deleteRows(work, d);
