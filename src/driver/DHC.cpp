@@ -561,7 +561,9 @@ void DHC::testSplitting(SplittingOptions opts) {
 
 // The leaves' splits are independent: each reads its own pixels and writes
 // its own region of the label map, and compares neighbours across its edge
-// only with its own fresh labels, which no other region carries.  What is
+// only with its own fresh labels, which no other region carries (so a cell
+// across the edge that the other split is rewriting meanwhile reads as "not
+// mine" whichever value it shows: aligned int stores, never torn).  What is
 // shared is ordered here: labels are picked in leaf order before the splits
 // run, and the children are attached in leaf order after.  A refused split
 // gives its labels back, so in one-after-the-other order the next leaf would
