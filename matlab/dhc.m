@@ -6,7 +6,8 @@ function varargout = dhc(varargin)
 %                                    splitwiseDisconnect set
 %
 %   problem   DhcProblem (or a struct with the same fields): the R x C x B
-%             image data, and optionally initSeg, roi and gt.
+%             image data, and optionally initSeg, roi, gt and threads (the
+%             number of threads to use; the results do not depend on it).
 %   settings  DhcSettings (or a struct tree with the same fields); the
 %             defaults equal examples/default.ini.
 %
