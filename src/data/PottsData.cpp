@@ -37,8 +37,14 @@ PottsData::PottsData(ROI<int, xy>* source, int pad, int borderLabel, int label, 
     std::copy(source->coords, source->coords + envelopeCount, coords);
     const size_t values =
         static_cast<size_t>(envelopeCount > 0 ? envelopeCount : 0) * (bands > 0 ? bands : 0);
-    data = new int[values];
-    std::copy(source->data, source->data + values, data);
+    if (source->giveValuesAway) {
+        data = source->data;
+        source->data = nullptr;
+        source->giveValuesAway = false;
+    } else {
+        data = new int[values];
+        std::copy(source->data, source->data + values, data);
+    }
     shuffle = source->order == 1;
     rasterOrder = false;
     fromRoi = 1;
@@ -86,8 +92,16 @@ PottsData::PottsData(bool doShuffle, float percentage, std::string hrawFile, int
     fromRoi = 0;
 }
 
+void PottsData::dropValues() {
+    if (sharedValues)
+        sharedValues.reset();
+    else
+        delete[] data;
+    data = nullptr;
+}
+
 PottsData::~PottsData() {
-    delete[] data;
+    dropValues();
     delete[] coords;
     delete[] features;
     delete[] extra;
@@ -177,7 +191,7 @@ void PottsData::loadDataRaw(char** files, int nBands, float percentage) {
     if (files != bandFiles && files != nullptr) setFileNames(files, nBands);
     bands = nBands;
     computeLoadedCount(percentage);
-    delete[] data;
+    dropValues();
     data = new int[static_cast<size_t>(loadedCount) * (bands > 0 ? bands : 0)]();
     if (loadedCount == 0) return;
     for (int b = 0; b < bands; ++b) {
@@ -192,7 +206,7 @@ void PottsData::loadDataRaw(char** files, int nBands, float percentage) {
 void PottsData::loadDataHRaw(std::string file, float percentage) {
     hrawFileName = file;
     computeLoadedCount(percentage);
-    delete[] data;
+    dropValues();
     data = new int[static_cast<size_t>(loadedCount) * (bands > 0 ? bands : 0)]();
     if (loadedCount == 0) return;
     int fileBands = 0, fileRows = 0, fileCols = 0;

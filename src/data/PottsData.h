@@ -3,7 +3,9 @@
 // the list of pixels that take part in it.
 //
 // Owns: the pixel values of the loaded pixels (`data`, pixel-interleaved:
-// band b of loaded pixel i at [i * bands + b]), the coordinate list `coords`
+// band b of loaded pixel i at [i * bands + b]; either its own new[] block or
+// a range of a list shared with other regions, see sharedValues), the
+// coordinate list `coords`
 // (envelopeCount entries, load order), the feature buffers, the band file names
 // and the root region.  Does not own `roi`.
 //
@@ -15,6 +17,7 @@
 //
 // Coordinates of points are inner map coordinates: for data built from a ROI
 // they are relative to the ROI's bounding box and the map is height x width.
+#include <memory>
 #include <string>
 
 #include "data/PottsMapRegion.h"
@@ -25,7 +28,10 @@ struct ROI;
 
 class PottsData {
   public:
-    int* data = nullptr;             // owned; loadedCount x bands values
+    int* data = nullptr;  // loadedCount x bands values
+    // When set, data is a range of this list, which lives as long as any
+    // region holding it; otherwise data is this object's own new[] block.
+    std::shared_ptr<int[]> sharedValues;
     PottsMapRegion* root = nullptr;  // owned; the region of interest as a map region
     int rows = 0;                    // image (or ROI box) height
     int cols = 0;                    // image (or ROI box) width
@@ -47,9 +53,9 @@ class PottsData {
     PottsData();
     // As above; the root region's own label is set to label.
     explicit PottsData(int label);
-    // From a ROI: values and coordinates copied; the root is the region of the
-    // ROI's points (label) inside a rows x cols map (ROI box) whose other cells
-    // carry aux, framed by borderLabel with width pad.
+    // From a ROI: values (unless the ROI gives them away) and coordinates copied; the root is the region of
+    // the ROI's points (label) inside a rows x cols map (ROI box) whose other cells carry aux, framed by
+    // borderLabel with width pad.
     PottsData(ROI<int, xy>* roi, int pad, int borderLabel, int label, int aux);
     // Band files (headerless int32 rows x cols each); the root is the full image
     // with label aux; seeds the generator when shuffling.
@@ -63,6 +69,10 @@ class PottsData {
     PottsData(const PottsData&) = delete;
     PottsData& operator=(const PottsData&) = delete;
     ~PottsData();
+
+    // Lets go of the values (frees an own block, leaves a shared list);
+    // data becomes null.
+    void dropValues();
 
     // Sizes, raster coordinate list, shuffle (seeded with 3605118785), loadDataRaw.
     void setupRoot(int rows, int cols, int bands, bool shuffle, float percentage);

@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "data/Permute.h"
 #include "settings/Random.h"
 #include "settings/Workers.h"
 
@@ -95,17 +96,27 @@ ROI<int, xy>* buildRoi(int rows, int cols, int bands, int*** cube, int** mask, i
             for (int q = 0; q < count; ++q) second[q] = from[second[q]];
             from.swap(second);
         }
-        xy* coords = new xy[count];
-        int* data = new int[static_cast<size_t>(count) * (bands > 0 ? bands : 0)];
-        for (int q = 0; q < count; ++q) {
-            coords[q] = roi->coords[from[q]];
-            const int* src = roi->data + static_cast<size_t>(from[q]) * bands;
-            std::copy(src, src + bands, data + static_cast<size_t>(q) * bands);
-        }
-        delete[] roi->coords;
-        delete[] roi->data;
-        roi->coords = coords;
-        roi->data = data;
+        // In place: the values are the largest thing held while the run
+        // starts, and the caller's image is still alive.
+        const size_t width = static_cast<size_t>(bands > 0 ? bands : 0);
+        std::vector<int> keptValues(width);
+        xy keptPoint;
+        int* values = roi->data;
+        xy* points = roi->coords;
+        dhc::gatherInPlace(
+            from,
+            [&](int q) {
+                keptPoint = points[q];
+                std::copy(values + q * width, values + (q + 1) * width, keptValues.begin());
+            },
+            [&](int q, int p) {
+                points[q] = points[p];
+                std::copy(values + p * width, values + (p + 1) * width, values + q * width);
+            },
+            [&](int q) {
+                points[q] = keptPoint;
+                std::copy(keptValues.begin(), keptValues.end(), values + q * width);
+            });
         roi->order = 1;
     }
     return roi;

@@ -27,6 +27,9 @@ struct ROI {
     int imageRows = 0;    // size of the source image
     int imageCols = 0;
     int order = 0;  // 2 = raster order, 1 = shuffled
+    // The owner no longer needs the values: the first workspace built from
+    // this ROI takes them over instead of copying them (data becomes null).
+    bool giveValuesAway = false;
 
     ROI() = default;
     // count points of bands values each, all zero; box and image size left 0.
@@ -41,6 +44,15 @@ struct ROI {
     }
     ROI(const ROI&) = delete;
     ROI& operator=(const ROI&) = delete;
+
+    // Frees the points: an empty region with the same box and image size.
+    void release() {
+        delete[] data;
+        delete[] coords;
+        data = nullptr;
+        coords = nullptr;
+        count = 0;
+    }
 
     // Sets the box to the one the points span, coordinates left as they are;
     // with no point, minRow = minCol = -1 and height = width = 0.

@@ -462,6 +462,7 @@ DHC_OUT DHC::dhc(DHC_IN in) {
     } else {
         int depthLimit = s->balancedTree ? s->growDepth : 0;
         if (!fileSource) {
+            in.roi->giveValuesAway = in.releaseInputs;
             if (in.initLabels == nullptr) {
                 d.reset(new DHC(in.roi, s->maxLabels, s->variableMultiplicity, nullptr, s));
                 adopt();
@@ -475,9 +476,10 @@ DHC_OUT DHC::dhc(DHC_IN in) {
                 d.reset(new DHC(initial, in.roi, s->maxLabels, s->variableMultiplicity, nullptr, s));
                 adopt();
             }
-            if (in.releaseRoiValues) {
-                delete[] in.roi->data;
-                in.roi->data = nullptr;
+            in.roi->giveValuesAway = false;
+            if (in.releaseInputs) {
+                if (in.initLabels != nullptr) in.initLabels->release();
+                cutInitial.reset();
             }
             // No table over the root's pixels in an unsupervised run.
             d->rootWS()->tracksRootIndex = false;
@@ -573,6 +575,7 @@ void DHC::splitLeavesSideBySide(const SplittingOptions& opts, const std::vector<
     const int k = engine->multiplicity;
     const int size = dhc::installedWorkers()->size();
     while (static_cast<int>(sideEngines_.size()) < size - 1) sideEngines_.emplace_back(makeEngine());
+    for (auto& side : sideEngines_) side->childValuesWithParent = engine->childValuesWithParent;
     auto engineOf = [&](size_t slot) { return slot == 0 ? engine : sideEngines_[slot - 1].get(); };
 
     PottsEngine* last = nullptr;
@@ -683,6 +686,9 @@ void DHC::splitLeaf(const SplittingOptions& opts, WSNode* node) {
 // given back and their workspaces destroyed whatever the outcome.
 void DHC::splitPieces(const SplittingOptions& opts, WSNode* node, PottsWS** pieces, int nPieces) {
     PottsWS* ws = node->data;
+    // The pieces' children are scaffolding read right away: they take copies.
+    const bool valuesWithParent = engine->childValuesWithParent;
+    engine->childValuesWithParent = false;
     std::vector<PottsWS*> scaffold(pieces, pieces + nPieces);
     std::vector<int> scaffoldLabels;
     for (int i = 0; i < nPieces; ++i) scaffoldLabels.push_back(pieces[i]->root->label);
@@ -755,6 +761,7 @@ void DHC::splitPieces(const SplittingOptions& opts, WSNode* node, PottsWS** piec
     }
     // The leaf's own pixels may still show scaffold labels if its split was refused.
     if (ws->splitState != 2) ws->root->mapRefresh(ws->root->label, false);
+    engine->childValuesWithParent = valuesWithParent;
 }
 
 PottsWS** DHC::disconnect(int& n, bool attach, Tree<PottsWS*>* other) {
@@ -797,6 +804,14 @@ void DHC::splitting(SplittingOptions opts) {
     };
     if (!balanced && opts.maxNumberOfClasses <= classCount()) return;
 
+    // Test children need no values of their own until their split is chosen:
+    // they stay in the leaf's list, and the chosen leaf hands them over.
+    struct LeaveValues {
+        PottsEngine* e;
+        explicit LeaveValues(PottsEngine* engine) : e(engine) { e->childValuesWithParent = true; }
+        ~LeaveValues() { e->childValuesWithParent = false; }
+    } leaveValues(engine);
+
     for (;;) {
         testSplitting(opts);
         std::vector<WSNode*> leaves(tree->terminals.begin(), tree->terminals.end());
@@ -829,6 +844,9 @@ void DHC::splitting(SplittingOptions opts) {
         tree->current = chosen;
         tree->validate(opts.validateFlag ? 1 : 0);
         // Split for good: from now on only its statistics are read.
+        std::vector<PottsWS*> kids;
+        for (int c = 0; c < chosen->nChildren; ++c) kids.push_back(chosen->children[c]->data);
+        chosen->data->handValuesToChildren(kids.data(), static_cast<int>(kids.size()));
         chosen->data->releasePixels();
 
         if (opts.splitMode == 1) {

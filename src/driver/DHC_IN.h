@@ -41,8 +41,10 @@ struct DHC_IN {
     ROI<int, xy>* gt = nullptr;
     // Threads the run may use (0: one per core).  The results do not depend on it.
     int threads = 0;
-    // Unsupervised, in-memory source: the caller will not read roi->data
-    // again, so the driver frees it (and nulls it) once the root workspace
-    // holds its own copy.
-    bool releaseRoiValues = false;
+    // Unsupervised, in-memory source: the caller will not read roi->data nor
+    // initLabels again, so the root workspace takes the roi's values over
+    // instead of copying them (roi->data becomes null) and the driver frees
+    // initLabels once the root is built (an empty region).  The roi's
+    // coordinates stay: the label map is read out at them.
+    bool releaseInputs = false;
 };

@@ -801,7 +801,7 @@ void PottsEngine::updateLikelihoodEnergy(Mixture** classes, int n) {
 
 PottsWS** PottsEngine::makeChildren(PottsWS* w, int* labels, int k, bool altGain, double threshold) {
     PottsWS** children = nullptr;
-    w->split(labels, k, children, true);
+    w->split(labels, k, children, true, childValuesWithParent);
     w->splitGain = altGain ? splitGain(w, k, children, threshold) : splitGain(w, k, children);
     // The Potts split is the method that made this split, so its gain is the
     // primary one; the report files it as the MRF gain.

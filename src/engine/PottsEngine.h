@@ -52,6 +52,9 @@ class PottsEngine {
     // kEstMaxICM / kSupervisedICM (1 after a plain kICM).
     int lastSweeps = 0;
     int lastPasses = 0;
+    // The children a split makes leave their values in the split workspace's
+    // list (PottsWS::split) until the driver makes the split final.
+    bool childValuesWithParent = false;
 
     PottsEngine();
     PottsEngine(int multiplicity, double betaMin, double betaMax, double betaBound, bool adaptive,

@@ -96,9 +96,9 @@ PreparedRun prepareRun(int rows, int cols, int bands, int*** cube, int** mask, i
 DHC_OUT runSegmentation(const PreparedRun& run, DHC_SET& settings, int threads) {
     DHC_IN in;
     in.threads = threads;
-    // The front ends let the inputs go after the run: the region's values are
-    // not read again once the root workspace holds them.
-    in.releaseRoiValues = true;
+    // The front ends do not read the region's values or the initial labels
+    // after the run, and the root workspace holds its own copy of both.
+    in.releaseInputs = true;
     in.mode = settings.supervisedMode ? 1 : 0;
     in.source = 0;
     in.roi = run.roi.get();

@@ -8,9 +8,11 @@
 #include <utility>
 #include <vector>
 
+#include "data/Permute.h"
 #include "data/PottsMapRegion.h"
 #include "data/run.h"
 #include "settings/BandCount.h"
+#include "settings/Fatal.h"
 #include "settings/RowMatrix.h"
 #include "settings/Workers.h"
 #include "stats/Mixture.h"
@@ -167,6 +169,18 @@ struct PixelScan {
     void finish() const { d.cursor = std::max(d.loadedCount - 1, 0); }
 };
 
+// A child's pixels read where they lie in its parent's list (index[p] is the
+// parent's entry of the child's pixel p), for the child's own statistics
+// before it holds values of its own.
+struct IndexScan {
+    PottsData& child;
+    const int* base;  // the parent's values
+    const std::vector<int>& index;
+    const int* values(int p) const { return base + static_cast<size_t>(index[p]) * child.bands; }
+    int count() const { return static_cast<int>(index.size()); }
+    void finish() const { child.cursor = std::max(count() - 1, 0); }
+};
+
 // Pixels below this many per chunk are not worth handing to another thread.
 constexpr int kGrain = 16384;
 
@@ -193,8 +207,8 @@ struct ClassSums {
     }
 };
 
-template <typename ClassOf>
-ClassSums classSums(const PixelScan& scan, int n, int d, ClassOf classOf, bool withProducts) {
+template <typename Scan, typename ClassOf>
+ClassSums classSums(const Scan& scan, int n, int d, ClassOf classOf, bool withProducts) {
     const int chunks = dhc::chunksFor(scan.count(), kGrain);
     std::vector<ClassSums> part(static_cast<size_t>(chunks));
     dhc::forChunks(scan.count(), kGrain, [&](int begin, int end, int chunk) {
@@ -256,7 +270,11 @@ void PottsWS::setSigma(double** s) {
 }
 
 void PottsWS::updateMi() {
-    const PixelScan scan{*this};
+    meanOver(PixelScan{*this});
+}
+
+template <typename Scan>
+void PottsWS::meanOver(const Scan& scan) {
     const int d = bands;
     std::fill(mi, mi + d, 0.0);
     cursor = 0;
@@ -276,7 +294,11 @@ void PottsWS::updateMi() {
 }
 
 void PottsWS::updateSigma() {
-    const PixelScan scan{*this};
+    sigmaOver(PixelScan{*this});
+}
+
+template <typename Scan>
+void PottsWS::sigmaOver(const Scan& scan) {
     const int d = bands;
     zeroMatrix(sigma, d);
     cursor = 0;
@@ -306,9 +328,9 @@ namespace {
 
 // The sums of updateFeatures over the pixels in order, for a band count D
 // fixed at compile time (0: d at run time), in the same order of operations.
-template <int D>
-void featureSums(const PixelScan& scan, int d, const double* mi, double** inverse, bool ok,
-                 double& sqDeviation, double& mahalanobis) {
+template <int D, typename Scan>
+void featureSums(const Scan& scan, int d, const double* mi, double** inverse, bool ok, double& sqDeviation,
+                 double& mahalanobis) {
     if (D > 0) d = D;
     std::vector<double> mu(mi, mi + d), inv(static_cast<size_t>(d) * d), diff(d);
     for (int i = 0; i < d; ++i)
@@ -331,7 +353,13 @@ void featureSums(const PixelScan& scan, int d, const double* mi, double** invers
 }  // namespace
 
 void PottsWS::updateFeatures() {
-    const PixelScan scan{*this};
+    // Computed when the split made this child, from the same mi and sigma.
+    if (valuesWithParent) return;
+    featuresOver(PixelScan{*this});
+}
+
+template <typename Scan>
+void PottsWS::featuresOver(const Scan& scan) {
     const int d = bands;
     sqDeviation = 0.0;
     likelihoodEnergy = 0.0;
@@ -343,7 +371,7 @@ void PottsWS::updateFeatures() {
     double mahalanobis = 0.0;
     cursor = 0;
     dhc::withBandCount(
-        d, [&](auto D) { featureSums<D()>(scan, d, mi, inverse, ok != 0, sqDeviation, mahalanobis); });
+        d, [&](auto D) { featureSums<D(), Scan>(scan, d, mi, inverse, ok != 0, sqDeviation, mahalanobis); });
     scan.finish();
     if (ok) likelihoodEnergy = 0.5 * mahalanobis;
     dhc::deleteRows(work, d);
@@ -557,7 +585,7 @@ void PottsWS::exportSigma(int k) {
 // ---------------------------------------------------------------------------
 // Split
 
-int PottsWS::split(int* labels, int n, PottsWS**& children, bool computeStats) {
+int PottsWS::split(int* labels, int n, PottsWS**& children, bool computeStats, bool leaveWithParent) {
     const int nChildren = n > 0 ? n : 0;
     children = new PottsWS*[nChildren];
     PottsMapRegion* region = root;
@@ -595,7 +623,8 @@ int PottsWS::split(int* labels, int n, PottsWS**& children, bool computeStats) {
 
     // The children, sized exactly from the first pass.
     const bool valuesInMemory = data != nullptr && loadedCount >= envelopeCount;
-    const bool copyValues = computeStats && valuesInMemory;
+    const bool leaveValues = computeStats && valuesInMemory && leaveWithParent;
+    const bool copyValues = computeStats && valuesInMemory && !leaveWithParent;
     int nonEmpty = 0;
     std::vector<xy*> contours(nChildren, nullptr);
     for (int j = 0; j < nChildren; ++j) {
@@ -705,7 +734,18 @@ int PottsWS::split(int* labels, int n, PottsWS**& children, bool computeStats) {
         PottsWS* child = children[j];
         if (child->mi == nullptr && bands > 0) child->mi = new double[bands]();
         if (child->sigma == nullptr && bands > 0) child->sigma = dhc::newRows<double>(bands, bands);
-        if (computeStats) {
+        if (leaveValues) {
+            // The same sums over the same values in the same order as on a copy.
+            std::vector<int> index;
+            index.reserve(static_cast<size_t>(areas[j]));
+            for (int p = 0; p < total; ++p)
+                if (pixelChild[p] == j) index.push_back(p);
+            const IndexScan scan{*child, data, index};
+            child->meanOver(scan);
+            child->sigmaOver(scan);
+            child->featuresOver(scan);
+            child->valuesWithParent = true;
+        } else if (computeStats) {
             child->updateMi();
             child->updateSigma();
         }
@@ -840,9 +880,57 @@ void PottsWS::MLMapCompletion(double** means, double*** covs) {
 // ---------------------------------------------------------------------------
 // Report
 
+void PottsWS::handValuesToChildren(PottsWS** children, int n) {
+    bool pending = false;
+    for (int j = 0; j < n; ++j) pending = pending || children[j]->valuesWithParent;
+    if (!pending) return;
+    if (data == nullptr || loadedCount < envelopeCount)
+        dhc::fatal(-1, "handValuesToChildren: the region holds no values to hand over",
+                   dhc::FatalChannel::StdErr);
+    // Which pixel each entry takes: every child's pixels are this list's
+    // pixels in this list's order, so one cursor per child finds them;
+    // pixels of no child go last.
+    const int total = envelopeCount;
+    std::vector<int> offset(static_cast<size_t>(n) + 1, 0), next(static_cast<size_t>(n), 0);
+    for (int j = 0; j < n; ++j) offset[j + 1] = offset[j] + children[j]->envelopeCount;
+    std::vector<int32_t> from(static_cast<size_t>(total));
+    int spare = offset[n];
+    for (int p = 0; p < total; ++p) {
+        const xy& c = coords[p];
+        int to = -1;
+        for (int j = 0; j < n && to < 0; ++j) {
+            const PottsWS* child = children[j];
+            if (next[j] < child->envelopeCount && child->coords[next[j]].x == c.x &&
+                child->coords[next[j]].y == c.y)
+                to = offset[j] + next[j]++;
+        }
+        from[to >= 0 ? to : spare++] = p;
+    }
+    for (int j = 0; j < n; ++j)
+        if (next[j] != children[j]->envelopeCount)
+            dhc::fatal(-1, "handValuesToChildren: a child's pixels are not the region's",
+                       dhc::FatalChannel::StdErr);
+
+    const size_t d = static_cast<size_t>(bands);
+    std::vector<int> kept(d);
+    dhc::gatherInPlace(
+        from, [&](int q) { std::copy(data + q * d, data + (q + 1) * d, kept.begin()); },
+        [&](int q, int p) { std::copy(data + p * d, data + (p + 1) * d, data + q * d); },
+        [&](int q) { std::copy(kept.begin(), kept.end(), data + q * d); });
+
+    if (!sharedValues) sharedValues.reset(data);
+    for (int j = 0; j < n; ++j) {
+        PottsWS* child = children[j];
+        if (!child->valuesWithParent) continue;
+        child->sharedValues = sharedValues;
+        child->data = data + static_cast<size_t>(offset[j]) * d;
+        child->loadedCount = child->envelopeCount;
+        child->valuesWithParent = false;
+    }
+}
+
 void PottsWS::releasePixels() {
-    delete[] data;
-    data = nullptr;
+    dropValues();
     delete[] coords;
     coords = nullptr;
     delete[] pixelIndex;

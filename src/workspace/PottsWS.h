@@ -49,6 +49,9 @@ class PottsWS : public PottsData {
     // them).  Only tables over the root's pixels (the supervised likelihood
     // table) need them; without, a child costs 4 bytes a pixel less.
     bool tracksRootIndex = true;
+    // A test child whose values are still in its parent's list (see split):
+    // its mi, sigma and features are computed, it holds no values yet.
+    bool valuesWithParent = false;
 
     // Each constructor forwards to the PottsData constructor with the same
     // arguments, then runs init().
@@ -118,8 +121,16 @@ class PottsWS : public PottsData {
     // new array of n new workspaces with their pixels, runs, borders, contours and
     // (with computeStats) band values, mi and sigma.  Sets this->edges.  Returns
     // the number of children with pixels, negated when some pixels carry none of
-    // the labels.
-    int split(int* labels, int n, PottsWS**& children, bool computeStats);
+    // the labels.  With valuesWithParent (and computeStats, values in memory)
+    // the children get no copies: their statistics and features are read
+    // from this workspace's values, and handValuesToChildren gives them their
+    // values once this split is final.
+    int split(int* labels, int n, PottsWS**& children, bool computeStats, bool valuesWithParent = false);
+    // The split above is final: this workspace's values are reordered in
+    // place child after child (each child's pixels in their own order), and
+    // each child valuesWithParent gets its range of them.  Nothing may read
+    // this workspace's pixels afterwards but releasePixels.
+    void handValuesToChildren(PottsWS** children, int n);
     // Relabels every pixel with the Gaussian class (estimated from the pixels
     // already labelled, label 0 = unlabelled) that explains it best.  When given,
     // means[k] / covs[k] (caller storage) receive the class statistics.
@@ -132,6 +143,14 @@ class PottsWS : public PottsData {
     void releasePixels();
 
   private:
+    // updateMi, updateSigma and updateFeatures over the pixels a scan gives.
+    template <typename Scan>
+    void meanOver(const Scan& scan);
+    template <typename Scan>
+    void sigmaOver(const Scan& scan);
+    template <typename Scan>
+    void featuresOver(const Scan& scan);
+
     // The accumulations behind the label statistics, by how a pixel is
     // selected (selected(p) -> bool) or classed (classOf(p) -> index or -1).
     template <typename Selected>

@@ -94,4 +94,52 @@ TEST(PottsWSSplitTest, MaximumLikelihoodCompletion) {
     EXPECT_DOUBLE_EQ(m[2], 60.0);
 }
 
+TEST(PottsWSSplitTest, ChildrenLeftInTheParentsListMatchCopiedChildrenAndGetTheSameValuesLater) {
+    // Three irregular labels and a patch of no child; the same split once
+    // with copies and once leaving the values with the parent.
+    auto value = [](int r, int c, int b) { return (r * 7919 + c * 104729 + b * 31) % 2001 - 1000; };
+    auto copied = makeWS(30, 40, 3, value);
+    auto left = makeWS(30, 40, 3, value);
+    std::vector<std::vector<int>> grid(30, std::vector<int>(40));
+    for (int r = 0; r < 30; ++r)
+        for (int c = 0; c < 40; ++c) grid[r][c] = (r * r + 3 * c) % 7 < 3 ? 10 : (c < 25 ? 11 : 12);
+    grid[5][5] = grid[5][6] = 13;
+    paint(*copied.ws, grid);
+    paint(*left.ws, grid);
+    int labels[3] = {10, 11, 12};
+    PottsWS** a = nullptr;
+    PottsWS** b = nullptr;
+    EXPECT_EQ(copied.ws->split(labels, 3, a, true), -3);
+    EXPECT_EQ(left.ws->split(labels, 3, b, true, true), -3);
+    const int* parentValues = left.ws->data;
+    for (int j = 0; j < 3; ++j) {
+        a[j]->updateFeatures();
+        b[j]->updateFeatures();
+        EXPECT_TRUE(b[j]->valuesWithParent);
+        EXPECT_EQ(b[j]->data, nullptr);
+        EXPECT_EQ(b[j]->loadedCount, 0);
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_EQ(b[j]->mi[i], a[j]->mi[i]);
+            for (int k = 0; k < 3; ++k) EXPECT_EQ(b[j]->sigma[i][k], a[j]->sigma[i][k]);
+        }
+        EXPECT_EQ(b[j]->sqDeviation, a[j]->sqDeviation);
+        EXPECT_EQ(b[j]->likelihoodEnergy, a[j]->likelihoodEnergy);
+    }
+
+    left.ws->handValuesToChildren(b, 3);
+    left.ws->releasePixels();
+    EXPECT_EQ(b[0]->data, parentValues) << "the first child's range starts the list";
+    for (int j = 0; j < 3; ++j) {
+        EXPECT_FALSE(b[j]->valuesWithParent);
+        EXPECT_EQ(b[j]->sharedValues.get(), parentValues);
+        ASSERT_EQ(b[j]->loadedCount, a[j]->loadedCount);
+        EXPECT_TRUE(std::equal(a[j]->data, a[j]->data + a[j]->loadedCount * 3, b[j]->data)) << j;
+        // The values are the children's own now: their statistics read them.
+        b[j]->updateMi();
+        for (int i = 0; i < 3; ++i) EXPECT_EQ(b[j]->mi[i], a[j]->mi[i]);
+    }
+    freeChildren(a, 3);
+    freeChildren(b, 3);
+}
+
 }  // namespace
