@@ -6,7 +6,6 @@
 #include <utility>
 #include <vector>
 
-#include "data/Permute.h"
 #include "settings/Random.h"
 #include "settings/Workers.h"
 
@@ -43,35 +42,38 @@ ROI<int, xy>* buildRoi(int rows, int cols, int bands, int*** cube, int** mask, i
         for (int c = 0; c < cols; ++c)
             if (mask[r][c] == maskValue) ++count;
 
-    ROI<int, xy>* roi = new ROI<int, xy>(count, bands);
+    ROI<int, xy>* roi = new ROI<int, xy>();
+    roi->count = count;
+    roi->bands = bands;
+    roi->coords = new xy[count]();
+    const size_t width = static_cast<size_t>(bands > 0 ? bands : 0);
+    roi->data = new int[static_cast<size_t>(count) * width];
     int k = 0;
     for (int r = 0; r < rows; ++r)
         for (int c = 0; c < cols; ++c) {
             if (mask[r][c] != maskValue) continue;
             roi->coords[k].x = static_cast<uint16_t>(r);
             roi->coords[k].y = static_cast<uint16_t>(c);
-            for (int b = 0; b < bands; ++b) roi->data[static_cast<size_t>(k) * bands + b] = cube[b][r][c];
             ++k;
         }
     roi->imageRows = rows;
     roi->imageCols = cols;
     roi->order = 2;
-
     roi->fitBox();
     for (int i = 0; i < count; ++i) {
         roi->coords[i].x = static_cast<uint16_t>(roi->coords[i].x - roi->minRow);
         roi->coords[i].y = static_cast<uint16_t>(roi->coords[i].y - roi->minCol);
     }
 
-    if (shuffle && roi->order != 1) {
-        // The swaps run on an index permutation, then the points are gathered
-        // once: the same final order as swapping the points themselves, without
-        // moving every point's values around at random tens of times.
+    if (shuffle) {
+        // The swaps run on an index permutation (point q becomes raster point
+        // from[q]); the points are then read once in their final order, the
+        // same order as swapping the points themselves.
+        std::vector<int32_t> from(static_cast<size_t>(count));
+        for (int i = 0; i < count; ++i) from[i] = i;
         dhc::Random& random = dhc::processRandom();
         random.reseed(3605118785u);
         const long swaps = 10L * count;
-        std::vector<int32_t> from(static_cast<size_t>(count));
-        for (int i = 0; i < count; ++i) from[i] = i;
         if (dhc::chunksFor(count, kShuffleGrain) < 2) {
             applySwaps(random, swaps, from);
         } else {
@@ -96,29 +98,27 @@ ROI<int, xy>* buildRoi(int rows, int cols, int bands, int*** cube, int** mask, i
             for (int q = 0; q < count; ++q) second[q] = from[second[q]];
             from.swap(second);
         }
-        // In place: the values are the largest thing held while the run
-        // starts, and the caller's image is still alive.
-        const size_t width = static_cast<size_t>(bands > 0 ? bands : 0);
-        std::vector<int> keptValues(width);
-        xy keptPoint;
-        int* values = roi->data;
-        xy* points = roi->coords;
-        dhc::gatherInPlace(
-            from,
-            [&](int q) {
-                keptPoint = points[q];
-                std::copy(values + q * width, values + (q + 1) * width, keptValues.begin());
-            },
-            [&](int q, int p) {
-                points[q] = points[p];
-                std::copy(values + p * width, values + (p + 1) * width, values + q * width);
-            },
-            [&](int q) {
-                points[q] = keptPoint;
-                std::copy(keptValues.begin(), keptValues.end(), values + q * width);
-            });
+        xy* coords = new xy[count];
+        for (int q = 0; q < count; ++q) coords[q] = roi->coords[from[q]];
+        delete[] roi->coords;
+        roi->coords = coords;
         roi->order = 1;
     }
+    // The values straight from the caller's planes, in the points' order.
+    const int minRow = roi->minRow, minCol = roi->minCol;
+    xy* points = roi->coords;
+    int* values = roi->data;
+    dhc::forChunks(count, kShuffleGrain, [&](int begin, int end, int) {
+        constexpr int kAhead = 8;
+        for (int q = begin; q < end; ++q) {
+            if (q + kAhead < end)
+                for (int b = 0; b < bands; ++b)
+                    __builtin_prefetch(
+                        &cube[b][points[q + kAhead].x + minRow][points[q + kAhead].y + minCol]);
+            const int r = points[q].x + minRow, c = points[q].y + minCol;
+            for (int b = 0; b < bands; ++b) values[static_cast<size_t>(q) * width + b] = cube[b][r][c];
+        }
+    });
     return roi;
 }
 

@@ -8,7 +8,6 @@
 #include <utility>
 #include <vector>
 
-#include "data/Permute.h"
 #include "data/PottsMapRegion.h"
 #include "data/run.h"
 #include "settings/BandCount.h"
@@ -887,36 +886,53 @@ void PottsWS::handValuesToChildren(PottsWS** children, int n) {
     if (data == nullptr || loadedCount < envelopeCount)
         dhc::fatal(-1, "handValuesToChildren: the region holds no values to hand over",
                    dhc::FatalChannel::StdErr);
-    // Which pixel each entry takes: every child's pixels are this list's
-    // pixels in this list's order, so one cursor per child finds them;
-    // pixels of no child go last.
+    // The ranges: the largest child's first, then the others in order.
+    int big = 0;
+    for (int j = 1; j < n; ++j)
+        if (children[j]->envelopeCount > children[big]->envelopeCount) big = j;
+    const int head = children[big]->envelopeCount;
+    std::vector<int> offset(static_cast<size_t>(n), 0), next(static_cast<size_t>(n), 0);
+    int filled = head;
+    for (int j = 0; j < n; ++j)
+        if (j != big) {
+            offset[j] = filled;
+            filled += children[j]->envelopeCount;
+        }
+    // Entry q of the ranges takes pixel from[q] of this list.  Every child's
+    // pixels are this list's pixels in this list's order, so one cursor per
+    // child finds them; pixels of no child are dropped.
     const int total = envelopeCount;
-    std::vector<int> offset(static_cast<size_t>(n) + 1, 0), next(static_cast<size_t>(n), 0);
-    for (int j = 0; j < n; ++j) offset[j + 1] = offset[j] + children[j]->envelopeCount;
-    std::vector<int32_t> from(static_cast<size_t>(total));
-    int spare = offset[n];
+    std::vector<int32_t> from(static_cast<size_t>(filled));
     for (int p = 0; p < total; ++p) {
         const xy& c = coords[p];
-        int to = -1;
-        for (int j = 0; j < n && to < 0; ++j) {
+        for (int j = 0; j < n; ++j) {
             const PottsWS* child = children[j];
             if (next[j] < child->envelopeCount && child->coords[next[j]].x == c.x &&
-                child->coords[next[j]].y == c.y)
-                to = offset[j] + next[j]++;
+                child->coords[next[j]].y == c.y) {
+                from[offset[j] + next[j]++] = p;
+                break;
+            }
         }
-        from[to >= 0 ? to : spare++] = p;
     }
     for (int j = 0; j < n; ++j)
         if (next[j] != children[j]->envelopeCount)
             dhc::fatal(-1, "handValuesToChildren: a child's pixels are not the region's",
                        dhc::FatalChannel::StdErr);
 
+    // The other children's values aside; the largest child's moved forward
+    // in place (its q-th pixel lies at q or after, so nothing is overwritten
+    // before it is read); the others after it.
     const size_t d = static_cast<size_t>(bands);
-    std::vector<int> kept(d);
-    dhc::gatherInPlace(
-        from, [&](int q) { std::copy(data + q * d, data + (q + 1) * d, kept.begin()); },
-        [&](int q, int p) { std::copy(data + p * d, data + (p + 1) * d, data + q * d); },
-        [&](int q) { std::copy(kept.begin(), kept.end(), data + q * d); });
+    dhc::withBandCount(bands, [&](auto D) {
+        const size_t w = D() > 0 ? static_cast<size_t>(D()) : d;
+        auto copy = [w](const int* src, int* dst) {
+            for (size_t b = 0; b < w; ++b) dst[b] = src[b];
+        };
+        std::vector<int> aside(static_cast<size_t>(filled - head) * w);
+        for (int q = head; q < filled; ++q) copy(data + from[q] * w, aside.data() + (q - head) * w);
+        for (int q = 0; q < head; ++q) copy(data + from[q] * w, data + q * w);
+        std::copy(aside.begin(), aside.end(), data + head * w);
+    });
 
     if (!sharedValues) sharedValues.reset(data);
     for (int j = 0; j < n; ++j) {

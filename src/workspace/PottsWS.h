@@ -127,8 +127,8 @@ class PottsWS : public PottsData {
     // values once this split is final.
     int split(int* labels, int n, PottsWS**& children, bool computeStats, bool valuesWithParent = false);
     // The split above is final: this workspace's values are reordered in
-    // place child after child (each child's pixels in their own order), and
-    // each child valuesWithParent gets its range of them.  Nothing may read
+    // place into one range per child (each child's pixels in their own
+    // order), and each child valuesWithParent gets its range.  Nothing may read
     // this workspace's pixels afterwards but releasePixels.
     void handValuesToChildren(PottsWS** children, int n);
     // Relabels every pixel with the Gaussian class (estimated from the pixels
