@@ -173,11 +173,12 @@ struct PixelScan {
 // before it holds values of its own.
 struct IndexScan {
     PottsData& child;
-    const int* base;  // the parent's values
-    const std::vector<int>& index;
+    const int* base;   // the parent's values
+    const int* index;  // n entries
+    int n;
     const int* values(int p) const { return base + static_cast<size_t>(index[p]) * child.bands; }
-    int count() const { return static_cast<int>(index.size()); }
-    void finish() const { child.cursor = std::max(count() - 1, 0); }
+    int count() const { return n; }
+    void finish() const { child.cursor = std::max(n - 1, 0); }
 };
 
 // Pixels below this many per chunk are not worth handing to another thread.
@@ -598,26 +599,45 @@ int PottsWS::split(int* labels, int n, PottsWS**& children, bool computeStats, b
     std::vector<int> childOf(static_cast<size_t>(m) + 1, nChildren);
     for (int j = 0; j < nChildren; ++j) childOf[labels[j]] = j;
 
-    // First pass: child and border flag of every pixel, areas and border counts.
-    std::vector<int> areas(nChildren + 1, 0), borderCounts(nChildren + 1, 0);
+    // First pass: child and border flag of every pixel, areas and border
+    // counts, by chunk of the pixel list (the chunks' counts place the
+    // second pass's writes).
+    const int chunks = dhc::chunksFor(total, kGrain);
+    const size_t slots = static_cast<size_t>(nChildren) + 1;
+    std::vector<int> chunkAreas(slots * chunks, 0), chunkBorders(slots * chunks, 0);
     std::vector<int> pixelChild(total > 0 ? total : 0);
     std::vector<char> isBorder(total > 0 ? total : 0, 0);
-    for (int p = 0; p < total; ++p) {
-        const xy& c = coords[p];
-        const int v = map[c.x + pad][c.y + pad];
-        if (v < 0 || v > m) {
-            pixelChild[p] = nChildren;
-            ++areas[nChildren];
-            continue;
+    dhc::forChunks(total, kGrain, [&](int begin, int end, int chunk) {
+        int* area = &chunkAreas[slots * chunk];
+        int* border = &chunkBorders[slots * chunk];
+        for (int p = begin; p < end; ++p) {
+            const xy& c = coords[p];
+            const int v = map[c.x + pad][c.y + pad];
+            if (v < 0 || v > m) {
+                pixelChild[p] = nChildren;
+                ++area[nChildren];
+                continue;
+            }
+            const int j = childOf[v];
+            pixelChild[p] = j;
+            if (region->uc(c.x, c.y, v, true) < 8) {
+                isBorder[p] = 1;
+                ++border[j];
+            }
+            ++area[j];
         }
-        const int j = childOf[v];
-        pixelChild[p] = j;
-        if (region->uc(c.x, c.y, v, true) < 8) {
-            isBorder[p] = 1;
-            ++borderCounts[j];
+    });
+    // From here on chunkAreas / chunkBorders hold where each chunk's entries
+    // of each child start.
+    std::vector<int> areas(slots, 0), borderCounts(slots, 0);
+    for (int i = 0; i < chunks; ++i)
+        for (size_t j = 0; j < slots; ++j) {
+            const int a = chunkAreas[slots * i + j], b = chunkBorders[slots * i + j];
+            chunkAreas[slots * i + j] = areas[j];
+            chunkBorders[slots * i + j] = borderCounts[j];
+            areas[j] += a;
+            borderCounts[j] += b;
         }
-        ++areas[j];
-    }
     const int uncovered = areas[nChildren];
 
     // The children, sized exactly from the first pass.
@@ -652,22 +672,30 @@ int PottsWS::split(int* labels, int n, PottsWS**& children, bool computeStats, b
         }
     }
 
-    // Second pass: pixel lists, contour lists, root indices (and values).
-    std::vector<int> filled(nChildren, 0), contourFilled(nChildren, 0);
-    for (int p = 0; p < total; ++p) {
-        const int j = pixelChild[p];
-        if (j >= nChildren) continue;
-        PottsWS* child = children[j];
-        const int q = filled[j]++;
-        xy record = coords[p];
-        record.aux = static_cast<uint16_t>(isBorder[p]);
-        child->coords[q] = record;
-        if (isBorder[p]) contours[j][contourFilled[j]++] = record;
-        if (tracksRootIndex) child->pixelIndex[q] = pixelIndex != nullptr ? pixelIndex[p] : p;
-        if (copyValues)
-            std::copy(data + static_cast<size_t>(p) * bands, data + static_cast<size_t>(p + 1) * bands,
-                      child->data + static_cast<size_t>(q) * bands);
-    }
+    // Second pass: pixel lists, contour lists, root indices (and values; or,
+    // leaving the values here, every child's entries in this list, child
+    // after child).
+    std::vector<int> childStart(slots, 0), entries(leaveValues ? total : 0);
+    for (int j = 0; j < nChildren; ++j) childStart[j + 1] = childStart[j] + areas[j];
+    dhc::forChunks(total, kGrain, [&](int begin, int end, int chunk) {
+        int* filled = &chunkAreas[slots * chunk];
+        int* contourFilled = &chunkBorders[slots * chunk];
+        for (int p = begin; p < end; ++p) {
+            const int j = pixelChild[p];
+            if (j >= nChildren) continue;
+            PottsWS* child = children[j];
+            const int q = filled[j]++;
+            xy record = coords[p];
+            record.aux = static_cast<uint16_t>(isBorder[p]);
+            child->coords[q] = record;
+            if (isBorder[p]) contours[j][contourFilled[j]++] = record;
+            if (tracksRootIndex) child->pixelIndex[q] = pixelIndex != nullptr ? pixelIndex[p] : p;
+            if (leaveValues) entries[childStart[j] + q] = p;
+            if (copyValues)
+                std::copy(data + static_cast<size_t>(p) * bands, data + static_cast<size_t>(p + 1) * bands,
+                          child->data + static_cast<size_t>(q) * bands);
+        }
+    });
     for (int j = 0; j < nChildren; ++j) {
         PottsMapRegion* r = children[j]->root;
         delete[] r->contour;
@@ -735,11 +763,7 @@ int PottsWS::split(int* labels, int n, PottsWS**& children, bool computeStats, b
         if (child->sigma == nullptr && bands > 0) child->sigma = dhc::newRows<double>(bands, bands);
         if (leaveValues) {
             // The same sums over the same values in the same order as on a copy.
-            std::vector<int> index;
-            index.reserve(static_cast<size_t>(areas[j]));
-            for (int p = 0; p < total; ++p)
-                if (pixelChild[p] == j) index.push_back(p);
-            const IndexScan scan{*child, data, index};
+            const IndexScan scan{*child, data, entries.data() + childStart[j], areas[j]};
             child->meanOver(scan);
             child->sigmaOver(scan);
             child->featuresOver(scan);
