@@ -183,9 +183,10 @@ def small(args, old, new, work):
         threads = ["1", "2"]
     bad = 0
     count = 0
-    # The largest scene is above the size at which a loop is cut among
-    # threads, so there 1 and 2 threads take different paths.
-    for rows, cols in ((96, 112), (160, 128), (256, 272)):
+    # The two largest scenes are above the sizes at which a loop, and an ICM
+    # sweep, are cut among threads, so there 1 and 2 threads take different
+    # paths.
+    for rows, cols in ((96, 112), (160, 128), (256, 272), (384, 400)):
         d = os.path.join(work, "%dx%d" % (rows, cols))
         os.makedirs(d, exist_ok=True)
         scene, truth = make_scene(tool, d, rows, cols, seed=rows)
@@ -194,6 +195,8 @@ def small(args, old, new, work):
         if rows == 256:
             cases = [c for c in cases if c[1][0] in ("default", "mult3", "variable", "supervised", "mask",
                                                      "fixed_beta", "blind")]
+        if rows == 384:
+            cases = [c for c in cases if c[1][0] in ("default", "mult3", "mask", "fixed_beta")]
         if rows == 96:
             cases += [(v, ("bands" + v[-6], [], ("report",))) for v in band_variants(d, scene)]
         for image, (name, extra, kinds) in cases:

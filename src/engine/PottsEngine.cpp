@@ -1,9 +1,11 @@
 #include "engine/PottsEngine.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <ostream>
 #include <vector>
 
@@ -421,11 +423,53 @@ double** PottsEngine::kML(PottsWS* w, int* labels, double** energy) {
 // ---------------------------------------------------------------------------
 // ICM and beta
 
+namespace {
+
+// One bit per cell of a padded map: the cells whose label a sweep's second
+// half saw other than it ends up.
+class CellBits {
+  public:
+    CellBits(int rows, int stride)
+        : stride_(static_cast<std::size_t>(stride)),
+          bits_(static_cast<std::size_t>(rows) * stride / 64 + 2, 0) {}
+    void clear() { std::fill(bits_.begin(), bits_.end(), 0); }
+    void set(int r, int c) {
+        const std::size_t i = static_cast<std::size_t>(r) * stride_ + c;
+        bits_[i >> 6] |= uint64_t{1} << (i & 63);
+    }
+    // Whether a cell of the 3 x 3 block around (r, c) is set.
+    bool around(int r, int c) const { return three(r - 1, c - 1) || three(r, c - 1) || three(r + 1, c - 1); }
+
+  private:
+    bool three(int r, int c) const {
+        const std::size_t i = static_cast<std::size_t>(r) * stride_ + c;
+        const std::size_t w = i >> 6, off = i & 63;
+        uint64_t v = bits_[w] >> off;
+        if (off > 61) v |= bits_[w + 1] << (64 - off);
+        return (v & 7) != 0;
+    }
+    std::size_t stride_;
+    std::vector<uint64_t> bits_;
+};
+
+// Regions smaller than this sweep on one thread.
+constexpr int kSweepSplit = 1 << 17;
+
+}  // namespace
+
 // ICM sweeps over the loaded pixels of the current workspace.  Labels are
 // written at once, so later pixels of a sweep see them.  Stops when at most
 // 0.1 % of the pixels changed, or after 151 sweeps; returns the sweeps run.
 // classOf receives every pixel's class as the label statistics resolve its new
 // map label (the first of equal labels), so they can read it in pixel order.
+//
+// A sweep decides the pixels one after the other, each seeing the labels its
+// predecessors chose.  On two threads it stays that sweep: the first half runs
+// on the map; the second half runs meanwhile on its own copy of the map
+// (speculation: its predecessors in the first half are taken unchanged).  Then, in order, a second-half pixel
+// keeps its speculative choice unless a neighbour's label differs from what the speculation saw (marked
+// cells: first-half changes, and second-half pixels whose choice was redone and came out different), where it
+// is decided again on the map.  The speculation stops where the first half finished; the rest runs as usual.
 template <typename EnergyAt>
 int PottsEngine::sweeps(int* labels, int k, int* classOf, EnergyAt energyAt) {
     PottsMapRegion* region = ws->root;
@@ -436,45 +480,139 @@ int PottsEngine::sweeps(int* labels, int k, int* classOf, EnergyAt energyAt) {
     const double total = ws->envelopeCount;
     constexpr int kAhead = 16;
     const std::vector<int> firstOf = firstIndices(labels, k);
+
+    // The class of pixel p given the labels of map m.
+    auto decide = [&](int* const* m, const xy& q, int p) {
+        const double bp = (adaptive && q.aux != 0) ? betaBound : beta;
+        const int r = q.x + pad;
+        const int c0 = q.y + pad - 1;
+        const int* up = m[r - 1] + c0;
+        const int* mid = m[r] + c0;
+        const int* dn = m[r + 1] + c0;
+        const int nb[8] = {up[0], up[1], up[2], mid[0], mid[2], dn[0], dn[1], dn[2]};
+        int best = 0;
+        double bestScore = 0.0;
+        for (int c = 0; c < k; ++c) {
+            const int l = labels[c];
+            int agree = 0;
+            for (int t = 0; t < 8; ++t) agree += (nb[t] == l);
+            const double score = bp * agree - energyAt(p, c);
+            if (c == 0 || score > bestScore) {
+                best = c;
+                bestScore = score;
+            }
+        }
+        return best;
+    };
+    // Pixels come in scattered order: fetch the neighbourhood of the pixel
+    // kAhead places on while this one is decided.
+    auto ahead = [&](int* const* m, int p, int end) {
+        if (p + kAhead < end) {
+            const xy& a = coords[p + kAhead];
+            __builtin_prefetch(m[a.x + pad - 1] + a.y + pad);
+            __builtin_prefetch(m[a.x + pad] + a.y + pad, 1);
+            __builtin_prefetch(m[a.x + pad + 1] + a.y + pad);
+        }
+    };
+    // Pixels [begin, end) one after the other on the map; returns the changes.
+    auto inOrder = [&](int begin, int end, CellBits* changed) {
+        int changes = 0;
+        for (int p = begin; p < end; ++p) {
+            ahead(map, p, end);
+            xy& q = coords[p];
+            const int best = decide(map, q, p);
+            classOf[p] = firstOf[best];
+            int& cell = map[q.x + pad][q.y + pad];
+            if (cell != labels[best]) {
+                cell = labels[best];
+                q.flag = 1;
+                ++changes;
+                if (changed != nullptr) changed->set(q.x + pad, q.y + pad);
+            }
+        }
+        return changes;
+    };
+
+    const dhc::Workers* team = dhc::installedWorkers();
+    const bool split = team != nullptr && team->size() > 1 && n >= kSweepSplit;
+    const int half = n / 2;
+    const int mapRows = region->rows + 2 * pad, mapCols = region->cols + 2 * pad;
+    int lo = mapRows, hi = -1;  // map rows the second half reads
+    if (split)
+        for (int p = half; p < n; ++p) {
+            lo = std::min(lo, coords[p].x + pad - 1);
+            hi = std::max(hi, coords[p].x + pad + 1);
+        }
+    std::unique_ptr<CellBits> marked;
+    if (split) marked = std::make_unique<CellBits>(mapRows, mapCols);
+    // The second half's copy of the map and its choices (2 * class + whether
+    // the label changed), made by the thread that speculates, if one does.
+    std::vector<int> copy;
+    std::vector<int*> copyRows;
+    std::vector<int> guess;
+
     int done = 0;
     double rate = 0.0;
     do {
         int changes = 0;
-        for (int p = 0; p < n; ++p) {
-            // Pixels come in scattered order: fetch the neighbourhood of the
-            // pixel kAhead places on while this one is decided.
-            if (p + kAhead < n) {
-                const xy& a = coords[p + kAhead];
-                __builtin_prefetch(map[a.x + pad - 1] + a.y + pad);
-                __builtin_prefetch(map[a.x + pad] + a.y + pad, 1);
-                __builtin_prefetch(map[a.x + pad + 1] + a.y + pad);
-            }
-            xy& q = coords[p];
-            const double bp = (adaptive && q.aux != 0) ? betaBound : beta;
-            const int r = q.x + pad;
-            const int c0 = q.y + pad - 1;
-            const int* up = map[r - 1] + c0;
-            int* mid = map[r] + c0;
-            const int* dn = map[r + 1] + c0;
-            const int nb[8] = {up[0], up[1], up[2], mid[0], mid[2], dn[0], dn[1], dn[2]};
-            int best = 0;
-            double bestScore = 0.0;
-            for (int c = 0; c < k; ++c) {
-                const int l = labels[c];
-                int agree = 0;
-                for (int t = 0; t < 8; ++t) agree += (nb[t] == l);
-                const double score = bp * agree - energyAt(p, c);
-                if (c == 0 || score > bestScore) {
-                    best = c;
-                    bestScore = score;
+        if (!split) {
+            changes = inOrder(0, n, nullptr);
+        } else {
+            marked->clear();
+            std::atomic<bool> firstDone{false};
+            int reached = half;
+            dhc::forChunks(2, 1, [&](int, int, int part) {
+                if (part == 0) {
+                    changes = inOrder(0, half, marked.get());
+                    firstDone.store(true, std::memory_order_relaxed);
+                    return;
                 }
+                // Taken while the first half may already be writing the map:
+                // a first-half cell read in any state is marked if it changes,
+                // and every second-half pixel next to it is decided again.
+                if (firstDone.load(std::memory_order_relaxed)) return;
+                if (copy.empty()) {
+                    copy.resize(static_cast<std::size_t>(hi - lo + 1) * mapCols);
+                    copyRows.assign(static_cast<std::size_t>(mapRows), nullptr);
+                    for (int r = lo; r <= hi; ++r)
+                        copyRows[r] = copy.data() + static_cast<std::size_t>(r - lo) * mapCols;
+                    guess.resize(static_cast<std::size_t>(n - half));
+                }
+                for (int r = lo; r <= hi; ++r) std::copy(map[r], map[r] + mapCols, copyRows[r]);
+                int p = half;
+                for (; p < n; ++p) {
+                    if (((p - half) & 255) == 0 && firstDone.load(std::memory_order_relaxed)) break;
+                    ahead(copyRows.data(), p, n);
+                    const xy& q = coords[p];
+                    const int best = decide(copyRows.data(), q, p);
+                    int& cell = copyRows[q.x + pad][q.y + pad];
+                    const bool differs = cell != labels[best];
+                    if (differs) cell = labels[best];
+                    guess[p - half] = 2 * best + (differs ? 1 : 0);
+                }
+                reached = p;
+            });
+            for (int p = half; p < reached; ++p) {
+                xy& q = coords[p];
+                const int r = q.x + pad, c = q.y + pad;
+                const int g = guess[p - half];
+                int best = g >> 1;
+                if (marked->around(r, c)) {
+                    best = decide(map, q, p);
+                    if (best != g >> 1) marked->set(r, c);
+                    if (map[r][c] != labels[best]) {
+                        map[r][c] = labels[best];
+                        q.flag = 1;
+                        ++changes;
+                    }
+                } else if (g & 1) {
+                    map[r][c] = labels[best];
+                    q.flag = 1;
+                    ++changes;
+                }
+                classOf[p] = firstOf[best];
             }
-            classOf[p] = firstOf[best];
-            if (mid[1] != labels[best]) {
-                mid[1] = labels[best];
-                q.flag = 1;
-                ++changes;
-            }
+            changes += inOrder(reached, n, nullptr);
         }
         ++done;
         rate = changes * 100.0 / total;

@@ -26,6 +26,17 @@ Scene bigQuadrants() {
     return s;
 }
 
+// 384 x 384, two classes deep in noise: the region is large enough for its
+// ICM sweeps to be cut between two threads, and the sweeps change many
+// labels, some of them next to pixels of the speculating half.
+Scene noisyHalves() {
+    Scene s(384, 384, 3);
+    for (int r = 0; r < s.rows; ++r)
+        for (int c = 0; c < s.cols; ++c) s.truth[r][c] = (c + r / 3) >= 250 ? 2 : 1;
+    s.paint({{100, 120, 90}, {150, 160, 130}}, 60);
+    return s;
+}
+
 // A flat block (one value: its split is refused) beside two noisy classes,
 // flat on the left or on the right, so that the refused split comes first or
 // last among the leaves split side by side.
@@ -58,12 +69,12 @@ void collect(TreeNode<PottsWS*>* node, std::vector<double>& out) {
     for (int c = 0; c < node->nChildren; ++c) collect(node->children[c], out);
 }
 
-Outcome runWith(Scene scene, int multiplicity, int threads) {
+Outcome runWith(Scene scene, int multiplicity, int threads, double betaMin = 0.0, double betaMax = 1.5) {
     std::unique_ptr<ROI<int, xy>> roi(scene.dataRoi());
     DHC_SET s;
     s.multiplicity = multiplicity;
-    s.betaMin = 0.0;
-    s.betaMax = 1.5;
+    s.betaMin = betaMin;
+    s.betaMax = betaMax;
     s.splitGainThreshold = 0.01;
     s.maxNumberOfClasses = 5;
     s.minSplitArea = 8;
@@ -105,6 +116,18 @@ TEST(DHCThreads, ARefusedSplitAmongLeavesSplitSideBySideLeavesTheSameTree) {
         const Outcome two = runWith(flatBeside(flatLeft), 2, 2);
         ASSERT_GT(one.figures.size(), 2 * 5u) << "the scene must split";
         EXPECT_EQ(two.labels, one.labels);
+        ASSERT_EQ(two.figures.size(), one.figures.size());
+        for (size_t i = 0; i < one.figures.size(); ++i)
+            EXPECT_EQ(std::memcmp(&two.figures[i], &one.figures[i], sizeof(double)), 0) << "figure " << i;
+    }
+}
+
+TEST(DHCThreads, SweepsOfALargeRegionCutBetweenTwoThreadsLeaveTheSameTree) {
+    for (double beta : {0.4, 1.0}) {
+        const Outcome one = runWith(noisyHalves(), 2, 1, beta, beta);
+        const Outcome two = runWith(noisyHalves(), 2, 2, beta, beta);
+        ASSERT_GT(one.figures.size(), 2 * 5u) << "the scene must split";
+        EXPECT_EQ(two.labels, one.labels) << beta;
         ASSERT_EQ(two.figures.size(), one.figures.size());
         for (size_t i = 0; i < one.figures.size(); ++i)
             EXPECT_EQ(std::memcmp(&two.figures[i], &one.figures[i], sizeof(double)), 0) << "figure " << i;
