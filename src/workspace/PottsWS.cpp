@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <fstream>
 #include <limits>
 #include <utility>
@@ -293,8 +294,39 @@ void PottsWS::meanOver(const Scan& scan) {
     for (int b = 0; b < d; ++b) mi[b] /= n;
 }
 
+namespace {
+
+bool sameBits(const std::vector<double>& key, const std::vector<double>& state) {
+    return !key.empty() && key.size() == state.size() &&
+           std::memcmp(key.data(), state.data(), key.size() * sizeof(double)) == 0;
+}
+
+}  // namespace
+
 void PottsWS::updateSigma() {
+    if (sameBits(sigmaKey_, sigmaState())) {
+        cursor = std::max(loadedCount - 1, 0);  // where a scan leaves it
+        return;
+    }
     sigmaOver(PixelScan{*this});
+}
+
+// The pixel count, mi and sigma (and the features), compared bit for bit
+// (0.0 and -0.0 differ; a NaN matches the NaN of the same sums).
+std::vector<double> PottsWS::sigmaState() const {
+    std::vector<double> s;
+    s.reserve(1 + static_cast<std::size_t>(bands) * (bands + 1) + 2);
+    s.push_back(static_cast<double>(loadedCount));
+    s.insert(s.end(), mi, mi + bands);
+    for (int i = 0; i < bands; ++i) s.insert(s.end(), sigma[i], sigma[i] + bands);
+    return s;
+}
+
+std::vector<double> PottsWS::featuresState() const {
+    std::vector<double> s = sigmaState();
+    s.push_back(sqDeviation);
+    s.push_back(likelihoodEnergy);
+    return s;
 }
 
 template <typename Scan>
@@ -322,6 +354,7 @@ void PottsWS::sigmaOver(const Scan& scan) {
     for (int i = 0; i < d; ++i)
         for (int j = 0; j < d; ++j) sigma[i][j] = sigma[i][j] / n - mi[i] * mi[j];
     repairDegenerate(sigma, d);
+    sigmaKey_ = sigmaState();
 }
 
 namespace {
@@ -355,6 +388,10 @@ void featureSums(const Scan& scan, int d, const double* mi, double** inverse, bo
 void PottsWS::updateFeatures() {
     // Computed when the split made this child, from the same mi and sigma.
     if (valuesWithParent) return;
+    if (sameBits(featuresKey_, featuresState())) {
+        cursor = std::max(loadedCount - 1, 0);
+        return;
+    }
     featuresOver(PixelScan{*this});
 }
 
@@ -376,6 +413,7 @@ void PottsWS::featuresOver(const Scan& scan) {
     if (ok) likelihoodEnergy = 0.5 * mahalanobis;
     dhc::deleteRows(work, d);
     dhc::deleteRows(inverse, d);
+    featuresKey_ = featuresState();
 }
 
 // ---------------------------------------------------------------------------

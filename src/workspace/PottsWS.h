@@ -16,6 +16,7 @@
 // allocate belong to the caller (new[]; matrices row by row).  Not copyable.
 
 #include <string>
+#include <vector>
 
 #include "data/PottsData.h"
 #include "data/ROI.h"
@@ -150,6 +151,14 @@ class PottsWS : public PottsData {
     void sigmaOver(const Scan& scan);
     template <typename Scan>
     void featuresOver(const Scan& scan);
+
+    // What sigma and the features were last computed from and came to, bit
+    // for bit: a region's pixels never change once it is made, so when a test
+    // split asks again for what the split that made the region computed, the
+    // same inputs and untouched results are the answer already.
+    std::vector<double> sigmaKey_, featuresKey_;
+    std::vector<double> sigmaState() const;
+    std::vector<double> featuresState() const;
 
     // The accumulations behind the label statistics, by how a pixel is
     // selected (selected(p) -> bool) or classed (classOf(p) -> index or -1).

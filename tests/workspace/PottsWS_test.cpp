@@ -158,6 +158,47 @@ TEST(PottsWSStatsTest, FeaturesFromMeanAndCovariance) {
     EXPECT_EQ(s.ws->likelihoodEnergy, 0.0);
 }
 
+TEST(PottsWSStatsTest, AskingAgainAfterTheInputsChangedRecomputes) {
+    // Asked twice with nothing changed, the statistics are those of the first
+    // time; once mi, sigma or the features are written from outside, the next
+    // request gives what a fresh computation from the new inputs gives.
+    auto b = makeWS(3, 4, 2, [](int r, int c, int band) { return (band + 1) * (r * 5 + c * c); });
+    auto fresh = makeWS(3, 4, 2, [](int r, int c, int band) { return (band + 1) * (r * 5 + c * c); });
+    auto sigmaOf = [](PottsWS& ws) {
+        return std::vector<double>{ws.sigma[0][0], ws.sigma[0][1], ws.sigma[1][1]};
+    };
+    b.ws->updateSigma();
+    b.ws->updateFeatures();
+    const std::vector<double> sigma = sigmaOf(*b.ws);
+    const double energy = b.ws->likelihoodEnergy;
+    b.ws->updateSigma();
+    b.ws->updateFeatures();
+    EXPECT_EQ(sigmaOf(*b.ws), sigma);
+    EXPECT_EQ(b.ws->likelihoodEnergy, energy);
+
+    double shifted[2] = {b.ws->mi[0] + 1.0, b.ws->mi[1] - 2.0};
+    b.ws->setMi(shifted);
+    fresh.ws->setMi(shifted);
+    b.ws->updateSigma();
+    fresh.ws->updateSigma();
+    EXPECT_EQ(sigmaOf(*b.ws), sigmaOf(*fresh.ws));
+    EXPECT_NE(sigmaOf(*b.ws), sigma);
+
+    b.ws->sigma[0][0] = 1e6;  // mi unchanged: the covariance is computed again
+    b.ws->updateSigma();
+    EXPECT_EQ(sigmaOf(*b.ws), sigmaOf(*fresh.ws));
+
+    b.ws->updateFeatures();
+    fresh.ws->updateFeatures();
+    EXPECT_EQ(b.ws->likelihoodEnergy, fresh.ws->likelihoodEnergy);
+    b.ws->likelihoodEnergy = 0.0;
+    b.ws->sqDeviation = 0.0;
+    b.ws->updateFeatures();
+    EXPECT_EQ(b.ws->likelihoodEnergy, fresh.ws->likelihoodEnergy);
+    EXPECT_EQ(b.ws->sqDeviation, fresh.ws->sqDeviation);
+    EXPECT_GT(b.ws->sqDeviation, 0.0);
+}
+
 }  // namespace
 
 namespace {
