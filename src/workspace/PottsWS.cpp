@@ -305,7 +305,7 @@ bool sameBits(const std::vector<double>& key, const std::vector<double>& state) 
 
 void PottsWS::updateSigma() {
     if (sameBits(sigmaKey_, sigmaState())) {
-        cursor = std::max(loadedCount - 1, 0);  // where a scan leaves it
+        PixelScan{*this}.finish();  // the cursor where a scan leaves it
         return;
     }
     sigmaOver(PixelScan{*this});
@@ -389,7 +389,7 @@ void PottsWS::updateFeatures() {
     // Computed when the split made this child, from the same mi and sigma.
     if (valuesWithParent) return;
     if (sameBits(featuresKey_, featuresState())) {
-        cursor = std::max(loadedCount - 1, 0);
+        PixelScan{*this}.finish();
         return;
     }
     featuresOver(PixelScan{*this});
