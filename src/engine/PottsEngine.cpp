@@ -106,6 +106,146 @@ void assignRange(const PottsWS* w, int begin, int end, const double* cw, int m, 
     std::copy(counts.begin(), counts.end(), countsOut);
 }
 
+// Lloyd passes that look again only at the pixels whose nearest codeword may
+// have changed (labels distinct, so a class is its codeword).  A decided pixel
+// gets a lower bound on how much farther its second nearest codeword is than
+// its own; every pass lowers it by its codeword's movement plus the largest
+// movement (triangle inequality), and the pixel is decided afresh once it is
+// no longer positive.  The bound keeps a margin above the rounding of the
+// distances, so a skipped pixel is one whose computed distances would pick the
+// same codeword: the assignments, and the exact integer sums kept up to date
+// by the pixels that move, are those of full passes.
+//
+// The lowering is the same for all pixels of a class, so it is summed per
+// class (rounded up) and a pixel stores its bound plus its class's sum when it
+// was decided (rounded down): it stays while that exceeds the class's sum.
+class LloydBounds {
+  public:
+    LloydBounds(int n, int d) : key_(static_cast<std::size_t>(n)), d_(d) {
+        // Relative error bound of a squared distance summed over d bands
+        // (and of a movement), with room to spare.
+        gamma_ = (2.0 * d + 16.0) * 0x1p-53;
+    }
+
+    // The next pass decides every pixel afresh (new codewords after a split).
+    void restart(int m) {
+        fresh_ = true;
+        lowered_.assign(static_cast<std::size_t>(m), 0.0);
+    }
+    bool fresh() const { return fresh_; }
+
+    // Records the codewords' movement from before (m x d, side by side) to
+    // code after a pass.
+    void moved(const double* before, double** code, int m) {
+        std::vector<double> shift(static_cast<std::size_t>(m));
+        double largest = 0.0;
+        for (int c = 0; c < m; ++c) {
+            double s = 0.0;
+            for (int b = 0; b < d_; ++b) {
+                const double t = code[c][b] - before[static_cast<std::size_t>(c) * d_ + b];
+                s += t * t;
+            }
+            shift[c] = std::sqrt(s) * (1.0 + gamma_);
+            largest = std::max(largest, shift[c]);
+        }
+        for (int c = 0; c < m; ++c)
+            lowered_[c] = (lowered_[c] + (shift[c] + largest) * (1.0 + gamma_)) * (1.0 + 0x1p-50);
+        fresh_ = false;
+    }
+
+    // Whether pixel p of class c keeps its class without being decided.
+    bool stays(int p, int c) const { return static_cast<double>(key_[p]) > lowered_[c]; }
+
+    // A freshly decided pixel of class c: its nearest and second nearest
+    // squared distances as computed.
+    void decided(int p, int c, double nearest, double second) {
+        const double u = std::sqrt(nearest) * (1.0 + 2.0 * gamma_);
+        const double l = std::sqrt(second) * (1.0 - 2.0 * gamma_);
+        const double gap = l - u - 8.0 * gamma_ * l;
+        // Not above the exact key when positive (float rounding is within 2^-24).
+        key_[p] = static_cast<float>((lowered_[c] + gap) * (1.0 - 0x1p-20));
+    }
+
+  private:
+    std::vector<float> key_;
+    std::vector<double> lowered_;
+    double gamma_ = 0.0;
+    int d_;
+    bool fresh_ = true;
+};
+
+// assignRange with bounds: a fresh pass decides every pixel and gives absolute
+// sums and counts; a later one only the pixels whose bound ran out, giving the
+// changes to the sums and counts of the pass before.
+template <int D>
+void assignBounded(const PottsWS* w, int begin, int end, const double* cw, int m, int* classOf,
+                   LloydBounds& bounds, int64_t* sumsOut, int* countsOut) {
+    const int d = D > 0 ? D : w->bands;
+    const bool fresh = bounds.fresh();
+    std::vector<int64_t> sums(static_cast<std::size_t>(m) * d, 0);
+    std::vector<int> counts(static_cast<std::size_t>(m), 0);
+    std::vector<double> xd(static_cast<std::size_t>(d));
+    auto decide = [&](int p) {
+        const int was = classOf[p];
+        const int* x = pixel(w, p);
+        for (int b = 0; b < d; ++b) xd[b] = static_cast<double>(x[b]);
+        int best = 0;
+        double bestDist = 0.0, second = 0.0;
+        for (int c = 0; c < m; ++c) {
+            const double* cc = cw + static_cast<std::size_t>(c) * d;
+            double dist = 0.0;
+            for (int b = 0; b < d; ++b) {
+                const double t = xd[b] - cc[b];
+                dist += t * t;
+            }
+            if (c == 0 || dist < bestDist) {
+                second = c == 0 ? dist : bestDist;
+                bestDist = dist;
+                best = c;
+            } else if (c == 1 || dist < second) {
+                second = dist;
+            }
+        }
+        bounds.decided(p, best, bestDist, second);
+        if (fresh) {
+            classOf[p] = best;
+            int64_t* sum = &sums[static_cast<std::size_t>(best) * d];
+            for (int b = 0; b < d; ++b) sum[b] += x[b];
+            ++counts[best];
+        } else if (best != was) {
+            classOf[p] = best;
+            int64_t* to = &sums[static_cast<std::size_t>(best) * d];
+            int64_t* from = &sums[static_cast<std::size_t>(was) * d];
+            for (int b = 0; b < d; ++b) {
+                to[b] += x[b];
+                from[b] -= x[b];
+            }
+            ++counts[best];
+            --counts[was];
+        }
+    };
+    if (fresh) {
+        for (int p = begin; p < end; ++p) decide(p);
+    } else {
+        // The few pixels to decide are scattered: they are listed a block at
+        // a time and their values fetched together.
+        constexpr int kBlock = 256;
+        int due[kBlock];
+        for (int from = begin; from < end; from += kBlock) {
+            const int to = std::min(end, from + kBlock);
+            int count = 0;
+            for (int p = from; p < to; ++p) {
+                due[count] = p;
+                count += bounds.stays(p, classOf[p]) ? 0 : 1;
+            }
+            for (int i = 0; i < count; ++i) __builtin_prefetch(pixel(w, due[i]));
+            for (int i = 0; i < count; ++i) decide(due[i]);
+        }
+    }
+    std::copy(sums.begin(), sums.end(), sumsOut);
+    std::copy(counts.begin(), counts.end(), countsOut);
+}
+
 // The distortion of every codeword after assignRange over all pixels with the
 // same codewords: the squared distances of its pixels summed in pixel order.
 template <int D>
@@ -141,10 +281,11 @@ void distortionOf(const PottsWS* w, int n, const double* cw, int m, const int* f
 
 // One Lloyd iteration over the loaded pixels, cut among the run's threads: the
 // classes' counts and new codewords (their means; a class without pixels gets
-// a zero codeword).  The chunks' integer sums are merged exactly.
+// a zero codeword).  The chunks' integer sums are merged exactly.  With bounds
+// (labels distinct) the sums of the pass before, kept in total, are updated.
 template <int D>
-void lloydPassOf(const PottsWS* w, int n, double** code, int m, const int* firstOf, int* classOf,
-                 int* counts) {
+void lloydPassOf(const PottsWS* w, int n, double** code, int m, const int* firstOf, int* classOf, int* counts,
+                 LloydBounds* bounds, std::vector<int64_t>& total) {
     const int d = D > 0 ? D : w->bands;
     const std::size_t md = static_cast<std::size_t>(m) * d;
     std::vector<double> cw(md);
@@ -153,23 +294,34 @@ void lloydPassOf(const PottsWS* w, int n, double** code, int m, const int* first
     const int chunks = dhc::chunksFor(n, kGrain);
     std::vector<int64_t> sums(md * chunks, 0);
     std::vector<int> chunkCounts(static_cast<std::size_t>(m) * chunks, 0);
+    const bool fresh = bounds == nullptr || bounds->fresh();
     dhc::forChunks(n, kGrain, [&](int begin, int end, int chunk) {
-        assignRange<D>(w, begin, end, cw.data(), m, firstOf, classOf, &sums[md * chunk],
-                       &chunkCounts[static_cast<std::size_t>(m) * chunk]);
+        if (bounds != nullptr)
+            assignBounded<D>(w, begin, end, cw.data(), m, classOf, *bounds, &sums[md * chunk],
+                             &chunkCounts[static_cast<std::size_t>(m) * chunk]);
+        else
+            assignRange<D>(w, begin, end, cw.data(), m, firstOf, classOf, &sums[md * chunk],
+                           &chunkCounts[static_cast<std::size_t>(m) * chunk]);
     });
+    if (fresh) {
+        total.assign(md, 0);
+        for (int c = 0; c < m; ++c) counts[c] = 0;
+    }
     for (int c = 0; c < m; ++c) {
-        counts[c] = 0;
         for (int i = 0; i < chunks; ++i) counts[c] += chunkCounts[static_cast<std::size_t>(m) * i + c];
         for (int b = 0; b < d; ++b) {
-            int64_t sum = 0;
+            int64_t& sum = total[static_cast<std::size_t>(c) * d + b];
             for (int i = 0; i < chunks; ++i) sum += sums[md * i + static_cast<std::size_t>(c) * d + b];
             code[c][b] = counts[c] > 0 ? static_cast<double>(sum) / static_cast<double>(counts[c]) : 0.0;
         }
     }
+    if (bounds != nullptr) bounds->moved(cw.data(), code, m);
 }
 
-void lloydPass(const PottsWS* w, int n, double** code, int m, const int* firstOf, int* classOf, int* counts) {
-    dhc::withBandCount(w->bands, [&](auto D) { lloydPassOf<D()>(w, n, code, m, firstOf, classOf, counts); });
+void lloydPass(const PottsWS* w, int n, double** code, int m, const int* firstOf, int* classOf, int* counts,
+               LloydBounds* bounds, std::vector<int64_t>& total) {
+    dhc::withBandCount(
+        w->bands, [&](auto D) { lloydPassOf<D()>(w, n, code, m, firstOf, classOf, counts, bounds, total); });
 }
 
 void lloydDistortion(const PottsWS* w, int n, const double* cw, int m, const int* firstOf, const int* classOf,
@@ -329,6 +481,11 @@ double** PottsEngine::kGLA(PottsWS* w, int* labels) {
         }
     });
     bool relabelled = false;
+    std::unique_ptr<LloydBounds> bounds;
+    bool distinct = true;
+    for (int c = 0; c < k; ++c) distinct = distinct && firstOf[c] == c;
+    if (distinct && lloydSkips) bounds = std::make_unique<LloydBounds>(n, d);
+    std::vector<int64_t> sums;
 
     bool abandoned = false;
     for (int s = 0; s + 2 <= k && !abandoned; ++s) {
@@ -355,10 +512,11 @@ double** PottsEngine::kGLA(PottsWS* w, int* labels) {
         // codewords could keep them alternating.  1000 passes bound that
         // (every image tried settled within 200).
         relabelled = true;
+        if (bounds) bounds->restart(m);
         for (int pass = 0; pass < 1000; ++pass) {
             for (int c = 0; c < m; ++c)
                 for (int b = 0; b < d; ++b) previous[static_cast<std::size_t>(c) * d + b] = code[c][b];
-            lloydPass(w, n, code, m, firstOf.data(), classOf.data(), counts.data());
+            lloydPass(w, n, code, m, firstOf.data(), classOf.data(), counts.data(), bounds.get(), sums);
 
             double movement = 0.0;
             bool empty = false;

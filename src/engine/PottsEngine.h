@@ -55,6 +55,9 @@ class PottsEngine {
     // The children a split makes leave their values in the split workspace's
     // list (PottsWS::split) until the driver makes the split final.
     bool childValuesWithParent = false;
+    // kGLA's Lloyd passes skip the pixels whose class provably stays; off,
+    // every pass decides every pixel.  The result is the same either way.
+    bool lloydSkips = true;
 
     PottsEngine();
     PottsEngine(int multiplicity, double betaMin, double betaMax, double betaBound, bool adaptive,

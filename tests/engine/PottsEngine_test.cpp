@@ -5,9 +5,12 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
+#include <random>
 #include <set>
 
 #include "engine/EngineFixtures.h"
+#include "settings/Workers.h"
 
 using namespace enginetest;
 
@@ -72,6 +75,41 @@ TEST(KGLA, OneClassConstantWorkspaceAndEquidistantPixels) {
     EXPECT_NEAR(code[0][0], (48.0 * 5000 + 8.0 * 7000) / 56.0, 1e-9);
     EXPECT_NEAR(code[1][0], 3000.0, 1e-9);
     dhc::deleteRows(code, 2);
+}
+
+// Passes that skip settled pixels end where passes deciding every pixel do:
+// the same labels and codewords, bit for bit, for any band count and
+// multiplicity, on regions cut among threads.
+TEST(KGLA, SkippingSettledPixelsChangesNothing) {
+    dhc::Workers team(2);
+    dhc::UseWorkers use(team);
+    int labels[4] = {4, 5, 6, 7};
+    for (int bands : {1, 2, 4, 5, 6})
+        for (int k : {2, 3, 4})
+            for (bool coarse : {false, true}) {
+                // Noisy quadrants (many passes), or values in {0, 1, 2}
+                // (equal pixels and near ties everywhere).
+                Synthetic s = rectangles(136, 136, 4, bands, 60.0, bands * 10 + k);
+                std::mt19937 gen(k);
+                if (coarse)
+                    for (int& v : s.values) v = static_cast<int>(gen() % 3);
+                Built a = s.build(), b = s.build();
+                PottsEngine skipping = engine(k), full = engine(k);
+                full.lloydSkips = false;
+                double** ca = skipping.kGLA(a.ws.get(), labels);
+                double** cb = full.kGLA(b.ws.get(), labels);
+                SCOPED_TRACE(testing::Message() << bands << " bands, K " << k << (coarse ? ", coarse" : ""));
+                EXPECT_EQ(a.ws->splitState, b.ws->splitState);
+                int differ = 0;
+                for (int p = 0; p < s.rows * s.cols; ++p)
+                    differ +=
+                        mapLabel(*a.ws, p / s.cols, p % s.cols) != mapLabel(*b.ws, p / s.cols, p % s.cols);
+                EXPECT_EQ(differ, 0);
+                for (int c = 0; c < k; ++c)
+                    EXPECT_EQ(std::memcmp(ca[c], cb[c], sizeof(double) * bands), 0) << "codeword " << c;
+                dhc::deleteRows(ca, k);
+                dhc::deleteRows(cb, k);
+            }
 }
 
 TEST(KML, EqualEnergiesGoToTheLowerClass) {
