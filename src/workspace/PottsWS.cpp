@@ -40,6 +40,11 @@ class ProductSums {
     void add(const ProductSums& other) {
         for (size_t e = 0; e < s_.size(); ++e) s_[e] += other.s_[e];
     }
+    // Adds partial sums laid out as these (d x d, upper triangle used).
+    void add(const int64_t* partial) {
+        for (int i = 0; i < d_; ++i)
+            for (int j = i; j < d_; ++j) s_[static_cast<size_t>(i) * d_ + j] += partial[i * d_ + j];
+    }
     // Sum of x[i] * x[j], either order of i and j.
     double at(int i, int j) const {
         return static_cast<double>(i <= j ? s_[static_cast<size_t>(i) * d_ + j]
@@ -217,20 +222,62 @@ ClassSums classSums(const Scan& scan, int n, int d, ClassOf classOf, bool withPr
         s.sums.assign(static_cast<size_t>(n) * d, 0);
         s.counts.assign(static_cast<size_t>(n), 0);
         if (withProducts) s.products.assign(static_cast<size_t>(n), ProductSums(d));
-        int64_t largest = 0;
-        for (int p = begin; p < end; ++p) {
-            const int j = classOf(p);
-            if (j < 0) continue;
-            const int* x = scan.values(p);
-            int64_t* sum = &s.sums[static_cast<size_t>(j) * d];
-            for (int b = 0; b < d; ++b) {
-                sum[b] += x[b];
-                largest = std::max<int64_t>(largest, x[b] < 0 ? -static_cast<int64_t>(x[b]) : x[b]);
+        dhc::withBandCount(d, [&](auto bandCount) {
+            constexpr int D = decltype(bandCount)::value;
+            const int dd = D > 0 ? D : d;
+            // Products are summed a block at a time in 64 bits when the
+            // block's values are small enough for that to be exact (2^9
+            // products below 2^52 each), then added to the 128-bit sums.
+            constexpr int kBlock = 512;
+            constexpr int64_t kSmall = int64_t{1} << 26;
+            int cls[kBlock];
+            std::vector<int64_t> partial(withProducts ? static_cast<size_t>(n) * dd * dd : 0);
+            std::vector<char> touched(withProducts ? static_cast<size_t>(n) : 0);
+            int64_t largest = 0;
+            for (int from = begin; from < end; from += kBlock) {
+                const int to = std::min(end, from + kBlock);
+                int64_t blockLargest = 0;
+                for (int p = from; p < to; ++p) {
+                    const int j = classOf(p);
+                    cls[p - from] = j;
+                    if (j < 0) continue;
+                    const int* x = scan.values(p);
+                    int64_t* sum = &s.sums[static_cast<size_t>(j) * dd];
+                    for (int b = 0; b < dd; ++b) {
+                        sum[b] += x[b];
+                        blockLargest =
+                            std::max<int64_t>(blockLargest, x[b] < 0 ? -static_cast<int64_t>(x[b]) : x[b]);
+                    }
+                    ++s.counts[j];
+                }
+                largest = std::max(largest, blockLargest);
+                if (!withProducts) continue;
+                if (blockLargest >= kSmall) {
+                    for (int p = from; p < to; ++p)
+                        if (cls[p - from] >= 0) s.products[cls[p - from]].add(scan.values(p));
+                    continue;
+                }
+                for (int p = from; p < to; ++p) {
+                    const int j = cls[p - from];
+                    if (j < 0) continue;
+                    touched[j] = 1;
+                    const int* x = scan.values(p);
+                    int64_t* acc = &partial[static_cast<size_t>(j) * dd * dd];
+                    for (int a = 0; a < dd; ++a) {
+                        const int64_t xa = x[a];
+                        for (int b = a; b < dd; ++b) acc[a * dd + b] += xa * x[b];
+                    }
+                }
+                for (int j = 0; j < n; ++j) {
+                    if (!touched[j]) continue;
+                    int64_t* acc = &partial[static_cast<size_t>(j) * dd * dd];
+                    s.products[j].add(acc);
+                    std::fill(acc, acc + dd * dd, 0);
+                    touched[j] = 0;
+                }
             }
-            if (withProducts) s.products[j].add(x);
-            ++s.counts[j];
-        }
-        s.largest = largest;
+            s.largest = largest;
+        });
         part[chunk] = std::move(s);
     });
     ClassSums total = std::move(part[0]);
