@@ -889,29 +889,41 @@ double PottsEngine::betaHat(int* labels, int k) {
                 std::copy(labels, labels + k, local);
                 own = local;
             }
+            auto inSplit = [own, kk](int v) {
+                int in = 0;
+                for (int l = 0; l < kk; ++l) in |= (v == own[l]);
+                return in;
+            };
+            // A run a piece at a time: the column sums of "label in the split"
+            // over the three rows (one column beyond each end of the piece),
+            // and a, which needs the cell itself.
+            constexpr int kPiece = 256;
+            int column[kPiece + 2], same[kPiece];
             for (int r = first; r < last; ++r) {
                 const run& rn = region->runs[r];
                 const int* up = map[rn.row + pad - 1];
                 const int* mid = map[rn.row + pad];
                 const int* dn = map[rn.row + pad + 1];
-                for (int c = rn.col + pad; c < rn.col + rn.len + pad; ++c) {
-                    const int nb[8] = {up[c - 1],  up[c],     up[c + 1], mid[c - 1],
-                                       mid[c + 1], dn[c - 1], dn[c],     dn[c + 1]};
-                    const int self = mid[c];
-                    int a = 0;
-                    int b = 0;
-                    for (int t = 0; t < 8; ++t) {
-                        a += (nb[t] == self);
-                        for (int l = 0; l < kk; ++l) {
-                            if (nb[t] == own[l]) {
-                                ++b;
-                                break;
-                            }
-                        }
+                for (int c0 = rn.col + pad; c0 < rn.col + pad + rn.len; c0 += kPiece) {
+                    const int len = std::min(kPiece, rn.col + pad + rn.len - c0);
+                    for (int i = 0; i < len + 2; ++i) {
+                        const int c = c0 - 1 + i;
+                        column[i] = inSplit(up[c]) + inSplit(mid[c]) + inSplit(dn[c]);
                     }
-                    // b < a only for a pixel outside every class of the split: it
-                    // has no competing configuration and takes no part in the score.
-                    if (b >= a) part.push_back(static_cast<uint8_t>(a * 9 + (b - a)));
+                    for (int i = 0; i < len; ++i) {
+                        const int c = c0 + i;
+                        const int self = mid[c];
+                        same[i] = (up[c - 1] == self) + (up[c] == self) + (up[c + 1] == self) +
+                                  (mid[c - 1] == self) + (mid[c + 1] == self) + (dn[c - 1] == self) +
+                                  (dn[c] == self) + (dn[c + 1] == self);
+                    }
+                    for (int i = 0; i < len; ++i) {
+                        const int a = same[i];
+                        const int b = column[i] + column[i + 1] + column[i + 2] - inSplit(mid[c0 + i]);
+                        // b < a only for a pixel outside every class of the split: it
+                        // has no competing configuration and takes no part in the score.
+                        if (b >= a) part.push_back(static_cast<uint8_t>(a * 9 + (b - a)));
+                    }
                 }
             }
         });
