@@ -152,14 +152,16 @@ void PottsWS::init() {
 
 namespace {
 
+// Reads of map cells in pixel order (scattered over the map) ask for the cell
+// of the pixel this many places on, so it is in cache in time.
+constexpr int kAhead = 16;
+
 // The loaded pixels of a workspace with their current map labels.  The scan
 // leaves the data's cursor at the last pixel visited, like the base class's
 // own getters.
 struct PixelScan {
     PottsData& d;
     const int* values(int p) const { return d.data + static_cast<size_t>(p) * d.bands; }
-    // Scans read the labels in pixel order, which is scattered over the map:
-    // each read asks for the cell a few pixels ahead so it is in cache in time.
     int label(int p) const {
         const int pad = d.root->pad;
         if (p + kAhead < d.loadedCount) {
@@ -169,7 +171,6 @@ struct PixelScan {
         const xy& c = d.coords[p];
         return d.root->map[c.x + pad][c.y + pad];
     }
-    static constexpr int kAhead = 16;
     int count() const { return d.loadedCount; }
     void finish() const { d.cursor = std::max(d.loadedCount - 1, 0); }
 };
@@ -696,6 +697,12 @@ int PottsWS::split(int* labels, int n, PottsWS**& children, bool computeStats, b
         int* area = &chunkAreas[slots * chunk];
         int* border = &chunkBorders[slots * chunk];
         for (int p = begin; p < end; ++p) {
+            if (p + kAhead < end) {
+                const xy& a = coords[p + kAhead];
+                __builtin_prefetch(map[a.x + pad - 1] + a.y + pad);
+                __builtin_prefetch(map[a.x + pad] + a.y + pad);
+                __builtin_prefetch(map[a.x + pad + 1] + a.y + pad);
+            }
             const xy& c = coords[p];
             const int v = map[c.x + pad][c.y + pad];
             if (v < 0 || v > m) {
