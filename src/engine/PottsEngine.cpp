@@ -121,7 +121,7 @@ void assignRange(const PottsWS* w, int begin, int end, const double* cw, int m, 
 // was decided (rounded down): it stays while that exceeds the class's sum.
 class LloydBounds {
   public:
-    LloydBounds(int n, int d) : key_(static_cast<std::size_t>(n)), d_(d) {
+    LloydBounds(int n, int d) : key_(new float[std::max(n, 1)]), d_(d) {
         // Relative error bound of a squared distance summed over d bands
         // (and of a movement), with room to spare.
         gamma_ = (2.0 * d + 16.0) * 0x1p-53;
@@ -167,7 +167,7 @@ class LloydBounds {
     }
 
   private:
-    std::vector<float> key_;
+    std::unique_ptr<float[]> key_;  // every entry written by the fresh pass
     std::vector<double> lowered_;
     double gamma_ = 0.0;
     int d_;
@@ -469,15 +469,16 @@ double** PottsEngine::kGLA(PottsWS* w, int* labels) {
     // of the first label equal to the pixel's map label, as the label
     // statistics resolve it.  The map itself is written once, at the end.
     const std::vector<int> firstOf = firstIndices(labels, k);
-    std::vector<int> classOf(n, -1);
+    // (Filled by the threads, so its pages are first touched side by side.)
+    const std::unique_ptr<int[]> classOfCells(new int[std::max(n, 1)]);
+    int* const classOf = classOfCells.get();
     dhc::forChunks(n, kGrain, [&](int begin, int end, int) {
         for (int p = begin; p < end; ++p) {
             const int l = cell(region, w->coords[p]);
-            for (int c = 0; c < k; ++c)
-                if (labels[c] == l) {
-                    classOf[p] = c;
-                    break;
-                }
+            int j = -1;
+            for (int c = 0; c < k && j < 0; ++c)
+                if (labels[c] == l) j = c;
+            classOf[p] = j;
         }
     });
     bool relabelled = false;
@@ -494,7 +495,7 @@ double** PottsEngine::kGLA(PottsWS* w, int* labels) {
 
         // Split class j along its principal axis by a thousandth of its mean
         // standard deviation.
-        w->getSigmaOfClass(firstOf[j], classOf.data(), sigma);
+        w->getSigmaOfClass(firstOf[j], classOf, sigma);
         double eps = 0.0;
         for (int b = 0; b < d; ++b) eps += std::sqrt(sigma[b][b]);
         eps /= 1000.0 * d;
@@ -516,7 +517,7 @@ double** PottsEngine::kGLA(PottsWS* w, int* labels) {
         for (int pass = 0; pass < 1000; ++pass) {
             for (int c = 0; c < m; ++c)
                 for (int b = 0; b < d; ++b) previous[static_cast<std::size_t>(c) * d + b] = code[c][b];
-            lloydPass(w, n, code, m, firstOf.data(), classOf.data(), counts.data(), bounds.get(), sums);
+            lloydPass(w, n, code, m, firstOf.data(), classOf, counts.data(), bounds.get(), sums);
 
             double movement = 0.0;
             bool empty = false;
@@ -539,7 +540,7 @@ double** PottsEngine::kGLA(PottsWS* w, int* labels) {
         // The next step splits the class of largest mean distortion, as the
         // last pass left it (its codewords are in previous).
         if (!abandoned && m < k) {
-            lloydDistortion(w, n, previous.data(), m, firstOf.data(), classOf.data(), distortion.data());
+            lloydDistortion(w, n, previous.data(), m, firstOf.data(), classOf, distortion.data());
             for (int c = 0; c < m; ++c) meanDistortion[c] = distortion[c] / counts[c];
         }
     }
@@ -705,9 +706,9 @@ int PottsEngine::sweeps(int* labels, int k, int* classOf, EnergyAt energyAt) {
     if (split) marked = std::make_unique<CellBits>(mapRows, mapCols);
     // The second half's copy of the map and its choices (2 * class + whether
     // the label changed), made by the thread that speculates, if one does.
-    std::vector<int> copy;
+    std::unique_ptr<int[]> copy;  // rows lo..hi, each written whole before it is read
     std::vector<int*> copyRows;
-    std::vector<int> guess;
+    std::unique_ptr<int[]> guess;  // entries below reached
 
     int done = 0;
     double rate = 0.0;
@@ -729,12 +730,12 @@ int PottsEngine::sweeps(int* labels, int k, int* classOf, EnergyAt energyAt) {
                 // a first-half cell read in any state is marked if it changes,
                 // and every second-half pixel next to it is decided again.
                 if (firstDone.load(std::memory_order_relaxed)) return;
-                if (copy.empty()) {
-                    copy.resize(static_cast<std::size_t>(hi - lo + 1) * mapCols);
+                if (!copy) {
+                    copy.reset(new int[static_cast<std::size_t>(hi - lo + 1) * mapCols]);
                     copyRows.assign(static_cast<std::size_t>(mapRows), nullptr);
                     for (int r = lo; r <= hi; ++r)
-                        copyRows[r] = copy.data() + static_cast<std::size_t>(r - lo) * mapCols;
-                    guess.resize(static_cast<std::size_t>(n - half));
+                        copyRows[r] = copy.get() + static_cast<std::size_t>(r - lo) * mapCols;
+                    guess.reset(new int[static_cast<std::size_t>(n - half)]);
                 }
                 for (int r = lo; r <= hi; ++r) std::copy(map[r], map[r] + mapCols, copyRows[r]);
                 int p = half;
@@ -813,16 +814,17 @@ int PottsEngine::kICM(double** means, int* labels, std::vector<int>& classOf, bo
     lastPasses = 1;
     if (invertible) {
         // Class energies once per call, pixel-major so a sweep reads them in order.
-        std::vector<double> table(static_cast<std::size_t>(n) * k);
+        const std::unique_ptr<double[]> table(
+            new double[std::max<std::size_t>(static_cast<std::size_t>(n) * k, 1)]);
         switch (d) {
             case 3:
-                classEnergies<3>(ws, n, k, means, inverses, logdet.data(), table.data());
+                classEnergies<3>(ws, n, k, means, inverses, logdet.data(), table.get());
                 break;
             case 4:
-                classEnergies<4>(ws, n, k, means, inverses, logdet.data(), table.data());
+                classEnergies<4>(ws, n, k, means, inverses, logdet.data(), table.get());
                 break;
             case 6:
-                classEnergies<6>(ws, n, k, means, inverses, logdet.data(), table.data());
+                classEnergies<6>(ws, n, k, means, inverses, logdet.data(), table.get());
                 break;
             default:
                 dhc::forChunks(n, kGrain, [&](int begin, int end, int) {
@@ -834,7 +836,7 @@ int PottsEngine::kICM(double** means, int* labels, std::vector<int>& classOf, bo
                     }
                 });
         }
-        const double* e = table.data();
+        const double* e = table.get();
         lastSweeps = sweeps(labels, k, classOf.data(),
                             [e, k](int p, int c) { return e[static_cast<std::size_t>(p) * k + c]; });
         result = 2;

@@ -691,8 +691,9 @@ int PottsWS::split(int* labels, int n, PottsWS**& children, bool computeStats, b
     const int chunks = dhc::chunksFor(total, kGrain);
     const size_t slots = static_cast<size_t>(nChildren) + 1;
     std::vector<int> chunkAreas(slots * chunks, 0), chunkBorders(slots * chunks, 0);
-    std::vector<int> pixelChild(total > 0 ? total : 0);
-    std::vector<char> isBorder(total > 0 ? total : 0, 0);
+    // Written for every pixel by the threads (first touched side by side).
+    const std::unique_ptr<int[]> pixelChild(new int[std::max(total, 1)]);
+    const std::unique_ptr<char[]> isBorder(new char[std::max(total, 1)]);
     dhc::forChunks(total, kGrain, [&](int begin, int end, int chunk) {
         int* area = &chunkAreas[slots * chunk];
         int* border = &chunkBorders[slots * chunk];
@@ -707,15 +708,15 @@ int PottsWS::split(int* labels, int n, PottsWS**& children, bool computeStats, b
             const int v = map[c.x + pad][c.y + pad];
             if (v < 0 || v > m) {
                 pixelChild[p] = nChildren;
+                isBorder[p] = 0;
                 ++area[nChildren];
                 continue;
             }
             const int j = childOf[v];
             pixelChild[p] = j;
-            if (region->uc(c.x, c.y, v, true) < 8) {
-                isBorder[p] = 1;
-                ++border[j];
-            }
+            const bool onBorder = region->uc(c.x, c.y, v, true) < 8;
+            isBorder[p] = onBorder ? 1 : 0;
+            if (onBorder) ++border[j];
             ++area[j];
         }
     });
