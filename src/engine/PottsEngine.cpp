@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <ostream>
+#include <unordered_map>
 #include <vector>
 
 #include "data/PottsMapRegion.h"
@@ -624,11 +625,14 @@ constexpr int kSweepSplit = 1 << 17;
 //
 // A sweep decides the pixels one after the other, each seeing the labels its
 // predecessors chose.  On two threads it stays that sweep: the first half runs
-// on the map; the second half runs meanwhile on its own copy of the map
-// (speculation: its predecessors in the first half are taken unchanged).  Then, in order, a second-half pixel
-// keeps its speculative choice unless a neighbour's label differs from what the speculation saw (marked
-// cells: first-half changes, and second-half pixels whose choice was redone and came out different), where it
-// is decided again on the map.  The speculation stops where the first half finished; the rest runs as usual.
+// on the map; the second half runs meanwhile reading the map without writing
+// it, its own changes kept aside (speculation: its predecessors in the first
+// half are taken as they are read).  Then, in order, a second-half pixel keeps
+// its speculative choice unless a neighbour's label may differ from what the
+// speculation saw (marked cells: first-half changes, and second-half pixels
+// whose choice was redone and came out different), where it is decided again
+// on the map.  The speculation stops where the first half finished; the rest
+// runs as usual.
 template <typename EnergyAt>
 int PottsEngine::sweeps(int* labels, int k, int* classOf, EnergyAt energyAt) {
     PottsMapRegion* region = ws->root;
@@ -640,15 +644,9 @@ int PottsEngine::sweeps(int* labels, int k, int* classOf, EnergyAt energyAt) {
     constexpr int kAhead = 16;
     const std::vector<int> firstOf = firstIndices(labels, k);
 
-    // The class of pixel p given the labels of map m.
-    auto decide = [&](int* const* m, const xy& q, int p) {
+    // The class of pixel p given the labels nb of its neighbours.
+    auto choose = [&](const int* nb, const xy& q, int p) {
         const double bp = (adaptive && q.aux != 0) ? betaBound : beta;
-        const int r = q.x + pad;
-        const int c0 = q.y + pad - 1;
-        const int* up = m[r - 1] + c0;
-        const int* mid = m[r] + c0;
-        const int* dn = m[r + 1] + c0;
-        const int nb[8] = {up[0], up[1], up[2], mid[0], mid[2], dn[0], dn[1], dn[2]};
         int best = 0;
         double bestScore = 0.0;
         for (int c = 0; c < k; ++c) {
@@ -662,6 +660,22 @@ int PottsEngine::sweeps(int* labels, int k, int* classOf, EnergyAt energyAt) {
             }
         }
         return best;
+    };
+    // The neighbours of pixel q on map m, up row, then sides, then down row.
+    auto neighbours = [pad](int* const* m, const xy& q, int* nb) {
+        const int r = q.x + pad;
+        const int c0 = q.y + pad - 1;
+        const int* up = m[r - 1] + c0;
+        const int* mid = m[r] + c0;
+        const int* dn = m[r + 1] + c0;
+        nb[0] = up[0], nb[1] = up[1], nb[2] = up[2], nb[3] = mid[0];
+        nb[4] = mid[2], nb[5] = dn[0], nb[6] = dn[1], nb[7] = dn[2];
+    };
+    // The class of pixel p given the labels of map m.
+    auto decide = [&](int* const* m, const xy& q, int p) {
+        int nb[8];
+        neighbours(m, q, nb);
+        return choose(nb, q, p);
     };
     // Pixels come in scattered order: fetch the neighbourhood of the pixel
     // kAhead places on while this one is decided.
@@ -696,19 +710,14 @@ int PottsEngine::sweeps(int* labels, int k, int* classOf, EnergyAt energyAt) {
     const bool split = team != nullptr && team->size() > 1 && n >= kSweepSplit;
     const int half = n / 2;
     const int mapRows = region->rows + 2 * pad, mapCols = region->cols + 2 * pad;
-    int lo = mapRows, hi = -1;  // map rows the second half reads
-    if (split)
-        for (int p = half; p < n; ++p) {
-            lo = std::min(lo, coords[p].x + pad - 1);
-            hi = std::max(hi, coords[p].x + pad + 1);
-        }
     std::unique_ptr<CellBits> marked;
     if (split) marked = std::make_unique<CellBits>(mapRows, mapCols);
-    // The second half's copy of the map and its choices (2 * class + whether
-    // the label changed), made by the thread that speculates, if one does.
-    std::unique_ptr<int[]> copy;  // rows lo..hi, each written whole before it is read
-    std::vector<int*> copyRows;
+    // The second half's choices (2 * class + whether the label changed), and
+    // the labels it changed (cells marked in guessed, labels by cell), made by
+    // the thread that speculates, if one does.
     std::unique_ptr<int[]> guess;  // entries below reached
+    std::unique_ptr<CellBits> guessed;
+    std::unordered_map<std::size_t, int> guessedLabel;
 
     int done = 0;
     double rate = 0.0;
@@ -726,27 +735,42 @@ int PottsEngine::sweeps(int* labels, int k, int* classOf, EnergyAt energyAt) {
                     firstDone.store(true, std::memory_order_relaxed);
                     return;
                 }
-                // Taken while the first half may already be writing the map:
-                // a first-half cell read in any state is marked if it changes,
+                // Reads the map while the first half may be writing it: a
+                // first-half cell read in any state is marked if it changes,
                 // and every second-half pixel next to it is decided again.
+                // Second-half cells are written by nobody meanwhile; the
+                // speculation's own changes are kept aside.
                 if (firstDone.load(std::memory_order_relaxed)) return;
-                if (!copy) {
-                    copy.reset(new int[static_cast<std::size_t>(hi - lo + 1) * mapCols]);
-                    copyRows.assign(static_cast<std::size_t>(mapRows), nullptr);
-                    for (int r = lo; r <= hi; ++r)
-                        copyRows[r] = copy.get() + static_cast<std::size_t>(r - lo) * mapCols;
+                if (!guess) {
                     guess.reset(new int[static_cast<std::size_t>(n - half)]);
+                    guessed = std::make_unique<CellBits>(mapRows, mapCols);
+                } else {
+                    guessed->clear();
                 }
-                for (int r = lo; r <= hi; ++r) std::copy(map[r], map[r] + mapCols, copyRows[r]);
+                guessedLabel.clear();
                 int p = half;
+                int nb[8];
                 for (; p < n; ++p) {
                     if (((p - half) & 255) == 0 && firstDone.load(std::memory_order_relaxed)) break;
-                    ahead(copyRows.data(), p, n);
+                    ahead(map, p, n);
                     const xy& q = coords[p];
-                    const int best = decide(copyRows.data(), q, p);
-                    int& cell = copyRows[q.x + pad][q.y + pad];
-                    const bool differs = cell != labels[best];
-                    if (differs) cell = labels[best];
+                    const int r = q.x + pad, c = q.y + pad;
+                    neighbours(map, q, nb);
+                    if (guessed->around(r, c)) {
+                        const int rows[8] = {r - 1, r - 1, r - 1, r, r, r + 1, r + 1, r + 1};
+                        const int cols[8] = {c - 1, c, c + 1, c - 1, c + 1, c - 1, c, c + 1};
+                        for (int t = 0; t < 8; ++t) {
+                            const auto found =
+                                guessedLabel.find(static_cast<std::size_t>(rows[t]) * mapCols + cols[t]);
+                            if (found != guessedLabel.end()) nb[t] = found->second;
+                        }
+                    }
+                    const int best = choose(nb, q, p);
+                    const bool differs = map[r][c] != labels[best];
+                    if (differs) {
+                        guessed->set(r, c);
+                        guessedLabel[static_cast<std::size_t>(r) * mapCols + c] = labels[best];
+                    }
                     guess[p - half] = 2 * best + (differs ? 1 : 0);
                 }
                 reached = p;
