@@ -9,6 +9,9 @@ names each file that differs.
 big mode: 1024², 2048², 4096² synthetic scenes and the 6-band Landsat scene
 (L7_ETMs.tif of Debian's r-cran-stars) tiled 4 x 4; prints wall time and
 peak RSS of both builds and the ratios new/old, and compares the outputs too.
+With --repeat N the two builds run N times each, alternately, and the medians
+are printed: on a shared virtual machine one run's speed can drift by a
+third within minutes.
 
 The old build is the commit given by --old (default: the commit before the
 speed-ups), exported with `git archive` into a scratch directory and built
@@ -167,6 +170,11 @@ def timed(cmd):
     return wall, usage.ru_utime + usage.ru_stime, usage.ru_maxrss / 1024.0
 
 
+def medians(runs):
+    """The median of each column of (wall, CPU, peak) triples."""
+    return tuple(sorted(column)[len(column) // 2] for column in zip(*runs))
+
+
 def supports_threads(exe):
     r = subprocess.run([exe, "segment", "--help"], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
     return "--threads" in r.stdout
@@ -263,8 +271,13 @@ def big(args, old, new, work):
         po, pn = os.path.join(work, "big.old"), os.path.join(work, "big.new")
         oa, of = outputs(po, ("report",))
         na, nf = outputs(pn, ("report",))
-        to, co, mo = timed([old, "segment", scene, "-q"] + oa)
-        tn, cn, mn = timed([new, "segment", scene, "-q"] + na + (["--threads", str(args.threads)] if threads else []))
+        olds, news = [], []
+        for _ in range(max(args.repeat, 1)):
+            olds.append(timed([old, "segment", scene, "-q"] + oa))
+            news.append(timed([new, "segment", scene, "-q"] + na +
+                              (["--threads", str(args.threads)] if threads else [])))
+        to, co, mo = medians(olds)
+        tn, cn, mn = medians(news)
         ok = all(same(a, b) for a, b in zip(of, nf))
         bad += 0 if ok else 1
         print("| %s | %.1f | %.1f | %.2f | %.1f | %.1f | %.2f | %.0f | %.0f | %.2f | %.1f | %s |" % (
@@ -283,6 +296,7 @@ def main():
     ap.add_argument("--sides", type=int, nargs="*", default=[1024, 2048, 4096])
     ap.add_argument("--threads", type=int, default=os.cpu_count() or 1, help="big mode: --threads of the new build")
     ap.add_argument("--no-landsat", action="store_true")
+    ap.add_argument("--repeat", type=int, default=1, help="big mode: runs of each build per scene (medians printed)")
     args = ap.parse_args()
 
     new = os.path.join(args.new_build, "dhc")

@@ -111,11 +111,12 @@ void assignRange(const PottsWS* w, int begin, int end, const double* cw, int m, 
 // have changed (labels distinct, so a class is its codeword).  A decided pixel
 // gets a lower bound on how much farther its second nearest codeword is than
 // its own; every pass lowers it by its codeword's movement plus the largest
-// movement (triangle inequality), and the pixel is decided afresh once it is
-// no longer positive.  The bound keeps a margin above the rounding of the
-// distances, so a skipped pixel is one whose computed distances would pick the
-// same codeword: the assignments, and the exact integer sums kept up to date
-// by the pixels that move, are those of full passes.
+// movement of the others (triangle inequality), and the pixel is decided
+// afresh once it is no longer positive.  The bound keeps a margin above the
+// rounding of the distances, so a skipped pixel is one whose computed
+// distances would pick the same codeword: the assignments, and the exact
+// integer sums kept up to date by the pixels that move, are those of full
+// passes.
 //
 // The lowering is the same for all pixels of a class, so it is summed per
 // class (rounded up) and a pixel stores its bound plus its class's sum when it
@@ -139,7 +140,8 @@ class LloydBounds {
     // code after a pass.
     void moved(const double* before, double** code, int m) {
         std::vector<double> shift(static_cast<std::size_t>(m));
-        double largest = 0.0;
+        int first = 0;  // the codeword that moved most
+        double largest = 0.0, next = 0.0;
         for (int c = 0; c < m; ++c) {
             double s = 0.0;
             for (int b = 0; b < d_; ++b) {
@@ -147,10 +149,20 @@ class LloydBounds {
                 s += t * t;
             }
             shift[c] = std::sqrt(s) * (1.0 + gamma_);
-            largest = std::max(largest, shift[c]);
+            if (shift[c] > largest) {
+                next = largest;
+                largest = shift[c];
+                first = c;
+            } else {
+                next = std::max(next, shift[c]);
+            }
         }
-        for (int c = 0; c < m; ++c)
-            lowered_[c] = (lowered_[c] + (shift[c] + largest) * (1.0 + gamma_)) * (1.0 + 0x1p-50);
+        // A pixel's other codewords moved at most the largest movement but
+        // its own.
+        for (int c = 0; c < m; ++c) {
+            const double others = c == first ? next : largest;
+            lowered_[c] = (lowered_[c] + (shift[c] + others) * (1.0 + gamma_)) * (1.0 + 0x1p-50);
+        }
         fresh_ = false;
     }
 
