@@ -231,9 +231,13 @@ ClassSums classSums(const Scan& scan, int n, int d, ClassOf classOf, bool withPr
             // products below 2^52 each), then added to the 128-bit sums.
             constexpr int kBlock = 512;
             constexpr int64_t kSmall = int64_t{1} << 26;
+            // (Beyond this many classes the per-block merge would cost more
+            // than it saves.)
+            constexpr int kBlockClasses = 64;
             int cls[kBlock];
-            std::vector<int64_t> partial(withProducts ? static_cast<size_t>(n) * dd * dd : 0);
-            std::vector<char> touched(withProducts ? static_cast<size_t>(n) : 0);
+            std::vector<int64_t> partial(withProducts && n <= kBlockClasses ? static_cast<size_t>(n) * dd * dd
+                                                                            : 0);
+            std::vector<char> touched(withProducts && n <= kBlockClasses ? static_cast<size_t>(n) : 0);
             int64_t largest = 0;
             for (int from = begin; from < end; from += kBlock) {
                 const int to = std::min(end, from + kBlock);
@@ -253,7 +257,7 @@ ClassSums classSums(const Scan& scan, int n, int d, ClassOf classOf, bool withPr
                 }
                 largest = std::max(largest, blockLargest);
                 if (!withProducts) continue;
-                if (blockLargest >= kSmall) {
+                if (blockLargest >= kSmall || n > kBlockClasses) {
                     for (int p = from; p < to; ++p)
                         if (cls[p - from] >= 0) s.products[cls[p - from]].add(scan.values(p));
                     continue;
