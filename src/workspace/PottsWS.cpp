@@ -743,6 +743,12 @@ int PottsWS::split(int* labels, int n, PottsWS**& children, bool computeStats, b
     const bool copyValues = computeStats && valuesInMemory && !leaveWithParent;
     int nonEmpty = 0;
     std::vector<xy*> contours(nChildren, nullptr);
+    // The pixel lists are zeroed as they are made: the children's side by side.
+    std::vector<xy*> pixelLists(nChildren, nullptr);
+    dhc::forChunks(nChildren, 1, [&](int first, int last, int) {
+        for (int j = first; j < last; ++j)
+            if (areas[j] > 0) pixelLists[j] = new xy[areas[j]];
+    });
     for (int j = 0; j < nChildren; ++j) {
         PottsWS* child = new PottsWS();
         children[j] = child;
@@ -763,7 +769,7 @@ int PottsWS::split(int* labels, int n, PottsWS**& children, bool computeStats, b
         child->root->area = areas[j];
         if (areas[j] > 0) {
             ++nonEmpty;
-            child->coords = new xy[areas[j]];
+            child->coords = pixelLists[j];
             if (tracksRootIndex) child->pixelIndex = new int[areas[j]];
             if (copyValues) child->data = new int[static_cast<size_t>(areas[j]) * bands];
         }
