@@ -20,13 +20,22 @@ constexpr int kShuffleGrain = 1 << 16;
 // same order) and the entries fetched before swapping.
 void applySwaps(dhc::Random& random, long swaps, std::vector<int32_t>& at) {
     const int count = static_cast<int>(at.size());
+    if (count == 0 || swaps <= 0) return;
+    // draw % count by a multiplication (exact for every 32-bit draw and
+    // count): two divisions a swap would cost more than the swap.
+    const uint64_t inverse = ~uint64_t{0} / static_cast<uint32_t>(count) + 1;
+    auto position = [inverse, count](int draw) {
+        const uint64_t low = inverse * static_cast<uint32_t>(draw);
+        __extension__ typedef unsigned __int128 U128;
+        return static_cast<int>((static_cast<U128>(low) * static_cast<uint32_t>(count)) >> 64);
+    };
     constexpr long kBatch = 32;
     int is[kBatch], js[kBatch];
     for (long s = 0; s < swaps; s += kBatch) {
         const long n = std::min(kBatch, swaps - s);
         for (long t = 0; t < n; ++t) {
-            is[t] = random.next() % count;
-            js[t] = random.next() % count;
+            is[t] = position(random.next());
+            js[t] = position(random.next());
             __builtin_prefetch(&at[is[t]], 1);
             __builtin_prefetch(&at[js[t]], 1);
         }
