@@ -13,6 +13,7 @@
 
 #include "data/ImageFile.h"
 #include "data/xy.h"
+#include "settings/Workers.h"
 
 template <typename T, typename C>
 struct ROI {
@@ -84,10 +85,18 @@ struct ROI {
         copyFrame(*out);
         const int dr = offset + (absolute ? minRow : 0);
         const int dc = offset + (absolute ? minCol : 0);
-        for (int k = 0; k < count; ++k) {
-            out->coords[k] = coords[k];
-            out->data[k] = plane[coords[k].x + dr][coords[k].y + dc];
-        }
+        // The points may lie scattered over the plane (a shuffled region):
+        // the cell of the point a few places on is fetched while this one is
+        // read, and the threads take a share each.
+        dhc::forChunks(count, 1 << 16, [&](int begin, int end, int) {
+            constexpr int kAhead = 16;
+            for (int k = begin; k < end; ++k) {
+                if (k + kAhead < end)
+                    __builtin_prefetch(&plane[coords[k + kAhead].x + dr][coords[k + kAhead].y + dc]);
+                out->coords[k] = coords[k];
+                out->data[k] = plane[coords[k].x + dr][coords[k].y + dc];
+            }
+        });
         return out;
     }
 
