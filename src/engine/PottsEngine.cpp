@@ -65,12 +65,21 @@ const int* pixel(const PottsWS* w, int p) {
 // Pixels below this many per chunk are not worth handing to another thread.
 constexpr int kGrain = 16384;
 
+// The squared distance from pixel values x to codeword cc, summed band by band
+// in a fixed order, so its bits do not depend on how the pixels are cut.
+inline double squaredDistance(const double* x, const double* cc, int d) {
+    double dist = 0.0;
+    for (int b = 0; b < d; ++b) {
+        const double t = x[b] - cc[b];
+        dist += t * t;
+    }
+    return dist;
+}
+
 // The Lloyd assignment of the loaded pixels [begin, end): every pixel goes to
 // the nearest of the m codewords cw (side by side; the first of equally near
 // ones); its class index (firstOf of the codeword) goes to classOf and its
 // values to the class's integer sums (exact for any int32 values) and count.
-// The distances are summed band by band in a fixed order, so their bits do not
-// depend on how the pixels are cut.
 template <int D>
 void assignRange(const PottsWS* w, int begin, int end, const double* cw, int m, const int* firstOf,
                  int* classOf, int64_t* sumsOut, int* countsOut) {
@@ -86,12 +95,7 @@ void assignRange(const PottsWS* w, int begin, int end, const double* cw, int m, 
         int best = 0;
         double bestDist = 0.0;
         for (int c = 0; c < m; ++c) {
-            const double* cc = cw + static_cast<std::size_t>(c) * d;
-            double dist = 0.0;
-            for (int b = 0; b < d; ++b) {
-                const double t = xd[b] - cc[b];
-                dist += t * t;
-            }
+            const double dist = squaredDistance(xd.data(), cw + static_cast<std::size_t>(c) * d, d);
             if (c == 0 || dist < bestDist) {
                 bestDist = dist;
                 best = c;
@@ -205,12 +209,7 @@ void assignBounded(const PottsWS* w, int begin, int end, const double* cw, int m
         int best = 0;
         double bestDist = 0.0, second = 0.0;
         for (int c = 0; c < m; ++c) {
-            const double* cc = cw + static_cast<std::size_t>(c) * d;
-            double dist = 0.0;
-            for (int b = 0; b < d; ++b) {
-                const double t = xd[b] - cc[b];
-                dist += t * t;
-            }
+            const double dist = squaredDistance(xd.data(), cw + static_cast<std::size_t>(c) * d, d);
             if (c == 0 || dist < bestDist) {
                 second = c == 0 ? dist : bestDist;
                 bestDist = dist;
@@ -277,12 +276,7 @@ void distortionOf(const PottsWS* w, int n, const double* cw, int m, const int* f
         int best = distinct ? classOf[p] : 0;
         double bestDist = 0.0;
         for (int c = distinct ? best : 0; c < (distinct ? best + 1 : m); ++c) {
-            const double* cc = cw + static_cast<std::size_t>(c) * d;
-            double dist = 0.0;
-            for (int b = 0; b < d; ++b) {
-                const double t = xd[b] - cc[b];
-                dist += t * t;
-            }
+            const double dist = squaredDistance(xd.data(), cw + static_cast<std::size_t>(c) * d, d);
             if (c == 0 || distinct || dist < bestDist) {
                 bestDist = dist;
                 best = c;
