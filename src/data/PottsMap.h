@@ -51,6 +51,17 @@ class PottsMap {
     void deleteAuxMap();
 
     void setPixel(int r, int c, int label) { map[r + pad][c + pad] = label; }
+    // Asks for the 3 x 3 neighbourhood of (r, c) to be brought into cache (its
+    // row for writing when forWrite): loops over scattered pixels call it a
+    // few pixels ahead.
+    void prefetchAround(int r, int c, bool forWrite = false) const {
+        __builtin_prefetch(map[r + pad - 1] + c + pad);
+        if (forWrite)
+            __builtin_prefetch(map[r + pad] + c + pad, 1);
+        else
+            __builtin_prefetch(map[r + pad] + c + pad);
+        __builtin_prefetch(map[r + pad + 1] + c + pad);
+    }
     // True when one of the 8 neighbours of (r, c) in the map holds label.
     bool isNear(int r, int c, int label) const {
         const int* up = map[r + pad - 1] + c + pad;

@@ -667,39 +667,34 @@ int PottsEngine::sweeps(int* labels, int k, int* classOf, EnergyAt energyAt) {
         }
         return best;
     };
-    // The neighbours of pixel q on map m, up row, then sides, then down row.
-    auto neighbours = [pad](int* const* m, const xy& q, int* nb) {
+    // The neighbours of pixel q on the map, up row, then sides, then down row.
+    auto neighbours = [map, pad](const xy& q, int* nb) {
         const int r = q.x + pad;
         const int c0 = q.y + pad - 1;
-        const int* up = m[r - 1] + c0;
-        const int* mid = m[r] + c0;
-        const int* dn = m[r + 1] + c0;
+        const int* up = map[r - 1] + c0;
+        const int* mid = map[r] + c0;
+        const int* dn = map[r + 1] + c0;
         nb[0] = up[0], nb[1] = up[1], nb[2] = up[2], nb[3] = mid[0];
         nb[4] = mid[2], nb[5] = dn[0], nb[6] = dn[1], nb[7] = dn[2];
     };
-    // The class of pixel p given the labels of map m.
-    auto decide = [&](int* const* m, const xy& q, int p) {
+    // The class of pixel p given the labels of the map.
+    auto decide = [&](const xy& q, int p) {
         int nb[8];
-        neighbours(m, q, nb);
+        neighbours(q, nb);
         return choose(nb, q, p);
     };
     // Pixels come in scattered order: fetch the neighbourhood of the pixel
     // kAhead places on while this one is decided.
-    auto ahead = [&](int* const* m, int p, int end) {
-        if (p + kAhead < end) {
-            const xy& a = coords[p + kAhead];
-            __builtin_prefetch(m[a.x + pad - 1] + a.y + pad);
-            __builtin_prefetch(m[a.x + pad] + a.y + pad, 1);
-            __builtin_prefetch(m[a.x + pad + 1] + a.y + pad);
-        }
+    auto ahead = [&](int p, int end) {
+        if (p + kAhead < end) region->prefetchAround(coords[p + kAhead].x, coords[p + kAhead].y, true);
     };
     // Pixels [begin, end) one after the other on the map; returns the changes.
     auto inOrder = [&](int begin, int end, CellBits* changed) {
         int changes = 0;
         for (int p = begin; p < end; ++p) {
-            ahead(map, p, end);
+            ahead(p, end);
             xy& q = coords[p];
-            const int best = decide(map, q, p);
+            const int best = decide(q, p);
             classOf[p] = firstOf[best];
             int& cell = map[q.x + pad][q.y + pad];
             if (cell != labels[best]) {
@@ -758,10 +753,10 @@ int PottsEngine::sweeps(int* labels, int k, int* classOf, EnergyAt energyAt) {
                 int nb[8];
                 for (; p < n; ++p) {
                     if (((p - half) & 255) == 0 && firstDone.load(std::memory_order_relaxed)) break;
-                    ahead(map, p, n);
+                    ahead(p, n);
                     const xy& q = coords[p];
                     const int r = q.x + pad, c = q.y + pad;
-                    neighbours(map, q, nb);
+                    neighbours(q, nb);
                     if (guessed->around(r, c)) {
                         const int rows[8] = {r - 1, r - 1, r - 1, r, r, r + 1, r + 1, r + 1};
                         const int cols[8] = {c - 1, c, c + 1, c - 1, c + 1, c - 1, c, c + 1};
@@ -787,7 +782,7 @@ int PottsEngine::sweeps(int* labels, int k, int* classOf, EnergyAt energyAt) {
                 const int g = guess[p - half];
                 int best = g >> 1;
                 if (marked->around(r, c)) {
-                    best = decide(map, q, p);
+                    best = decide(q, p);
                     if (best != g >> 1) marked->set(r, c);
                     if (map[r][c] != labels[best]) {
                         map[r][c] = labels[best];

@@ -702,12 +702,7 @@ int PottsWS::split(int* labels, int n, PottsWS**& children, bool computeStats, b
         int* area = &chunkAreas[slots * chunk];
         int* border = &chunkBorders[slots * chunk];
         for (int p = begin; p < end; ++p) {
-            if (p + kAhead < end) {
-                const xy& a = coords[p + kAhead];
-                __builtin_prefetch(map[a.x + pad - 1] + a.y + pad);
-                __builtin_prefetch(map[a.x + pad] + a.y + pad);
-                __builtin_prefetch(map[a.x + pad + 1] + a.y + pad);
-            }
+            if (p + kAhead < end) region->prefetchAround(coords[p + kAhead].x, coords[p + kAhead].y);
             const xy& c = coords[p];
             const int v = map[c.x + pad][c.y + pad];
             if (v < 0 || v > m) {
