@@ -16,6 +16,7 @@ const char* const kUsage =
     "\n"
     "Commands:\n"
     "  segment IMAGE -o LABELS [OPTION]...   segment an image\n"
+    "  apply IMAGE --model MODEL -o LABELS   label an image with the model of a run\n"
     "  info FILE...                          print sizes, value ranges (and, for GDAL\n"
     "                                        rasters, driver, type, nodata, georeference)\n"
     "\n"
@@ -49,6 +50,7 @@ const char* const kSegmentUsage =
     "      --tree=FILE        the tree of regions as JSON (docs/tree.schema.json)\n"
     "      --tree-png=FILE    picture of the tree of regions (PNG)\n"
     "      --tree-svg=FILE    picture of the tree of regions (SVG)\n"
+    "      --model=FILE       the model of the run, for dhc apply (docs/model.schema.json)\n"
     "      --format=DRIVER    GDAL driver of the label and fragment maps (GTiff, PNG, ...;\n"
     "                         hraw for hraw)\n"
     "      --scale=S          factor of floating-point image bands before rounding\n"
@@ -64,6 +66,31 @@ const char* const kSegmentUsage =
     "image's size (hraw or GDAL).  Nodata pixels of the image (nodata value, NaN,\n"
     "mask or alpha band) are outside the region of interest.  Outputs are written\n"
     "under a temporary name and renamed when the run has succeeded.\n";
+
+const char* const kApplyUsage =
+    "Usage: dhc apply IMAGE --model MODEL.json -o LABELS [OPTION]...\n"
+    "Label IMAGE with the leaves of MODEL (written by dhc segment --model): each\n"
+    "pixel's most likely leaf, then a fixed number of synchronous ICM sweeps with\n"
+    "the model's beta.  A label depends only on the pixels within the model's\n"
+    "radius, so a window labels exactly as the same pixels of the whole image.\n"
+    "\n"
+    "  -o, --output=FILE      label map to write (required): hraw, or a georeferenced\n"
+    "                         GeoTIFF when FILE ends in .tif or .tiff\n"
+    "      --model=FILE       the model (required)\n"
+    "      --mask=FILE        label only the pixels whose mask value is 1\n"
+    "      --png=FILE         PNG picture of the label map\n"
+    "      --window XOFF YOFF XSIZE YSIZE\n"
+    "                         label only columns XOFF.. and rows YOFF.. (0-based) of\n"
+    "                         XSIZE columns and YSIZE rows; the output is that window\n"
+    "      --format=DRIVER    GDAL driver of the label map (GTiff, PNG, ...; hraw)\n"
+    "      --threads=N        threads to use (default 0: one per core); the labels\n"
+    "                         are the same for every N\n"
+    "  -q, --quiet            no progress line on standard error\n"
+    "  -h, --help             show this help\n"
+    "\n"
+    "The image must have the model's bands and the kind of values it was learnt on\n"
+    "(integer, or floating point, scaled as the model says); its nodata pixels and\n"
+    "the pixels outside the mask get label 0.\n";
 
 const char* const kInfoUsage =
     "Usage: dhc info FILE...\n"
@@ -199,6 +226,7 @@ SegmentOptions parseSegment(const std::vector<std::string>& args) {
         {"tree", 0, true, into(s.tree)},
         {"tree-png", 0, true, into(s.treePng)},
         {"tree-svg", 0, true, into(s.treeSvg)},
+        {"model", 0, true, into(s.model)},
         {"cut", 0, true, [&s](const std::string& v) { s.cut = classCount("--cut", v); }},
         {"format", 0, true, into(s.format)},
         {"scale", 0, true,
@@ -233,6 +261,69 @@ SegmentOptions parseSegment(const std::vector<std::string>& args) {
     s.image = operands[0];
     if (s.output.empty())
         throw InputError(kExitUsage, "segment: missing -o LABELS.hraw (see dhc segment --help)");
+    return s;
+}
+
+ApplyOptions parseApply(const std::vector<std::string>& argsIn) {
+    ApplyOptions s;
+    // --window takes four values: they are taken out before the common walk.
+    std::vector<std::string> args;
+    for (size_t i = 0; i < argsIn.size(); ++i) {
+        if (argsIn[i] == "--") {
+            args.insert(args.end(), argsIn.begin() + static_cast<long>(i), argsIn.end());
+            break;
+        }
+        if (argsIn[i] != "--window") {
+            args.push_back(argsIn[i]);
+            continue;
+        }
+        if (i + 4 >= argsIn.size())
+            throw InputError(kExitUsage, "option \"--window\" needs four values: XOFF YOFF XSIZE YSIZE");
+        const char* names[4] = {"XOFF", "YOFF", "XSIZE", "YSIZE"};
+        for (int k = 0; k < 4; ++k) {
+            const std::string& v = argsIn[i + 1 + static_cast<size_t>(k)];
+            size_t used = 0;
+            long n = -1;
+            try {
+                n = std::stol(v, &used);
+            } catch (const std::exception&) {
+                used = 0;
+            }
+            const long lowest = k < 2 ? 0 : 1;
+            if (used != v.size() || n < lowest || n > 65535)
+                throw InputError(kExitUsage, std::string("--window: ") + names[k] + " must be a whole number from " +
+                                                 std::to_string(lowest) + " to 65535, not \"" + v + "\"");
+            s.window[k] = static_cast<int>(n);
+        }
+        s.hasWindow = true;
+        i += 4;
+    }
+    auto into = [](std::string& field) { return [&field](const std::string& v) { field = v; }; };
+    const std::vector<Option> options = {
+        {"output", 'o', true, into(s.output)},
+        {"model", 0, true, into(s.model)},
+        {"mask", 0, true, into(s.mask)},
+        {"png", 0, true, into(s.png)},
+        {"format", 0, true, into(s.format)},
+        {"threads", 0, true,
+         [&s](const std::string& v) {
+             try {
+                 s.threads = dhc::checkThreads(number("--threads", v), "--threads");
+             } catch (const InputError& e) {
+                 throw InputError(kExitUsage, e.what());
+             }
+         }},
+        {"quiet", 'q', false, [&s](const std::string&) { s.quiet = true; }},
+        {"help", 'h', false, [&s](const std::string&) { s.help = true; }},
+    };
+    std::vector<std::string> operands;
+    parse(args, options, [&operands](const std::string& v) { operands.push_back(v); });
+    if (s.help) return s;
+    if (operands.empty()) throw InputError(kExitUsage, "apply: missing IMAGE (see dhc apply --help)");
+    if (operands.size() > 1) throw InputError(kExitUsage, "apply: unexpected argument \"" + operands[1] + "\"");
+    s.image = operands[0];
+    if (s.model.empty()) throw InputError(kExitUsage, "apply: missing --model MODEL.json (see dhc apply --help)");
+    if (s.output.empty()) throw InputError(kExitUsage, "apply: missing -o LABELS (see dhc apply --help)");
     return s;
 }
 

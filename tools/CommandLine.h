@@ -19,6 +19,7 @@ struct SegmentOptions {
     std::string tree;               // --tree: the tree as JSON
     std::string treePng;            // --tree-png: picture of the tree
     std::string treeSvg;            // --tree-svg: picture of the tree, vector form
+    std::string model;              // --model: what labelling new pixels needs, as JSON
     int cut = 0;                    // --cut: classes of the cut written instead of the final map (0: final)
     std::vector<std::string> sets;  // --set SECTION.Key=value, in order
     std::string format;             // --format: GDAL driver of the label and fragment maps
@@ -31,6 +32,21 @@ struct SegmentOptions {
     bool help = false;   // -h, --help
 };
 
+// Options of `dhc apply`.
+struct ApplyOptions {
+    std::string image;   // IMAGE (operand)
+    std::string model;   // --model: the model to label with
+    std::string output;  // -o, --output: label map
+    std::string mask;    // --mask: only the pixels whose mask value is 1 are labelled
+    std::string png;     // --png: picture of the label map
+    std::string format;  // --format: GDAL driver of the label map
+    bool hasWindow = false;  // --window XOFF YOFF XSIZE YSIZE: label only these columns and rows
+    int window[4] = {0, 0, 0, 0};
+    int threads = 0;
+    bool quiet = false;
+    bool help = false;
+};
+
 // Options of `dhc info`.
 struct InfoOptions {
     std::vector<std::string> files;
@@ -41,7 +57,9 @@ struct InfoOptions {
 // (kExitUsage) for an unknown option, a missing value or a missing operand.
 SegmentOptions parseSegment(const std::vector<std::string>& args);
 InfoOptions parseInfo(const std::vector<std::string>& args);
+ApplyOptions parseApply(const std::vector<std::string>& args);
 
 extern const char* const kUsage;         // dhc --help
 extern const char* const kSegmentUsage;  // dhc segment --help
 extern const char* const kInfoUsage;     // dhc info --help
+extern const char* const kApplyUsage;    // dhc apply --help

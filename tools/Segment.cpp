@@ -26,6 +26,7 @@
 #include "hierarchy/TreeJson.h"
 #include "hierarchy/TreePicture.h"
 #include "io/Raster.h"
+#include "model/ModelFromRun.h"
 #include "settings/DHC_SET.h"
 
 namespace {
@@ -101,6 +102,11 @@ void writeOutput(const OutputFiles::Output& out, const std::string& driver, std:
 
 }  // namespace
 
+void writeLabels(const OutputFiles::Output& out, const std::string& driver, std::vector<int>& plane, int rows,
+                 int cols, const dhc::io::Georeference& geo) {
+    writeOutput(out, driver, plane, rows, cols, geo);
+}
+
 int runSegment(const SegmentOptions& o) {
     const auto start = std::chrono::steady_clock::now();
 
@@ -108,7 +114,7 @@ int runSegment(const SegmentOptions& o) {
     std::vector<std::string> inputs{o.image}, outputNames{o.output};
     for (const std::string* name : {&o.config, &o.mask, &o.init, &o.gt})
         if (!name->empty()) inputs.push_back(*name);
-    for (const std::string* name : {&o.report, &o.fragments, &o.png})
+    for (const std::string* name : {&o.report, &o.fragments, &o.png, &o.model})
         if (!name->empty()) outputNames.push_back(*name);
     OutputFiles::checkDistinct(inputs, outputNames);
 
@@ -168,7 +174,8 @@ int runSegment(const SegmentOptions& o) {
                                                         {o.cut > 0, "--cut"},
                                                         {!o.tree.empty(), "--tree"},
                                                         {!o.treePng.empty(), "--tree-png"},
-                                                        {!o.treeSvg.empty(), "--tree-svg"}};
+                                                        {!o.treeSvg.empty(), "--tree-svg"},
+                                                        {!o.model.empty(), "--model"}};
     bool wantsTree = false;
     for (const auto& [given, name] : treeOptions) {
         if (given && !treeOutput)
@@ -197,6 +204,7 @@ int runSegment(const SegmentOptions& o) {
     const OutputFiles::Output treeOut = optional(o.tree);
     const OutputFiles::Output treePngOut = optional(o.treePng);
     const OutputFiles::Output treeSvgOut = optional(o.treeSvg);
+    const OutputFiles::Output modelOut = optional(o.model);
 
     // 5. The region of interest, exactly as the gateway builds it; the input
     // planes go as soon as the core holds its copies.
@@ -303,6 +311,19 @@ int runSegment(const SegmentOptions& o) {
     if (treeOut.fd >= 0)
         OutputFiles::writeAll(treeOut, dhc::treeJsonText(*tree, *settings, "dhc", DHC_VERSION));
     if (treeSvgOut.fd >= 0) OutputFiles::writeAll(treeSvgOut, dhc::treeSvg(*tree));
+    if (modelOut.fd >= 0) {
+        dhc::ValueConversion values;
+        values.floatBands = scaled;
+        values.scale = scaled ? scale : 1;
+        values.hasNodata = o.hasNodata;
+        values.nodata = o.nodata;
+        try {
+            OutputFiles::writeAll(modelOut,
+                                  dhc::modelJsonText(dhc::modelFromRun(out, *settings, values, "dhc", DHC_VERSION)));
+        } catch (const dhc::HierarchyError& e) {
+            throw InputError(kExitInput, e.what());
+        }
+    }
     if (treePngOut.fd >= 0) {
         try {
             dhc::treePicture(*tree).writePng(treePngOut.fd, o.treePng);

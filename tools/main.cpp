@@ -1,6 +1,7 @@
 // dhc: the command-line front end of the hierarchical segmenter.
 //
 //   dhc segment IMAGE -o LABELS [options]      (hraw, or rasters through GDAL)
+//   dhc apply IMAGE --model MODEL -o LABELS [options]
 //   dhc info FILE...
 //
 // Every problem with the user's input is one line on standard error and a
@@ -19,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "Apply.h"
 #include "CommandLine.h"
 #include "Inputs.h"
 #include "OutputFiles.h"
@@ -100,6 +102,14 @@ int run(const std::vector<std::string>& args) {
             return kExitOk;
         }
         return runSegment(options);
+    }
+    if (command == "apply") {
+        const ApplyOptions options = parseApply(rest);
+        if (options.help) {
+            std::cout << kApplyUsage;
+            return kExitOk;
+        }
+        return runApply(options);
     }
     if (command == "info") {
         const InfoOptions options = parseInfo(rest);
