@@ -5,6 +5,8 @@
     >>> result.labels                                # int32 (rows, cols), 0 outside the region
     >>> s = dhc.Settings(max_number_of_classes=4)    # defaults: examples/default.ini
     >>> result = dhc.segment(image, mask=valid, settings=s, progress=print)
+    >>> result.model.save("model.json")             # what labelling new pixels needs
+    >>> labels = dhc.apply(other_image, dhc.Model.load("model.json"))
 
 The package is a thin layer over the same calls as the command-line tool
 ``dhc segment`` and the MATLAB/Octave module: the same inputs give the same
@@ -25,7 +27,7 @@ import numpy as np
 
 from . import _dhc
 
-__all__ = ["segment", "Settings", "Result", "Region", "Error"]
+__all__ = ["segment", "apply", "Settings", "Result", "Region", "Model", "Error"]
 __version__ = "0.1.0"
 
 Error = _dhc.Error
@@ -188,6 +190,12 @@ class Settings:
     def _values(self) -> Dict[str, Any]:
         return {a: getattr(self, a) for a in self.__slots__}
 
+    def __getstate__(self) -> Dict[str, Any]:
+        return self._values()
+
+    def __setstate__(self, state: Dict[str, Any]) -> None:
+        self.__init__(**state)
+
     def __eq__(self, other: object) -> bool:
         if not isinstance(other, Settings):
             return NotImplemented
@@ -245,21 +253,26 @@ class Result:
     - regions: list of :class:`Region`, one per node of the tree
     - tree: the whole tree as a dict, the document ``dhc segment --tree``
       writes (docs/tree.schema.json)
+    - model: the :class:`dhc.Model` of the run (``dhc segment --model``), to
+      label other images with :func:`dhc.apply`
     - cut(k) / cut(classes=n): the label map after k splits, or with n classes
       (``dhc segment --cut``); levels(): every cut, (splits + 1, rows, cols)
       (``dhc segment --levels``)
 
-    classes, split_order, offspring, regions and tree are None when the run
+    classes, split_order, offspring, regions, tree and model are None when the run
     has no tree to report (``fragmentation`` or, unsupervised,
     ``splitwise_disconnect``), as the MATLAB module then gives one output only;
     cut and levels then raise ValueError.
     """
 
-    __slots__ = ("labels", "fragments", "classes", "split_order", "offspring", "regions", "tree", "_hierarchy")
+    __slots__ = ("labels", "fragments", "classes", "split_order", "offspring", "regions", "tree", "_hierarchy",
+                 "model")
 
     def __init__(self, labels: np.ndarray, fragments: Optional[np.ndarray], classes: Optional[np.ndarray],
                  split_order: Optional[np.ndarray], offspring: Optional[np.ndarray],
-                 regions: Optional[List[Region]], tree: Optional[dict] = None, hierarchy: Any = None) -> None:
+                 regions: Optional[List[Region]], tree: Optional[dict] = None, hierarchy: Any = None,
+                 model: Optional["Model"] = None) -> None:
+        self.model = model
         self.labels = labels
         self.fragments = fragments
         self.classes = classes
@@ -392,5 +405,226 @@ def segment(image: Any, mask: Any = None, init: Any = None, gt: Any = None, sett
     out = _dhc.segment(cube, *maps, settings._entries(), progress, float(max(min(int(threads), 2**53), -(2**53))))
     regions = None if out["regions"] is None else [Region(**r) for r in out["regions"]]
     tree = None if out["tree"] is None else json.loads(out["tree"])
+    model = None if out["model"] is None else Model._checked(out["model"])
     return Result(out["labels"], out["fragments"], out["classes"], out["split_order"], out["offspring"], regions,
-                  tree, out["hierarchy"])
+                  tree, out["hierarchy"], model)
+
+
+def _write_atomically(path: str, text: str) -> None:
+    """Writes text to path under a temporary name in the same directory, then
+    renames it: the file appears whole or not at all."""
+    directory = os.path.dirname(os.path.abspath(path))
+    fd, tmp = tempfile.mkstemp(prefix=".dhc-", suffix=".tmp", dir=directory)
+    try:
+        with os.fdopen(fd, "w", encoding="utf-8", newline="\n") as f:
+            f.write(text)
+        os.replace(tmp, path)
+    except BaseException:
+        if os.path.exists(tmp):
+            os.unlink(tmp)
+        raise
+
+
+class Model:
+    """What labelling new pixels needs, learnt by one run: each final leaf's
+    label, mean and covariance, the Potts beta, and the value conversion of
+    the run's image; also the run's settings and tree.  The document
+    ``dhc segment --model`` writes (docs/model.schema.json); every number
+    survives save and load to the bit.
+
+    ``Result.model`` gives the model of a run; ``Model.load(path)`` reads one
+    (checked as the tool checks it: ValueError naming the problem),
+    ``save(path)`` writes one (atomically).  Models pickle.
+
+    - bands, beta, labels (int32, ascending), means (leaves, bands),
+      covariances (leaves, bands, bands)
+    - scale: the factor the run's floating-point values were multiplied by
+      before rounding, None for integer values; nodata: the nodata value that
+      replaced the file's, or None
+    - settings (dict, by settings field), tree (dict, as ``Result.tree``)
+    - radius: how far (pixels) a label can see; a block labelled with this
+      margin around it gets the whole image's labels
+    """
+
+    __slots__ = ("_text", "_doc")
+
+    def __init__(self) -> None:
+        raise TypeError("make a dhc.Model with dhc.Model.load(path) or take Result.model")
+
+    @classmethod
+    def _checked(cls, text: str, name: str = "model") -> "Model":
+        m = object.__new__(cls)
+        m._text = _dhc.check_model(text, name)
+        m._doc = json.loads(m._text)
+        return m
+
+    @classmethod
+    def load(cls, path: "os.PathLike[str] | str") -> "Model":
+        """Reads a model file; OSError when it cannot be read, ValueError when
+        it is not a model this dhc can use (malformed, newer format, numbers
+        that are not finite, a covariance that is not positive definite)."""
+        path = os.fspath(path)
+        with open(path, "rb") as f:
+            raw = f.read()
+        try:
+            text = raw.decode("utf-8")
+        except UnicodeDecodeError:
+            raise ValueError(f"model {path!r}: not a JSON document (not UTF-8 text)") from None
+        return cls._checked(text, f'model "{path}"')
+
+    @classmethod
+    def from_json(cls, text: str) -> "Model":
+        """A model from its JSON text (checked as load checks a file)."""
+        return cls._checked(str(text))
+
+    def to_json(self) -> str:
+        """The document, as save writes it."""
+        return self._text
+
+    def save(self, path: "os.PathLike[str] | str") -> None:
+        """Writes the model under a temporary name, then renames it."""
+        _write_atomically(os.fspath(path), self._text)
+
+    @property
+    def bands(self) -> int:
+        return int(self._doc["bands"])
+
+    @property
+    def beta(self) -> float:
+        return float(self._doc["beta"])
+
+    @property
+    def labels(self) -> np.ndarray:
+        return np.array([leaf["label"] for leaf in self._doc["leaves"]], dtype=np.int32)
+
+    @property
+    def means(self) -> np.ndarray:
+        return np.array([leaf["mean"] for leaf in self._doc["leaves"]], dtype=np.float64)
+
+    @property
+    def covariances(self) -> np.ndarray:
+        return np.array([leaf["covariance"] for leaf in self._doc["leaves"]], dtype=np.float64)
+
+    @property
+    def scale(self) -> Optional[float]:
+        v = self._doc["values"]
+        return float(v["scale"]) if v["floatBands"] else None
+
+    @property
+    def nodata(self) -> Optional[float]:
+        v = self._doc["values"]["nodata"]
+        return None if v is None else float(v)
+
+    @property
+    def radius(self) -> int:
+        return int(self._doc["labelling"]["radius"])
+
+    @property
+    def settings(self) -> dict:
+        return json.loads(json.dumps(self._doc["settings"]))
+
+    @property
+    def tree(self) -> dict:
+        return json.loads(json.dumps(self._doc["tree"]))
+
+    def __getstate__(self) -> str:
+        return self._text
+
+    def __setstate__(self, text: str) -> None:
+        self._text = _dhc.check_model(text, "model")
+        self._doc = json.loads(self._text)
+
+    def __reduce__(self) -> Any:
+        return (Model.from_json, (self._text,))
+
+    def __eq__(self, other: object) -> bool:
+        if not isinstance(other, Model):
+            return NotImplemented
+        return self._text == other._text
+
+    def __hash__(self) -> int:
+        return hash(self._text)
+
+    def __repr__(self) -> str:
+        return f"dhc.Model({self.bands} bands, {len(self._doc['leaves'])} leaves, beta={self.beta:.4g})"
+
+
+def _round_half_away(v: np.ndarray) -> np.ndarray:
+    """Rounds half away from zero, exactly as C's round()."""
+    t = np.trunc(v)
+    return t + np.where(np.abs(v - t) >= 0.5, np.sign(v), 0.0)
+
+
+def _model_values(image: Any, model: Model, name: str = "image") -> Tuple[np.ndarray, Optional[np.ndarray]]:
+    """The integer cube and the pixels holding data, by the model's value
+    conversion: integers as they are, floating-point values times the
+    model's scale, rounded half away from zero; a pixel is nodata when a band
+    holds the model's nodata value or, for floating point, NaN or infinity."""
+    a = np.asarray(image)
+    if a.ndim == 2:
+        a = a[np.newaxis]
+    elif a.ndim != 3:
+        raise ValueError(f"{name} must be (bands, rows, cols) or (rows, cols), not of shape {a.shape}")
+    if 0 in a.shape:
+        raise ValueError(f"{name} is empty (shape {a.shape})")
+    if a.shape[0] != model.bands:
+        raise ValueError(f"the model has {model.bands} bands but {name} has {a.shape[0]}")
+    scale, nodata = model.scale, model.nodata
+    floating = a.dtype.kind == "f"
+    if a.dtype.kind not in "iubf":
+        raise TypeError(f"{name} has dtype {a.dtype}; an integer or floating-point array is expected")
+    if floating and scale is None:
+        raise TypeError(f"{name} has dtype {a.dtype} but the model was made from integer values")
+    if not floating and scale is not None:
+        raise ValueError(f"the model was made from floating-point values (scaled by {scale:g}) but {name} holds "
+                         f"integers")
+    invalid = np.zeros(a.shape[1:], dtype=bool)
+    if floating:
+        invalid |= ~np.isfinite(a).all(axis=0)
+    if nodata is not None:
+        if a.dtype == np.float32:
+            invalid |= (a == np.float32(nodata)).any(axis=0)
+        else:
+            invalid |= (a == nodata).any(axis=0)
+    if floating:
+        with np.errstate(invalid="ignore", over="ignore"):
+            v = _round_half_away(np.where(invalid, 0.0, a.astype(np.float64)) * scale)
+        if v.size and (v.max() > 2**31 - 1 or v.min() < -(2**31)):
+            raise ValueError(f"{name}: values scaled by {scale:g} do not fit 32-bit integers")
+        cube = v.astype(np.int32)
+    else:
+        cube = _int32(np.where(invalid, 0, a) if invalid.any() else a, name)
+    return cube, (None if not invalid.any() else (~invalid).astype(np.uint8))
+
+
+def apply(image: Any, model: "Model | os.PathLike[str] | str", mask: Any = None, threads: int = 0) -> np.ndarray:
+    """Labels an image with a model: each pixel's most likely leaf, then a
+    fixed number of synchronous ICM sweeps with the model's beta (the
+    labelling of ``dhc apply``: the same image gives the same labels).
+
+    image   (bands, rows, cols) or (rows, cols): integers, or floating-point
+            values when the model was learnt on scaled floating-point values
+            (they are scaled and rounded as the model says).
+    model   a dhc.Model, or the path of a model file.
+    mask    optional (rows, cols): only the pixels whose mask value is 1 are
+            labelled.
+    threads 0 (one per core) or more; the labels are the same for every number.
+
+    Returns int32 (rows, cols): leaf labels, 0 for nodata pixels and pixels
+    outside the mask.  A label depends only on the pixels within
+    ``model.radius`` rows and columns.
+    """
+    if not isinstance(model, Model):
+        if isinstance(model, (str, os.PathLike)):
+            model = Model.load(model)
+        else:
+            raise TypeError(f"model must be a dhc.Model or a path, not {type(model).__name__}")
+    if isinstance(threads, bool) or not isinstance(threads, numbers.Integral):
+        raise TypeError(f"threads must be an integer, not {type(threads).__name__}")
+    cube, valid = _model_values(image, model)
+    _bands, rows, cols = cube.shape
+    if mask is not None:
+        m = _plane(mask, "mask", rows, cols)
+        inside = (m == 1).astype(np.uint8)
+        valid = inside if valid is None else valid & inside
+    return _dhc.apply(cube, valid, model._text, 0, 0, float(max(min(int(threads), 2**53), -(2**53))))

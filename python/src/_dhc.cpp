@@ -36,7 +36,11 @@
 #include "frontend/SettingsCheck.h"
 #include "frontend/TreeOutput.h"
 #include "hierarchy/Hierarchy.h"
+#include "hierarchy/LabelColours.h"
 #include "hierarchy/TreeJson.h"
+#include "model/Labelling.h"
+#include "model/Model.h"
+#include "model/ModelFromRun.h"
 #include "settings/DHC_SET.h"
 #include "settings/Fatal.h"
 
@@ -202,6 +206,7 @@ struct RunResult {
     dhc::SplitSummary summary;
     std::shared_ptr<dhc::Hierarchy> hierarchy;  // every region, and every cut of the tree
     std::string treeJson;                       // the tree as the tool's --tree writes it
+    std::string modelJson;                      // the model as the tool's --model writes it
 };
 
 py::dict regionDict(const dhc::RegionNode& d) {
@@ -305,6 +310,9 @@ py::dict segment(const py::array& image, const py::object& mask, const py::objec
             result.summary = dhc::summarizeSplits(*out.dhc, reports);
             result.hierarchy = std::make_shared<dhc::Hierarchy>(dhc::Hierarchy::fromRun(out, *settings));
             result.treeJson = dhc::treeJsonText(*result.hierarchy, *settings, "dhc (Python)", DHC_VERSION);
+            // NumPy images are integers as they are: no scale, no nodata value.
+            result.modelJson = dhc::modelJsonText(
+                dhc::modelFromRun(out, *settings, dhc::ValueConversion(), "dhc (Python)", DHC_VERSION));
         }
     } catch (const FatalCondition& f) {
         raiseFatal(f);
@@ -330,8 +338,9 @@ py::dict segment(const py::array& image, const py::object& mask, const py::objec
         out["regions"] = regions;
         out["hierarchy"] = py::cast(result.hierarchy);
         out["tree"] = result.treeJson;
+        out["model"] = result.modelJson;
     } else {
-        for (const char* key : {"classes", "split_order", "offspring", "regions", "hierarchy", "tree"})
+        for (const char* key : {"classes", "split_order", "offspring", "regions", "hierarchy", "tree", "model"})
             out[key] = py::none();
     }
     return out;
@@ -350,6 +359,41 @@ void fatalProbe(int status, const std::string& message) {
     } catch (const FatalCondition& f) {
         raiseFatal(f);
     }
+}
+
+// A model's text checked and in its canonical form.
+std::string checkModel(const std::string& text, const std::string& name) {
+    return dhc::modelJsonText(dhc::parseModel(text, name));
+}
+
+// Labels of an int32 (bands, rows, cols) block whose first pixel is (row,
+// col) of its image; valid: optional uint8 (rows, cols), non-zero = label.
+py::array_t<int32_t> applyModel(const py::array& image, const py::object& valid, const std::string& modelText,
+                                int originRow, int originCol, double threads) {
+    requireLayout(image, 3, "image");
+    const py::ssize_t bands = image.shape(0), rows = image.shape(1), cols = image.shape(2);
+    if (rows > kMaxSide || cols > kMaxSide)
+        throw py::value_error("image has a side above " + std::to_string(kMaxSide) + " pixels");
+    const dhc::Model model = dhc::parseModel(modelText, "model");
+    if (bands != model.bands)
+        throw py::value_error("the model has " + std::to_string(model.bands) + " bands but the image has " +
+                              std::to_string(bands));
+    py::array_t<uint8_t, py::array::c_style> mask;
+    if (!valid.is_none()) {
+        mask = py::array_t<uint8_t, py::array::c_style>::ensure(valid);
+        if (!mask || mask.ndim() != 2 || mask.shape(0) != rows || mask.shape(1) != cols)
+            throw py::value_error("dhc._dhc: valid must be a uint8 array of the image's rows and columns");
+    }
+    const int nThreads = dhc::checkThreads(threads, "threads");
+    const dhc::Labeller labeller(model);
+    RowPointers cube = rowPointers(image, bands, rows);
+    std::vector<int> labels(static_cast<size_t>(rows) * static_cast<size_t>(cols));
+    {
+        py::gil_scoped_release noGil;
+        labeller.label(cube.bands.data(), valid.is_none() ? nullptr : mask.data(), static_cast<int>(rows),
+                       static_cast<int>(cols), originRow, originCol, labels.data(), nThreads);
+    }
+    return adopt(std::move(labels), std::vector<py::ssize_t>{rows, cols});
 }
 
 void checkSettings(const std::vector<Entry>& entries) {
@@ -443,6 +487,24 @@ PYBIND11_MODULE(_dhc, m) {
           "Runs one segmentation on checked int32 arrays; returns a dict of results.");
     m.def("_fatal", &fatalProbe, py::arg("status"), py::arg("message") = std::string(),
           "Raises a fatal condition of the core as a run would (for tests).");
+    m.def("check_model", &checkModel, py::arg("text"), py::arg("name"),
+          "Checks a model's JSON text; returns it in canonical form (ValueError naming `name` otherwise).");
+    m.def("apply", &applyModel, py::arg("image"), py::arg("valid"), py::arg("model"), py::arg("origin_row"),
+          py::arg("origin_col"), py::arg("threads"),
+          "Labels a checked int32 (bands, rows, cols) block with a model's text; returns int32 labels.");
+    m.def(
+        "label_colours",
+        [](int n) {
+            py::list out;
+            for (int k = 0; k < n; ++k) {
+                const Rgb c = labelColour(k);
+                out.append(py::make_tuple(c.r, c.g, c.b));
+            }
+            return out;
+        },
+        py::arg("n"), "The colours of the first n labels of a label map's picture, in ascending label order.");
+    m.attr("label_radius") = dhc::kLabelRadius;
+    m.attr("label_sweeps") = dhc::kLabelSweeps;
     m.def("check_settings", &checkSettings, py::arg("entries"),
           "Checks (SECTION, Key, text, origin) entries as the tool checks its configuration.");
     m.def("read_ini", &readIni, py::arg("path"),
