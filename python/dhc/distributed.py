@@ -96,24 +96,30 @@ def _check(shape: _Shape, model: Model) -> None:
 
 
 def _read(path: str, window: Tuple[int, int, int, int], nodata: Optional[float],
-          buffer: Optional[Tuple[int, int]] = None) -> Tuple[np.ndarray, np.ndarray, List[bool]]:
+          stride: int = 1) -> Tuple[np.ndarray, np.ndarray, List[bool]]:
     """Bands of a window (row, col, rows, cols) as float64 and the pixels
     holding data, by the rules of ``dhc segment``'s reader: a band's nodata
     value (or ``nodata`` for every band), NaN and infinity, a mask or alpha
-    band.  buffer (rows, cols) decimates the window (nearest pixel)."""
+    band.  stride > 1 keeps only every stride-th row and column of the window
+    (from its first), reading one row at a time."""
     gdal = _gdal()
     ds = _open(path)
     row, col, rows, cols = window
-    out_rows, out_cols = buffer if buffer is not None else (rows, cols)
     bands = _value_bands(ds)
-    values = np.empty((len(bands), out_rows, out_cols), dtype=np.float64)
-    ok = np.ones((out_rows, out_cols), dtype=bool)
     alpha = next((ds.GetRasterBand(b) for b in range(1, ds.RasterCount + 1)
                   if ds.GetRasterBand(b).GetColorInterpretation() == gdal.GCI_AlphaBand), None)
-    kw = dict(buf_xsize=out_cols, buf_ysize=out_rows, buf_type=gdal.GDT_Float64,
-              resample_alg=gdal.GRIORA_NearestNeighbour)
+
+    def read(band: Any, buf_type: int) -> np.ndarray:
+        if stride == 1:
+            return band.ReadAsArray(col, row, cols, rows, buf_type=buf_type)
+        return np.stack([band.ReadAsArray(col, r, cols, 1, buf_type=buf_type)[0, ::stride]
+                         for r in range(row, row + rows, stride)])
+
+    out_rows, out_cols = -(-rows // stride), -(-cols // stride)
+    values = np.empty((len(bands), out_rows, out_cols), dtype=np.float64)
+    ok = np.ones((out_rows, out_cols), dtype=bool)
     for i, band in enumerate(bands):
-        v = band.ReadAsArray(col, row, cols, rows, **kw)
+        v = read(band, gdal.GDT_Float64)
         values[i] = v
         ok &= np.isfinite(v)
         value = band.GetNoDataValue() if nodata is None else nodata
@@ -130,9 +136,7 @@ def _read(path: str, window: Tuple[int, int, int, int], nodata: Optional[float],
         elif alpha is not None:
             mask = alpha
         if mask is not None:
-            m = mask.ReadAsArray(col, row, cols, rows, buf_xsize=out_cols, buf_ysize=out_rows,
-                                 buf_type=gdal.GDT_Byte, resample_alg=gdal.GRIORA_NearestNeighbour)
-            ok &= m != 0
+            ok &= read(mask, gdal.GDT_Byte) != 0
     return values, ok, [_is_float(b) for b in bands]
 
 
@@ -312,8 +316,8 @@ def apply_many(srcs: Sequence["os.PathLike[str] | str"], dsts: Sequence["os.Path
 
 def sample_raster(src: "os.PathLike[str] | str", sample_pixels: int = 4_000_000,
                   scale: Optional[float] = None) -> Tuple[np.ndarray, Optional[np.ndarray], Optional[float]]:
-    """The decimated overview segment_raster learns on: every f-th row and
-    column of the raster (nearest pixel), f the smallest whole number that
+    """The decimated overview segment_raster learns on: rows 0, f, 2f, ...
+    and columns 0, f, 2f, ... of the raster, f the smallest whole number that
     leaves at most sample_pixels pixels.  Returns the int32 cube, the pixels
     holding data (None when all do) and the scale of floating-point values
     (None for integer rasters): ``scale`` when given, else the power of ten
@@ -324,8 +328,7 @@ def sample_raster(src: "os.PathLike[str] | str", sample_pixels: int = 4_000_000,
     f = max(1, math.ceil(math.sqrt(shape.rows * shape.cols / max(1, int(sample_pixels)))))
     while math.ceil(shape.rows / f) * math.ceil(shape.cols / f) > sample_pixels and f < max(shape.rows, shape.cols):
         f += 1
-    buffer = (math.ceil(shape.rows / f), math.ceil(shape.cols / f))
-    values, ok, floats = _read(src, (0, 0, shape.rows, shape.cols), None, buffer)
+    values, ok, floats = _read(src, (0, 0, shape.rows, shape.cols), None, f)
     if not ok.any():
         raise ValueError(f"the sample of raster {src!r} holds only nodata pixels")
     if any(floats) and scale is None:
