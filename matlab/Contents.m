@@ -15,6 +15,10 @@
 % The tree of regions
 %   dhc_cut             - the label map after any number of splits (any scale of one run)
 %
+% Models: learn once, label anywhere
+%   dhc_model_load      - read a model written by `dhc segment --model`
+%   dhc_apply           - label an image with a model
+%
 % Pictures
 %   dhc_palette         - the colours of the tool's label pictures
 %   dhc_label_image     - a label map as the tool's RGB picture

@@ -1,4 +1,7 @@
 // The MATLAB/Octave gateway: [out, summary, reports] = dhc(problem, settings).
+// Models (src/model): model = dhc('model_load', path) and
+// labels = dhc('apply', data, modelText, roi, threads), behind dhc_model_load
+// and dhc_apply.
 //
 // Converts the problem object's arrays and the settings object, checks them
 // and runs the segmentation the way every front end does (SettingsCheck.h,
@@ -26,6 +29,8 @@
 #include "frontend/TreeOutput.h"
 #include "mex.h"
 #include "mex/mxGrip.h"
+#include "model/Labelling.h"
+#include "model/Model.h"
 #include "settings/DHC_SET.h"
 #include "settings/Fatal.h"
 #include "settings/RowMatrix.h"
@@ -335,6 +340,110 @@ void run(int nlhs, mxArray* plhs[], const mxArray* problem, const mxArray* setti
     }
 }
 
+std::string mxText(const mxArray* a, const char* what) {
+    if (!mxIsChar(a)) throw MxError("dhc:badArgument", std::string(what) + " must be a character string");
+    char* text = mxArrayToString(a);
+    if (text == nullptr) throw MxError("dhc:badArgument", std::string(what) + " must be a character string");
+    std::string out(text);
+    mxFree(text);
+    return out;
+}
+
+// A model as a MATLAB struct: its numbers, and its text for dhc_apply.
+mxArray* modelStruct(const dhc::Model& m) {
+    const char* fields[] = {"formatVersion", "bands", "beta", "radius", "labels", "means",
+                            "covariances",   "scale", "nodata", "json"};
+    MxOwned s(newStruct(1, 10, fields));
+    const int k = static_cast<int>(m.leaves.size()), d = m.bands;
+    mxSetField(s.get(), 0, "formatVersion", mxCreateDoubleScalar(dhc::kModelFormatVersion));
+    mxSetField(s.get(), 0, "bands", mxCreateDoubleScalar(d));
+    mxSetField(s.get(), 0, "beta", mxCreateDoubleScalar(m.beta));
+    mxSetField(s.get(), 0, "radius", mxCreateDoubleScalar(dhc::kLabelRadius));
+    mxArray* labels = mxCreateDoubleMatrix(k, 1, mxREAL);
+    mxArray* means = mxCreateDoubleMatrix(k, d, mxREAL);
+    const mwSize dims[3] = {static_cast<mwSize>(d), static_cast<mwSize>(d), static_cast<mwSize>(k)};
+    mxArray* covariances = mxCreateNumericArray(3, dims, mxDOUBLE_CLASS, mxREAL);
+    for (int i = 0; i < k; ++i) {
+        const dhc::ModelLeaf& leaf = m.leaves[static_cast<size_t>(i)];
+        mxGetPr(labels)[i] = leaf.label;
+        for (int b = 0; b < d; ++b) mxGetPr(means)[i + static_cast<size_t>(b) * k] = leaf.mean[static_cast<size_t>(b)];
+        for (int r = 0; r < d; ++r)
+            for (int c = 0; c < d; ++c)
+                mxGetPr(covariances)[r + static_cast<size_t>(c) * d + static_cast<size_t>(i) * d * d] =
+                    leaf.covariance[static_cast<size_t>(r * d + c)];
+    }
+    mxSetField(s.get(), 0, "labels", labels);
+    mxSetField(s.get(), 0, "means", means);
+    mxSetField(s.get(), 0, "covariances", covariances);
+    mxSetField(s.get(), 0, "scale",
+               m.values.floatBands ? mxCreateDoubleScalar(m.values.scale) : mxCreateDoubleMatrix(0, 0, mxREAL));
+    mxSetField(s.get(), 0, "nodata",
+               m.values.hasNodata ? mxCreateDoubleScalar(m.values.nodata) : mxCreateDoubleMatrix(0, 0, mxREAL));
+    mxSetField(s.get(), 0, "json", mxCreateString(dhc::modelJsonText(m).c_str()));
+    return s.release();
+}
+
+// dhc('model_load', path) and dhc('apply', data, modelText, roi, threads).
+void modelCommand(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]) {
+    const std::string command = mxText(prhs[0], "the command");
+    if (command == "model_load") {
+        if (nrhs != 2 || nlhs > 1) throw MxError("dhc:usage", "usage: model = dhc('model_load', path)");
+        plhs[0] = modelStruct(dhc::readModelFile(mxText(prhs[1], "the model's path")));
+        return;
+    }
+    if (command != "apply") throw MxError("dhc:usage", "unknown command \"" + command + "\" (model_load, apply)");
+    if (nrhs != 5 || nlhs > 1)
+        throw MxError("dhc:usage", "usage: labels = dhc('apply', data, modelText, roi, threads)");
+    const dhc::Model model = dhc::parseModel(mxText(prhs[2], "the model"), "model");
+    const mxArray* data = prhs[1];
+    const mwSize nd = mxGetNumberOfDimensions(data);
+    if (!mxIsDouble(data) || mxIsComplex(data) || (nd != 2 && nd != 3) || mxIsEmpty(data))
+        throw MxError("dhc:badArgument", "the image must be a non-empty rows x cols x bands double array");
+    const mwSize* dim = mxGetDimensions(data);
+    dhc::checkImageSize(static_cast<long long>(dim[0]), static_cast<long long>(dim[1]),
+                        nd == 3 ? static_cast<long long>(dim[2]) : 1, "the image");
+    if (dim[0] > kMaxSide || dim[1] > kMaxSide)
+        throw MxError("dhc:badArgument", "the image has a side above " + std::to_string(kMaxSide));
+    mxCheckIntValues(data, "image");
+    int bands = 0, rows = 0, cols = 0;
+    int*** cubeRead = readMxCube<int>(data, bands, rows, cols);
+    IntCube cube(cubeRead, bands, rows);
+    if (bands != model.bands)
+        throw MxError("dhc:badModel", "the model has " + std::to_string(model.bands) + " bands but the image has " +
+                                          std::to_string(bands));
+    if (model.values.floatBands)
+        throw MxError("dhc:badModel",
+                      "the model was made from floating-point values (scaled); scale the image by model.scale and "
+                      "round it first");
+    std::vector<uint8_t> valid;
+    const mxArray* roi = prhs[3];
+    if (!mxIsEmpty(roi)) {
+        if (!mxIsDouble(roi) || mxGetNumberOfDimensions(roi) != 2 || mxGetM(roi) != static_cast<size_t>(rows) ||
+            mxGetN(roi) != static_cast<size_t>(cols))
+            throw MxError("dhc:sizeMismatch", "the mask must be a double array of the image's rows and columns");
+        valid.resize(static_cast<size_t>(rows) * static_cast<size_t>(cols));
+        for (int r = 0; r < rows; ++r)
+            for (int c = 0; c < cols; ++c)
+                valid[static_cast<size_t>(r) * cols + c] =
+                    mxGetPr(roi)[static_cast<size_t>(r) + static_cast<size_t>(c) * rows] == 1.0 ? 1 : 0;
+    }
+    int threads = 0;
+    if (!mxIsEmpty(prhs[4])) {
+        if (!mxIsDouble(prhs[4]) || mxGetNumberOfElements(prhs[4]) != 1)
+            throw MxError("dhc:badArgument", "threads must be a number");
+        threads = dhc::checkThreads(mxGetPr(prhs[4])[0], "threads");
+    }
+    std::vector<int32_t> labels(static_cast<size_t>(rows) * static_cast<size_t>(cols));
+    const dhc::Labeller labeller(model);
+    labeller.label(cube.get(), valid.empty() ? nullptr : valid.data(), rows, cols, 0, 0, labels.data(), threads);
+    mxArray* out = mxCreateDoubleMatrix(rows, cols, mxREAL);
+    for (int r = 0; r < rows; ++r)
+        for (int c = 0; c < cols; ++c)
+            mxGetPr(out)[static_cast<size_t>(r) + static_cast<size_t>(c) * rows] =
+                labels[static_cast<size_t>(r) * cols + c];
+    plhs[0] = out;
+}
+
 // Identifier of a fatal condition: the status with its sign spelled out,
 // "dhc:fatal:m20" for -20, "dhc:fatal:p1" for 1.
 std::string fatalId(int status) {
@@ -345,7 +454,8 @@ std::string fatalId(int status) {
 }  // namespace
 
 void mexFunction(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]) {
-    if ((nlhs != 1 && nlhs != 3) || nrhs != 2) mexErrMsgTxt(kUsage);
+    const bool command = nrhs >= 1 && mxIsChar(prhs[0]);
+    if (!command && ((nlhs != 1 && nlhs != 3) || nrhs != 2)) mexErrMsgTxt(kUsage);
 
     // The error is raised after every owner of the call is gone; MATLAB may
     // leave without unwinding, so its texts live in static storage.
@@ -360,7 +470,10 @@ void mexFunction(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]) {
     {
         HostGuard guard;
         try {
-            run(nlhs, plhs, prhs[0], prhs[1]);
+            if (command)
+                modelCommand(nlhs, plhs, nrhs, prhs);
+            else
+                run(nlhs, plhs, prhs[0], prhs[1]);
         } catch (const FatalCondition& f) {
             fail(fatalId(f.status),
                  f.message.empty() ? "fatal condition (status " + std::to_string(f.status) + ")" : f.message);
