@@ -121,10 +121,22 @@ int runApply(const ApplyOptions& o) {
                     valid[static_cast<size_t>(h.row + r) * static_cast<size_t>(image.cols) +
                           static_cast<size_t>(h.col + c)];
     }
-    std::vector<int32_t> haloLabels(static_cast<size_t>(h.rows) * static_cast<size_t>(h.cols));
+    // The whole image is labelled straight into the map; a window with its
+    // halo, then cut out.
+    const bool whole = h.rows == w.rows && h.cols == w.cols;
+    std::vector<int> labels(static_cast<size_t>(w.rows) * static_cast<size_t>(w.cols));
+    std::vector<int32_t> haloLabels(whole ? 0 : static_cast<size_t>(h.rows) * static_cast<size_t>(h.cols));
     const dhc::Labeller labeller(model);
+    static_assert(sizeof(int) == sizeof(int32_t), "labels are int32");
     labeller.label(bandPointers.data(), haloValid.empty() ? nullptr : haloValid.data(), h.rows, h.cols, h.row, h.col,
-                   haloLabels.data(), o.threads);
+                   whole ? reinterpret_cast<int32_t*>(labels.data()) : haloLabels.data(), o.threads);
+    for (int r = 0; !whole && r < w.rows; ++r)
+        for (int c = 0; c < w.cols; ++c)
+            labels[static_cast<size_t>(r) * static_cast<size_t>(w.cols) + static_cast<size_t>(c)] =
+                haloLabels[static_cast<size_t>(w.row - h.row + r) * static_cast<size_t>(h.cols) +
+                           static_cast<size_t>(w.col - h.col + c)];
+    haloLabels = std::vector<int32_t>();
+
     // A window lies where its first pixel does.
     dhc::io::Georeference geo = image.geo;
     if (geo.hasTransform) {
@@ -134,14 +146,6 @@ int runApply(const ApplyOptions& o) {
         t[3] = y;
     }
     image = dhc::io::Raster();  // the values go before the outputs are made
-    std::vector<int> labels(static_cast<size_t>(w.rows) * static_cast<size_t>(w.cols));
-    for (int r = 0; r < w.rows; ++r)
-        for (int c = 0; c < w.cols; ++c)
-            labels[static_cast<size_t>(r) * static_cast<size_t>(w.cols) + static_cast<size_t>(c)] =
-                haloLabels[static_cast<size_t>(w.row - h.row + r) * static_cast<size_t>(h.cols) +
-                           static_cast<size_t>(w.col - h.col + c)];
-    haloLabels = std::vector<int32_t>();
-
     writeLabels(labelsOut, driver, labels, w.rows, w.cols, geo);
     if (pngOut.fd >= 0) writeLabelPng(pngOut.fd, o.png, labels, w.rows, w.cols);
     outputs.commit();

@@ -51,9 +51,10 @@ class Labeller {
                int threads = 1) const;
 
   private:
+    struct Scratch;
     // Labels rows [first, last) of the block from rows [haloFirst, haloLast).
     void strip(int*** cube, const uint8_t* valid, int cols, int originRow, int originCol, int first, int last,
-               int haloFirst, int haloLast, int32_t* out) const;
+               int haloFirst, int haloLast, int32_t* out, Scratch& scratch) const;
 
     int k_ = 0, d_ = 0;
     double beta_ = 0;
