@@ -171,6 +171,33 @@ TEST(Labelling, WindowsWithTheirHaloGetTheWholeImagesLabels) {
     }
 }
 
+TEST(Labelling, ANegativeBetaMakesNeighboursDisagree) {
+    // Every pixel is leaf 10's mean: only the prior can make the middle one
+    // leaf 20, 8 disagreeing neighbours (−8·β = 80) outweighing 50 of energy;
+    // the border pixels, with at most 5 neighbours of leaf 10, do not turn.
+    Image im(1, 3, 3);
+    for (int& v : im.values) v = 0;
+    const std::vector<int32_t> out = labelAll(Labeller(model({{0}, {10}}, 1.0, -10.0)), im);
+    for (int k = 0; k < 9; ++k) EXPECT_EQ(out[static_cast<size_t>(k)], k == 4 ? 20 : 10) << k;
+}
+
+TEST(Labelling, ManyBandsLabelAsFewDo) {
+    // Ten bands (beyond the unrolled band counts): the same scene in ten
+    // bands, the first three carrying it and the others constant, labels as
+    // the three bands alone.
+    Image three = noisyScene(40, 50, 4), ten(10, 40, 50);
+    for (int b = 0; b < 10; ++b)
+        for (int r = 0; r < 40; ++r)
+            for (int c = 0; c < 50; ++c) ten.at(b, r, c) = b < 3 ? three.at(b, r, c) : 7;
+    std::vector<std::vector<double>> means3 = {{0, 20, 40}, {20, 40, 0}, {40, 0, 20}}, means10;
+    for (const auto& m : means3) {
+        std::vector<double> m10(m);
+        m10.resize(10, 7.0);
+        means10.push_back(m10);
+    }
+    EXPECT_EQ(labelAll(Labeller(model(means10, 81.0, 1.0)), ten), labelAll(Labeller(model(means3, 81.0, 1.0)), three));
+}
+
 TEST(Labelling, HaloIsCutAtTheImageEdges) {
     const Window h = withHalo(Window{2, 50, 10, 10}, 40, 55);
     EXPECT_EQ(h.row, 0);
