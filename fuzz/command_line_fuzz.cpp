@@ -37,6 +37,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             if (!o.help && o.output.empty()) broken("segment options accepted without an output");
             for (const std::string& s : o.sets)
                 if (s.empty()) broken("an empty --set value was accepted");
+        } else if ((data[0] & 2) != 0) {
+            const ApplyOptions o = parseApply(args);
+            if (!o.help && (o.model.empty() || o.output.empty() || o.image.empty()))
+                broken("apply options accepted without a model, an output or an image");
+            if (o.hasWindow && (o.window[0] < 0 || o.window[1] < 0 || o.window[2] < 1 || o.window[3] < 1 ||
+                                o.window[2] > 65535 || o.window[3] > 65535))
+                broken("a window outside the accepted ranges");
         } else {
             const InfoOptions o = parseInfo(args);
             if (!o.help && o.files.empty()) broken("info accepted without files");
