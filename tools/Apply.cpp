@@ -12,6 +12,7 @@
 #include "Segment.h"
 #include "data/ImageFile.h"
 #include "frontend/InputError.h"
+#include "frontend/SettingsCheck.h"
 #include "io/Raster.h"
 #include "model/Labelling.h"
 #include "model/Model.h"
@@ -37,7 +38,8 @@ int runApply(const ApplyOptions& o) {
     const std::string modelName = "model " + quoted(o.model), imageName = "image " + quoted(o.image);
     dhc::io::Raster image;
     if (dhc::io::isHraw(o.image)) {
-        checkHraw(o.image, "image");
+        const HrawShape shape = checkHraw(o.image, "image");
+        dhc::checkImageSize(shape.rows, shape.cols, shape.bands, "image \"" + o.image + "\"");
         image.cube = ImageFile<int>::readHRawInt32(o.image, image.bands, image.rows, image.cols);
         image.driver = "hraw";
         if (model.values.hasNodata) {
