@@ -90,6 +90,8 @@ def main():
     p.add_argument("--memory-limit", default="3GiB")
     p.add_argument("--sample-pixels", type=int, default=4_000_000)
     p.add_argument("--dir", default="bench-out")
+    p.add_argument("--steps", default="segment,apply,tool",
+                   help="which of segment, apply, tool to run (apply and tool reuse DIR/model.json)")
     p.add_argument("--dhc", default=os.path.join(os.path.dirname(__file__), "..", "build", "dhc"))
     a = p.parse_args()
     os.makedirs(a.dir, exist_ok=True)
@@ -101,6 +103,21 @@ def main():
           f"({time.time() - t:.1f} s to make or find)")
     settings = dhc.Settings(max_number_of_classes=6, split_gain_threshold=0.05)
 
+    steps = set(a.steps.split(","))
+    if "segment" not in steps:
+        model = dhc.Model.load(os.path.join(a.dir, "model.json"))
+    else:
+        model = segment_step(a, mosaic, settings, pixels)
+    if "apply" in steps:
+        apply_step(a, mosaic, model, pixels)
+    if "tool" in steps:
+        tool_step(a, mosaic, pixels)
+    if {"apply", "tool"} <= steps:
+        print("apply_raster and dhc apply give the same labels:",
+              same_labels(os.path.join(a.dir, "apply.tif"), os.path.join(a.dir, "tool.tif")))
+
+
+def segment_step(a, mosaic, settings, pixels):
     client, c = cluster(a.workers, a.memory_limit)
     t, cpu0 = time.time(), cpu_of(client)
     model = dd.segment_raster(mosaic, os.path.join(a.dir, "segment.tif"), client=client, settings=settings,
@@ -112,7 +129,10 @@ def main():
           f"{pixels / wall / a.workers / 1e6:.2f} Mpixels/s per core (wall), "
           f"worker peaks {', '.join(f'{m:.0f}' for m in peaks)} MiB")
     model.save(os.path.join(a.dir, "model.json"))
+    return model
 
+
+def apply_step(a, mosaic, model, pixels):
     client, c = cluster(a.workers, a.memory_limit)
     t, cpu0 = time.time(), cpu_of(client)
     dd.apply_raster(mosaic, os.path.join(a.dir, "apply.tif"), model, client=client, block=a.block)
@@ -124,6 +144,8 @@ def main():
           f"{pixels / cpu / 1e6:.2f} Mpixels/s per CPU second, "
           f"worker peaks {', '.join(f'{m:.0f}' for m in peaks)} MiB")
 
+
+def tool_step(a, mosaic, pixels):
     before = resource.getrusage(resource.RUSAGE_CHILDREN)
     t = time.time()
     subprocess.run([a.dhc, "apply", mosaic, "--model", os.path.join(a.dir, "model.json"), "-o",
@@ -134,8 +156,6 @@ def main():
     print(f"dhc apply --threads 1: {wall:.1f} s wall, {cpu:.1f} s CPU, "
           f"{pixels / wall / 1e6:.2f} Mpixels/s (wall), {pixels * a.bands / cpu / 1e6:.1f} M pixel-bands/s per "
           f"CPU second, peak {after.ru_maxrss / 1024:.0f} MiB")
-    print("apply_raster and dhc apply give the same labels:",
-          same_labels(os.path.join(a.dir, "apply.tif"), os.path.join(a.dir, "tool.tif")))
 
 
 if __name__ == "__main__":

@@ -49,8 +49,15 @@ def _gdal() -> Any:
     return gdal
 
 
+# GDAL's block cache of a worker: its default (5 % of the memory) would
+# make a worker's memory grow with the raster it reads, not with its blocks.
+_CACHE_BYTES = 64 << 20
+
+
 def _open(path: str) -> Any:
     gdal = _gdal()
+    if gdal.GetCacheMax() > _CACHE_BYTES:
+        gdal.SetCacheMax(_CACHE_BYTES)
     try:
         return gdal.Open(os.fspath(path))
     except RuntimeError as e:
