@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 Rgb labelColour(int k) {
@@ -184,6 +185,22 @@ void RgbImage::writePng(int fd, const std::string& name) const {
         throw WriteError("cannot write \"" + name + "\": " + std::strerror(err));
     }
     writePng(file, name);
+}
+
+std::string RgbImage::pngBytes() const {
+    char* buffer = nullptr;
+    size_t size = 0;
+    std::FILE* file = ::open_memstream(&buffer, &size);
+    if (file == nullptr) throw WriteError("no memory for a PNG picture");
+    try {
+        writePng(file, "picture");
+    } catch (...) {
+        std::free(buffer);
+        throw;
+    }
+    std::string bytes(buffer, size);
+    std::free(buffer);
+    return bytes;
 }
 
 void RgbImage::writePng(std::FILE* file, const std::string& name) const {

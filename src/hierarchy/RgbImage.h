@@ -42,6 +42,8 @@ class RgbImage {
     // file on failure.
     void writePng(const std::string& path) const;
     void writePng(int fd, const std::string& name) const;
+    // The PNG file's bytes.
+    std::string pngBytes() const;
 
   private:
     void writePng(std::FILE* file, const std::string& name) const;
