@@ -204,7 +204,7 @@ const char* const kReportScript = R"js(
 
   function draw() {
     if (leafIndex === null) return;
-    const ctx = overlay.getContext('2d');
+    const ctx = overlay.getContext('2d', { willReadFrequently: true });
     const image = ctx.createImageData(width, height);
     const px = image.data;
     const alpha = Math.round(2.55 * Number(opacityInput.value));
@@ -316,7 +316,7 @@ const char* const kReportScript = R"js(
     width = leafImage.naturalWidth; height = leafImage.naturalHeight;
     const canvas = document.createElement('canvas');
     canvas.width = width; canvas.height = height;
-    const ctx = canvas.getContext('2d');
+    const ctx = canvas.getContext('2d', { willReadFrequently: true });
     ctx.drawImage(leafImage, 0, 0);
     const px = ctx.getImageData(0, 0, width, height).data;
     leafIndex = new Int32Array(width * height);
