@@ -20,7 +20,7 @@ main { display: flex; flex-wrap: wrap; gap: 18px; align-items: flex-start; }
 #map-note, #selection { color: #444; font-size: 12px; margin: 6px 0; }
 #selection { font-size: 14px; color: #111; min-height: 1.4em; }
 #tree { overflow: auto; max-height: 70vh; border: 1px solid #999; background: #fff; }
-#tree svg { display: block; }
+#tree svg { display: block; max-width: none; }
 #tree g.node { cursor: pointer; }
 #tree g.node.off-cut { opacity: 0.35; }
 #tree g.node.in-cut rect { stroke-width: 2; }
@@ -150,6 +150,11 @@ const char* const kReportScript = R"js(
   // The tree: the dendrogram's SVG, live.
   const treeDiv = document.getElementById('tree');
   treeDiv.appendChild(document.getElementById('tree-svg').content.cloneNode(true));
+  // The tree fits the panel's width, but is never shrunk below 60 %: a wide tree scrolls instead.
+  const treeSvg = treeDiv.querySelector('svg');
+  treeSvg.style.minWidth = Math.round(0.6 * Number(treeSvg.getAttribute('width'))) + 'px';
+  treeSvg.style.width = '100%';
+  treeSvg.style.height = 'auto';
   const nodeGroups = new Map();
   treeDiv.querySelectorAll('g.node').forEach(function (g) {
     const rect = g.querySelector('rect');
