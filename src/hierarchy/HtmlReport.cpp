@@ -208,7 +208,7 @@ std::string htmlReport(const Hierarchy& tree, const RgbImage& picture, const Rep
     data["settings"] = run.settings;
     data["stoppingReason"] = run.stoppingReason.empty() ? json(nullptr) : json(run.stoppingReason);
     json timings = json::array();
-    for (const auto& [step_, seconds] : run.timings) timings.push_back({step_, number(seconds)});
+    for (const auto& [name, seconds] : run.timings) timings.push_back({name, number(seconds)});
     data["timings"] = timings;
 
     TreeOptions options;
