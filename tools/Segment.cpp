@@ -81,7 +81,8 @@ void writeOutput(const OutputFiles::Output& out, const std::string& driver, std:
     if (driver.empty())
         writeMap(out, plane, rows, cols);
     else
-        dhc::io::writeLabelMap(out.path, out.target, driver, plane, rows, cols, geo, dhc::io::tableColours(plane));
+        dhc::io::writeLabelMap(out.path, out.target, driver, plane, rows, cols, geo,
+                               dhc::io::tableColours(plane));
 }
 
 }  // namespace
@@ -210,7 +211,8 @@ int runSegment(const SegmentOptions& o) {
             dataMask = dhc::maskWithoutNodata(image.rows, image.cols, mask, init, valid);
             dataMaskRows.resize(static_cast<size_t>(image.rows));
             for (int r = 0; r < image.rows; ++r)
-                dataMaskRows[static_cast<size_t>(r)] = &dataMask[static_cast<size_t>(r) * static_cast<size_t>(image.cols)];
+                dataMaskRows[static_cast<size_t>(r)] =
+                    &dataMask[static_cast<size_t>(r) * static_cast<size_t>(image.cols)];
             mask = dataMaskRows.data();
         }
         dhc::RunNames names;

@@ -441,7 +441,8 @@ py::tuple scaleImage(const py::array_t<double, py::array::c_style>& values,
                      const py::array_t<uint8_t, py::array::c_style>& valid, const py::object& scale) {
     if (values.ndim() != 3 || valid.ndim() != 2 || valid.shape(0) != values.shape(1) ||
         valid.shape(1) != values.shape(2))
-        throw py::value_error("dhc._dhc: scale_image needs a (bands, rows, cols) cube and a (rows, cols) plane");
+        throw py::value_error(
+            "dhc._dhc: scale_image needs a (bands, rows, cols) cube and a (rows, cols) plane");
     const py::ssize_t bands = values.shape(0), rows = values.shape(1), cols = values.shape(2);
     const size_t plane = static_cast<size_t>(rows) * static_cast<size_t>(cols);
     const double* v = values.data();
@@ -492,10 +493,9 @@ py::array_t<int32_t> maskWithoutNodata(const py::object& mask, const py::object&
     if (!mask.is_none()) maskRows = rowPointers(maskArray, 1, rows);
     if (!init.is_none()) initRows = rowPointers(initArray, 1, rows);
     const std::vector<uint8_t> ok(valid.data(), valid.data() + valid.size());
-    std::vector<int> out =
-        dhc::maskWithoutNodata(static_cast<int>(rows), static_cast<int>(cols),
-                               mask.is_none() ? nullptr : maskRows.bands[0],
-                               init.is_none() ? nullptr : initRows.bands[0], ok);
+    std::vector<int> out = dhc::maskWithoutNodata(static_cast<int>(rows), static_cast<int>(cols),
+                                                  mask.is_none() ? nullptr : maskRows.bands[0],
+                                                  init.is_none() ? nullptr : initRows.bands[0], ok);
     return adopt(std::move(out), {rows, cols});
 }
 
@@ -516,9 +516,10 @@ py::dict readRaster(const std::string& path, const py::object& scale, const py::
     int32_t* out = cube.mutable_data();
     for (int b = 0; b < r.bands; ++b)
         for (int row = 0; row < r.rows; ++row)
-            std::copy(r.cube[b][row], r.cube[b][row] + r.cols,
-                      out + (static_cast<size_t>(b) * static_cast<size_t>(r.rows) + static_cast<size_t>(row)) *
-                                static_cast<size_t>(r.cols));
+            std::copy(
+                r.cube[b][row], r.cube[b][row] + r.cols,
+                out + (static_cast<size_t>(b) * static_cast<size_t>(r.rows) + static_cast<size_t>(row)) *
+                          static_cast<size_t>(r.cols));
     py::dict d;
     d["values"] = cube;
     if (r.valid.empty()) {
@@ -528,10 +529,11 @@ py::dict readRaster(const std::string& path, const py::object& scale, const py::
         std::copy(r.valid.begin(), r.valid.end(), valid.mutable_data());
         d["valid"] = valid;
     }
-    d["transform"] = r.geo.hasTransform ? py::object(py::make_tuple(r.geo.transform[0], r.geo.transform[1],
-                                                                     r.geo.transform[2], r.geo.transform[3],
-                                                                     r.geo.transform[4], r.geo.transform[5]))
-                                        : py::object(py::none());
+    d["transform"] =
+        r.geo.hasTransform
+            ? py::object(py::make_tuple(r.geo.transform[0], r.geo.transform[1], r.geo.transform[2],
+                                        r.geo.transform[3], r.geo.transform[4], r.geo.transform[5]))
+            : py::object(py::none());
     d["crs"] = r.geo.crs;
     d["metadata"] = r.geo.metadata;
     d["scale"] = r.hasFloatBands ? py::object(py::float_(r.scale)) : py::object(py::none());
@@ -615,8 +617,8 @@ PYBIND11_MODULE(_dhc, m) {
           "Reads an image through the tool's GDAL code; returns a dict.");
     m.def("output_driver", &outputDriver, py::arg("name"), py::arg("format"),
           "The GDAL driver the tool would write name with ('' for hraw).");
-    m.def("write_labels", &writeLabels, py::arg("path"), py::arg("target"), py::arg("driver"), py::arg("labels"),
-          py::arg("transform"), py::arg("crs"), py::arg("metadata"),
+    m.def("write_labels", &writeLabels, py::arg("path"), py::arg("target"), py::arg("driver"),
+          py::arg("labels"), py::arg("transform"), py::arg("crs"), py::arg("metadata"),
           "Writes a label map through the tool's GDAL code.");
     m.def("_fatal", &fatalProbe, py::arg("status"), py::arg("message") = std::string(),
           "Raises a fatal condition of the core as a run would (for tests).");

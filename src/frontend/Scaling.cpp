@@ -37,7 +37,8 @@ void badValue(double value, bool scaled, double scale, int row, int col, const V
         throw InputError(kExitInput, origin.band + ": value " + number(value) + at + " scaled by " +
                                          number(scale) + " does not fit a 32-bit integer (give a smaller " +
                                          origin.scaleName + ")");
-    throw InputError(kExitInput, origin.band + ": value " + number(v) + at + " does not fit a 32-bit integer");
+    throw InputError(kExitInput,
+                     origin.band + ": value " + number(v) + at + " does not fit a 32-bit integer");
 }
 
 }  // namespace dhc

@@ -38,7 +38,8 @@ struct ValueOrigin {
 
 // Throws the InputError (kExitInput) of a value that is not a whole number or
 // does not fit 32 bits; row and col are 0-based.
-[[noreturn]] void badValue(double value, bool scaled, double scale, int row, int col, const ValueOrigin& origin);
+[[noreturn]] void badValue(double value, bool scaled, double scale, int row, int col,
+                           const ValueOrigin& origin);
 
 // The integer of one value: scaled (value * scale, rounded) or taken as it is.
 inline int toInteger(double value, bool scaled, double scale, int row, int col, const ValueOrigin& origin) {

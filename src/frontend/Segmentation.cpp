@@ -126,7 +126,8 @@ std::vector<int> fullFrame(const LabelRoi& values, int rows, int cols) {
     return plane;
 }
 
-std::vector<int> maskWithoutNodata(int rows, int cols, int** mask, int** init, const std::vector<uint8_t>& valid) {
+std::vector<int> maskWithoutNodata(int rows, int cols, int** mask, int** init,
+                                   const std::vector<uint8_t>& valid) {
     const size_t width = static_cast<size_t>(cols);
     std::vector<int> out(static_cast<size_t>(rows) * width, 0);
     bool any = false;
@@ -137,7 +138,8 @@ std::vector<int> maskWithoutNodata(int rows, int cols, int** mask, int** init, c
             out[k] = inside && valid[k] ? 1 : 0;
             any = any || out[k] == 1;
         }
-    if (!any) throw InputError(kExitInput, "the region of interest is empty once the nodata pixels are taken out");
+    if (!any)
+        throw InputError(kExitInput, "the region of interest is empty once the nodata pixels are taken out");
     return out;
 }
 

@@ -65,6 +65,7 @@ std::vector<int> fullFrame(const LabelRoi& values, int rows, int cols);
 // the region prepareRun would build from mask and init (either may be null),
 // without those pixels, as a row-major rows x cols plane of 0 and 1.  Throws
 // an InputError (kExitInput) when no pixel is left.
-std::vector<int> maskWithoutNodata(int rows, int cols, int** mask, int** init, const std::vector<uint8_t>& valid);
+std::vector<int> maskWithoutNodata(int rows, int cols, int** mask, int** init,
+                                   const std::vector<uint8_t>& valid);
 
 }  // namespace dhc

@@ -11,8 +11,8 @@
 #include <cstring>
 #include <iomanip>
 #include <limits>
-#include <set>
 #include <ostream>
+#include <set>
 #include <sstream>
 
 #include "data/ImageFile.h"

@@ -30,13 +30,14 @@ int main(int argc, char** argv) {
             }
             bandPointers[static_cast<size_t>(b)] = &rowPointers[static_cast<size_t>(b * rows)];
         }
-        dhc::PreparedRun run = dhc::prepareRun(rows, cols, bands, bandPointers.data(), nullptr, nullptr, nullptr,
-                                               *settings);
+        dhc::PreparedRun run =
+            dhc::prepareRun(rows, cols, bands, bandPointers.data(), nullptr, nullptr, nullptr, *settings);
         DHC_OUT out = dhc::runSegmentation(run, *settings, 1);
         const std::vector<int> labels = dhc::fullFrame(*out.labelRoi, rows, cols);
         std::ofstream result(argv[2]);
         for (int r = 0; r < rows; ++r)
-            for (int c = 0; c < cols; ++c) result << labels[static_cast<size_t>(r * cols + c)] << (c + 1 < cols ? " " : "\n");
+            for (int c = 0; c < cols; ++c)
+                result << labels[static_cast<size_t>(r * cols + c)] << (c + 1 < cols ? " " : "\n");
         return result ? 0 : 1;
     } catch (const InputError& e) {
         std::cerr << e.what() << "\n";
