@@ -7,7 +7,6 @@
 #include <iostream>
 #include <memory>
 #include <optional>
-#include <set>
 #include <sstream>
 #include <vector>
 
@@ -54,20 +53,6 @@ void markNodata(dhc::io::Raster& image, double value, const std::string& path) {
     if (std::find(image.valid.begin(), image.valid.end(), 0) == image.valid.end()) image.valid.clear();
 }
 
-// The colour table of a label map: the colours of its PNG picture, by label value.
-std::vector<dhc::io::TableColour> tableColours(const std::vector<int>& labels) {
-    std::set<int> present;
-    for (int v : labels)
-        if (v > 0 && v <= 65535) present.insert(v);
-    std::vector<dhc::io::TableColour> table(present.empty() ? 1 : static_cast<size_t>(*present.rbegin()) + 1);
-    int k = 0;
-    for (int v : present) {
-        const Rgb c = labelColour(k++);
-        table[static_cast<size_t>(v)] = {c.r, c.g, c.b};
-    }
-    return table;
-}
-
 // Writes an hraw map of `bands` planes (one after the other in `planes`):
 // the header (bands, rows, cols), then the planes, as int32.
 void writeMap(const OutputFiles::Output& out, const std::vector<int>& planes, int rows, int cols,
@@ -98,7 +83,8 @@ void writeOutput(const OutputFiles::Output& out, const std::string& driver, std:
     if (driver.empty())
         writeMap(out, plane, rows, cols);
     else
-        dhc::io::writeLabelMap(out.path, out.target, driver, plane, rows, cols, geo, tableColours(plane));
+        dhc::io::writeLabelMap(out.path, out.target, driver, plane, rows, cols, geo,
+                               dhc::io::tableColours(plane));
 }
 
 }  // namespace
@@ -231,22 +217,11 @@ int runSegment(const SegmentOptions& o) {
         std::vector<int> dataMask;
         std::vector<int*> dataMaskRows;
         if (!valid.empty()) {
-            const size_t cols = static_cast<size_t>(image.cols);
-            dataMask.assign(valid.size(), 0);
+            dataMask = dhc::maskWithoutNodata(image.rows, image.cols, mask, init, valid);
             dataMaskRows.resize(static_cast<size_t>(image.rows));
-            bool any = false;
-            for (int r = 0; r < image.rows; ++r) {
-                dataMaskRows[static_cast<size_t>(r)] = &dataMask[static_cast<size_t>(r) * cols];
-                for (int c = 0; c < image.cols; ++c) {
-                    const bool inside = mask != nullptr ? mask[r][c] == 1 : init == nullptr || init[r][c] > 0;
-                    const size_t k = static_cast<size_t>(r) * cols + static_cast<size_t>(c);
-                    dataMask[k] = inside && valid[k] ? 1 : 0;
-                    any = any || dataMask[k] == 1;
-                }
-            }
-            if (!any)
-                throw InputError(kExitInput,
-                                 "the region of interest is empty once the nodata pixels are taken out");
+            for (int r = 0; r < image.rows; ++r)
+                dataMaskRows[static_cast<size_t>(r)] =
+                    &dataMask[static_cast<size_t>(r) * static_cast<size_t>(image.cols)];
             mask = dataMaskRows.data();
         }
         if (htmlOut.fd >= 0) {

@@ -83,6 +83,10 @@ struct TableColour {
     uint8_t r = 0, g = 0, b = 0;
 };
 
+// The colour table of a label map: the colours of its PNG picture (and of
+// the tree picture), by label value.
+std::vector<TableColour> tableColours(const std::vector<int>& labels);
+
 // Writes a label map (rows x cols, row-major, 0 = outside the region of
 // interest) to path with driver, as the smallest unsigned type that holds its
 // labels, nodata 0, georeferenced like geo.  colours[v] is the colour of label
