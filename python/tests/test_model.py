@@ -211,3 +211,14 @@ def test_landsat_labels_agree_with_the_run_and_windows_keep_their_place(tmp_path
     x0, dx, rx, y0, ry, dy = applied.GetGeoTransform()
     assert window.GetGeoTransform() == pytest.approx((x0 + 100 * dx, dx, rx, y0 + 40 * dy, ry, dy))
     assert window.GetProjection() == applied.GetProjection()
+
+
+def test_a_floating_point_runs_model_keeps_its_scale(scene):
+    image, _ = scene
+    values = image.astype(np.float64) / 1000.0
+    result = dhc.segment(values, settings=dhc.Settings(**SETTINGS))
+    assert result.scale is not None and result.model.scale == result.scale
+    labels = dhc.apply(values, result.model)
+    assert (labels == result.labels).mean() > 0.9
+    with pytest.raises(ValueError, match="floating-point"):
+        dhc.apply(image, result.model)
