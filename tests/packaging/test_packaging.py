@@ -167,7 +167,7 @@ def complete(words, tmp_path):
 
 def test_bash_completion_offers_commands_options_and_files(tmp_path):
     (tmp_path / "scene.tif").write_bytes(b"")
-    assert complete(["dhc", ""], tmp_path) == ["segment", "info", "--help", "--version"]
+    assert complete(["dhc", ""], tmp_path) == ["segment", "apply", "info", "--help", "--version"]
     assert complete(["dhc", "segment", "--le"], tmp_path) == ["--levels="]
     assert set(complete(["dhc", "segment", "--tree"], tmp_path)) == {"--tree", "--tree-png", "--tree-svg"}
     assert set(complete(["dhc", "segment", "-"], tmp_path)) == help_options("segment")
