@@ -81,6 +81,7 @@ struct Option {
     char letter;
     bool takesValue;
     std::function<void(const std::string&)> apply;
+    int arity = 1;  // values that follow a long option given without "=", joined by spaces
 };
 
 // Walks the arguments: options (long, "--name=value" or "--name value";
@@ -124,12 +125,12 @@ void parse(const std::vector<std::string>& args, const std::vector<Option>& opti
                 continue;
             }
             std::string value;
-            if (eq != std::string::npos)
+            if (eq != std::string::npos) {
                 value = arg.substr(eq + 1);
-            else if (i + 1 < args.size())
-                value = args[++i];
-            else
-                throw needsValue("--" + name);
+            } else {
+                if (i + static_cast<size_t>(o->arity) >= args.size()) throw needsValue("--" + name);
+                for (int k = 0; k < o->arity; ++k) value += (k > 0 ? " " : "") + args[++i];
+            }
             if (value.empty()) throw needsValue("--" + name);
             o->apply(value);
         } else {
@@ -170,6 +171,33 @@ int classCount(const std::string& option, const std::string& value) {
     return static_cast<int>(n);
 }
 
+// A whole number from lo to hi, all of the text.
+int wholeNumber(const std::string& option, const std::string& text, long lo, long hi) {
+    size_t used = 0;
+    long n = 0;
+    try {
+        n = std::stol(text, &used);
+    } catch (const std::exception&) {
+        used = 0;
+    }
+    if (text.empty() || used != text.size() || n < lo || n > hi)
+        throw InputError(kExitUsage, option + " " + text + ": must be a whole number from " + std::to_string(lo) +
+                                         " to " + std::to_string(hi));
+    return static_cast<int>(n);
+}
+
+// Numbers separated by commas (--bands 1,2,5) or by spaces or commas (--window).
+std::vector<std::string> fields(const std::string& text, bool spacesToo) {
+    std::vector<std::string> out(1);
+    for (char c : text) {
+        if (c == ',' || (spacesToo && c == ' '))
+            out.emplace_back();
+        else
+            out.back() += c;
+    }
+    return out;
+}
+
 // A finite number, all of the text.
 double number(const std::string& option, const std::string& text) {
     char* end = nullptr;
@@ -201,6 +229,31 @@ SegmentOptions parseSegment(const std::vector<std::string>& args) {
         {"tree-svg", 0, true, into(s.treeSvg)},
         {"cut", 0, true, [&s](const std::string& v) { s.cut = classCount("--cut", v); }},
         {"format", 0, true, into(s.format)},
+        {"co", 0, true,
+         [&s](const std::string& v) {
+             const size_t eq = v.find('=');
+             if (eq == std::string::npos || eq == 0)
+                 throw InputError(kExitUsage, "--co " + v + ": must be KEY=VALUE (a GDAL creation option)");
+             s.creationOptions.push_back(v);
+         }},
+        {"relabel", 0, false, [&s](const std::string&) { s.relabel = true; }},
+        {"polygons", 0, true, into(s.polygons)},
+        {"sieve", 0, true,
+         [&s](const std::string& v) { s.sieve = wholeNumber("--sieve", v, 1, 1000000000); }},
+        {"bands", 0, true,
+         [&s](const std::string& v) {
+             for (const std::string& f : fields(v, false))
+                 s.bands.push_back(wholeNumber("--bands", f, 1, 1000000));
+         }},
+        {"window", 0, true,
+         [&s](const std::string& v) {
+             const std::vector<std::string> f = fields(v, true);
+             if (f.size() != 4)
+                 throw InputError(kExitUsage, "--window " + v + ": needs XOFF YOFF XSIZE YSIZE");
+             for (int k = 0; k < 4; ++k) s.window[k] = wholeNumber("--window", f[k], k < 2 ? 0 : 1, 65535);
+             s.hasWindow = true;
+         },
+         4},
         {"scale", 0, true,
          [&s](const std::string& v) {
              s.scale = number("--scale", v);
@@ -233,6 +286,8 @@ SegmentOptions parseSegment(const std::vector<std::string>& args) {
     s.image = operands[0];
     if (s.output.empty())
         throw InputError(kExitUsage, "segment: missing -o LABELS.hraw (see dhc segment --help)");
+    if (s.sieve > 0 && s.polygons.empty())
+        throw InputError(kExitUsage, "--sieve applies to the polygons: give --polygons FILE");
     return s;
 }
 
