@@ -120,6 +120,10 @@ Hierarchy Hierarchy::fromRun(const DHC_OUT& out, const DHC_SET& settings) {
         seen[l] = 1;
         finalLabel[l] = value;
     }
+    for (const RegionNode& n : h.nodes_) {
+        h.rank_.push_back(n.splitRank);
+        h.label_.push_back(n.label);
+    }
     h.cellLeaf_.assign(static_cast<size_t>(h.rows_) * static_cast<size_t>(h.cols_), -1);
     for (size_t k = 0; k < h.pointCell_.size(); ++k) h.cellLeaf_[h.pointCell_[k]] = h.pointLeaf_[k];
     for (size_t l = 0; l < h.leaves_.size(); ++l) {
@@ -164,7 +168,7 @@ int Hierarchy::leafLabelAt(size_t l, int k) const {
     // splits: found by bisection, the chain being as long as the tree is deep.
     const std::vector<int>& chain = chains_[l];
     const auto splitBy = [&](int node) {
-        const int rank = nodes_[node].splitRank;
+        const int rank = rank_[static_cast<size_t>(node)];
         return rank != 0 && rank <= k;
     };
     size_t lo = 0, hi = chain.size() - 1;  // the answer lies in [lo, hi]
@@ -175,7 +179,7 @@ int Hierarchy::leafLabelAt(size_t l, int k) const {
         else
             hi = mid;
     }
-    return nodes_[chain[lo]].label;
+    return label_[static_cast<size_t>(chain[lo])];
 }
 
 std::vector<int> Hierarchy::leafLabelsAt(int k) const {

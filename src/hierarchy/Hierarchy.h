@@ -103,6 +103,9 @@ class Hierarchy {
     std::vector<int> pointCell_;  // per ROI point: row * cols + col
     std::vector<int> pointLeaf_;  // per ROI point: index into leaves_
     std::vector<int> cellLeaf_;   // per cell of the frame: index into leaves_, -1 outside
+    // Per node index, its split rank (0: never split) and its label: the cut's
+    // inner loop reads these, not the nodes.
+    std::vector<int> rank_, label_;
     std::vector<int> leaves_;     // node indices of the final leaves
     // Per leaf, the chain of node indices from the root down to it.
     std::vector<std::vector<int>> chains_;

@@ -352,6 +352,11 @@ Raster& Raster::operator=(Raster&& other) noexcept {
         scale = other.scale;
         hasFloatBands = other.hasFloatBands;
         driver = std::move(other.driver);
+        floatBand = std::move(other.floatBand);
+        colOffset = other.colOffset;
+        rowOffset = other.rowOffset;
+        fileRows = other.fileRows;
+        fileCols = other.fileCols;
     }
     return *this;
 }

@@ -110,6 +110,7 @@ std::vector<std::string> creationOptions(const std::string& driver, int bands,
     if (driver == "GTiff") {
         options.SetNameValue("TILED", "YES");
         options.SetNameValue("COMPRESS", "DEFLATE");
+
         // The cuts are made band by band: written band after band.
         if (bands > 1) options.SetNameValue("INTERLEAVE", "BAND");
     } else if (driver == "COG") {
@@ -175,13 +176,31 @@ class SourceBand : public GDALRasterBand {
     }
 
   protected:
+    // Windows at full resolution are computed straight into the caller's
+    // buffer: GDAL's block cache would otherwise keep every band read.
+    CPLErr IRasterIO(GDALRWFlag rw, int x, int y, int w, int h, void* data, int bufW, int bufH,
+                     GDALDataType bufType, GSpacing pixelSpace, GSpacing lineSpace,
+                     GDALRasterIOExtraArg* extra) override {
+        if (rw != GF_Read || bufW != w || bufH != h)
+            return GDALRasterBand::IRasterIO(rw, x, y, w, h, data, bufW, bufH, bufType, pixelSpace, lineSpace,
+                                             extra);
+        const size_t cols = static_cast<size_t>(nRasterXSize);
+        std::vector<int> values(static_cast<size_t>(h) * cols);
+        labels_.read(nBand - 1, y, h, values.data());
+        for (int r = 0; r < h; ++r)
+            GDALCopyWords64(values.data() + static_cast<size_t>(r) * cols + static_cast<size_t>(x), GDT_Int32,
+                            sizeof(int), static_cast<GByte*>(data) + r * lineSpace, bufType,
+                            static_cast<int>(pixelSpace), w);
+        return CE_None;
+    }
+
     CPLErr IReadBlock(int, int blockRow, void* image) override {
         const int row = blockRow * nBlockYSize;
         const int n = std::min(nBlockYSize, nRasterYSize - row);
         const size_t count = static_cast<size_t>(nBlockYSize) * static_cast<size_t>(nBlockXSize);
-        values_.assign(count, 0);
-        labels_.read(nBand - 1, row, n, values_.data());
-        GDALCopyWords64(values_.data(), GDT_Int32, sizeof(int), image, eDataType,
+        std::vector<int> values(count, 0);
+        labels_.read(nBand - 1, row, n, values.data());
+        GDALCopyWords64(values.data(), GDT_Int32, sizeof(int), image, eDataType,
                         GDALGetDataTypeSizeBytes(eDataType), static_cast<GPtrDiff_t>(count));
         return CE_None;
     }
@@ -189,7 +208,6 @@ class SourceBand : public GDALRasterBand {
   private:
     const LabelBands& labels_;
     const GDALColorTable* table_;
-    std::vector<int> values_;
 };
 
 class SourceDataset : public GDALDataset {
@@ -374,8 +392,26 @@ void writeLabels(const std::string& path, const std::string& target, const Outpu
             table.SetColorEntry(v, &e);
         }
     SourceDataset source(bands, type->type, info, withTable ? &table : nullptr);
+    // The driver keeps the blocks it has written in GDAL's cache until the
+    // cache is full; with one band per cut that would be most of the file.
+    // A cache of a few bands keeps the memory to what one band needs.
+    const GIntBig cache = GDALGetCacheMax64();
+    const GIntBig band = static_cast<GIntBig>(bands.rows()) * bands.cols() * GDALGetDataTypeSizeBytes(type->type);
+    GDALSetCacheMax64(std::min(cache, std::max<GIntBig>(GIntBig{16} << 20, 4 * band)));
+    struct RestoreCache {
+        GIntBig size;
+        ~RestoreCache() { GDALSetCacheMax64(size); }
+    } restore{cache};
 
-    const CPLStringList options = optionList(format.options);
+    CPLStringList options = optionList(format.options);
+    if (format.driver == "GTiff" && options.FetchNameValue("BLOCKXSIZE") == nullptr &&
+        options.FetchNameValue("BLOCKYSIZE") == nullptr) {
+        // Tiles of 256 pixels, or of the map's size rounded up to 16 when
+        // smaller: a small map with many bands is not mostly padding.
+        const auto side = [](int n) { return std::to_string(std::min(256, (n + 15) / 16 * 16)); };
+        options.SetNameValue("BLOCKXSIZE", side(bands.cols()).c_str());
+        options.SetNameValue("BLOCKYSIZE", side(bands.rows()).c_str());
+    }
     // Nothing but the file itself: no .aux.xml beside it.
     CPLSetThreadLocalConfigOption("GDAL_PAM_ENABLED", "NO");
     std::vector<std::string> written;
@@ -399,6 +435,12 @@ void writeLabels(const std::string& path, const std::string& target, const Outpu
             if (CPLGetLastErrorType() == CE_Failure || CPLGetLastErrorType() == CE_Fatal) {
                 ok = false;
                 savedErrno = errno;
+            }
+            // Some drivers (PNG) do not check their writes: a write that met a
+            // full device still left its mark in errno.
+            if (errno == ENOSPC) {
+                ok = false;
+                savedErrno = ENOSPC;
             }
         }
     }
