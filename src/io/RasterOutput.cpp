@@ -280,13 +280,15 @@ void LabelPlane::read(int, int row, int n, int* out) const {
 
 OutputFormat outputFormat(const std::string& option, const std::string& name, const std::string& format,
                           const std::vector<std::string>& creationOptions_, int bands) {
-    QuietGdal quiet;
     OutputFormat out;
+    // hraw by name or by --format needs no GDAL (whose drivers take memory to load).
+    if (format.empty() ? extension(name).empty() || extension(name) == "hraw" : lower(format) == "hraw")
+        return out;
+    QuietGdal quiet;
     GDALDriver* driver = nullptr;
     // Messages name --format when it chose the driver, else the output.
     std::string who;
     if (!format.empty()) {
-        if (lower(format) == "hraw") return out;
         who = "--format " + quoted(format);
         driver = GetGDALDriverManager()->GetDriverByName(format.c_str());
         if (driver == nullptr) throw InputError(kExitUsage, who + ": no such GDAL raster driver");
@@ -294,7 +296,6 @@ OutputFormat outputFormat(const std::string& option, const std::string& name, co
             throw InputError(kExitUsage, who + ": a vector driver; it cannot write a label map");
     } else {
         const std::string ext = extension(name);
-        if (ext.empty() || ext == "hraw") return out;
         bool vectorOnly = false;
         driver = driverForExtension(ext, vectorOnly);
         who = option + " " + quoted(name);
