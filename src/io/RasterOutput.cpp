@@ -37,9 +37,17 @@ constexpr LabelType kLabelTypes[] = {{"Byte", GDT_Byte, 255},
                                      {"Int32", GDT_Int32, 2147483647.0},
                                      {"UInt32", GDT_UInt32, 4294967295.0}};
 
-// Drivers that cannot give back the labels they were given.
-bool lossy(const std::string& driver) {
-    return driver == "JPEG" || driver == "WEBP";
+// Whether the driver with these creation options would change the labels.
+bool lossy(const std::string& driver, const CPLStringList& options) {
+    if (driver == "JPEG") return true;
+    const char* compress = options.FetchNameValue("COMPRESS");
+    if (compress != nullptr && (EQUAL(compress, "JPEG") || EQUAL(compress, "WEBP"))) return true;
+    const char* tiles = options.FetchNameValue("TILE_FORMAT");
+    if (tiles != nullptr && !EQUAL(tiles, "PNG") && !EQUAL(tiles, "PNG8") && !EQUAL(tiles, "TIFF")) return true;
+    const char* reversible = options.FetchNameValue("REVERSIBLE");
+    if (driver == "JP2OpenJPEG" && (reversible == nullptr || !CPLTestBool(reversible))) return true;
+    const char* lossless = options.FetchNameValue("LOSSLESS");
+    return driver == "WEBP" && (lossless == nullptr || !CPLTestBool(lossless));
 }
 
 bool hasCap(GDALDriver* d, const char* cap) {
@@ -113,6 +121,15 @@ std::vector<std::string> creationOptions(const std::string& driver, int bands,
 
         // The cuts are made band by band: written band after band.
         if (bands > 1) options.SetNameValue("INTERLEAVE", "BAND");
+    } else if (driver == "JP2OpenJPEG") {
+        // JPEG 2000 is lossy unless told otherwise.
+        options.SetNameValue("REVERSIBLE", "YES");
+        options.SetNameValue("QUALITY", "100");
+    } else if (driver == "WEBP") {
+        options.SetNameValue("LOSSLESS", "TRUE");
+    } else if (driver == "GPKG") {
+        // Its default tiles are JPEG where they are opaque.
+        options.SetNameValue("TILE_FORMAT", "PNG");
     } else if (driver == "COG") {
         options.SetNameValue("COMPRESS", "DEFLATE");
         // Labels are classes: an overview pixel takes one of its pixels' labels.
@@ -310,13 +327,13 @@ OutputFormat outputFormat(const std::string& option, const std::string& name, co
     out.driver = driver->GetDescription();
     if (!hasCap(driver, GDAL_DCAP_CREATE) && !hasCap(driver, GDAL_DCAP_CREATECOPY))
         throw InputError(kExitUsage, who + ": GDAL cannot write files with this driver");
-    if (lossy(out.driver))
-        throw InputError(kExitUsage, who + ": the " + out.driver +
-                                         " driver compresses with loss and would change the labels");
     out.types = labelTypes(driver);
     if (out.types.empty())
         throw InputError(kExitUsage, who + ": the " + out.driver + " driver writes no integer type");
     out.options = creationOptions(out.driver, bands, creationOptions_);
+    if (lossy(out.driver, optionList(out.options)))
+        throw InputError(kExitUsage, who + ": the " + out.driver +
+                                         " driver compresses with loss here and would change the labels");
     {
         // The user's options against the list the driver declares (GDAL
         // itself only warns and goes on without them).

@@ -650,7 +650,10 @@ TEST_F(BadRaster, OutputsNoDriverCanWriteAreRefusedBeforeTheImageIsRead) {
         {{"-o", "labels.geojson"},
          "-o \"labels.geojson\": .geojson is a vector format; a label map needs a raster format (.tif, .png, ...) "
          "or --format"},
-        {{"-o", "labels.jpg"}, "-o \"labels.jpg\": the JPEG driver compresses with loss and would change the labels"},
+        {{"-o", "labels.jpg"},
+         "-o \"labels.jpg\": the JPEG driver compresses with loss here and would change the labels"},
+        {{"-o", "labels.tif", "--co", "COMPRESS=JPEG"},
+         "-o \"labels.tif\": the GTiff driver compresses with loss here and would change the labels"},
         {{"-o", "labels.tif", "--levels", "levels.png"},
          "--levels \"levels.png\": the PNG driver cannot write one band per cut (PNG driver doesn't support 16 "
          "bands. Must be 1 (grey), 2 (grey+alpha), 3 (rgb) or 4 (rgba) bands)"},
