@@ -602,10 +602,10 @@ TEST_F(Raster, SignedBytesAreReadAsSigned) {
     // The scene's bands brought into -100..100: as signed bytes and as hraw.
     Hraw small = scene;
     for (int b = 0; b < scene.bands; ++b) {
-        const auto first = small.values.begin() + b * kSide * kSide, last = first + kSide * kSide;
-        const auto [lo, hi] = std::minmax_element(first, last);
+        const auto first = small.values.begin() + b * kSide * kSide, end = first + kSide * kSide;
+        const auto [lo, hi] = std::minmax_element(first, end);
         const int32_t low = *lo, span = std::max(1, *hi - *lo);
-        for (auto v = first; v != last; ++v) *v = (*v - low) * 200 / span - 100;
+        for (auto v = first; v != end; ++v) *v = (*v - low) * 200 / span - 100;
     }
     writeHraw("small.hraw", small);
     {
@@ -839,6 +839,22 @@ TEST_F(Raster, LandsatSceneFollowsTheGround) {
         std::ostringstream line;
         line << "\nband " << k << ": " << range[0] << " " << range[1] << "\n";
         EXPECT_NE(last.out.find(line.str()), std::string::npos) << line.str();
+    }
+
+    // The same map as a Cloud Optimized GeoTIFF: overviews, and GDAL's own validator content.
+    segment({"segment", DHC_LANDSAT_PATH, "-o", "landsat.cog.tif", "--format", "COG", "-q", "--set",
+             "UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=6", "--set",
+             "UNSUPERVISED_MODE_CONF.SplitGainThreshold=0.05"});
+    Dataset cog = open("landsat.cog.tif");
+    ASSERT_TRUE(cog);
+    EXPECT_STREQ(cog->GetMetadataItem("LAYOUT", "IMAGE_STRUCTURE"), "COG");
+    EXPECT_GE(cog->GetRasterBand(1)->GetOverviewCount(), 1);
+    EXPECT_EQ(band("landsat.cog.tif"), band("landsat.tif"));
+    const char* validator = "/usr/lib/python3/dist-packages/osgeo_utils/samples/validate_cloud_optimized_geotiff.py";
+    if (std::filesystem::exists(validator)) {
+        const std::string command = std::string("/usr/bin/python3 ") + validator + " -q --full-check=yes " +
+                                    path("landsat.cog.tif") + " > " + path("validator.txt") + " 2>&1";
+        EXPECT_EQ(std::system(command.c_str()), 0) << read("validator.txt");
     }
 
     const std::vector<int32_t> labels = band("landsat.tif");
