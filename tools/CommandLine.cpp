@@ -53,6 +53,10 @@ const char* const kSegmentUsage =
     "      --tree=FILE        the tree of regions as JSON (docs/tree.schema.json)\n"
     "      --tree-png=FILE    picture of the tree of regions (PNG)\n"
     "      --tree-svg=FILE    picture of the tree of regions (SVG)\n"
+    "      --html=FILE        the run as one self-contained HTML page: picture, map of\n"
+    "                         any cut, the tree, settings and timings\n"
+    "      --rgb=R,G,B        bands of the page's picture, from 1 (default 4,3,2 from\n"
+    "                         four bands on, 3,2,1 with three, else grey)\n"
     "      --polygons=FILE    the label map as polygons, one per 8-connected piece,\n"
     "                         with label, class, area_px, area, mean_B (.gpkg,\n"
     "                         .geojson, .fgb, .shz)\n"
@@ -241,6 +245,12 @@ SegmentOptions parseSegment(const std::vector<std::string>& args) {
         {"tree", 0, true, into(s.tree)},
         {"tree-png", 0, true, into(s.treePng)},
         {"tree-svg", 0, true, into(s.treeSvg)},
+        {"html", 0, true, into(s.html)},
+        {"rgb", 0, true,
+         [&s](const std::string& v) {
+             dhc::parseRgbBands(v, "--rgb");
+             s.rgb = v;
+         }},
         {"cut", 0, true, [&s](const std::string& v) { s.cut = classCount("--cut", v); }},
         {"format", 0, true, into(s.format)},
         {"co", 0, true,
@@ -298,6 +308,7 @@ SegmentOptions parseSegment(const std::vector<std::string>& args) {
     if (operands.size() > 1)
         throw InputError(kExitUsage, "segment: unexpected argument \"" + operands[1] + "\"");
     s.image = operands[0];
+    if (!s.rgb.empty() && s.html.empty()) throw InputError(kExitUsage, "--rgb chooses the bands of --html: give --html too");
     if (s.output.empty())
         throw InputError(kExitUsage, "segment: missing -o LABELS.hraw (see dhc segment --help)");
     if (s.sieve > 0 && s.polygons.empty())

@@ -6,6 +6,7 @@
 #include <iomanip>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <vector>
@@ -22,6 +23,7 @@
 #include "frontend/Segmentation.h"
 #include "frontend/SettingsCheck.h"
 #include "hierarchy/Hierarchy.h"
+#include "hierarchy/HtmlReport.h"
 #include "hierarchy/RgbImage.h"
 #include "hierarchy/TreeJson.h"
 #include "hierarchy/TreePicture.h"
@@ -137,7 +139,7 @@ int runSegment(const SegmentOptions& o) {
     std::vector<std::string> inputs{o.image}, outputNames{o.output};
     for (const std::string* name : {&o.config, &o.mask, &o.init, &o.gt})
         if (!name->empty()) inputs.push_back(*name);
-    for (const std::string* name : {&o.report, &o.fragments, &o.png, &o.polygons})
+    for (const std::string* name : {&o.report, &o.fragments, &o.png, &o.polygons, &o.html})
         if (!name->empty()) outputNames.push_back(*name);
     OutputFiles::checkDistinct(inputs, outputNames);
 
@@ -219,7 +221,8 @@ int runSegment(const SegmentOptions& o) {
                                                         {o.cut > 0, "--cut"},
                                                         {!o.tree.empty(), "--tree"},
                                                         {!o.treePng.empty(), "--tree-png"},
-                                                        {!o.treeSvg.empty(), "--tree-svg"}};
+                                                        {!o.treeSvg.empty(), "--tree-svg"},
+                                                        {!o.html.empty(), "--html"}};
     bool wantsTree = false;
     for (const auto& [given, name] : treeOptions) {
         if (given && !treeOutput)
@@ -231,6 +234,10 @@ int runSegment(const SegmentOptions& o) {
     }
     if (!o.fragments.empty() && !fragmentOutput)
         throw InputError(kExitInput, "--fragments needs Fragmentation=1 and SplitwiseDisconnect=0");
+
+    const std::array<int, 3> rgb =
+        o.rgb.empty() ? dhc::defaultRgbBands(image.bands)
+                      : dhc::checkRgbBands(dhc::parseRgbBands(o.rgb, "--rgb"), image.bands, "--rgb");
 
     const bool scaled = imageRaster.hasFloatBands;
     const double scale = imageRaster.scale;
@@ -249,11 +256,13 @@ int runSegment(const SegmentOptions& o) {
     const OutputFiles::Output treePngOut = optional(o.treePng);
     const OutputFiles::Output treeSvgOut = optional(o.treeSvg);
     const OutputFiles::Output polygonsOut = optional(o.polygons);
+    const OutputFiles::Output htmlOut = optional(o.html);
 
     // 5. The region of interest, exactly as the gateway builds it; the input
     // planes go as soon as the core holds its copies.
     dhc::PreparedRun run;
     const dhc::io::Georeference geo = imageRaster.geo;
+    std::optional<dhc::RgbImage> picture;  // the report's, made while the image is at hand
     {
         if (imageRaster.cube == nullptr) {
             imageRaster = readHraw(o.image);
@@ -292,6 +301,16 @@ int runSegment(const SegmentOptions& o) {
                                  "the region of interest is empty once the nodata pixels are taken out");
             mask = dataMaskRows.data();
         }
+        if (htmlOut.fd >= 0) {
+            int*** cube = imageRaster.cube;
+            dhc::ImageView view;
+            view.bands = image.bands;
+            view.rows = image.rows;
+            view.cols = image.cols;
+            view.value = [cube](int b, int r, int c) { return cube[b][r][c]; };
+            view.valid = &imageRaster.valid;
+            picture = dhc::falseColour(view, rgb);
+        }
         dhc::RunNames names;
         names.gt = "ground truth \"" + o.gt + "\"";
         names.settings = settingNames(ini);
@@ -318,7 +337,9 @@ int runSegment(const SegmentOptions& o) {
     } else {
         DHC::setProgress(nullptr);
     }
+    const auto runStart = std::chrono::steady_clock::now();
     DHC_OUT out = dhc::runSegmentation(run, *settings, o.threads);
+    const auto runEnd = std::chrono::steady_clock::now();
     const int points = run.roi->count;
     // Like the gateway, let the inputs go before the outputs are made.
     run = dhc::PreparedRun();
@@ -391,15 +412,37 @@ int runSegment(const SegmentOptions& o) {
         if (o.relabel) doc["relabel"] = {{"order", "ascending region label"}, {"classes", relabelled}};
         OutputFiles::writeAll(treeOut, doc.dump(2) + "\n");
     }
-    if (treeSvgOut.fd >= 0) OutputFiles::writeAll(treeSvgOut, dhc::treeSvg(*tree));
+    dhc::TreeOptions pictureOptions;
+    pictureOptions.pixelArea = dhc::io::pixelArea(geo);
+    if (treeSvgOut.fd >= 0) OutputFiles::writeAll(treeSvgOut, dhc::treeSvg(*tree, pictureOptions));
     if (treePngOut.fd >= 0) {
         try {
-            dhc::treePicture(*tree).writePng(treePngOut.fd, o.treePng);
+            dhc::treePicture(*tree, pictureOptions).writePng(treePngOut.fd, o.treePng);
         } catch (const dhc::WriteError& e) {
             throw InputError(kExitInput, e.what());
         }
     }
     if (pngOut.fd >= 0) writeLabelPng(pngOut.fd, o.png, labels, image.rows, image.cols);
+    if (htmlOut.fd >= 0) {
+        auto seconds = [](auto from, auto to) { return std::chrono::duration<double>(to - from).count(); };
+        dhc::ReportRun report;
+        report.title = o.image;
+        report.program = "dhc";
+        report.version = DHC_VERSION;
+        report.settings = dhc::settingsJson(*settings);
+        report.rgb = rgb;
+        report.bands = image.bands;
+        report.pixelArea = pictureOptions.pixelArea;
+        // report.stoppingReason: the sentence of the run's stopping record, once runs keep one.
+        report.timings = {{"reading the inputs", seconds(start, runStart)},
+                          {"segmentation", seconds(runStart, runEnd)},
+                          {"the other outputs", seconds(runEnd, std::chrono::steady_clock::now())}};
+        try {
+            OutputFiles::writeAll(htmlOut, dhc::htmlReport(*tree, *picture, report));
+        } catch (const dhc::WriteError& e) {
+            throw InputError(kExitInput, e.what());
+        }
+    }
     outputs.commit();
 
     if (!o.quiet) {

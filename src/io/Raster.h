@@ -93,6 +93,11 @@ struct TableColour {
     uint8_t r = 0, g = 0, b = 0;
 };
 
+// Ground area of one pixel in square metres: the image has a geotransform
+// and a projected coordinate system (its linear unit converted to metres);
+// 0 otherwise (no georeference, or angles such as degrees).
+double pixelArea(const Georeference& geo);
+
 // Prints what `dhc info` reports for a raster GDAL opens: driver, size, bands,
 // data type, nodata, coordinate system, geotransform, per-band range.
 void printInfo(const std::string& path, std::ostream& out);
