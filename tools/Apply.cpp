@@ -31,7 +31,7 @@ int runApply(const ApplyOptions& o) {
     if (!o.mask.empty()) inputs.push_back(o.mask);
     if (!o.png.empty()) outputNames.push_back(o.png);
     OutputFiles::checkDistinct(inputs, outputNames);
-    const std::string driver = dhc::io::outputDriver(o.output, o.format);
+    const dhc::io::OutputFormat format = dhc::io::outputFormat("-o", o.output, o.format, {}, 1);
 
     // 1. The model, then the image as the model's values were read.
     const dhc::Model model = dhc::readModelFile(o.model);
@@ -148,7 +148,7 @@ int runApply(const ApplyOptions& o) {
         t[3] = y;
     }
     image = dhc::io::Raster();  // the values go before the outputs are made
-    writeLabels(labelsOut, driver, labels, w.rows, w.cols, geo);
+    writeLabels(labelsOut, format, labels, w.rows, w.cols, geo);
     if (pngOut.fd >= 0) writeLabelPng(pngOut.fd, o.png, labels, w.rows, w.cols);
     outputs.commit();
 

@@ -118,9 +118,14 @@ void writeOutput(const OutputFiles::Output& out, const dhc::io::OutputFormat& fo
 
 }  // namespace
 
-void writeLabels(const OutputFiles::Output& out, const std::string& driver, std::vector<int>& plane, int rows,
-                 int cols, const dhc::io::Georeference& geo) {
-    writeOutput(out, driver, plane, rows, cols, geo);
+void writeLabels(const OutputFiles::Output& out, const dhc::io::OutputFormat& format, const std::vector<int>& plane,
+                 int rows, int cols, const dhc::io::Georeference& geo) {
+    dhc::io::MapInfo info;
+    info.geo = geo;
+    info.metadata = {"TIFFTAG_SOFTWARE=dhc " + std::string(DHC_VERSION), "DHC_PROGRAM=dhc",
+                     "DHC_VERSION=" + std::string(DHC_VERSION)};
+    info.colours = dhc::io::tableColours(plane);
+    writeOutput(out, format, dhc::io::LabelPlane(plane, rows, cols), info);
 }
 
 int runSegment(const SegmentOptions& o) {

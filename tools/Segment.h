@@ -13,8 +13,10 @@ int runSegment(const SegmentOptions& options);
 
 #include "OutputFiles.h"
 #include "io/Raster.h"
+#include "io/RasterOutput.h"
 
-// Writes a one-band label map as `dhc segment` writes its own: hraw when
-// driver is empty, else through GDAL, georeferenced like geo.
-void writeLabels(const OutputFiles::Output& out, const std::string& driver, std::vector<int>& plane, int rows,
-                 int cols, const dhc::io::Georeference& geo);
+// Writes a one-band label map as `dhc segment` writes its own: hraw, or
+// through GDAL in `format`, georeferenced like geo, with the colour table of
+// its picture.
+void writeLabels(const OutputFiles::Output& out, const dhc::io::OutputFormat& format, const std::vector<int>& plane,
+                 int rows, int cols, const dhc::io::Georeference& geo);
