@@ -16,6 +16,11 @@ classdef DhcClassicSettings
   %   minSplitArea        (default 64; ini MinRegionArea) regions of fewer
   %                       pixels are not split, and a split whose child would
   %                       be smaller is not made.
+  %   stopCriterion       (default 0; ini StopCriterion) 0 = a split is made
+  %                       when its gain reaches splitGainThreshold; 1 = when
+  %                       its ICL is positive, 2 = when its BIC is positive
+  %                       (splitGainThreshold unused; a refused region is
+  %                       weighed once more with its children's best splits).
   %
   %   See also DhcUnsupSettings, DhcSettings.
 
@@ -23,5 +28,6 @@ classdef DhcClassicSettings
     splitGainThreshold = 0.2;
     maxNumberOfClasses = 8;
     minSplitArea = 64;
+    stopCriterion = 0;
   end
 end

@@ -63,6 +63,8 @@ _SETTINGS: Tuple[Tuple[str, str, str, str, Any], ...] = (
     ("tolerance", "MEANSHIFT", "Tolerance", "float", 0.05),
     ("skip_last", "MEANSHIFT", "SkipLast", "float", 0.1),
     ("kernel_type", "MEANSHIFT", "KernelType", "int", 0),
+    ("stop_criterion", "UNSUPERVISED_MODE_CONF", "StopCriterion", "int", 0),
+    ("final_refinement", "UNSUPERVISED_MODE_CONF", "FinalRefinement", "int", 0),
 )
 _SECTIONS = ("SEGM_MAIN_CONFIGURATION", "UNSUPERVISED_MODE_CONF", "SUPERVISED_MODE_CONF", "POTTS_MODEL", "MEANSHIFT")
 
@@ -122,6 +124,10 @@ class Settings:
       spatial_bandwidth (POTTS_MODEL keys; engineSet.*)
     - auto_adjust_knn, tolerance, skip_last, kernel_type (MEANSHIFT keys;
       engineSet.autoAdjustkNN, tolerance, skipLast, kernelType)
+    - stop_criterion (StopCriterion; unsupSet.classicSet.stopCriterion): 0 =
+      split gain against split_gain_threshold, 1 = ICL, 2 = BIC
+    - final_refinement (FinalRefinement; unsupSet.finalRefinement): rounds of
+      the joint refinement of the final map (EM, then Potts ICM); 0 = none
     """
 
     __slots__ = tuple(a for a, *_ in _SETTINGS)
@@ -347,7 +353,7 @@ def _int32(a: np.ndarray, name: str) -> np.ndarray:
 
 
 def segment(image: Any, mask: Any = None, init: Any = None, gt: Any = None, settings: Optional[Settings] = None,
-            progress: Optional[Callable[[int, int], Any]] = None, threads: int = 0) -> Result:
+            progress: Optional[Callable[[int, int], Any]] = None, threads: int = 0, verbose: bool = False) -> Result:
     """Segments a multispectral image into a hierarchy of regions.
 
     image     (bands, rows, cols) or (rows, cols) array of any integer dtype,
@@ -366,6 +372,8 @@ def segment(image: Any, mask: Any = None, init: Any = None, gt: Any = None, sett
               stops the run and propagates (Ctrl-C does too).
     threads   threads the run may use: 0 (the default) for one per core.
               The results are the same for every number.
+    verbose   print the segmenter's own lines (mean-shift estimates) to
+              sys.stdout; off by default.
 
     Returns a dhc.Result.  The same inputs give the same labels as
     ``dhc segment`` and the MATLAB/Octave module.  The GIL is released during
@@ -389,7 +397,8 @@ def segment(image: Any, mask: Any = None, init: Any = None, gt: Any = None, sett
     cube = _image(image)
     _bands, rows, cols = cube.shape
     maps = [_plane(m, name, rows, cols) for m, name in ((mask, "mask"), (init, "init"), (gt, "gt"))]
-    out = _dhc.segment(cube, *maps, settings._entries(), progress, float(max(min(int(threads), 2**53), -(2**53))))
+    out = _dhc.segment(cube, *maps, settings._entries(), progress, float(max(min(int(threads), 2**53), -(2**53))),
+                       bool(verbose))
     regions = None if out["regions"] is None else [Region(**r) for r in out["regions"]]
     tree = None if out["tree"] is None else json.loads(out["tree"])
     return Result(out["labels"], out["fragments"], out["classes"], out["split_order"], out["offspring"], regions,
