@@ -51,8 +51,7 @@ demo: build
 	$(BUILD)/dhc-make-scene -o $(OUT)/scene.hraw --truth $(OUT)/truth.hraw
 	$(BUILD)/dhc segment $(OUT)/scene.hraw -o $(OUT)/labels.hraw --report $(OUT)/report.txt --png $(OUT)/labels.png \
 	  --levels $(OUT)/levels.hraw --tree $(OUT)/tree.json --tree-png $(OUT)/tree.png --tree-svg $(OUT)/tree.svg
-	$(BUILD)/dhc segment data/L7_ETMs.tif -o $(OUT)/landsat_labels.tif --png $(OUT)/landsat_labels.png \
-	  --set UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=6 --set UNSUPERVISED_MODE_CONF.SplitGainThreshold=0.05
+	$(BUILD)/dhc segment data/L7_ETMs.tif -o $(OUT)/landsat_labels.tif --png $(OUT)/landsat_labels.png
 	@echo
 	@echo "scene:     $(abspath $(OUT))/scene.hraw (truth: $(abspath $(OUT))/truth.hraw)"
 	@echo "label map: $(abspath $(OUT))/labels.hraw"

@@ -35,7 +35,7 @@ Error = _dhc.Error
 _SETTINGS: Tuple[Tuple[str, str, str, str, Any], ...] = (
     ("supervised_mode", "SEGM_MAIN_CONFIGURATION", "SupervisedMode", "flag", False),
     ("split_gain_threshold", "UNSUPERVISED_MODE_CONF", "SplitGainThreshold", "float", 0.2),
-    ("max_number_of_classes", "UNSUPERVISED_MODE_CONF", "MaxNumberOfClasses", "int", 8),
+    ("max_number_of_classes", "UNSUPERVISED_MODE_CONF", "MaxNumberOfClasses", "int", 15),
     ("min_region_area", "UNSUPERVISED_MODE_CONF", "MinRegionArea", "float", 64.0),
     ("variable_multiplicity", "UNSUPERVISED_MODE_CONF", "VariableMultiplicity", "flag", False),
     ("balanced_tree", "UNSUPERVISED_MODE_CONF", "BalancedTree", "flag", False),
@@ -63,8 +63,8 @@ _SETTINGS: Tuple[Tuple[str, str, str, str, Any], ...] = (
     ("tolerance", "MEANSHIFT", "Tolerance", "float", 0.05),
     ("skip_last", "MEANSHIFT", "SkipLast", "float", 0.1),
     ("kernel_type", "MEANSHIFT", "KernelType", "int", 0),
-    ("stop_criterion", "UNSUPERVISED_MODE_CONF", "StopCriterion", "int", 0),
-    ("final_refinement", "UNSUPERVISED_MODE_CONF", "FinalRefinement", "int", 0),
+    ("stop_criterion", "UNSUPERVISED_MODE_CONF", "StopCriterion", "int", 1),
+    ("final_refinement", "UNSUPERVISED_MODE_CONF", "FinalRefinement", "int", 10),
 )
 _SECTIONS = ("SEGM_MAIN_CONFIGURATION", "UNSUPERVISED_MODE_CONF", "SUPERVISED_MODE_CONF", "POTTS_MODEL", "MEANSHIFT")
 
@@ -94,8 +94,9 @@ def _same(kind: str, a: Any, b: Any) -> bool:
 class Settings:
     """Settings of one run: the ini keys of ``dhc segment --config``, as attributes.
 
-    ``Settings()`` equals ``examples/default.ini`` (unsupervised, gain-driven
-    splitting into two children at a time).  Keyword arguments set attributes:
+    ``Settings()`` equals ``examples/default.ini`` (unsupervised splitting
+    into two children at a time while a split's ICL is positive, then the
+    joint refinement of the final map).  Keyword arguments set attributes:
     ``Settings(max_number_of_classes=4, min_region_area=16)``.  Values are
     checked when the settings are used (``dhc.segment``, ``to_ini``,
     ``check``) with the tool's checks and messages; a bad value raises

@@ -72,6 +72,9 @@ void deleteModel(Mixture* m) {
     delete[] idx;
 }
 
+// Refused leaves weighed one level deeper before a criterion-driven run stops.
+constexpr size_t kLookAheads = 2;
+
 // Leaves together smaller than this are split one after the other.
 constexpr long long kSideBySideArea = 1 << 15;
 
@@ -975,13 +978,15 @@ void DHC::splitting(SplittingOptions opts) {
         int best = OpMatrix::max(scores.data(), static_cast<int>(scores.size()));
         bool keep = byCriterion ? scores[best] > theta : scores[best] >= theta;
         if (!keep && byCriterion) {
-            // Look one level deeper, best refused candidates first.
+            // Look one level deeper at the best refused candidates (the two
+            // best: each look costs the test splits of a region's children).
             std::vector<size_t> order;
             for (size_t i = 0; i < leaves.size(); ++i)
                 if (eligible[i]) order.push_back(i);
             std::stable_sort(order.begin(), order.end(),
                              [&](size_t a, size_t b) { return scores[a] > scores[b]; });
             bool grown = false;
+            if (order.size() > kLookAheads) order.resize(kLookAheads);
             for (size_t i : order) {
                 if (lookAhead(opts, leaves[i])) {
                     reportProgress(leafCount(), leaves[i]->label);

@@ -4,12 +4,9 @@
 #include <cmath>
 #include <cstdint>
 #include <limits>
-#include <map>
 #include <unordered_map>
 
-#include "settings/RowMatrix.h"
 #include "settings/Workers.h"
-#include "stats/OpMatrix.h"
 
 namespace dhc {
 namespace {
@@ -20,6 +17,7 @@ constexpr double kRounding = 1.0 / 12.0;
 // Pixels per block of every sum; blocks are joined in order.
 constexpr int kBlock = 8192;
 constexpr int kEmIterations = 8;
+constexpr int kEmSample = 32768;
 constexpr int kMaxSweeps = 50;
 const double kNone = -std::numeric_limits<double>::infinity();
 
@@ -28,41 +26,54 @@ struct Gaussian {
     double count = 0.0;
     std::vector<double> mean;
     std::vector<double> cov;  // d x d
-    std::vector<double> inv;  // d x d
+    std::vector<double> inv;  // d x d, lower-triangular whitening
     double logNorm = 0.0;     // -(d ln 2 pi + ln det) / 2
 };
 
-// Inverse and normaliser of g's covariance (with the rounding term added by
-// the caller); a class whose covariance cannot be inverted is dropped.
+// The whitening of g's covariance (with the rounding term added by the
+// caller): W lower-triangular with W S W' = I, from the Cholesky factor, and
+// the normaliser.  A class whose covariance is not positive definite is dropped.
 void prepare(Gaussian& g, int d) {
     if (!g.active) return;
-    double** c = dhc::newRows<double>(d, d);
-    double** inv = dhc::newRows<double>(d, d);
-    for (int i = 0; i < d; ++i)
-        for (int j = 0; j < d; ++j) c[i][j] = g.cov[static_cast<size_t>(i) * d + j];
-    int ok = 0;
-    OpMatrix::inv(c, d, inv, ok);
-    const double logdet = OpMatrix::ldet(c, d);
-    if (ok == 0 || !std::isfinite(logdet)) {
-        g.active = false;
-    } else {
-        g.inv.assign(static_cast<size_t>(d) * d, 0.0);
-        for (int i = 0; i < d; ++i)
-            for (int j = 0; j < d; ++j) g.inv[static_cast<size_t>(i) * d + j] = inv[i][j];
-        g.logNorm = -0.5 * (d * kLog2Pi + logdet);
+    std::vector<double> l(static_cast<size_t>(d) * d, 0.0);
+    double logdet = 0.0;
+    for (int i = 0; i < d && g.active; ++i) {
+        for (int j = 0; j <= i; ++j) {
+            double v = g.cov[static_cast<size_t>(i) * d + j];
+            for (int t = 0; t < j; ++t) v -= l[static_cast<size_t>(i) * d + t] * l[static_cast<size_t>(j) * d + t];
+            if (i == j) {
+                if (!(v > 0.0) || !std::isfinite(v)) {
+                    g.active = false;
+                    break;
+                }
+                l[static_cast<size_t>(i) * d + i] = std::sqrt(v);
+                logdet += std::log(v);
+            } else {
+                l[static_cast<size_t>(i) * d + j] = v / l[static_cast<size_t>(j) * d + j];
+            }
+        }
     }
-    dhc::deleteRows(c, d);
-    dhc::deleteRows(inv, d);
+    if (!g.active) return;
+    // W = L^-1, column by column by forward substitution.
+    g.inv.assign(static_cast<size_t>(d) * d, 0.0);
+    for (int c = 0; c < d; ++c) {
+        for (int i = c; i < d; ++i) {
+            double v = i == c ? 1.0 : 0.0;
+            for (int t = c; t < i; ++t) v -= l[static_cast<size_t>(i) * d + t] * g.inv[static_cast<size_t>(t) * d + c];
+            g.inv[static_cast<size_t>(i) * d + c] = v / l[static_cast<size_t>(i) * d + i];
+        }
+    }
+    g.logNorm = -0.5 * (d * kLog2Pi + logdet);
 }
 
 double logDensity(const Gaussian& g, const int* x, int d, double* diff) {
     for (int i = 0; i < d; ++i) diff[i] = x[i] - g.mean[i];
     double q = 0.0;
     for (int i = 0; i < d; ++i) {
-        double row = 0.0;
-        const double* r = &g.inv[static_cast<size_t>(i) * d];
-        for (int j = 0; j < d; ++j) row += r[j] * diff[j];
-        q += diff[i] * row;
+        const double* w = &g.inv[static_cast<size_t>(i) * d];
+        double y = 0.0;
+        for (int j = 0; j <= i; ++j) y += w[j] * diff[j];
+        q += y * y;
     }
     return g.logNorm - 0.5 * q;
 }
@@ -77,6 +88,10 @@ class Refiner {
         classOfLabel_.assign(static_cast<size_t>(top) + 1, -1);
         for (int c = 0; c < k_; ++c) classOfLabel_[static_cast<size_t>(px.labels[c])] = c;
         blocks_ = (n_ + kBlock - 1) / kBlock;
+        // EM estimates a few parameters per class: every emStride_-th pixel
+        // of the leaves' lists (which follow the region's shuffled order) is
+        // sample enough.  A power of two, so every block starts on a sample.
+        while (n_ / emStride_ > kEmSample) emStride_ *= 2;
     }
 
     int n() const { return n_; }
@@ -191,11 +206,12 @@ class Refiner {
                 double* s = &sums[static_cast<size_t>(b) * k * stride];
                 const int end = std::min(n_, (b + 1) * kBlock);
                 double l = 0.0;
-                for (int p = b * kBlock; p < end; ++p) {
+                for (int p = b * kBlock; p < end; p += emStride_) {
                     const int* x = &px_.values[static_cast<size_t>(p) * d];
                     l += posteriors(g, x, w.data(), diff.data());
                     for (int c = 0; c < k; ++c) {
-                        if (w[c] == 0.0) continue;
+                        // A class this unlikely changes no sum a double can show.
+                        if (w[c] < 1e-17) continue;
                         double* sc = s + static_cast<size_t>(c) * stride;
                         sc[0] += w[c];
                         for (int i = 0; i < d; ++i) diff[i] = x[i] - g[c].mean[i];
@@ -246,7 +262,7 @@ class Refiner {
         for (int it = 0; it < kEmIterations; ++it) {
             double ll = 0.0;
             std::vector<Gaussian> next = emStep(g, ll);
-            if (it > 0 && ll - last <= 1e-3 * n_) break;
+            if (it > 0 && ll - last <= 1e-3 * (n_ / emStride_)) break;
             last = ll;
             g = std::move(next);
         }
@@ -286,7 +302,7 @@ class Refiner {
     // neighbour configurations counted once (own count, histogram of the other
     // classes' counts).
     struct Configs {
-        std::map<uint64_t, long long> count;
+        std::vector<std::pair<uint64_t, long long>> count;  // by key
         int k = 0;
         double at(double beta) const {
             double s = 0.0;
@@ -322,7 +338,7 @@ class Refiner {
             return s;
         }
     };
-    Configs configs(const std::vector<int>& z) const {
+    Configs configs(const std::vector<int>& z) {
         Configs out;
         out.k = k_;
         std::vector<int> counts(k_);
@@ -334,8 +350,11 @@ class Refiner {
             for (int c = 0; c < k_; ++c)
                 if (c != z[p] && counts[c] > 0) ++hist[counts[c]];
             for (int j = 1; j <= 8; ++j) key |= static_cast<uint64_t>(hist[j]) << (4 * j);
-            ++out.count[key];
+            ++counts_[key];
         }
+        out.count.assign(counts_.begin(), counts_.end());
+        counts_.clear();
+        std::sort(out.count.begin(), out.count.end());
         return out;
     }
     // The maximum-pseudo-likelihood beta in [betaMin, betaMax] (the score is
@@ -427,9 +446,10 @@ class Refiner {
   private:
     const FinalPixels& px_;
     int** plane_;
-    int pad_, d_, k_, n_, blocks_ = 0;
+    int pad_, d_, k_, n_, blocks_ = 0, emStride_ = 1;
     double betaMin_, betaMax_;
     std::vector<int> classOfLabel_;
+    std::unordered_map<uint64_t, long long> counts_;
 };
 
 }  // namespace
@@ -448,31 +468,32 @@ FinalModel refineFinalMap(const FinalPixels& pixels, int** plane, int pad, int r
 
     std::vector<int> z = best;
     std::vector<Gaussian> g = bestG;
+    double beta = bestBeta;
+    double last = tree;
     for (int round = 1; round <= rounds && r.k() > 1; ++round) {
         model.rounds = round;
-        double beta = 0.0;
         if (round == 1) {
             g = r.em(g);
             z = r.mapLabels(g);
             std::vector<Gaussian> unused;
             r.pseudoLikelihood(z, unused, beta);
-        } else {
-            r.pseudoLikelihood(z, g, beta);
         }
+        // Later rounds start from the Gaussians and beta of the map the last
+        // one left (computed with its pseudo-likelihood).
         const long long changes = r.icm(z, g, beta);
-        std::vector<Gaussian> gz;
-        double bz = 0.0;
-        const double pl = r.pseudoLikelihood(z, gz, bz);
+        const double pl = r.pseudoLikelihood(z, g, beta);
         const bool better = pl > bestPl;
         if (better) {
             bestPl = pl;
             best = z;
-            bestG = gz;
-            bestBeta = bz;
+            bestG = g;
+            bestBeta = beta;
             model.refined = true;
         }
-        // Settled: nothing moved, or the map got no better.
-        if (round > 1 && (changes == 0 || !better)) break;
+        // Settled: nothing moved, or the map gained less than a hundredth
+        // of a nat per pixel.
+        if (round > 1 && (changes == 0 || pl - last < 1e-2 * r.n())) break;
+        last = pl;
     }
     r.paint(best);
     model.beta = bestBeta;

@@ -3,7 +3,8 @@
 //
 // After the tree is grown every leaf is one class.  The refinement takes all
 // leaves' pixels together: EM over the leaves' Gaussians (started from the
-// leaf statistics), the most probable class of every pixel, then ICM under
+// leaf statistics, on a regular sample of at most 32768 to 65535 of the
+// pixels, which follow the region's shuffled order), the most probable class of every pixel, then ICM under
 // the Potts prior with beta estimated on that map; later rounds re-estimate
 // the Gaussians and beta from the map ICM left and run ICM again, until no
 // pixel changes or the rounds run out.  Of the maps seen (the tree's leaves

@@ -133,13 +133,13 @@ json treeJson(const Hierarchy& tree, const DHC_SET& settings, const std::string&
         model["beta"] = number(m->beta);
         model["pseudoLikelihood"] = number(m->pseudoLikelihood);
         model["treePseudoLikelihood"] = number(m->treePseudoLikelihood);
-        json classes = json::array();
+        json finals = json::array();
         for (const FinalClass& c : m->classes) {
             json cov = json::array();
             for (const auto& row : c.covariance) cov.push_back(numbers(row));
-            classes.push_back({{"label", c.label}, {"area", c.area}, {"mean", numbers(c.mean)}, {"covariance", cov}});
+            finals.push_back({{"label", c.label}, {"area", c.area}, {"mean", numbers(c.mean)}, {"covariance", cov}});
         }
-        model["classes"] = classes;
+        model["classes"] = finals;
     }
     doc["finalModel"] = model;
     return doc;
