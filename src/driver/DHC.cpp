@@ -310,6 +310,7 @@ void DHC::seedFromPlane(int** initial) {
     distinct.erase(std::unique(distinct.begin(), distinct.end()), distinct.end());
     const int k = static_cast<int>(distinct.size());
     if (k < 2) return;
+    seeded_ = true;
     std::unique_ptr<int[]> fresh(labels->pickMultiple(k));
     size_t i = 0;
     region->resetScan();
@@ -527,7 +528,10 @@ DHC_OUT DHC::dhc(DHC_IN in) {
         out.nClasses = d->leafCount();
         std::vector<int> refined;
         std::vector<int*> refinedRows;
-        if (!s->fragmentation && !s->splitwiseDisconnect) d->makeFinalModel(*s, refined, refinedRows);
+        // Classes never cross the regions of an initial segmentation: the
+        // refinement, which moves pixels between classes, is left out then.
+        if (!s->fragmentation && !s->splitwiseDisconnect)
+            d->makeFinalModel(*s, d->seeded_ ? 0 : s->finalRefinement, refined, refinedRows);
         if (d->finalModel && d->finalModel->refined) {
             labelRoi.reset(at->extractLabROI(refinedRows.data(), rootRegion->pad, false));
             out.nClasses = 0;
@@ -549,7 +553,7 @@ DHC_OUT DHC::dhc(DHC_IN in) {
     return out;
 }
 
-void DHC::makeFinalModel(const DHC_SET& s, std::vector<int>& plane, std::vector<int*>& rows) {
+void DHC::makeFinalModel(const DHC_SET& s, int rounds, std::vector<int>& plane, std::vector<int*>& rows) {
     dhc::FinalPixels px;
     PottsMapRegion* rootRegion = rootWS()->root;
     px.bands = rootWS()->bands;
@@ -574,7 +578,7 @@ void DHC::makeFinalModel(const DHC_SET& s, std::vector<int>& plane, std::vector<
         std::copy(rootRegion->map[r], rootRegion->map[r] + width, rows[r]);
     }
     finalModel = std::make_unique<dhc::FinalModel>(
-        dhc::refineFinalMap(px, rows.data(), pad, s.finalRefinement, s.betaMin, s.betaMax));
+        dhc::refineFinalMap(px, rows.data(), pad, rounds, s.betaMin, s.betaMax));
 }
 
 // ---------------------------------------------------------------------------

@@ -188,6 +188,8 @@ class DHC {
                      int* splitSequence = nullptr);
 
   private:
+    // The tree was seeded with two or more initial regions.
+    bool seeded_ = false;
     // Owned copies behind configFile / settings when dhc() had to make them.
     std::string configFileStore_;
     DHC_SET* ownedSettings_ = nullptr;
@@ -206,10 +208,10 @@ class DHC {
     // Records every leaf's tentative split as refused (before they are removed).
     void recordRefused();
   public:
-    // Builds finalModel from the leaves and, with refinement rounds set,
-    // refines a copy of the label map into plane (rows: its row pointers,
-    // laid out as the root region's map).
-    void makeFinalModel(const DHC_SET& s, std::vector<int>& plane, std::vector<int*>& rows);
+    // Builds finalModel from the leaves and, with refinement rounds, refines
+    // a copy of the label map into plane (rows: its row pointers, laid out as
+    // the root region's map).
+    void makeFinalModel(const DHC_SET& s, int rounds, std::vector<int>& plane, std::vector<int*>& rows);
   private:
     // Tentative splits of the given leaves, several at a time on the run's
     // threads, with the results (labels, tree, allocator) of one after the other.

@@ -1313,13 +1313,23 @@ double PottsEngine::splitCriterion(PottsWS* w, int k, PottsWS** children, bool i
         constexpr int kBlock = 8192;
         const int blocks = (n + kBlock - 1) / kBlock;
         std::vector<double> sums(static_cast<std::size_t>(blocks) * 3, 0.0);
+        // The classes' posteriors under the whole model: a pixel's Gaussian
+        // densities and its neighbours' labels in the split (the map holds them).
+        PottsMapRegion* region = w->root;
+        int** map = region->map;
+        const int pad = region->pad;
+        std::vector<int> childLabel(k);
+        for (int c = 0; c < k; ++c) childLabel[c] = children[c]->root->label;
+        const double bt = w->beta;
         dhc::forChunks(blocks, 1, [&](int first, int last, int) {
-            std::vector<double> diff(d), logp(k);
+            std::vector<double> diff(d), logp(k), post(k);
             for (int b = first; b < last; ++b) {
                 double parent = 0.0, mixture = 0.0, entropy = 0.0;
                 const int end = std::min(n, (b + 1) * kBlock);
                 for (int p = b * kBlock; p < end; ++p) {
                     const int* x = pixel(w, p);
+                    const xy& q0 = w->coords[p];
+                    const int r0 = q0.x + pad, c0 = q0.y + pad;
                     double top = -std::numeric_limits<double>::infinity();
                     for (int c = 0; c < m; ++c) {
                         for (int i = 0; i < d; ++i) diff[i] = x[i] - means[c][i];
@@ -1341,10 +1351,24 @@ double PottsEngine::splitCriterion(PottsWS* w, int k, PottsWS** children, bool i
                     for (int c = 0; c < k; ++c) z += std::exp(logp[c] - top);
                     const double logz = top + std::log(z);
                     mixture += logz;
-                    for (int c = 0; c < k; ++c) {
-                        const double lt = logp[c] - logz;
-                        const double t = std::exp(lt);
-                        if (t > 0.0) entropy -= t * lt;
+                    if (icl) {
+                        double ptop = -std::numeric_limits<double>::infinity();
+                        for (int c = 0; c < k; ++c) {
+                            int agree = 0;
+                            for (int dr = -1; dr <= 1; ++dr)
+                                for (int dc = -1; dc <= 1; ++dc)
+                                    agree += (dr != 0 || dc != 0) && map[r0 + dr][c0 + dc] == childLabel[c];
+                            post[c] = logp[c] - logWeight[c] + bt * agree;
+                            ptop = std::max(ptop, post[c]);
+                        }
+                        double pz = 0.0;
+                        for (int c = 0; c < k; ++c) pz += std::exp(post[c] - ptop);
+                        const double logpz = ptop + std::log(pz);
+                        for (int c = 0; c < k; ++c) {
+                            const double lt = post[c] - logpz;
+                            const double t = std::exp(lt);
+                            if (t > 0.0) entropy -= t * lt;
+                        }
                     }
                 }
                 sums[static_cast<std::size_t>(b) * 3] = parent;

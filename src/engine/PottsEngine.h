@@ -134,7 +134,9 @@ class PottsEngine {
     // (weights by area) less that under ws's own Gaussian, less beta per
     // separated neighbour pair, less (k - 1) classes' parameters at half ln N
     // each (BIC); ICL also subtracts the entropy of the pixels' class
-    // posteriors.  -infinity when a child's covariance is singular.  The sums
+    // posteriors under the whole model (a class's Gaussian density times
+    // exp(beta * its neighbours in the split), from the labels on the map).
+    // -infinity when a child's covariance is singular.  The sums
     // run over fixed blocks of pixels joined in order: the same bits for every
     // number of threads.
     double splitCriterion(PottsWS* ws, int k, PottsWS** children, bool icl);
