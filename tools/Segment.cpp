@@ -6,7 +6,7 @@
 #include <iomanip>
 #include <iostream>
 #include <memory>
-#include <set>
+#include <optional>
 #include <sstream>
 #include <vector>
 
@@ -22,6 +22,7 @@
 #include "frontend/Segmentation.h"
 #include "frontend/SettingsCheck.h"
 #include "hierarchy/Hierarchy.h"
+#include "hierarchy/HtmlReport.h"
 #include "hierarchy/RgbImage.h"
 #include "hierarchy/TreeJson.h"
 #include "hierarchy/TreePicture.h"
@@ -51,20 +52,6 @@ void markNodata(dhc::io::Raster& image, double value, const std::string& path) {
     if (std::find(image.valid.begin(), image.valid.end(), 1) == image.valid.end())
         throw InputError(kExitInput, "image \"" + path + "\" holds only nodata pixels");
     if (std::find(image.valid.begin(), image.valid.end(), 0) == image.valid.end()) image.valid.clear();
-}
-
-// The colour table of a label map: the colours of its PNG picture, by label value.
-std::vector<dhc::io::TableColour> tableColours(const std::vector<int>& labels) {
-    std::set<int> present;
-    for (int v : labels)
-        if (v > 0 && v <= 65535) present.insert(v);
-    std::vector<dhc::io::TableColour> table(present.empty() ? 1 : static_cast<size_t>(*present.rbegin()) + 1);
-    int k = 0;
-    for (int v : present) {
-        const Rgb c = labelColour(k++);
-        table[static_cast<size_t>(v)] = {c.r, c.g, c.b};
-    }
-    return table;
 }
 
 // Writes an hraw map of `bands` planes (one after the other in `planes`):
@@ -97,7 +84,8 @@ void writeOutput(const OutputFiles::Output& out, const std::string& driver, std:
     if (driver.empty())
         writeMap(out, plane, rows, cols);
     else
-        dhc::io::writeLabelMap(out.path, out.target, driver, plane, rows, cols, geo, tableColours(plane));
+        dhc::io::writeLabelMap(out.path, out.target, driver, plane, rows, cols, geo,
+                               dhc::io::tableColours(plane));
 }
 
 }  // namespace
@@ -109,7 +97,7 @@ int runSegment(const SegmentOptions& o) {
     std::vector<std::string> inputs{o.image}, outputNames{o.output};
     for (const std::string* name : {&o.config, &o.mask, &o.init, &o.gt})
         if (!name->empty()) inputs.push_back(*name);
-    for (const std::string* name : {&o.report, &o.fragments, &o.png})
+    for (const std::string* name : {&o.report, &o.fragments, &o.png, &o.html})
         if (!name->empty()) outputNames.push_back(*name);
     OutputFiles::checkDistinct(inputs, outputNames);
 
@@ -169,7 +157,8 @@ int runSegment(const SegmentOptions& o) {
                                                         {o.cut > 0, "--cut"},
                                                         {!o.tree.empty(), "--tree"},
                                                         {!o.treePng.empty(), "--tree-png"},
-                                                        {!o.treeSvg.empty(), "--tree-svg"}};
+                                                        {!o.treeSvg.empty(), "--tree-svg"},
+                                                        {!o.html.empty(), "--html"}};
     bool wantsTree = false;
     for (const auto& [given, name] : treeOptions) {
         if (given && !treeOutput)
@@ -181,6 +170,10 @@ int runSegment(const SegmentOptions& o) {
     }
     if (!o.fragments.empty() && !fragmentOutput)
         throw InputError(kExitInput, "--fragments needs Fragmentation=1 and SplitwiseDisconnect=0");
+
+    const std::array<int, 3> rgb =
+        o.rgb.empty() ? dhc::defaultRgbBands(image.bands)
+                      : dhc::checkRgbBands(dhc::parseRgbBands(o.rgb, "--rgb"), image.bands, "--rgb");
 
     const bool scaled = imageRaster.hasFloatBands;
     const double scale = imageRaster.scale;
@@ -198,11 +191,13 @@ int runSegment(const SegmentOptions& o) {
     const OutputFiles::Output treeOut = optional(o.tree);
     const OutputFiles::Output treePngOut = optional(o.treePng);
     const OutputFiles::Output treeSvgOut = optional(o.treeSvg);
+    const OutputFiles::Output htmlOut = optional(o.html);
 
     // 5. The region of interest, exactly as the gateway builds it; the input
     // planes go as soon as the core holds its copies.
     dhc::PreparedRun run;
     const dhc::io::Georeference geo = imageRaster.geo;
+    std::optional<dhc::RgbImage> picture;  // the report's, made while the image is at hand
     {
         if (imageRaster.cube == nullptr) {
             imageRaster = readHraw(o.image);
@@ -223,23 +218,22 @@ int runSegment(const SegmentOptions& o) {
         std::vector<int> dataMask;
         std::vector<int*> dataMaskRows;
         if (!valid.empty()) {
-            const size_t cols = static_cast<size_t>(image.cols);
-            dataMask.assign(valid.size(), 0);
+            dataMask = dhc::maskWithoutNodata(image.rows, image.cols, mask, init, valid);
             dataMaskRows.resize(static_cast<size_t>(image.rows));
-            bool any = false;
-            for (int r = 0; r < image.rows; ++r) {
-                dataMaskRows[static_cast<size_t>(r)] = &dataMask[static_cast<size_t>(r) * cols];
-                for (int c = 0; c < image.cols; ++c) {
-                    const bool inside = mask != nullptr ? mask[r][c] == 1 : init == nullptr || init[r][c] > 0;
-                    const size_t k = static_cast<size_t>(r) * cols + static_cast<size_t>(c);
-                    dataMask[k] = inside && valid[k] ? 1 : 0;
-                    any = any || dataMask[k] == 1;
-                }
-            }
-            if (!any)
-                throw InputError(kExitInput,
-                                 "the region of interest is empty once the nodata pixels are taken out");
+            for (int r = 0; r < image.rows; ++r)
+                dataMaskRows[static_cast<size_t>(r)] =
+                    &dataMask[static_cast<size_t>(r) * static_cast<size_t>(image.cols)];
             mask = dataMaskRows.data();
+        }
+        if (htmlOut.fd >= 0) {
+            int*** cube = imageRaster.cube;
+            dhc::ImageView view;
+            view.bands = image.bands;
+            view.rows = image.rows;
+            view.cols = image.cols;
+            view.value = [cube](int b, int r, int c) { return cube[b][r][c]; };
+            view.valid = &imageRaster.valid;
+            picture = dhc::falseColour(view, rgb);
         }
         dhc::RunNames names;
         names.gt = "ground truth \"" + o.gt + "\"";
@@ -275,7 +269,9 @@ int runSegment(const SegmentOptions& o) {
         }
     } restore{o.quiet};
     if (o.quiet) dhc::setOut(&silent);
+    const auto runStart = std::chrono::steady_clock::now();
     DHC_OUT out = dhc::runSegmentation(run, *settings, o.threads);
+    const auto runEnd = std::chrono::steady_clock::now();
     if (!o.quiet && out.dhc != nullptr && !out.dhc->stopReason.empty())
         std::cerr << "dhc: " << out.dhc->stopReason << "\n";
     const int points = run.roi->count;
@@ -314,15 +310,37 @@ int runSegment(const SegmentOptions& o) {
     if (levelsOut.fd >= 0) writeMap(levelsOut, tree->levels(), image.rows, image.cols, tree->splits() + 1);
     if (treeOut.fd >= 0)
         OutputFiles::writeAll(treeOut, dhc::treeJsonText(*tree, *settings, "dhc", DHC_VERSION));
-    if (treeSvgOut.fd >= 0) OutputFiles::writeAll(treeSvgOut, dhc::treeSvg(*tree));
+    dhc::TreeOptions pictureOptions;
+    pictureOptions.pixelArea = dhc::io::pixelArea(geo);
+    if (treeSvgOut.fd >= 0) OutputFiles::writeAll(treeSvgOut, dhc::treeSvg(*tree, pictureOptions));
     if (treePngOut.fd >= 0) {
         try {
-            dhc::treePicture(*tree).writePng(treePngOut.fd, o.treePng);
+            dhc::treePicture(*tree, pictureOptions).writePng(treePngOut.fd, o.treePng);
         } catch (const dhc::WriteError& e) {
             throw InputError(kExitInput, e.what());
         }
     }
     if (pngOut.fd >= 0) writeLabelPng(pngOut.fd, o.png, labels, image.rows, image.cols);
+    if (htmlOut.fd >= 0) {
+        auto seconds = [](auto from, auto to) { return std::chrono::duration<double>(to - from).count(); };
+        dhc::ReportRun report;
+        report.title = o.image;
+        report.program = "dhc";
+        report.version = DHC_VERSION;
+        report.settings = dhc::settingsJson(*settings);
+        report.rgb = rgb;
+        report.bands = image.bands;
+        report.pixelArea = pictureOptions.pixelArea;
+        // report.stoppingReason: the sentence of the run's stopping record, once runs keep one.
+        report.timings = {{"reading the inputs", seconds(start, runStart)},
+                          {"segmentation", seconds(runStart, runEnd)},
+                          {"the other outputs", seconds(runEnd, std::chrono::steady_clock::now())}};
+        try {
+            OutputFiles::writeAll(htmlOut, dhc::htmlReport(*tree, *picture, report));
+        } catch (const dhc::WriteError& e) {
+            throw InputError(kExitInput, e.what());
+        }
+    }
     outputs.commit();
 
     if (!o.quiet) {

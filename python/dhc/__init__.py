@@ -5,6 +5,9 @@
     >>> result.labels                                # int32 (rows, cols), 0 outside the region
     >>> s = dhc.Settings(max_number_of_classes=4)    # defaults: examples/default.ini
     >>> result = dhc.segment(image, mask=valid, settings=s, progress=print)
+    >>> result = dhc.segment(rgb, channel_axis=-1)     # (rows, cols, bands), scikit-image layout
+    >>> raster = dhc.read("scene.tif")               # through the tool's GDAL code
+    >>> dhc.segment(raster, settings=s).write("labels.tif")   # georeferenced like scene.tif
 
 The package is a thin layer over the same calls as the command-line tool
 ``dhc segment`` and the MATLAB/Octave module: the same inputs give the same
@@ -15,17 +18,20 @@ always survives and the next call runs normally.
 
 from __future__ import annotations
 
+import errno
 import json
 import numbers
 import os
+import stat
 import tempfile
+import time
 from typing import Any, Callable, Dict, List, Optional, Sequence, Tuple
 
 import numpy as np
 
 from . import _dhc
 
-__all__ = ["segment", "Settings", "Result", "Region", "Error"]
+__all__ = ["segment", "read", "Raster", "Georeference", "Settings", "Result", "Region", "Error"]
 __version__ = "0.1.0"
 
 Error = _dhc.Error
@@ -255,6 +261,12 @@ class Result:
     - cut(k) / cut(classes=n): the label map after k splits, or with n classes
       (``dhc segment --cut``); levels(): every cut, (splits + 1, rows, cols)
       (``dhc segment --levels``)
+    - to_html(): the run as one self-contained HTML page (``dhc segment
+      --html``); in Jupyter a result shows as that page
+    - scale: the factor floating-point image values were multiplied by before
+      rounding, None for an integer image
+    - georeference: the image's :class:`Georeference` when it was a
+      :class:`dhc.Raster`, else None; write(path) writes a map with it
 
     classes, split_order, offspring, regions and tree are None when the run
     has no tree to report (``fragmentation`` or, unsupervised,
@@ -262,11 +274,13 @@ class Result:
     cut and levels then raise ValueError.
     """
 
-    __slots__ = ("labels", "fragments", "classes", "split_order", "offspring", "regions", "tree", "_hierarchy")
+    __slots__ = ("labels", "fragments", "classes", "split_order", "offspring", "regions", "tree", "scale",
+                 "georeference", "_hierarchy", "_source", "_image", "_timings")
 
     def __init__(self, labels: np.ndarray, fragments: Optional[np.ndarray], classes: Optional[np.ndarray],
                  split_order: Optional[np.ndarray], offspring: Optional[np.ndarray],
-                 regions: Optional[List[Region]], tree: Optional[dict] = None, hierarchy: Any = None) -> None:
+                 regions: Optional[List[Region]], tree: Optional[dict] = None, hierarchy: Any = None,
+                 image: Optional[np.ndarray] = None, timings: Sequence[Tuple[str, float]] = ()) -> None:
         self.labels = labels
         self.fragments = fragments
         self.classes = classes
@@ -275,6 +289,11 @@ class Result:
         self.regions = regions
         self.tree = tree
         self._hierarchy = hierarchy
+        self._image = image
+        self._timings = list(timings)
+        self.scale: Optional[float] = None
+        self.georeference: Optional[Georeference] = None
+        self._source: Optional[str] = None
 
     def _tree(self) -> Any:
         if self._hierarchy is None:
@@ -304,6 +323,113 @@ class Result:
         ``dhc segment --levels`` writes it."""
         return self._tree().levels()
 
+    def to_html(self, path: "os.PathLike[str] | str | None" = None, *, rgb: Optional[Sequence[int]] = None,
+                title: str = "", pixel_area: Optional[float] = None) -> str:
+        """The run as one self-contained HTML page, as ``dhc segment --html``
+        writes it: a false-colour picture of the image with the map of any cut
+        over it, the tree beside it, the settings and the timings.  It needs
+        no network and opens from a local file.
+
+        rgb         the image's bands shown as red, green, blue, numbered from
+                    1 (default (4, 3, 2) from four bands on, (3, 2, 1) with
+                    three, grey below)
+        title       shown at the top of the page
+        pixel_area  ground area of one pixel in square metres: areas are then
+                    given in hectares or km²
+        path        when given, the page is also written there (completely or
+                    not at all)
+
+        Returns the page's text.  Raises ValueError for a result without a
+        tree and for bands the image does not have."""
+        h = self._tree()
+        if self._image is None:
+            raise ValueError("this result does not hold the image it was segmented from")
+        bands = [] if rgb is None else [int(b) for b in rgb]
+        if pixel_area is not None and not (float(pixel_area) > 0):
+            raise ValueError(f"pixel_area must be a positive number of square metres, not {pixel_area}")
+        # The run's stopping record belongs on the page too, once runs keep one.
+        stopping_reason = ""
+        page = _dhc.html_report(h, self._image, bands, str(title), json.dumps((self.tree or {}).get("settings", {})),
+                                self._timings, 0.0 if pixel_area is None else float(pixel_area), stopping_reason,
+                                __version__)
+        if path is not None:
+            target = os.fspath(path)
+            fd, temporary = tempfile.mkstemp(prefix=os.path.basename(target) + ".", suffix=".tmp",
+                                             dir=os.path.dirname(os.path.abspath(target)))
+            try:
+                with os.fdopen(fd, "w", encoding="utf-8") as f:
+                    f.write(page)
+                os.replace(temporary, target)
+            except BaseException:
+                if os.path.exists(temporary):
+                    os.unlink(temporary)
+                raise
+        return page
+
+    def _repr_html_(self) -> Optional[str]:
+        if self._hierarchy is None or self._image is None:
+            return None
+        # In a frame of its own, so that the page's script and style stay out of the notebook's.
+        page = self.to_html().replace("&", "&amp;").replace('"', "&quot;")
+        return f'<iframe srcdoc="{page}" style="width: 100%; height: 900px; border: 0"></iframe>'
+    def write(self, path: "os.PathLike[str] | str", labels: Any = None, *, format: Optional[str] = None,
+              georeference: Optional["Georeference"] = None) -> None:
+        """Writes a label map as ``dhc segment -o`` does: a GDAL raster for a
+        ``.tif``/``.tiff`` name or a ``format`` (a GDAL driver name such as
+        "GTiff"), else hraw.  GDAL rasters get the smallest unsigned type that
+        holds the labels, nodata 0, the colour table of the tool's pictures and
+        the image's georeference (``georeference`` replaces it).
+
+        labels: None for the final map (``self.labels``), "fragments" for the
+        fragment map, or any (rows, cols) integer array such as
+        ``self.cut(3)``.  The file is written completely under a temporary
+        name and renamed, or not at all; the image read by :func:`dhc.read`
+        is never replaced.  Raises ValueError (a driver GDAL cannot write
+        with, a map of another size) or OSError."""
+        rows, cols = self.labels.shape
+        if labels is None:
+            plane = self.labels
+        elif isinstance(labels, str) and labels == "fragments":
+            if self.fragments is None:
+                raise ValueError("this run has no fragment map (fragmentation=True and splitwise_disconnect=False "
+                                 "give one)")
+            plane = self.fragments
+        else:
+            plane = _plane(labels, "labels", rows, cols)
+        geo = self.georeference if georeference is None else georeference
+        if geo is not None and not isinstance(geo, Georeference):
+            raise TypeError(f"georeference must be a dhc.Georeference, not {type(geo).__name__}")
+        path = os.fspath(path)
+        if not isinstance(path, str):
+            raise TypeError("path must be a str or path-like of str")
+        if format is not None and not isinstance(format, str):
+            raise TypeError(f"format must be a str, not {type(format).__name__}")
+        driver = _dhc.output_driver(path, format or "")
+        if self._source is not None and os.path.exists(path) and os.path.samefile(path, self._source):
+            raise ValueError(f"{path!r} is the image this result was segmented from: write the map elsewhere")
+        directory = os.path.dirname(os.path.abspath(path))
+        fd, tmp = tempfile.mkstemp(prefix=".dhc-map-", dir=directory)
+        try:
+            if driver:
+                os.close(fd)
+                fd = -1
+                _dhc.write_labels(tmp, path, driver, _int32(np.asarray(plane), "labels"),
+                                  None if geo is None else geo.transform, "" if geo is None else geo.crs,
+                                  [] if geo is None else [f"{k}={v}" for k, v in geo.metadata.items()])
+            else:
+                with os.fdopen(fd, "wb") as f:
+                    fd = -1
+                    np.array((1, rows, cols), dtype="<i4").tofile(f)
+                    np.ascontiguousarray(plane, dtype="<i4").tofile(f)
+            _keep_mode(tmp, path)
+            os.replace(tmp, path)
+        except BaseException:
+            if fd >= 0:
+                os.close(fd)
+            if os.path.exists(tmp):
+                os.unlink(tmp)
+            raise
+
     def __repr__(self) -> str:
         rows, cols = self.labels.shape
         n = None if self.classes is None else len(self.classes)
@@ -311,15 +437,75 @@ class Result:
         return f"dhc.Result({rows} x {cols}, {classes})"
 
 
-def _image(image: Any) -> np.ndarray:
-    a = _integers(image, "image")
+def _keep_mode(tmp: str, path: str) -> None:
+    """A replaced file keeps its mode; a new one gets the umask's."""
+    try:
+        mode = stat.S_IMODE(os.stat(path).st_mode)
+    except FileNotFoundError:
+        umask = os.umask(0)
+        os.umask(umask)
+        mode = 0o666 & ~umask
+    os.chmod(tmp, mode)
+
+
+def _bands_first(a: np.ndarray, channel_axis: Optional[int], name: str = "image") -> np.ndarray:
+    """A 2-D or 3-D array as (bands, rows, cols), by channel_axis (None: 0,
+    refusing a shape whose first axis is longer than its last)."""
     if a.ndim == 2:
-        a = a[np.newaxis]
-    elif a.ndim != 3:
-        raise ValueError(f"image must be (bands, rows, cols) or (rows, cols), not of shape {a.shape}")
+        return a[np.newaxis]
+    if a.ndim != 3:
+        raise ValueError(f"{name} must be (bands, rows, cols), (rows, cols, bands) with channel_axis=-1, or "
+                         f"(rows, cols), not of shape {a.shape}")
+    if channel_axis is None:
+        if a.shape[0] > a.shape[2]:
+            raise ValueError(
+                f"{name} of shape {a.shape} is ambiguous: taken as (bands, rows, cols) it has more bands "
+                f"({a.shape[0]}) than columns ({a.shape[2]}); pass channel_axis=-1 for (rows, cols, bands) or "
+                f"channel_axis=0 to take it as {a.shape[0]} bands")
+        return a
+    if channel_axis in (0, -3):
+        return a
+    if channel_axis in (2, -1):
+        return np.moveaxis(a, -1, 0)
+    raise ValueError(f"channel_axis must be 0 (bands first) or -1 (bands last), not {channel_axis!r}")
+
+
+def _image(image: Any, channel_axis: Optional[int], scale: Optional[float]
+           ) -> Tuple[np.ndarray, Optional[np.ndarray], Optional[float]]:
+    """The int32 cube, the pixels that hold data in every band (None: all)
+    and the scale of a float image."""
+    if channel_axis is not None and (isinstance(channel_axis, bool) or not isinstance(channel_axis, numbers.Integral)):
+        raise TypeError(f"channel_axis must be an integer, not {type(channel_axis).__name__}")
+    masked = np.ma.getmaskarray(image) if isinstance(image, np.ma.MaskedArray) else None
+    a = np.asarray(np.ma.getdata(image) if masked is not None else image)
+    if a.dtype.kind not in "iubf":
+        raise TypeError(f"image has dtype {a.dtype}; an integer, bool or floating-point array is expected")
+    a = _bands_first(a, channel_axis)
     if 0 in a.shape:
         raise ValueError(f"image is empty (shape {a.shape})")
-    return _int32(a, "image")
+    valid = None
+    if masked is not None:
+        valid = ~_bands_first(masked, channel_axis).any(axis=0)
+    if a.dtype.kind == "f":
+        finite = np.isfinite(a).all(axis=0)
+        valid = finite if valid is None else valid & finite
+    if valid is not None and valid.all():
+        valid = None
+    if valid is not None and not valid.any():
+        raise ValueError("image holds only nodata pixels (masked or not finite)")
+    if a.dtype.kind != "f":
+        if valid is not None:
+            a = np.where(valid, a, 0)
+        return _int32(a, "image"), valid, None
+    if scale is not None:
+        if isinstance(scale, bool) or not isinstance(scale, numbers.Real):
+            raise TypeError(f"scale must be a number, not {type(scale).__name__}")
+        if not (np.isfinite(scale) and scale > 0):
+            raise ValueError(f"scale must be a positive number, not {scale!r}")
+    values = np.ascontiguousarray(a, dtype=np.float64)
+    ok = np.ascontiguousarray(np.ones(a.shape[1:], np.uint8) if valid is None else valid, dtype=np.uint8)
+    cube, used = _dhc.scale_image(values, ok, None if scale is None else float(scale))
+    return cube, valid, used
 
 
 def _plane(value: Any, name: str, rows: int, cols: int) -> Optional[np.ndarray]:
@@ -332,11 +518,9 @@ def _plane(value: Any, name: str, rows: int, cols: int) -> Optional[np.ndarray]:
 
 
 def _integers(value: Any, name: str) -> np.ndarray:
+    if isinstance(value, np.ma.MaskedArray):
+        value = np.ma.filled(value, 0)  # a masked pixel is outside
     a = np.asarray(value)
-    if name == "image" and a.dtype.kind in "fc":
-        raise TypeError(
-            f"image has dtype {a.dtype}; dhc segments integer values: scale them to integers first, "
-            f"e.g. np.round(image * 1000).astype(np.int32)")
     if a.dtype.kind not in "iub":
         raise TypeError(f"{name} has dtype {a.dtype}; an integer or bool array is expected")
     return a
@@ -353,15 +537,106 @@ def _int32(a: np.ndarray, name: str) -> np.ndarray:
     return np.ascontiguousarray(a, dtype=np.int32)
 
 
+class Georeference:
+    """Where a raster lies on the ground, carried from :func:`dhc.read` to
+    :meth:`Result.write`: transform (GDAL's six-number affine geotransform,
+    or None), crs (WKT, "" when unknown) and metadata (the raster's default
+    metadata domain, a dict of str)."""
+
+    __slots__ = ("transform", "crs", "metadata")
+
+    def __init__(self, transform: Optional[Sequence[float]] = None, crs: str = "",
+                 metadata: Optional[Dict[str, str]] = None) -> None:
+        if transform is not None:
+            transform = tuple(float(v) for v in transform)
+            if len(transform) != 6:
+                raise ValueError(f"transform must hold 6 numbers (GDAL's geotransform), not {len(transform)}")
+        self.transform = transform
+        self.crs = str(crs)
+        self.metadata = dict(metadata or {})
+
+    def __repr__(self) -> str:
+        return f"dhc.Georeference(transform={self.transform!r}, crs={self.crs[:40]!r}...)"
+
+
+class Raster:
+    """An image read by :func:`dhc.read`, as ``dhc segment`` reads it:
+
+    - values: int32 (bands, rows, cols); floating-point bands already
+      multiplied by ``scale`` and rounded
+    - valid: bool (rows, cols), the pixels that hold data in every band
+      (not nodata, not masked, finite), or None when every pixel does
+    - scale: the factor of the floating-point bands, None without them
+    - georeference: a :class:`Georeference`
+    - driver: GDAL's short name of the file's format; path: the file
+
+    ``dhc.segment(raster)`` segments it (nodata pixels outside the region of
+    interest) and the result's ``write`` keeps its georeference.
+    ``masked()`` gives the values as a ``numpy.ma`` array."""
+
+    __slots__ = ("values", "valid", "scale", "georeference", "driver", "path")
+
+    def __init__(self, values: np.ndarray, valid: Optional[np.ndarray], scale: Optional[float],
+                 georeference: Georeference, driver: str, path: str) -> None:
+        self.values = values
+        self.valid = valid
+        self.scale = scale
+        self.georeference = georeference
+        self.driver = driver
+        self.path = path
+
+    def masked(self) -> np.ma.MaskedArray:
+        if self.valid is None:
+            return np.ma.MaskedArray(self.values)
+        return np.ma.MaskedArray(self.values, mask=np.broadcast_to(~self.valid, self.values.shape))
+
+    def __repr__(self) -> str:
+        bands, rows, cols = self.values.shape
+        return f"dhc.Raster({self.path!r}: {bands} bands, {rows} x {cols}, {self.driver})"
+
+
+def read(path: "os.PathLike[str] | str", *, scale: Optional[float] = None,
+         nodata: Optional[float] = None) -> Raster:
+    """Reads an image with the tool's own GDAL code, exactly as ``dhc segment
+    IMAGE`` reads it: any raster GDAL opens, integer bands unchanged,
+    floating-point bands multiplied by ``scale`` (default: the automatic
+    power of ten of ``dhc segment``, see ``dhc info``) and rounded, nodata
+    values, alpha bands, masks and non-finite values marking pixels without
+    data.  ``nodata`` replaces every band's own nodata value (``--nodata``).
+
+    Returns a :class:`dhc.Raster`.  Raises FileNotFoundError for a missing
+    file and ValueError with the tool's message for a file GDAL cannot read
+    or values that do not convert."""
+    path = os.fspath(path)
+    if not isinstance(path, str):
+        raise TypeError("path must be a str or path-like of str")
+    for value, name in ((scale, "scale"), (nodata, "nodata")):
+        if value is not None and (isinstance(value, bool) or not isinstance(value, numbers.Real)):
+            raise TypeError(f"{name} must be a number, not {type(value).__name__}")
+    if scale is not None and not (np.isfinite(scale) and scale > 0):
+        raise ValueError(f"scale must be a positive number, not {scale!r}")
+    if not path.startswith("/vsi") and not os.path.exists(path):
+        raise FileNotFoundError(errno.ENOENT, os.strerror(errno.ENOENT), path)
+    d = _dhc.read_raster(path, None if scale is None else float(scale), None if nodata is None else float(nodata))
+    metadata = dict(m.split("=", 1) if "=" in m else (m, "") for m in d["metadata"])
+    return Raster(d["values"], d["valid"], d["scale"], Georeference(d["transform"], d["crs"], metadata),
+                  d["driver"], path)
+
+
 def segment(image: Any, mask: Any = None, init: Any = None, gt: Any = None, settings: Optional[Settings] = None,
-            progress: Optional[Callable[[int, int], Any]] = None, threads: int = 0, verbose: bool = False) -> Result:
+            progress: Optional[Callable[[int, int], Any]] = None, threads: int = 0, *,
+            channel_axis: Optional[int] = None, scale: Optional[float] = None, verbose: bool = False) -> Result:
     """Segments a multispectral image into a hierarchy of regions.
 
-    image     (bands, rows, cols) or (rows, cols) array of any integer dtype,
-              C- or Fortran-ordered (int32 with contiguous rows is used
-              without a copy).  Floats are refused: scale them to integers.
+    image     (bands, rows, cols) or (rows, cols) array of integers, bools or
+              floating-point values, C- or Fortran-ordered (int32 with
+              contiguous rows is used without a copy); or a dhc.Raster
+              from dhc.read.  A numpy.ma masked array's masked pixels (in
+              any band) are left out of the region of interest, as are
+              non-finite floating-point values: the tool's nodata pixels.
     mask      optional (rows, cols) integer or bool array: the region of
-              interest is the set of pixels whose mask value is 1.
+              interest is the set of pixels whose mask value is 1 (masked
+              entries of a numpy.ma mask, init or gt read as 0).
     init      optional (rows, cols) initial segmentation (unsupervised); without
               mask the region of interest is the set of pixels whose initial
               label is positive.  Without init every pixel starts with label 1.
@@ -373,6 +648,18 @@ def segment(image: Any, mask: Any = None, init: Any = None, gt: Any = None, sett
               stops the run and propagates (Ctrl-C does too).
     threads   threads the run may use: 0 (the default) for one per core.
               The results are the same for every number.
+    channel_axis  the axis of a 3-D image that holds the bands: 0 (rasterio
+              layout, (bands, rows, cols)) or -1 (scikit-image layout,
+              (rows, cols, bands)).  Not given, it is 0 and a 3-D image
+              whose first axis is longer than its last (more bands than
+              columns: most likely bands last) is refused as ambiguous;
+              pass channel_axis explicitly to take such an image.
+    scale     floating-point images: the factor their values are multiplied
+              by before rounding to integers (half away from zero), as
+              ``dhc segment --scale``; default the tool's automatic scale,
+              the power of ten that makes the widest band range span at least
+              10,000 steps.  Integer images ignore it; result.scale tells the
+              factor used.
     verbose   print the segmenter's own lines (mean-shift estimates) to
               sys.stdout; off by default.
 
@@ -380,12 +667,14 @@ def segment(image: Any, mask: Any = None, init: Any = None, gt: Any = None, sett
     ``dhc segment`` and the MATLAB/Octave module.  The GIL is released during
     the run; runs of several threads are carried out one after the other.
 
-    Raises TypeError (a float or non-numeric array, settings that are not a
+    Raises TypeError (a non-numeric array, settings that are not a
     dhc.Settings, a progress that is not callable), ValueError (wrong rank,
-    empty image, maps of another size, values outside int32, a bad setting,
+    an ambiguous layout, empty image, maps of another size, values outside
+    int32 (after scaling), a bad setting,
     supervised mode without gt, an empty region of interest, a ground truth
-    with another number of classes than number_of_classes) and dhc.Error (a
-    fatal condition of the segmenter, with .status).
+    with another number of classes than number_of_classes), RuntimeError
+    (called from a progress callback of another run) and dhc.Error (a fatal
+    condition of the segmenter, with .status).
     """
     if settings is None:
         settings = Settings()
@@ -395,12 +684,32 @@ def segment(image: Any, mask: Any = None, init: Any = None, gt: Any = None, sett
         raise TypeError(f"progress must be callable, not {type(progress).__name__}")
     if isinstance(threads, bool) or not isinstance(threads, numbers.Integral):
         raise TypeError(f"threads must be an integer, not {type(threads).__name__}")
-    cube = _image(image)
+    source = None
+    if isinstance(image, Raster):
+        if channel_axis not in (None, 0, -3):
+            raise ValueError("a dhc.Raster is (bands, rows, cols): channel_axis must be left out")
+        if scale is not None:
+            raise ValueError("a dhc.Raster is already scaled: give scale to dhc.read")
+        cube, valid, used, geo, source = image.values, image.valid, image.scale, image.georeference, image.path
+        if not (isinstance(cube, np.ndarray) and cube.ndim == 3 and 0 not in cube.shape):
+            raise ValueError("the dhc.Raster's values must be a non-empty (bands, rows, cols) array")
+        cube = _int32(cube, "image")
+    else:
+        cube, valid, used = _image(image, channel_axis, scale)
+        geo = None
     _bands, rows, cols = cube.shape
     maps = [_plane(m, name, rows, cols) for m, name in ((mask, "mask"), (init, "init"), (gt, "gt"))]
+    if valid is not None:
+        maps[0] = _dhc.mask_without_nodata(maps[0], maps[1], np.ascontiguousarray(valid, dtype=np.uint8))
+    started = time.perf_counter()
     out = _dhc.segment(cube, *maps, settings._entries(), progress, float(max(min(int(threads), 2**53), -(2**53))),
                        bool(verbose))
+    timings = [("segmentation", time.perf_counter() - started)]
     regions = None if out["regions"] is None else [Region(**r) for r in out["regions"]]
     tree = None if out["tree"] is None else json.loads(out["tree"])
-    return Result(out["labels"], out["fragments"], out["classes"], out["split_order"], out["offspring"], regions,
-                  tree, out["hierarchy"])
+    result = Result(out["labels"], out["fragments"], out["classes"], out["split_order"], out["offspring"],
+                    regions, tree, out["hierarchy"], cube, timings)
+    result.scale = used
+    result.georeference = geo
+    result._source = source
+    return result

@@ -9,13 +9,18 @@
 // The core keeps process-wide state (the fatal handler, the progress hook, the
 // output stream, the shuffle's random sequence): runs are serialised by one
 // mutex, taken after the GIL is released so that a waiting thread never holds
-// the GIL.
+// the GIL.  A run started from a progress callback would wait for that mutex
+// on the thread that holds it: it is refused instead.
+//
+// Rasters are read and written through src/io, the tool's own GDAL code, and
+// floating-point arrays become integers through the tool's scaling rule.
 
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
 #include <cerrno>
+#include <cmath>
 #include <climits>
 #include <cstdlib>
 #include <memory>
@@ -32,11 +37,14 @@
 #include "driver/DHC_OUT.h"
 #include "frontend/IniFile.h"
 #include "frontend/InputError.h"
+#include "frontend/Scaling.h"
 #include "frontend/Segmentation.h"
 #include "frontend/SettingsCheck.h"
 #include "frontend/TreeOutput.h"
 #include "hierarchy/Hierarchy.h"
+#include "hierarchy/HtmlReport.h"
 #include "hierarchy/TreeJson.h"
+#include "io/Raster.h"
 #include "settings/DHC_SET.h"
 #include "settings/Fatal.h"
 
@@ -69,6 +77,21 @@ PyObject* g_error = nullptr;  // dhc.Error
 std::mutex& runMutex() {
     static std::mutex m;
     return m;
+}
+
+// Set on the thread that is calling a progress callable: a run started there
+// would wait for the run mutex its own thread holds.
+thread_local bool t_inProgress = false;
+
+void refuseReentry(const char* what) {
+    if (t_inProgress) {
+        PyErr_SetString(PyExc_RuntimeError,
+                        (std::string(what) +
+                         " cannot be called from a progress callback: the run that called it holds the "
+                         "segmenter until it ends; start the next run after dhc.segment returns")
+                            .c_str());
+        throw py::error_already_set();
+    }
 }
 
 // The settings record of a run from dhc.Settings entries, checked exactly as
@@ -127,7 +150,13 @@ class HostGuard {
             py::gil_scoped_acquire gil;
             try {
                 if (PyErr_CheckSignals() != 0) throw py::error_already_set();
-                if (progress != nullptr) py::handle{progress}(leaves, label);
+                if (progress != nullptr) {
+                    t_inProgress = true;
+                    struct Reset {
+                        ~Reset() { t_inProgress = false; }
+                    } reset;
+                    py::handle{progress}(leaves, label);
+                }
             } catch (py::error_already_set& e) {
                 callbackError = std::make_unique<py::error_already_set>(std::move(e));
                 throw CallbackFailed{};
@@ -250,6 +279,7 @@ py::dict regionDict(const dhc::RegionNode& d) {
 
 py::dict segment(const py::array& image, const py::object& mask, const py::object& init, const py::object& gt,
                  const std::vector<Entry>& entries, const py::object& progress, double threads, bool verbose) {
+    refuseReentry("dhc.segment");
     requireLayout(image, 3, "image");
     const py::ssize_t bands = image.shape(0), rows = image.shape(1), cols = image.shape(2);
     if (bands < 1 || rows < 1 || cols < 1) throw py::value_error("image is empty");
@@ -343,6 +373,7 @@ py::dict segment(const py::array& image, const py::object& mask, const py::objec
 // would: the tests' way to a fatal condition, which checked settings and
 // inputs no longer reach.
 void fatalProbe(int status, const std::string& message) {
+    refuseReentry("dhc._dhc._fatal");
     try {
         py::gil_scoped_release noGil;
         std::lock_guard<std::mutex> lock(runMutex());
@@ -405,6 +436,177 @@ py::dict readIni(const std::string& path) {
     return out;
 }
 
+// The report page of a run: the image (a checked (bands, rows, cols) int32
+// array with contiguous rows), its bands as red, green, blue (from 1; empty
+// for the default), settings as JSON text, timings in seconds.
+std::string htmlReport(const dhc::Hierarchy& tree, const py::array_t<int32_t>& image,
+                       const std::vector<long long>& rgb, const std::string& title, const std::string& settings,
+                       const std::vector<std::pair<std::string, double>>& timings, double pixelArea,
+                       const std::string& stoppingReason, const std::string& version) {
+    if (image.ndim() != 3 || image.shape(1) != tree.rows() || image.shape(2) != tree.cols())
+        throw InputError(kExitInput, "the image is not the one this result was segmented from");
+    const int bands = static_cast<int>(image.shape(0));
+    dhc::ReportRun run;
+    run.title = title;
+    run.program = "dhc (Python)";
+    run.version = version;
+    run.settings = nlohmann::ordered_json::parse(settings);
+    run.rgb = rgb.empty() ? dhc::defaultRgbBands(bands) : dhc::checkRgbBands(rgb, bands, "rgb");
+    run.bands = bands;
+    if (!(pixelArea >= 0) || !std::isfinite(pixelArea))
+        throw InputError(kExitInput, "pixel_area must be a positive number of square metres (or None)");
+    run.pixelArea = pixelArea;
+    run.stoppingReason = stoppingReason;
+    run.timings = timings;
+    const auto view = image.unchecked<3>();
+    dhc::ImageView input;
+    input.bands = bands;
+    input.rows = tree.rows();
+    input.cols = tree.cols();
+    input.value = [&view](int b, int r, int c) { return view(b, r, c); };
+    const dhc::RgbImage picture = dhc::falseColour(input, run.rgb);
+    return dhc::htmlReport(tree, picture, run);
+}
+
+// A float64 (bands, rows, cols) C-contiguous cube as the int32 cube the
+// segmenter takes, by the tool's scaling rule: scale when given (> 0), else
+// the automatic one from the ranges of the valid pixels (valid: uint8 (rows,
+// cols), C-contiguous, non-zero for a pixel that holds data in every band;
+// the others become 0).  Returns (cube, scale).
+py::tuple scaleImage(const py::array_t<double, py::array::c_style>& values,
+                     const py::array_t<uint8_t, py::array::c_style>& valid, const py::object& scale) {
+    if (values.ndim() != 3 || valid.ndim() != 2 || valid.shape(0) != values.shape(1) ||
+        valid.shape(1) != values.shape(2))
+        throw py::value_error(
+            "dhc._dhc: scale_image needs a (bands, rows, cols) cube and a (rows, cols) plane");
+    const py::ssize_t bands = values.shape(0), rows = values.shape(1), cols = values.shape(2);
+    const size_t plane = static_cast<size_t>(rows) * static_cast<size_t>(cols);
+    const double* v = values.data();
+    const uint8_t* ok = valid.data();
+    double factor = 1;
+    if (!scale.is_none()) {
+        factor = scale.cast<double>();
+    } else {
+        std::vector<dhc::ValueRange> ranges(static_cast<size_t>(bands));
+        for (py::ssize_t b = 0; b < bands; ++b)
+            for (size_t k = 0; k < plane; ++k)
+                if (ok[k]) ranges[static_cast<size_t>(b)].add(v[static_cast<size_t>(b) * plane + k]);
+        factor = dhc::automaticScale(ranges);
+    }
+    py::array_t<int32_t> cube({bands, rows, cols});
+    int32_t* out = cube.mutable_data();
+    for (py::ssize_t b = 0; b < bands; ++b) {
+        const std::string band = "image band " + std::to_string(b + 1);
+        const dhc::ValueOrigin origin{band, "scale="};
+        const size_t offset = static_cast<size_t>(b) * plane;
+        for (py::ssize_t r = 0; r < rows; ++r)
+            for (py::ssize_t c = 0; c < cols; ++c) {
+                const size_t k = static_cast<size_t>(r) * static_cast<size_t>(cols) + static_cast<size_t>(c);
+                out[offset + k] = ok[k] ? dhc::toInteger(v[offset + k], true, factor, static_cast<int>(r),
+                                                         static_cast<int>(c), origin)
+                                        : 0;
+            }
+    }
+    return py::make_tuple(cube, factor);
+}
+
+// The mask of a run whose image has nodata pixels, built by the tool's rule
+// from the (optional) checked mask and init planes.
+py::array_t<int32_t> maskWithoutNodata(const py::object& mask, const py::object& init,
+                                       const py::array_t<uint8_t, py::array::c_style>& valid) {
+    if (valid.ndim() != 2) throw py::value_error("dhc._dhc: valid must be a (rows, cols) plane");
+    const py::ssize_t rows = valid.shape(0), cols = valid.shape(1);
+    auto plane = [&](const py::object& o, const char* name) -> py::array {
+        if (o.is_none()) return py::array();
+        py::array a = py::reinterpret_borrow<py::array>(o);
+        requireLayout(a, 2, name);
+        if (a.shape(0) != rows || a.shape(1) != cols)
+            throw py::value_error(std::string("dhc._dhc: ") + name + " is not of the image's size");
+        return a;
+    };
+    const py::array maskArray = plane(mask, "mask"), initArray = plane(init, "init");
+    RowPointers maskRows, initRows;
+    if (!mask.is_none()) maskRows = rowPointers(maskArray, 1, rows);
+    if (!init.is_none()) initRows = rowPointers(initArray, 1, rows);
+    const std::vector<uint8_t> ok(valid.data(), valid.data() + valid.size());
+    std::vector<int> out = dhc::maskWithoutNodata(static_cast<int>(rows), static_cast<int>(cols),
+                                                  mask.is_none() ? nullptr : maskRows.bands[0],
+                                                  init.is_none() ? nullptr : initRows.bands[0], ok);
+    return adopt(std::move(out), {rows, cols});
+}
+
+// A raster read through src/io as the tool reads its image: the int32 cube,
+// the valid pixels (None when every pixel holds data), the georeference, the
+// scale of floating-point bands (None without them) and GDAL's driver.
+py::dict readRaster(const std::string& path, const py::object& scale, const py::object& nodata) {
+    dhc::io::Conversion conversion;
+    if (!scale.is_none()) conversion.scale = scale.cast<double>();
+    if (!nodata.is_none()) conversion.nodata = nodata.cast<double>();
+    dhc::io::Raster r;
+    {
+        py::gil_scoped_release noGil;
+        r = dhc::io::readImage(path, "image", conversion);
+    }
+    const std::vector<py::ssize_t> shape{r.bands, r.rows, r.cols};
+    py::array_t<int32_t> cube(shape);
+    int32_t* out = cube.mutable_data();
+    for (int b = 0; b < r.bands; ++b)
+        for (int row = 0; row < r.rows; ++row)
+            std::copy(
+                r.cube[b][row], r.cube[b][row] + r.cols,
+                out + (static_cast<size_t>(b) * static_cast<size_t>(r.rows) + static_cast<size_t>(row)) *
+                          static_cast<size_t>(r.cols));
+    py::dict d;
+    d["values"] = cube;
+    if (r.valid.empty()) {
+        d["valid"] = py::none();
+    } else {
+        py::array_t<bool> valid({static_cast<py::ssize_t>(r.rows), static_cast<py::ssize_t>(r.cols)});
+        std::copy(r.valid.begin(), r.valid.end(), valid.mutable_data());
+        d["valid"] = valid;
+    }
+    d["transform"] =
+        r.geo.hasTransform
+            ? py::object(py::make_tuple(r.geo.transform[0], r.geo.transform[1], r.geo.transform[2],
+                                        r.geo.transform[3], r.geo.transform[4], r.geo.transform[5]))
+            : py::object(py::none());
+    d["crs"] = r.geo.crs;
+    d["metadata"] = r.geo.metadata;
+    d["scale"] = r.hasFloatBands ? py::object(py::float_(r.scale)) : py::object(py::none());
+    d["driver"] = r.driver;
+    return d;
+}
+
+// The GDAL driver an output name (or format) picks, "" for hraw; the tool's rule.
+std::string outputDriver(const std::string& name, const std::string& format) {
+    return dhc::io::outputDriver(name, format);
+}
+
+// Writes a label map through src/io to path (a temporary name; target names
+// the file in messages) with the tool's colour table and the georeference.
+void writeLabels(const std::string& path, const std::string& target, const std::string& driver,
+                 const py::array& labels, const py::object& transform, const std::string& crs,
+                 const std::vector<std::string>& metadata) {
+    requireLayout(labels, 2, "labels");
+    const int rows = static_cast<int>(labels.shape(0)), cols = static_cast<int>(labels.shape(1));
+    std::vector<int> plane(static_cast<size_t>(rows) * static_cast<size_t>(cols));
+    RowPointers p = rowPointers(labels, 1, rows);
+    for (int r = 0; r < rows; ++r)
+        std::copy(p.rows[static_cast<size_t>(r)], p.rows[static_cast<size_t>(r)] + cols,
+                  plane.begin() + static_cast<std::ptrdiff_t>(r) * cols);
+    dhc::io::Georeference geo;
+    if (!transform.is_none()) {
+        const auto t = transform.cast<std::vector<double>>();
+        if (t.size() != 6) throw py::value_error("transform must hold 6 numbers (GDAL's geotransform)");
+        geo.hasTransform = true;
+        std::copy(t.begin(), t.end(), geo.transform);
+    }
+    geo.crs = crs;
+    geo.metadata = metadata;
+    py::gil_scoped_release noGil;
+    dhc::io::writeLabelMap(path, target, driver, plane, rows, cols, geo, dhc::io::tableColours(plane));
+}
+
 }  // namespace
 
 PYBIND11_MODULE(_dhc, m) {
@@ -443,6 +645,20 @@ PYBIND11_MODULE(_dhc, m) {
     m.def("segment", &segment, py::arg("image"), py::arg("mask"), py::arg("init"), py::arg("gt"),
           py::arg("entries"), py::arg("progress"), py::arg("threads"), py::arg("verbose"),
           "Runs one segmentation on checked int32 arrays; returns a dict of results.");
+    m.def("html_report", &htmlReport, py::arg("hierarchy"), py::arg("image"), py::arg("rgb"), py::arg("title"),
+          py::arg("settings"), py::arg("timings"), py::arg("pixel_area"), py::arg("stopping_reason"),
+          py::arg("version"), "The run as a self-contained HTML page (text).");
+    m.def("scale_image", &scaleImage, py::arg("values"), py::arg("valid"), py::arg("scale"),
+          "Floating-point values as int32 by the tool's scaling rule; returns (cube, scale).");
+    m.def("mask_without_nodata", &maskWithoutNodata, py::arg("mask"), py::arg("init"), py::arg("valid"),
+          "The mask of a run without the image's nodata pixels, as the tool builds it.");
+    m.def("read_raster", &readRaster, py::arg("path"), py::arg("scale"), py::arg("nodata"),
+          "Reads an image through the tool's GDAL code; returns a dict.");
+    m.def("output_driver", &outputDriver, py::arg("name"), py::arg("format"),
+          "The GDAL driver the tool would write name with ('' for hraw).");
+    m.def("write_labels", &writeLabels, py::arg("path"), py::arg("target"), py::arg("driver"),
+          py::arg("labels"), py::arg("transform"), py::arg("crs"), py::arg("metadata"),
+          "Writes a label map through the tool's GDAL code.");
     m.def("_fatal", &fatalProbe, py::arg("status"), py::arg("message") = std::string(),
           "Raises a fatal condition of the core as a run would (for tests).");
     m.def("check_settings", &checkSettings, py::arg("entries"),

@@ -1,6 +1,10 @@
 """Bad input raises the documented exception with a one-line message, a fatal
 condition raises dhc.Error, and the interpreter goes on, without leaking."""
 
+import shutil
+import subprocess
+import sys
+
 import numpy as np
 import pytest
 
@@ -14,12 +18,23 @@ GT2 = np.repeat([[1], [2]], 6, axis=0) * np.ones((1, 10), np.int32)
 
 
 @pytest.mark.parametrize("kwargs, error, message", [
-    (dict(image=IMAGE.astype(np.float64)), TypeError,
-     "image has dtype float64; dhc segments integer values: scale them to integers first"),
-    (dict(image=IMAGE.astype(np.float32)[0]), TypeError, "scale them to integers first"),
-    (dict(image=np.array([["a"]])), TypeError, "image has dtype <U1; an integer or bool array is expected"),
+    (dict(image=IMAGE.astype(np.complex64)), TypeError,
+     "image has dtype complex64; an integer, bool or floating-point array is expected"),
+    (dict(image=np.array([["a"]])), TypeError, "image has dtype <U1; an integer, bool or floating-point array"),
+    (dict(image=np.zeros((12, 10, 2), np.int32)), ValueError,
+     "image of shape (12, 10, 2) is ambiguous: taken as (bands, rows, cols) it has more bands (12) than columns "
+     "(2); pass channel_axis=-1 for (rows, cols, bands) or channel_axis=0 to take it as 12 bands"),
+    (dict(image=IMAGE, channel_axis=1), ValueError, "channel_axis must be 0 (bands first) or -1 (bands last), not 1"),
+    (dict(image=IMAGE, channel_axis=0.0), TypeError, "channel_axis must be an integer, not float"),
+    (dict(image=np.ma.MaskedArray(IMAGE, mask=True)), ValueError, "image holds only nodata pixels (masked or not"),
+    (dict(image=np.full((2, 3), np.nan)), ValueError, "image holds only nodata pixels"),
+    (dict(image=IMAGE * 1.5, scale=0), ValueError, "scale must be a positive number, not 0"),
+    (dict(image=IMAGE * 1.5, scale="2"), TypeError, "scale must be a number, not str"),
+    (dict(image=IMAGE * 1.5, scale=1e12), ValueError,
+     "image band 1: value 55.5 at row 1, column 2 scaled by 1e+12 does not fit a 32-bit integer (give a smaller "
+     "scale=)"),
     (dict(image=IMAGE, mask=np.ones((12, 10))), TypeError, "mask has dtype float64; an integer or bool array"),
-    (dict(image=IMAGE[0, 0]), ValueError, "image must be (bands, rows, cols) or (rows, cols), not of shape (10,)"),
+    (dict(image=IMAGE[0, 0]), ValueError, "image must be (bands, rows, cols), (rows, cols, bands) with channel_axis=-1, or (rows, cols), not of shape (10,)"),
     (dict(image=IMAGE[np.newaxis]), ValueError, "not of shape (1, 2, 12, 10)"),
     (dict(image=IMAGE[:, :0]), ValueError, "image is empty (shape (2, 0, 10))"),
     (dict(image=np.zeros((1, 1, 65536), np.uint8)), ValueError, "image has a side above 65535 pixels"),
@@ -88,3 +103,46 @@ def test_repeated_calls_do_not_grow_memory():
     grown = rss_kib() - before
     # One leaked label map is 64 KiB: 100 of them would be 6 MiB.
     assert grown < 2048, f"resident memory grew by {grown} KiB over 100 calls"
+
+
+def test_a_run_started_from_a_progress_callback_raises_instead_of_waiting():
+    # In a child interpreter: before, the inner call waited for the outer run forever.
+    code = """
+import numpy as np, dhc
+image = (np.add.outer(np.arange(24) > 11, np.zeros(20)) * 50 + np.arange(480).reshape(24, 20) % 7)
+image = np.stack([image, image[::-1]]).astype(np.int32)
+settings = dhc.Settings(split_gain_threshold=0.01, max_number_of_classes=3, min_region_area=4)
+seen = []
+def progress(leaves, label):
+    try:
+        dhc.segment(image, settings=settings)
+    except RuntimeError as e:
+        seen.append(str(e))
+outer = dhc.segment(image, settings=settings, progress=progress)
+assert seen, "the progress callback was never called"
+print(seen[0])
+# The callback's error ends the run it was raised in; the session goes on.
+def raising(leaves, label):
+    dhc.segment(image)
+try:
+    dhc.segment(image, settings=settings, progress=raising)
+except RuntimeError as e:
+    print("propagated:", e)
+assert np.array_equal(dhc.segment(image, settings=settings).labels, outer.labels)
+"""
+    done = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True, timeout=120)
+    assert done.returncode == 0, done.stderr
+    first, second = done.stdout.splitlines()
+    assert first == ("dhc.segment cannot be called from a progress callback: the run that called it holds the "
+                     "segmenter until it ends; start the next run after dhc.segment returns")
+    assert second == "propagated: " + first
+
+
+def test_the_extension_exports_only_its_entry():
+    nm = shutil.which("nm")
+    if nm is None:
+        pytest.skip("nm (binutils) is not installed")
+    listing = subprocess.run([nm, "-D", "--defined-only", _dhc.__file__], capture_output=True, text=True,
+                             check=True).stdout
+    names = {line.split()[-1] for line in listing.splitlines() if line.strip()}
+    assert names == {"PyInit__dhc"}, f"{len(names)} exported symbols, e.g. {sorted(names)[:5]}"

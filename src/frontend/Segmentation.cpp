@@ -126,4 +126,21 @@ std::vector<int> fullFrame(const LabelRoi& values, int rows, int cols) {
     return plane;
 }
 
+std::vector<int> maskWithoutNodata(int rows, int cols, int** mask, int** init,
+                                   const std::vector<uint8_t>& valid) {
+    const size_t width = static_cast<size_t>(cols);
+    std::vector<int> out(static_cast<size_t>(rows) * width, 0);
+    bool any = false;
+    for (int r = 0; r < rows; ++r)
+        for (int c = 0; c < cols; ++c) {
+            const bool inside = mask != nullptr ? mask[r][c] == 1 : init == nullptr || init[r][c] > 0;
+            const size_t k = static_cast<size_t>(r) * width + static_cast<size_t>(c);
+            out[k] = inside && valid[k] ? 1 : 0;
+            any = any || out[k] == 1;
+        }
+    if (!any)
+        throw InputError(kExitInput, "the region of interest is empty once the nodata pixels are taken out");
+    return out;
+}
+
 }  // namespace dhc

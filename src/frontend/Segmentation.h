@@ -4,6 +4,7 @@
 // and its optional mask, initial segmentation and ground truth, the checks the
 // core relies on, the run itself, and its results as full-frame maps.
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -59,5 +60,12 @@ bool hasFragmentOutput(const DHC_SET& settings);
 // The full-frame map of one value per ROI point, 0 elsewhere, row-major: point
 // k lies at (x + minRow, y + minCol).
 std::vector<int> fullFrame(const LabelRoi& values, int rows, int cols);
+
+// The mask of a run whose image has nodata pixels (valid[k] == 0, row-major):
+// the region prepareRun would build from mask and init (either may be null),
+// without those pixels, as a row-major rows x cols plane of 0 and 1.  Throws
+// an InputError (kExitInput) when no pixel is left.
+std::vector<int> maskWithoutNodata(int rows, int cols, int** mask, int** init,
+                                   const std::vector<uint8_t>& valid);
 
 }  // namespace dhc

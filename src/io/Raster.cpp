@@ -12,10 +12,13 @@
 #include <iomanip>
 #include <limits>
 #include <ostream>
+#include <set>
 #include <sstream>
 
 #include "data/ImageFile.h"
 #include "frontend/InputError.h"
+#include "frontend/Scaling.h"
+#include "hierarchy/LabelColours.h"
 
 namespace dhc::io {
 namespace {
@@ -181,11 +184,7 @@ int chunkRows(GDALRasterBand* band, int rows, int cols) {
     return std::min(rows, std::max(by, wanted / by * by));
 }
 
-struct Range {
-    double lo = std::numeric_limits<double>::infinity();
-    double hi = -std::numeric_limits<double>::infinity();
-    bool empty() const { return lo > hi; }
-};
+using Range = ValueRange;
 
 // The range of each band's data values (nodata excluded).
 std::vector<Range> bandRanges(const std::vector<GDALRasterBand*>& bands, const Conversion& conversion,
@@ -210,19 +209,6 @@ std::vector<Range> bandRanges(const std::vector<GDALRasterBand*>& bands, const C
         }
     }
     return ranges;
-}
-
-// The power of ten that makes the widest range span at least 10,000 steps.
-double automaticScale(const std::vector<Range>& ranges) {
-    double width = 0, magnitude = 0;
-    for (const Range& r : ranges)
-        if (!r.empty()) {
-            width = std::max(width, r.hi - r.lo);
-            magnitude = std::max({magnitude, std::fabs(r.lo), std::fabs(r.hi)});
-        }
-    if (width == 0) width = magnitude;  // constant bands: keep the digits of the value
-    if (width == 0) return 1;
-    return std::pow(10.0, std::ceil(4.0 - std::log10(width)));
 }
 
 std::string number(double v) {
@@ -254,13 +240,13 @@ void readCube(Raster& r, const std::vector<GDALRasterBand*>& bands, const Conver
     const int step = chunkRows(bands[0], r.rows, r.cols);
     std::vector<double> values;
     std::vector<uint8_t> ok;
-    constexpr double kMax = std::numeric_limits<int32_t>::max(), kMin = std::numeric_limits<int32_t>::min();
     for (int row = 0; row < r.rows; row += step) {
         const int n = std::min(step, r.rows - row);
         for (size_t b = 0; b < bands.size(); ++b) {
             readers[b].read(row, n, values, ok, what);
             const bool scaled = readers[b].isFloatBand() && !asMap;
             const std::string band = what + " band " + std::to_string(b + 1);
+            const ValueOrigin origin{band, "--scale"};
             for (int i = 0; i < n; ++i)
                 for (int c = 0; c < r.cols; ++c) {
                     const size_t k =
@@ -272,22 +258,7 @@ void readCube(Raster& r, const std::vector<GDALRasterBand*>& bands, const Conver
                         cell = 0;
                         continue;
                     }
-                    const double v = scaled ? std::round(values[k] * r.scale) : values[k];
-                    if (v > kMax || v < kMin || v != std::floor(v)) {
-                        const std::string at =
-                            " at row " + std::to_string(row + i + 1) + ", column " + std::to_string(c + 1);
-                        if (v != std::floor(v))
-                            throw InputError(kExitInput,
-                                             band + ": value " + number(v) + at + " is not a whole number");
-                        if (scaled)
-                            throw InputError(kExitInput, band + ": value " + number(values[k]) + at +
-                                                             " scaled by " + number(r.scale) +
-                                                             " does not fit a 32-bit integer (give a smaller "
-                                                             "--scale)");
-                        throw InputError(kExitInput, band + ": value " + number(v) + at +
-                                                         " does not fit a 32-bit integer");
-                    }
-                    cell = static_cast<int>(v);
+                    cell = toInteger(values[k], scaled, r.scale, row + i, c, origin);
                 }
         }
     }
@@ -466,6 +437,19 @@ std::string outputDriver(const std::string& name, const std::string& format) {
     return driver->GetDescription();
 }
 
+std::vector<TableColour> tableColours(const std::vector<int>& labels) {
+    std::set<int> present;
+    for (int v : labels)
+        if (v > 0 && v <= 65535) present.insert(v);
+    std::vector<TableColour> table(present.empty() ? 1 : static_cast<size_t>(*present.rbegin()) + 1);
+    int k = 0;
+    for (int v : present) {
+        const Rgb c = labelColour(k++);
+        table[static_cast<size_t>(v)] = {c.r, c.g, c.b};
+    }
+    return table;
+}
+
 void writeLabelMap(const std::string& path, const std::string& target, const std::string& driverName,
                    const std::vector<int>& labels, int rows, int cols, const Georeference& geo,
                    const std::vector<TableColour>& colours) {
@@ -605,6 +589,20 @@ void printInfo(const std::string& path, std::ostream& out) {
         else
             out << number(ranges[b].lo) << " " << number(ranges[b].hi) << "\n";
     }
+}
+
+}  // namespace dhc::io
+
+namespace dhc::io {
+
+double pixelArea(const Georeference& geo) {
+    if (!geo.hasTransform || geo.crs.empty()) return 0;
+    OGRSpatialReference srs;
+    if (srs.importFromWkt(geo.crs.c_str()) != OGRERR_NONE || !srs.IsProjected()) return 0;
+    const double metres = srs.GetLinearUnits();
+    const double* t = geo.transform;
+    const double area = std::fabs(t[1] * t[5] - t[2] * t[4]) * metres * metres;
+    return std::isfinite(area) ? area : 0;
 }
 
 }  // namespace dhc::io

@@ -83,6 +83,10 @@ struct TableColour {
     uint8_t r = 0, g = 0, b = 0;
 };
 
+// The colour table of a label map: the colours of its PNG picture (and of
+// the tree picture), by label value.
+std::vector<TableColour> tableColours(const std::vector<int>& labels);
+
 // Writes a label map (rows x cols, row-major, 0 = outside the region of
 // interest) to path with driver, as the smallest unsigned type that holds its
 // labels, nodata 0, georeferenced like geo.  colours[v] is the colour of label
@@ -92,6 +96,11 @@ struct TableColour {
 void writeLabelMap(const std::string& path, const std::string& target, const std::string& driver,
                    const std::vector<int>& labels, int rows, int cols, const Georeference& geo,
                    const std::vector<TableColour>& colours);
+
+// Ground area of one pixel in square metres: the image has a geotransform
+// and a projected coordinate system (its linear unit converted to metres);
+// 0 otherwise (no georeference, or angles such as degrees).
+double pixelArea(const Georeference& geo);
 
 // Prints what `dhc info` reports for a raster GDAL opens: driver, size, bands,
 // data type, nodata, coordinate system, geotransform, per-band range.
