@@ -28,9 +28,11 @@ const char* const kUsage =
 
 const char* const kSegmentUsage =
     "Usage: dhc segment IMAGE -o LABELS [OPTION]...\n"
-    "Segment IMAGE (hraw, or any raster GDAL reads) and write its label map (one\n"
-    "band, same rows and columns, 0 outside the region of interest) to LABELS:\n"
-    "hraw, or a georeferenced GeoTIFF when LABELS ends in .tif or .tiff.\n"
+    "Segment IMAGE (hraw, or any raster GDAL reads, also through /vsizip/, /vsicurl/,\n"
+    "...) and write its label map (one band, same rows and columns, 0 outside the\n"
+    "region of interest) to LABELS.  Raster outputs are written by the GDAL driver\n"
+    "their extension names (.tif GeoTIFF, .png, .img, .jp2, ...) or --format; .hraw\n"
+    "and extensions no driver declares give hraw.\n"
     "\n"
     "  -o, --output=FILE      label map to write (required)\n"
     "      --config=FILE      ini configuration (default: the built-in default.ini)\n"
@@ -46,6 +48,8 @@ const char* const kSegmentUsage =
     "      --levels=FILE      every cut of the tree as a multi-band map: band k after\n"
     "                         k splits (band 0: the region of interest as one class)\n"
     "      --cut=K            write the cut with K classes instead of the final map\n"
+    "      --relabel          number the label map's classes 1..K in ascending order\n"
+    "                         of their region labels (--tree records the numbering)\n"
     "      --tree=FILE        the tree of regions as JSON (docs/tree.schema.json)\n"
     "      --tree-png=FILE    picture of the tree of regions (PNG)\n"
     "      --tree-svg=FILE    picture of the tree of regions (SVG)\n"
@@ -53,8 +57,17 @@ const char* const kSegmentUsage =
     "                         any cut, the tree, settings and timings\n"
     "      --rgb=R,G,B        bands of the page's picture, from 1 (default 4,3,2 from\n"
     "                         four bands on, 3,2,1 with three, else grey)\n"
-    "      --format=DRIVER    GDAL driver of the label and fragment maps (GTiff, PNG, ...;\n"
-    "                         hraw for hraw)\n"
+    "      --polygons=FILE    the label map as polygons, one per 8-connected piece,\n"
+    "                         with label, class, area_px, area, mean_B (.gpkg,\n"
+    "                         .geojson, .fgb, .shz)\n"
+    "      --sieve=N          merge pieces under N pixels before polygonizing\n"
+    "      --format=DRIVER    GDAL driver of every raster output (GTiff, COG, PNG,\n"
+    "                         HFA, ...; hraw for hraw)\n"
+    "      --co KEY=VALUE     GDAL creation option of the raster outputs (repeatable)\n"
+    "      --bands=LIST       image bands to read, 1-based, e.g. 1,2,3,5 (GDAL only)\n"
+    "      --window XOFF YOFF XSIZE YSIZE\n"
+    "                         pixels to read (GDAL only); the outputs are the\n"
+    "                         window's, with its georeference\n"
     "      --scale=S          factor of floating-point image bands before rounding\n"
     "                         (default: the power of ten giving the widest band range\n"
     "                         at least 10,000 steps)\n"
@@ -66,8 +79,9 @@ const char* const kSegmentUsage =
     "\n"
     "Mask, initial segmentation and ground truth are one-band integer maps of the\n"
     "image's size (hraw or GDAL).  Nodata pixels of the image (nodata value, NaN,\n"
-    "mask or alpha band) are outside the region of interest.  Outputs are written\n"
-    "under a temporary name and renamed when the run has succeeded.\n";
+    "mask or alpha band) are outside the region of interest.  Every output's format\n"
+    "is checked before the image is read.  Outputs are written under a temporary\n"
+    "name and renamed when the run has succeeded.\n";
 
 const char* const kInfoUsage =
     "Usage: dhc info FILE...\n"
@@ -85,6 +99,7 @@ struct Option {
     char letter;
     bool takesValue;
     std::function<void(const std::string&)> apply;
+    int arity = 1;  // values that follow a long option given without "=", joined by spaces
 };
 
 // Walks the arguments: options (long, "--name=value" or "--name value";
@@ -128,12 +143,12 @@ void parse(const std::vector<std::string>& args, const std::vector<Option>& opti
                 continue;
             }
             std::string value;
-            if (eq != std::string::npos)
+            if (eq != std::string::npos) {
                 value = arg.substr(eq + 1);
-            else if (i + 1 < args.size())
-                value = args[++i];
-            else
-                throw needsValue("--" + name);
+            } else {
+                if (i + static_cast<size_t>(o->arity) >= args.size()) throw needsValue("--" + name);
+                for (int k = 0; k < o->arity; ++k) value += (k > 0 ? " " : "") + args[++i];
+            }
             if (value.empty()) throw needsValue("--" + name);
             o->apply(value);
         } else {
@@ -174,6 +189,33 @@ int classCount(const std::string& option, const std::string& value) {
     return static_cast<int>(n);
 }
 
+// A whole number from lo to hi, all of the text.
+int wholeNumber(const std::string& option, const std::string& text, long lo, long hi) {
+    size_t used = 0;
+    long n = 0;
+    try {
+        n = std::stol(text, &used);
+    } catch (const std::exception&) {
+        used = 0;
+    }
+    if (text.empty() || used != text.size() || n < lo || n > hi)
+        throw InputError(kExitUsage, option + " " + text + ": must be a whole number from " + std::to_string(lo) +
+                                         " to " + std::to_string(hi));
+    return static_cast<int>(n);
+}
+
+// Numbers separated by commas (--bands 1,2,5) or by spaces or commas (--window).
+std::vector<std::string> fields(const std::string& text, bool spacesToo) {
+    std::vector<std::string> out(1);
+    for (char c : text) {
+        if (c == ',' || (spacesToo && c == ' '))
+            out.emplace_back();
+        else
+            out.back() += c;
+    }
+    return out;
+}
+
 // A finite number, all of the text.
 double number(const std::string& option, const std::string& text) {
     char* end = nullptr;
@@ -211,6 +253,31 @@ SegmentOptions parseSegment(const std::vector<std::string>& args) {
          }},
         {"cut", 0, true, [&s](const std::string& v) { s.cut = classCount("--cut", v); }},
         {"format", 0, true, into(s.format)},
+        {"co", 0, true,
+         [&s](const std::string& v) {
+             const size_t eq = v.find('=');
+             if (eq == std::string::npos || eq == 0)
+                 throw InputError(kExitUsage, "--co " + v + ": must be KEY=VALUE (a GDAL creation option)");
+             s.creationOptions.push_back(v);
+         }},
+        {"relabel", 0, false, [&s](const std::string&) { s.relabel = true; }},
+        {"polygons", 0, true, into(s.polygons)},
+        {"sieve", 0, true,
+         [&s](const std::string& v) { s.sieve = wholeNumber("--sieve", v, 1, 1000000000); }},
+        {"bands", 0, true,
+         [&s](const std::string& v) {
+             for (const std::string& f : fields(v, false))
+                 s.bands.push_back(wholeNumber("--bands", f, 1, 1000000));
+         }},
+        {"window", 0, true,
+         [&s](const std::string& v) {
+             const std::vector<std::string> f = fields(v, true);
+             if (f.size() != 4)
+                 throw InputError(kExitUsage, "--window " + v + ": needs XOFF YOFF XSIZE YSIZE");
+             for (int k = 0; k < 4; ++k) s.window[k] = wholeNumber("--window", f[k], k < 2 ? 0 : 1, 65535);
+             s.hasWindow = true;
+         },
+         4},
         {"scale", 0, true,
          [&s](const std::string& v) {
              s.scale = number("--scale", v);
@@ -244,6 +311,8 @@ SegmentOptions parseSegment(const std::vector<std::string>& args) {
     if (!s.rgb.empty() && s.html.empty()) throw InputError(kExitUsage, "--rgb chooses the bands of --html: give --html too");
     if (s.output.empty())
         throw InputError(kExitUsage, "segment: missing -o LABELS.hraw (see dhc segment --help)");
+    if (s.sieve > 0 && s.polygons.empty())
+        throw InputError(kExitUsage, "--sieve applies to the polygons: give --polygons FILE");
     return s;
 }
 

@@ -23,7 +23,14 @@ struct SegmentOptions {
     std::string rgb;                // --rgb: bands of the page's picture, "3,2,1" (empty: a default)
     int cut = 0;                    // --cut: classes of the cut written instead of the final map (0: final)
     std::vector<std::string> sets;  // --set SECTION.Key=value, in order
-    std::string format;             // --format: GDAL driver of the label and fragment maps
+    std::string format;             // --format: GDAL driver of the raster outputs
+    std::vector<std::string> creationOptions;  // --co KEY=VALUE: GDAL creation options, in order
+    bool relabel = false;           // --relabel: classes numbered 1..K
+    std::string polygons;           // --polygons: the final map as polygons (OGR)
+    int sieve = 0;                  // --sieve: pieces under this many pixels merged before polygonizing
+    std::vector<int> bands;         // --bands: 1-based image bands to read (empty: all)
+    bool hasWindow = false;         // --window XOFF YOFF XSIZE YSIZE: the pixels to read
+    int window[4] = {0, 0, 0, 0};
     bool hasScale = false;          // --scale: factor of floating-point image bands
     double scale = 1;
     bool hasNodata = false;  // --nodata: nodata value of every image band

@@ -26,11 +26,17 @@
 #include "hierarchy/RgbImage.h"
 #include "hierarchy/TreeJson.h"
 #include "hierarchy/TreePicture.h"
+#include "io/PolygonOutput.h"
 #include "io/Raster.h"
+#include "io/RasterOutput.h"
 #include "settings/DHC_SET.h"
 #include "settings/Fatal.h"
 
 namespace {
+
+// Bands of the trial write of --levels, whose number of cuts is known only
+// after the run: enough that a driver of a few bands (PNG: 4) is refused.
+constexpr int kProbeBands = 16;
 
 // A file read as hraw (header already checked) into the form GDAL inputs take.
 dhc::io::Raster readHraw(const std::string& path) {
@@ -54,16 +60,6 @@ void markNodata(dhc::io::Raster& image, double value, const std::string& path) {
     if (std::find(image.valid.begin(), image.valid.end(), 0) == image.valid.end()) image.valid.clear();
 }
 
-// Writes an hraw map of `bands` planes (one after the other in `planes`):
-// the header (bands, rows, cols), then the planes, as int32.
-void writeMap(const OutputFiles::Output& out, const std::vector<int>& planes, int rows, int cols,
-              int bands = 1) {
-    static_assert(sizeof(int) == sizeof(int32_t), "hraw values are int32");
-    const int32_t header[3] = {bands, rows, cols};
-    OutputFiles::writeAll(out, header, sizeof header);
-    OutputFiles::writeAll(out, planes.data(), planes.size() * sizeof(int32_t));
-}
-
 // Why no cut has `wanted` classes: "the cuts have 1, 3 and 5 classes".
 std::string noCut(const dhc::Hierarchy& h, int wanted) {
     std::string text = "--cut " + std::to_string(wanted) + ": no cut of the tree has " +
@@ -77,15 +73,47 @@ std::string noCut(const dhc::Hierarchy& h, int wanted) {
     return text + " classes)";
 }
 
-// Writes a one-band map as hraw (no driver) or through GDAL, which writes
-// to the temporary file by its name.
-void writeOutput(const OutputFiles::Output& out, const std::string& driver, std::vector<int>& plane, int rows,
-                 int cols, const dhc::io::Georeference& geo) {
-    if (driver.empty())
-        writeMap(out, plane, rows, cols);
-    else
-        dhc::io::writeLabelMap(out.path, out.target, driver, plane, rows, cols, geo,
-                               dhc::io::tableColours(plane));
+// Every cut of the tree, one band per cut, computed a block at a time.
+class LevelBands : public dhc::io::LabelBands {
+  public:
+    explicit LevelBands(const dhc::Hierarchy& tree) : tree_(tree) {
+        for (const dhc::RegionNode& n : tree.nodes()) max_ = std::max(max_, n.label);
+        classes_.push_back(1);
+        for (int k = 0; k < tree.splits(); ++k)
+            classes_.push_back(classes_.back() + static_cast<int>(tree.node(tree.splitOrder()[k]).children.size()) - 1);
+    }
+    int count() const override { return tree_.splits() + 1; }
+    int rows() const override { return tree_.rows(); }
+    int cols() const override { return tree_.cols(); }
+    int maxLabel() const override { return max_; }
+    void read(int b, int row, int n, int* out) const override { tree_.cutRows(b, row, n, out); }
+    std::string description(int b) const override {
+        return "cut after " + std::to_string(b) + (b == 1 ? " split, " : " splits, ") +
+               std::to_string(classes_[static_cast<size_t>(b)]) + (classes_[static_cast<size_t>(b)] == 1 ? " class" : " classes");
+    }
+
+  private:
+    const dhc::Hierarchy& tree_;
+    int max_ = 0;
+    std::vector<int> classes_;
+};
+
+// Writes maps as hraw (the header, then band after band, one band in memory
+// at a time) or through GDAL, which writes to the temporary file by its name.
+void writeOutput(const OutputFiles::Output& out, const dhc::io::OutputFormat& format,
+                 const dhc::io::LabelBands& bands, const dhc::io::MapInfo& info) {
+    if (!format.hraw()) {
+        dhc::io::writeLabels(out.path, out.target, format, bands, info);
+        return;
+    }
+    static_assert(sizeof(int) == sizeof(int32_t), "hraw values are int32");
+    const int32_t header[3] = {bands.count(), bands.rows(), bands.cols()};
+    OutputFiles::writeAll(out, header, sizeof header);
+    std::vector<int> plane(static_cast<size_t>(bands.rows()) * static_cast<size_t>(bands.cols()));
+    for (int b = 0; b < bands.count(); ++b) {
+        bands.read(b, 0, bands.rows(), plane.data());
+        OutputFiles::writeAll(out, plane.data(), plane.size() * sizeof(int32_t));
+    }
 }
 
 }  // namespace
@@ -97,7 +125,7 @@ int runSegment(const SegmentOptions& o) {
     std::vector<std::string> inputs{o.image}, outputNames{o.output};
     for (const std::string* name : {&o.config, &o.mask, &o.init, &o.gt})
         if (!name->empty()) inputs.push_back(*name);
-    for (const std::string* name : {&o.report, &o.fragments, &o.png, &o.html})
+    for (const std::string* name : {&o.report, &o.fragments, &o.png, &o.polygons, &o.html})
         if (!name->empty()) outputNames.push_back(*name);
     OutputFiles::checkDistinct(inputs, outputNames);
 
@@ -109,9 +137,31 @@ int runSegment(const SegmentOptions& o) {
     // 2. The input files: readable, well-formed, all of the image's size.
     // hraw files are checked now and read once the run is certain; other
     // rasters are read through GDAL, which checks them as it goes.
-    const std::string labelsDriver = dhc::io::outputDriver(o.output, o.format);
-    const std::string fragmentsDriver =
-        o.fragments.empty() ? std::string() : dhc::io::outputDriver(o.fragments, o.format);
+    // Every output's format is checked before anything is read.
+    const dhc::io::OutputFormat labelsFormat =
+        dhc::io::outputFormat("-o", o.output, o.format, o.creationOptions, 1);
+    const dhc::io::OutputFormat fragmentsFormat =
+        o.fragments.empty() ? dhc::io::OutputFormat()
+                            : dhc::io::outputFormat("--fragments", o.fragments, o.format, o.creationOptions, 1);
+    // The number of cuts is known after the run: the driver must take many bands.
+    const dhc::io::OutputFormat levelsFormat =
+        o.levels.empty() ? dhc::io::OutputFormat()
+                         : dhc::io::outputFormat("--levels", o.levels, o.format, o.creationOptions, kProbeBands);
+    const std::string polygonsDriver =
+        o.polygons.empty() ? std::string() : dhc::io::polygonDriver("--polygons", o.polygons);
+    const bool subset = !o.bands.empty() || o.hasWindow;
+    if (subset)
+        for (const std::string* name : {&o.image, &o.mask, &o.init, &o.gt})
+            if (!name->empty() && dhc::io::isHraw(*name))
+                throw InputError(kExitUsage, std::string(o.hasWindow ? "--window" : "--bands") + " reads through GDAL: \"" +
+                                                 *name + "\" is an hraw file, which is read whole");
+    dhc::io::Subset part;
+    part.bands = o.bands;
+    part.hasWindow = o.hasWindow;
+    part.col = o.window[0];
+    part.row = o.window[1];
+    part.cols = o.window[2];
+    part.rows = o.window[3];
     dhc::io::Conversion conversion;
     if (o.hasScale) conversion.scale = o.scale;
     if (o.hasNodata) conversion.nodata = o.nodata;
@@ -124,7 +174,7 @@ int runSegment(const SegmentOptions& o) {
         imageRaster.rows = image.rows;
         imageRaster.cols = image.cols;
     } else {
-        imageRaster = dhc::io::readImage(o.image, "image", conversion);
+        imageRaster = dhc::io::readImage(o.image, "image", conversion, part);
         image = HrawShape{imageRaster.bands, imageRaster.rows, imageRaster.cols};
     }
     dhc::io::Raster maskRaster, initRaster, gtRaster;
@@ -191,6 +241,7 @@ int runSegment(const SegmentOptions& o) {
     const OutputFiles::Output treeOut = optional(o.tree);
     const OutputFiles::Output treePngOut = optional(o.treePng);
     const OutputFiles::Output treeSvgOut = optional(o.treeSvg);
+    const OutputFiles::Output polygonsOut = optional(o.polygons);
     const OutputFiles::Output htmlOut = optional(o.html);
 
     // 5. The region of interest, exactly as the gateway builds it; the input
@@ -241,7 +292,8 @@ int runSegment(const SegmentOptions& o) {
         run = dhc::prepareRun(image.rows, image.cols, image.bands, imageRaster.cube, mask, init,
                               gtRaster.cube != nullptr ? gtRaster.cube[0] : nullptr, *settings, names,
                               o.threads);
-        imageRaster = dhc::io::Raster();
+        // The polygons' means are taken from the image: it stays for them.
+        if (o.polygons.empty()) imageRaster = dhc::io::Raster();
         maskRaster = dhc::io::Raster();
         initRaster = dhc::io::Raster();
         gtRaster = dhc::io::Raster();
@@ -295,7 +347,37 @@ int runSegment(const SegmentOptions& o) {
         if (k < 0) throw InputError(kExitInput, noCut(*tree, o.cut));
         labels = tree->cut(k);
     }
-    writeOutput(labelsOut, labelsDriver, labels, image.rows, image.cols, geo);
+    // What every raster output says of itself.
+    dhc::io::MapInfo info;
+    info.geo = geo;
+    info.metadata = {"TIFFTAG_SOFTWARE=dhc " + std::string(DHC_VERSION), "DHC_PROGRAM=dhc",
+                     "DHC_VERSION=" + std::string(DHC_VERSION),
+                     "DHC_SETTINGS=" + dhc::settingsJson(*settings).dump()};
+    if (polygonsOut.fd >= 0) {
+        dhc::io::PolygonSource polygons;
+        polygons.labels = &labels;
+        polygons.rows = image.rows;
+        polygons.cols = image.cols;
+        polygons.image = &imageRaster;
+        polygons.geo = geo;
+        polygons.sieve = o.sieve;
+        polygons.metadata = info.metadata;
+        polygons.metadata.push_back("DHC_SIEVE=" + std::to_string(o.sieve));
+        polygons.metadata.push_back(o.sieve > 1 ? "DHC_SIEVED=pieces under " + std::to_string(o.sieve) +
+                                                      " pixels merged into their neighbours before polygonizing"
+                                                : "DHC_SIEVED=no");
+        OutputFiles::writeAll(polygonsOut, dhc::io::polygonFile(o.polygons, o.polygons, polygonsDriver, polygons));
+    }
+    std::vector<int> relabelled;  // the region label of each class, with --relabel
+    if (o.relabel) relabelled = dhc::relabelConsecutive(labels);
+    {
+        dhc::io::MapInfo labelInfo = info;
+        labelInfo.colours = dhc::io::tableColours(labels);
+        if (o.cut > 0) labelInfo.metadata.push_back("DHC_CUT=" + std::to_string(o.cut) + " classes");
+        if (o.relabel) labelInfo.metadata.push_back("DHC_RELABEL=classes 1 to " + std::to_string(relabelled.size()) +
+                                                    " in ascending order of their region labels");
+        writeOutput(labelsOut, labelsFormat, dhc::io::LabelPlane(labels, image.rows, image.cols), labelInfo);
+    }
     if (reportOut.fd >= 0) {
         std::ostringstream report;
         out.dhc->printReport(report);
@@ -305,11 +387,17 @@ int runSegment(const SegmentOptions& o) {
     if (fragmentsOut.fd >= 0) {
         if (out.fragRoi == nullptr) throw InputError(kExitInput, "the segmentation produced no fragment map");
         std::vector<int> fragments = dhc::fullFrame(*out.fragRoi, image.rows, image.cols);
-        writeOutput(fragmentsOut, fragmentsDriver, fragments, image.rows, image.cols, geo);
+        dhc::io::MapInfo fragmentInfo = info;
+        fragmentInfo.colours = dhc::io::tableColours(fragments);
+        writeOutput(fragmentsOut, fragmentsFormat, dhc::io::LabelPlane(fragments, image.rows, image.cols),
+                    fragmentInfo);
     }
-    if (levelsOut.fd >= 0) writeMap(levelsOut, tree->levels(), image.rows, image.cols, tree->splits() + 1);
-    if (treeOut.fd >= 0)
-        OutputFiles::writeAll(treeOut, dhc::treeJsonText(*tree, *settings, "dhc", DHC_VERSION));
+    if (levelsOut.fd >= 0) writeOutput(levelsOut, levelsFormat, LevelBands(*tree), info);
+    if (treeOut.fd >= 0) {
+        nlohmann::ordered_json doc = dhc::treeJson(*tree, *settings, "dhc", DHC_VERSION);
+        if (o.relabel) doc["relabel"] = {{"order", "ascending region label"}, {"classes", relabelled}};
+        OutputFiles::writeAll(treeOut, doc.dump(2) + "\n");
+    }
     dhc::TreeOptions pictureOptions;
     pictureOptions.pixelArea = dhc::io::pixelArea(geo);
     if (treeSvgOut.fd >= 0) OutputFiles::writeAll(treeSvgOut, dhc::treeSvg(*tree, pictureOptions));

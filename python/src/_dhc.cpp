@@ -45,6 +45,7 @@
 #include "hierarchy/HtmlReport.h"
 #include "hierarchy/TreeJson.h"
 #include "io/Raster.h"
+#include "io/RasterOutput.h"
 #include "settings/DHC_SET.h"
 #include "settings/Fatal.h"
 
@@ -579,7 +580,7 @@ py::dict readRaster(const std::string& path, const py::object& scale, const py::
 
 // The GDAL driver an output name (or format) picks, "" for hraw; the tool's rule.
 std::string outputDriver(const std::string& name, const std::string& format) {
-    return dhc::io::outputDriver(name, format);
+    return dhc::io::outputFormat("path", name, format, {}, 1).driver;
 }
 
 // Writes a label map through src/io to path (a temporary name; target names
@@ -603,8 +604,12 @@ void writeLabels(const std::string& path, const std::string& target, const std::
     }
     geo.crs = crs;
     geo.metadata = metadata;
+    const dhc::io::OutputFormat format = dhc::io::outputFormat("path", target, driver, {}, 1);
+    dhc::io::MapInfo info;
+    info.geo = geo;
+    info.colours = dhc::io::tableColours(plane);
     py::gil_scoped_release noGil;
-    dhc::io::writeLabelMap(path, target, driver, plane, rows, cols, geo, dhc::io::tableColours(plane));
+    dhc::io::writeLabels(path, target, format, dhc::io::LabelPlane(plane, rows, cols), info);
 }
 
 }  // namespace

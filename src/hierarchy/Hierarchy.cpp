@@ -129,6 +129,12 @@ Hierarchy Hierarchy::fromRun(const DHC_OUT& out, const DHC_SET& settings) {
         seen[l] = 1;
         finalLabel[l] = value;
     }
+    for (const RegionNode& n : h.nodes_) {
+        h.rank_.push_back(n.splitRank);
+        h.label_.push_back(n.label);
+    }
+    h.cellLeaf_.assign(static_cast<size_t>(h.rows_) * static_cast<size_t>(h.cols_), -1);
+    for (size_t k = 0; k < h.pointCell_.size(); ++k) h.cellLeaf_[h.pointCell_[k]] = h.pointLeaf_[k];
     for (size_t l = 0; l < h.leaves_.size(); ++l) {
         RegionNode& leaf = h.nodes_[h.leaves_[l]];
         if (counted[l] != leaf.area) throw mismatch();
@@ -151,9 +157,12 @@ int Hierarchy::leavesAfter(int k) const {
 }
 
 int Hierarchy::splitsForLeaves(int leaves) const {
-    for (int k = 0; k <= splits(); ++k)
-        if (leavesAfter(k) == leaves) return k;
-    return -1;
+    int count = 1;
+    for (int k = 0;; ++k) {
+        if (count == leaves) return k;
+        if (k == splits()) return -1;
+        count += static_cast<int>(node(splitOrder_[k]).children.size()) - 1;
+    }
 }
 
 void Hierarchy::checkSplits(int k) const {
@@ -162,18 +171,30 @@ void Hierarchy::checkSplits(int k) const {
                              std::to_string(splits()) + (splits() == 1 ? " split" : " splits"));
 }
 
+int Hierarchy::leafLabelAt(size_t l, int k) const {
+    // Ranks grow down every chain (a parent is split before its children), so
+    // the node of the cut is the first one on the chain not among the first k
+    // splits: found by bisection, the chain being as long as the tree is deep.
+    const std::vector<int>& chain = chains_[l];
+    const auto splitBy = [&](int node) {
+        const int rank = rank_[static_cast<size_t>(node)];
+        return rank != 0 && rank <= k;
+    };
+    size_t lo = 0, hi = chain.size() - 1;  // the answer lies in [lo, hi]
+    while (lo < hi) {
+        const size_t mid = lo + (hi - lo) / 2;
+        if (splitBy(chain[mid]))
+            lo = mid + 1;
+        else
+            hi = mid;
+    }
+    return label_[static_cast<size_t>(chain[lo])];
+}
+
 std::vector<int> Hierarchy::leafLabelsAt(int k) const {
     checkSplits(k);
-    // Ranks grow down every chain (a parent is split before its children), so
-    // the node of the cut is the first one on the chain not among the first k splits.
     std::vector<int> labels(leaves_.size());
-    for (size_t l = 0; l < leaves_.size(); ++l) {
-        const std::vector<int>& chain = chains_[l];
-        size_t i = 0;
-        while (i + 1 < chain.size() && nodes_[chain[i]].splitRank != 0 && nodes_[chain[i]].splitRank <= k)
-            ++i;
-        labels[l] = nodes_[chain[i]].label;
-    }
+    for (size_t l = 0; l < leaves_.size(); ++l) labels[l] = leafLabelAt(l, k);
     return labels;
 }
 
@@ -185,20 +206,59 @@ std::vector<int> Hierarchy::cutPoints(int k) const {
 }
 
 std::vector<int> Hierarchy::cut(int k) const {
-    const std::vector<int> leafLabel = leafLabelsAt(k);
     std::vector<int> map(static_cast<size_t>(rows_) * cols_, 0);
-    for (size_t p = 0; p < pointLeaf_.size(); ++p) map[pointCell_[p]] = leafLabel[pointLeaf_[p]];
+    cutRows(k, 0, rows_, map.data());
     return map;
 }
 
-std::vector<int> Hierarchy::levels() const {
-    std::vector<int> stack;
-    stack.reserve(static_cast<size_t>(rows_) * cols_ * (splits() + 1));
-    for (int k = 0; k <= splits(); ++k) {
-        const std::vector<int> band = cut(k);
-        stack.insert(stack.end(), band.begin(), band.end());
+void Hierarchy::cutRows(int k, int row, int n, int* out) const {
+    checkSplits(k);
+    if (row < 0 || n < 0 || row + n > rows_)
+        throw HierarchyError("rows " + std::to_string(row) + " to " + std::to_string(row + n) +
+                             " are outside the map's " + std::to_string(rows_) + " rows");
+    const size_t first = static_cast<size_t>(row) * static_cast<size_t>(cols_);
+    const size_t count = static_cast<size_t>(n) * static_cast<size_t>(cols_);
+    // Neighbouring pixels mostly share a leaf: its label is looked up once.
+    int lastLeaf = -1, lastLabel = 0;
+    for (size_t i = 0; i < count; ++i) {
+        const int leaf = cellLeaf_[first + i];
+        if (leaf < 0) {
+            out[i] = 0;
+            continue;
+        }
+        if (leaf != lastLeaf) {
+            lastLeaf = leaf;
+            lastLabel = leafLabelAt(static_cast<size_t>(leaf), k);
+        }
+        out[i] = lastLabel;
     }
+}
+
+std::vector<int> Hierarchy::levels() const {
+    const size_t plane = static_cast<size_t>(rows_) * cols_;
+    std::vector<int> stack(plane * static_cast<size_t>(splits() + 1));
+    for (int k = 0; k <= splits(); ++k) cutRows(k, 0, rows_, stack.data() + plane * static_cast<size_t>(k));
     return stack;
+}
+
+std::vector<int> relabelConsecutive(std::vector<int>& map) {
+    std::vector<int> labels;
+    for (int v : map)
+        if (v != 0) labels.push_back(v);
+    std::sort(labels.begin(), labels.end());
+    labels.erase(std::unique(labels.begin(), labels.end()), labels.end());
+    std::unordered_map<int, int> number;
+    for (size_t i = 0; i < labels.size(); ++i) number[labels[i]] = static_cast<int>(i) + 1;
+    int lastFrom = 0, lastTo = 0;
+    for (int& v : map) {
+        if (v == 0) continue;
+        if (v != lastFrom) {
+            lastFrom = v;
+            lastTo = number.at(v);
+        }
+        v = lastTo;
+    }
+    return labels;
 }
 
 std::vector<int> cutAt(const DHC_OUT& out, const DHC_SET& settings, int splits) {

@@ -90,6 +90,11 @@ class Hierarchy {
     std::vector<int> cut(int k) const;
     // Every cut, band k after k splits: (splits() + 1) maps one after the other.
     std::vector<int> levels() const;
+    // Rows [row, row + n) of the cut after k splits into out (n * cols()
+    // values): the way to write the cuts one band, or one block, at a time.
+    // Each value costs a search along its leaf's chain of ancestors, so a
+    // band costs time in proportion to its pixels whatever the tree's shape.
+    void cutRows(int k, int row, int n, int* out) const;
     // The same label per point of the region of interest (the run's point order).
     std::vector<int> cutPoints(int k) const;
 
@@ -108,6 +113,10 @@ class Hierarchy {
     int rows_ = 0, cols_ = 0;
     std::vector<int> pointCell_;  // per ROI point: row * cols + col
     std::vector<int> pointLeaf_;  // per ROI point: index into leaves_
+    std::vector<int> cellLeaf_;   // per cell of the frame: index into leaves_, -1 outside
+    // Per node index, its split rank (0: never split) and its label: the cut's
+    // inner loop reads these, not the nodes.
+    std::vector<int> rank_, label_;
     std::vector<int> leaves_;     // node indices of the final leaves
     // Per leaf, the chain of node indices from the root down to it.
     std::vector<std::vector<int>> chains_;
@@ -115,7 +124,16 @@ class Hierarchy {
     void checkSplits(int k) const;
     // Per leaf (same order as leaves_), the label of its node in the cut after k splits.
     std::vector<int> leafLabelsAt(int k) const;
+    // The label of leaf l's node in the cut after k splits.
+    int leafLabelAt(size_t l, int k) const;
 };
+
+// Numbers the classes of a label map 1..K in ascending order of their labels
+// (0, outside the region of interest, stays 0) and returns the label each
+// class had: the result's element k - 1 is the label that became k.  Region
+// labels grow as the tree is split, so the classes come in the order their
+// regions were made.
+std::vector<int> relabelConsecutive(std::vector<int>& map);
 
 // Shorthands for front ends that keep only the run's output.
 std::vector<int> cutAt(const DHC_OUT& out, const DHC_SET& settings, int splits);

@@ -19,56 +19,39 @@
 #include "frontend/InputError.h"
 #include "frontend/Scaling.h"
 #include "hierarchy/LabelColours.h"
+#include "io/GdalSupport.h"
 
 namespace dhc::io {
 namespace {
 
+using detail::Dataset;
+using detail::endsWith;
+using detail::lower;
+using detail::QuietGdal;
+using detail::quoted;
+
 constexpr int kMaxSide = 65535;  // coordinates are 16-bit, as for hraw files
 constexpr size_t kChunkPixels = size_t{1} << 20;
 
-std::string quoted(const std::string& s) {
-    return "\"" + s + "\"";
-}
-
-std::string lower(std::string s) {
-    for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return s;
-}
-
-bool endsWith(const std::string& s, const std::string& tail) {
-    return s.size() >= tail.size() && s.compare(s.size() - tail.size(), tail.size(), tail) == 0;
-}
-
-// GDAL's messages are collected, not printed: the tool says one line.
-class QuietGdal {
-  public:
-    QuietGdal() {
-        GDALAllRegister();
-        CPLPushErrorHandler(CPLQuietErrorHandler);
-        CPLErrorReset();
-    }
-    ~QuietGdal() { CPLPopErrorHandler(); }
-    static std::string lastError() {
-        std::string m = CPLGetLastErrorMsg();
-        while (!m.empty() && (m.back() == '\n' || m.back() == '.')) m.pop_back();
-        return m.empty() ? "not a raster GDAL can read" : m;
-    }
-};
-
-struct DatasetCloser {
-    void operator()(GDALDataset* d) const { GDALClose(d); }
-};
-using Dataset = std::unique_ptr<GDALDataset, DatasetCloser>;
-
 Dataset open(const std::string& path, const std::string& role) {
-    std::FILE* f = std::fopen(path.c_str(), "rb");
-    if (f == nullptr)
-        throw InputError(kExitInput,
-                         "cannot open " + role + " " + quoted(path) + ": " + std::strerror(errno));
-    std::fclose(f);
-    struct stat st;
-    if (::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
-        throw InputError(kExitInput, "cannot open " + role + " " + quoted(path) + ": it is a directory");
+    if (detail::isVirtual(path)) {
+        // Only GDAL reaches these files (in archives, in memory, over the network).
+        VSIStatBufL st;
+        if (VSIStatL(path.c_str(), &st) != 0)
+            throw InputError(kExitInput, "cannot open " + role + " " + quoted(path) +
+                                             ": no such file in GDAL's virtual file systems");
+        if (VSI_ISDIR(st.st_mode))
+            throw InputError(kExitInput, "cannot open " + role + " " + quoted(path) + ": it is a directory");
+    } else {
+        std::FILE* f = std::fopen(path.c_str(), "rb");
+        if (f == nullptr)
+            throw InputError(kExitInput,
+                             "cannot open " + role + " " + quoted(path) + ": " + std::strerror(errno));
+        std::fclose(f);
+        struct stat st;
+        if (::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
+            throw InputError(kExitInput, "cannot open " + role + " " + quoted(path) + ": it is a directory");
+    }
     Dataset d(GDALDataset::Open(path.c_str(), GDAL_OF_RASTER | GDAL_OF_READONLY));
     if (!d || d->GetRasterCount() == 0)
         throw InputError(kExitInput,
@@ -94,6 +77,9 @@ bool isSupported(GDALDataType t) {
         case GDT_Int32:
         case GDT_Float32:
         case GDT_Float64:
+#if GDAL_VERSION_NUM >= GDAL_COMPUTE_VERSION(3, 7, 0)
+        case GDT_Int8:
+#endif
             return true;
         default:
             return false;
@@ -111,12 +97,32 @@ std::vector<GDALRasterBand*> valueBands(GDALDataset& d) {
     return bands;
 }
 
-// One band read chunk by chunk, with what says which of its pixels are nodata.
+// Whether a band holds signed bytes: GDAL 3.6 and older give them as Byte
+// with PIXELTYPE=SIGNEDBYTE, which RasterIO hands out as 0..255.
+bool signedBytes(GDALRasterBand* band) {
+    if (band->GetRasterDataType() != GDT_Byte) return false;
+    const char* pixelType = band->GetMetadataItem("PIXELTYPE", "IMAGE_STRUCTURE");
+    return pixelType != nullptr && EQUAL(pixelType, "SIGNEDBYTE");
+}
+
+// The columns and rows read of every band.
+struct Window {
+    int col = 0, row = 0, cols = 0, rows = 0;
+};
+
+Window wholeBand(GDALRasterBand* band) {
+    return Window{0, 0, band->GetXSize(), band->GetYSize()};
+}
+
+// One band read chunk by chunk (rows of a window), with what says which of
+// its pixels are nodata.
 class BandReader {
   public:
-    BandReader(GDALRasterBand* band, const Conversion& conversion) : band_(band) {
+    BandReader(GDALRasterBand* band, const Conversion& conversion, const Window& window)
+        : band_(band), window_(window) {
         GDALDataset* d = band->GetDataset();
         float_ = isFloat(band->GetRasterDataType());
+        signed_ = signedBytes(band);
         int has = 0;
         const double value = band->GetNoDataValue(&has);
         if (conversion.nodata) {
@@ -136,19 +142,22 @@ class BandReader {
             if (d->GetRasterBand(b)->GetColorInterpretation() == GCI_AlphaBand) mask_ = d->GetRasterBand(b);
     }
 
-    // Reads rows [row, row + n) into values; ok[i] = 0 marks nodata.
+    // Reads rows [row, row + n) of the window into values; ok[i] = 0 marks nodata.
     void read(int row, int n, std::vector<double>& values, std::vector<uint8_t>& ok,
               const std::string& what) {
-        const int cols = band_->GetXSize();
+        const int cols = window_.cols, x = window_.col, y = window_.row + row;
         const size_t count = static_cast<size_t>(n) * static_cast<size_t>(cols);
         values.resize(count);
         ok.assign(count, 1);
         CPLErrorReset();
-        if (band_->RasterIO(GF_Read, 0, row, cols, n, values.data(), cols, n, GDT_Float64, 0, 0) != CE_None)
+        if (band_->RasterIO(GF_Read, x, y, cols, n, values.data(), cols, n, GDT_Float64, 0, 0) != CE_None)
             throw InputError(kExitInput, "cannot read " + what + ": " + QuietGdal::lastError());
+        if (signed_)
+            for (double& v : values)
+                if (v > 127) v -= 256;
         if (mask_ != nullptr) {
             std::vector<uint8_t> m(count);
-            if (mask_->RasterIO(GF_Read, 0, row, cols, n, m.data(), cols, n, GDT_Byte, 0, 0) != CE_None)
+            if (mask_->RasterIO(GF_Read, x, y, cols, n, m.data(), cols, n, GDT_Byte, 0, 0) != CE_None)
                 throw InputError(kExitInput, "cannot read " + what + ": " + QuietGdal::lastError());
             for (size_t i = 0; i < count; ++i)
                 if (m[i] == 0) ok[i] = 0;
@@ -169,8 +178,10 @@ class BandReader {
 
   private:
     GDALRasterBand* band_;
+    Window window_;
     GDALRasterBand* mask_ = nullptr;
     bool float_ = false;
+    bool signed_ = false;
     bool hasNodata_ = false;
     double nodata_ = 0;
 };
@@ -188,12 +199,12 @@ using Range = ValueRange;
 
 // The range of each band's data values (nodata excluded).
 std::vector<Range> bandRanges(const std::vector<GDALRasterBand*>& bands, const Conversion& conversion,
-                              const std::vector<bool>& wanted, const std::string& what) {
+                              const std::vector<bool>& wanted, const std::string& what, const Window& window) {
     std::vector<Range> ranges(bands.size());
-    const int rows = bands[0]->GetYSize(), cols = bands[0]->GetXSize();
+    const int rows = window.rows, cols = window.cols;
     const int step = chunkRows(bands[0], rows, cols);
     std::vector<BandReader> readers;
-    for (GDALRasterBand* b : bands) readers.emplace_back(b, conversion);
+    for (GDALRasterBand* b : bands) readers.emplace_back(b, conversion, window);
     std::vector<double> values;
     std::vector<uint8_t> ok;
     for (int row = 0; row < rows; row += step) {
@@ -231,12 +242,12 @@ Georeference georeference(GDALDataset& d) {
 // cleared in valid.  Maps (asMap) take floating-point values only when they
 // are whole numbers.
 void readCube(Raster& r, const std::vector<GDALRasterBand*>& bands, const Conversion& conversion,
-              const std::string& path, const std::string& role, bool asMap) {
+              const std::string& path, const std::string& role, bool asMap, const Window& window) {
     const std::string what = role + " " + quoted(path);
     r.cube = ImageFile<int>::newCube(r.bands, r.rows, r.cols);
     r.valid.assign(static_cast<size_t>(r.rows) * static_cast<size_t>(r.cols), 1);
     std::vector<BandReader> readers;
-    for (GDALRasterBand* b : bands) readers.emplace_back(b, conversion);
+    for (GDALRasterBand* b : bands) readers.emplace_back(b, conversion, window);
     const int step = chunkRows(bands[0], r.rows, r.cols);
     std::vector<double> values;
     std::vector<uint8_t> ok;
@@ -258,7 +269,7 @@ void readCube(Raster& r, const std::vector<GDALRasterBand*>& bands, const Conver
                         cell = 0;
                         continue;
                     }
-                    cell = toInteger(values[k], scaled, r.scale, row + i, c, origin);
+                    cell = toInteger(values[k], scaled, r.scale, window.row + row + i, window.col + c, origin);
                 }
         }
     }
@@ -311,6 +322,11 @@ Raster& Raster::operator=(Raster&& other) noexcept {
         scale = other.scale;
         hasFloatBands = other.hasFloatBands;
         driver = std::move(other.driver);
+        floatBand = std::move(other.floatBand);
+        colOffset = other.colOffset;
+        rowOffset = other.rowOffset;
+        fileRows = other.fileRows;
+        fileCols = other.fileCols;
     }
     return *this;
 }
@@ -339,33 +355,64 @@ bool isHraw(const std::string& path) {
     return values % bands == 0 && values / bands == plane;
 }
 
-Raster readImage(const std::string& path, const std::string& role, const Conversion& conversion) {
+Raster readImage(const std::string& path, const std::string& role, const Conversion& conversion,
+                 const Subset& subset) {
     QuietGdal quiet;
     Dataset d = open(path, role);
-    const std::vector<GDALRasterBand*> bands = valueBands(*d);
+    const std::string what = role + " " + quoted(path);
+    std::vector<GDALRasterBand*> bands = valueBands(*d);
+    if (!subset.bands.empty()) {
+        std::vector<GDALRasterBand*> chosen;
+        for (int b : subset.bands) {
+            if (b < 1 || b > d->GetRasterCount())
+                throw InputError(kExitInput, "--bands: " + what + " has no band " + std::to_string(b) + " (it has " +
+                                                 std::to_string(d->GetRasterCount()) + ")");
+            chosen.push_back(d->GetRasterBand(b));
+        }
+        bands = chosen;
+    }
     checkTypes(bands, path, role);
     Raster r;
+    r.fileRows = d->GetRasterYSize();
+    r.fileCols = d->GetRasterXSize();
+    Window window = wholeBand(bands[0]);
+    if (subset.hasWindow) {
+        if (subset.col < 0 || subset.row < 0 || subset.cols < 1 || subset.rows < 1 ||
+            static_cast<int64_t>(subset.col) + subset.cols > r.fileCols ||
+            static_cast<int64_t>(subset.row) + subset.rows > r.fileRows)
+            throw InputError(kExitInput, "--window " + std::to_string(subset.col) + " " +
+                                             std::to_string(subset.row) + " " + std::to_string(subset.cols) +
+                                             " " + std::to_string(subset.rows) + ": not inside " + what + ", " +
+                                             std::to_string(r.fileCols) + " columns by " +
+                                             std::to_string(r.fileRows) + " rows");
+        window = Window{subset.col, subset.row, subset.cols, subset.rows};
+    }
+    r.colOffset = window.col;
+    r.rowOffset = window.row;
     r.bands = static_cast<int>(bands.size());
-    r.rows = d->GetRasterYSize();
-    r.cols = d->GetRasterXSize();
+    r.rows = window.rows;
+    r.cols = window.cols;
     if (static_cast<int64_t>(r.bands) * r.rows * r.cols > std::numeric_limits<int32_t>::max())
-        throw InputError(kExitInput, role + " " + quoted(path) + ": too many values (" +
-                                         std::to_string(r.bands) + " x " + std::to_string(r.rows) + " x " +
-                                         std::to_string(r.cols) + ")");
+        throw InputError(kExitInput, what + ": too many values (" + std::to_string(r.bands) + " x " +
+                                         std::to_string(r.rows) + " x " + std::to_string(r.cols) + ")");
     r.driver = d->GetDriver()->GetDescription();
     r.geo = georeference(*d);
+    if (r.geo.hasTransform) {
+        // The window's first pixel is where the transform starts.
+        double* t = r.geo.transform;
+        t[0] += window.col * t[1] + window.row * t[2];
+        t[3] += window.col * t[4] + window.row * t[5];
+    }
 
-    std::vector<bool> floats;
-    for (GDALRasterBand* b : bands) floats.push_back(isFloat(b->GetRasterDataType()));
-    r.hasFloatBands = std::find(floats.begin(), floats.end(), true) != floats.end();
+    for (GDALRasterBand* b : bands) r.floatBand.push_back(isFloat(b->GetRasterDataType()));
+    r.hasFloatBands = std::find(r.floatBand.begin(), r.floatBand.end(), true) != r.floatBand.end();
     if (r.hasFloatBands)
-        r.scale = conversion.scale
-                      ? *conversion.scale
-                      : automaticScale(bandRanges(bands, conversion, floats, role + " " + quoted(path)));
+        r.scale = conversion.scale ? *conversion.scale
+                                   : automaticScale(bandRanges(bands, conversion, r.floatBand, what, window));
 
-    readCube(r, bands, conversion, path, role, false);
+    readCube(r, bands, conversion, path, role, false, window);
     if (std::find(r.valid.begin(), r.valid.end(), 1) == r.valid.end())
-        throw InputError(kExitInput, role + " " + quoted(path) + " holds only nodata pixels");
+        throw InputError(kExitInput, what + " holds only nodata pixels");
     if (std::find(r.valid.begin(), r.valid.end(), 0) == r.valid.end()) r.valid.clear();
     return r;
 }
@@ -378,63 +425,38 @@ Raster readMap(const std::string& path, const std::string& role, const Raster& i
     r.cols = d->GetRasterXSize();
     r.driver = d->GetDriver()->GetDescription();
     r.geo = georeference(*d);
-    if (r.rows != image.rows || r.cols != image.cols)
+    // The map covers the image's file; a window of the image is read from both.
+    const int fileRows = image.fileRows > 0 ? image.fileRows : image.rows;
+    const int fileCols = image.fileCols > 0 ? image.fileCols : image.cols;
+    if (r.rows != fileRows || r.cols != fileCols)
         throw InputError(kExitInput, role + " " + quoted(path) + " is " + std::to_string(r.rows) + " x " +
                                          std::to_string(r.cols) + " pixels but the image is " +
-                                         std::to_string(image.rows) + " x " + std::to_string(image.cols));
+                                         std::to_string(fileRows) + " x " + std::to_string(fileCols));
     const std::vector<GDALRasterBand*> bands = valueBands(*d);
     if (bands.size() != 1)
         throw InputError(kExitInput, role + " " + quoted(path) + " has " + std::to_string(bands.size()) +
                                          " bands; a one-band map is expected");
-    if (r.geo.hasTransform && image.geo.hasTransform && !sameTransform(r.geo.transform, image.geo.transform))
+    double imageTransform[6];
+    std::copy(image.geo.transform, image.geo.transform + 6, imageTransform);
+    if (image.geo.hasTransform) {
+        // Back to the file's own transform, which the map's should equal.
+        imageTransform[0] -= image.colOffset * imageTransform[1] + image.rowOffset * imageTransform[2];
+        imageTransform[3] -= image.colOffset * imageTransform[4] + image.rowOffset * imageTransform[5];
+    }
+    if (r.geo.hasTransform && image.geo.hasTransform && !sameTransform(r.geo.transform, imageTransform))
         throw InputError(kExitInput, role + " " + quoted(path) + " has the geotransform " +
                                          transformText(r.geo.transform) + " but the image has " +
-                                         transformText(image.geo.transform));
+                                         transformText(imageTransform));
     checkTypes(bands, path, role);
     r.bands = 1;
-    readCube(r, bands, Conversion(), path, role, true);
+    r.rows = image.rows;
+    r.cols = image.cols;
+    r.colOffset = image.colOffset;
+    r.rowOffset = image.rowOffset;
+    readCube(r, bands, Conversion(), path, role, true,
+             Window{image.colOffset, image.rowOffset, image.cols, image.rows});
     if (!noDataIsOutside || std::find(r.valid.begin(), r.valid.end(), 0) == r.valid.end()) r.valid.clear();
     return r;
-}
-
-std::string outputDriver(const std::string& name, const std::string& format) {
-    if (format.empty()) {
-        const std::string n = lower(name);
-        return endsWith(n, ".tif") || endsWith(n, ".tiff") ? "GTiff" : std::string();
-    }
-    if (lower(format) == "hraw") return std::string();
-    QuietGdal quiet;
-    GDALDriver* driver = GetGDALDriverManager()->GetDriverByName(format.c_str());
-    if (driver == nullptr || driver->GetMetadataItem(GDAL_DCAP_RASTER) == nullptr)
-        throw InputError(kExitUsage, "--format " + quoted(format) + ": no such GDAL raster driver");
-    if (driver->GetMetadataItem(GDAL_DCAP_CREATE) == nullptr &&
-        driver->GetMetadataItem(GDAL_DCAP_CREATECOPY) == nullptr)
-        throw InputError(kExitUsage,
-                         "--format " + quoted(format) + ": GDAL cannot write files with this driver");
-    // A trial write in memory shows whether the driver needs side files,
-    // which an output written under a temporary name and renamed cannot have.
-    GDALDriver* mem = GetGDALDriverManager()->GetDriverByName("MEM");
-    Dataset probe(mem->Create("", 1, 1, 1, GDT_Byte, nullptr));
-    const std::string trial = "/vsimem/dhc-format-probe";
-    Dataset written(driver->CreateCopy(trial.c_str(), probe.get(), FALSE, nullptr, nullptr, nullptr));
-    int count = 0;
-    if (written) {
-        char** list = written->GetFileList();
-        count = CSLCount(list);
-        CSLDestroy(list);
-        written.reset();
-    }
-    char** left = VSIReadDir("/vsimem/");
-    for (char** f = left; f != nullptr && *f != nullptr; ++f)
-        if (std::string(*f).rfind("dhc-format-probe", 0) == 0)
-            VSIUnlink(("/vsimem/" + std::string(*f)).c_str());
-    CSLDestroy(left);
-    if (count > 1)
-        throw InputError(kExitUsage,
-                         "--format " + quoted(format) +
-                             ": the driver writes more than one file; choose a one-file format such as "
-                             "GTiff");
-    return driver->GetDescription();
 }
 
 std::vector<TableColour> tableColours(const std::vector<int>& labels) {
@@ -448,79 +470,6 @@ std::vector<TableColour> tableColours(const std::vector<int>& labels) {
         table[static_cast<size_t>(v)] = {c.r, c.g, c.b};
     }
     return table;
-}
-
-void writeLabelMap(const std::string& path, const std::string& target, const std::string& driverName,
-                   const std::vector<int>& labels, int rows, int cols, const Georeference& geo,
-                   const std::vector<TableColour>& colours) {
-    QuietGdal quiet;
-    const int top = labels.empty() ? 0 : *std::max_element(labels.begin(), labels.end());
-    const GDALDataType type = top <= 255 ? GDT_Byte : top <= 65535 ? GDT_UInt16 : GDT_UInt32;
-    GDALDriver* mem = GetGDALDriverManager()->GetDriverByName("MEM");
-    GDALDriver* driver = GetGDALDriverManager()->GetDriverByName(driverName.c_str());
-    const std::string failed = "cannot write " + quoted(target);
-    if (mem == nullptr || driver == nullptr) throw InputError(kExitInput, failed + ": GDAL driver missing");
-    Dataset image(mem->Create("", cols, rows, 1, type, nullptr));
-    if (!image) throw InputError(kExitInput, failed + ": " + QuietGdal::lastError());
-    GDALRasterBand* band = image->GetRasterBand(1);
-    if (band->RasterIO(GF_Write, 0, 0, cols, rows, const_cast<int*>(labels.data()), cols, rows, GDT_Int32, 0,
-                       0) != CE_None)
-        throw InputError(kExitInput, failed + ": " + QuietGdal::lastError());
-    band->SetNoDataValue(0);
-    if (type != GDT_UInt32) {
-        GDALColorTable table;
-        for (int v = 0; v <= top; ++v) {
-            const TableColour c =
-                static_cast<size_t>(v) < colours.size() ? colours[static_cast<size_t>(v)] : TableColour();
-            const GDALColorEntry e{c.r, c.g, c.b, 255};
-            table.SetColorEntry(v, &e);
-        }
-        band->SetColorTable(&table);
-        band->SetColorInterpretation(GCI_PaletteIndex);
-    }
-    if (geo.hasTransform) image->SetGeoTransform(const_cast<double*>(geo.transform));
-    if (!geo.crs.empty()) image->SetProjection(geo.crs.c_str());
-    if (!geo.metadata.empty()) {
-        std::vector<char*> md;
-        for (const std::string& m : geo.metadata) md.push_back(const_cast<char*>(m.c_str()));
-        md.push_back(nullptr);
-        image->SetMetadata(md.data());
-    }
-
-    CPLStringList options;
-    if (driverName == "GTiff") {
-        options.SetNameValue("TILED", "YES");
-        options.SetNameValue("COMPRESS", "DEFLATE");
-    }
-    // Nothing but the file itself: no .aux.xml beside it.
-    CPLSetThreadLocalConfigOption("GDAL_PAM_ENABLED", "NO");
-    std::vector<std::string> written;
-    bool ok = false;
-    {
-        Dataset out(driver->CreateCopy(path.c_str(), image.get(), FALSE, options.List(), nullptr, nullptr));
-        if (out) {
-            char** files = out->GetFileList();
-            for (char** f = files; f != nullptr && *f != nullptr; ++f) written.emplace_back(*f);
-            CSLDestroy(files);
-            ok = true;
-        }
-        // Closing flushes the last blocks: a failure there is a failed write.
-        CPLErrorReset();
-        out.reset();
-        if (CPLGetLastErrorType() == CE_Failure || CPLGetLastErrorType() == CE_Fatal) ok = false;
-    }
-    CPLSetThreadLocalConfigOption("GDAL_PAM_ENABLED", nullptr);
-    const std::string error = QuietGdal::lastError();
-    std::vector<std::string> sideFiles;
-    for (const std::string& f : written)
-        if (f != path) sideFiles.push_back(f);
-    for (const char* ext : {".aux.xml", ".ovr", ".msk"}) std::remove((path + ext).c_str());
-    for (const std::string& f : sideFiles) std::remove(f.c_str());
-    if (!ok) throw InputError(kExitInput, failed + ": " + error);
-    if (!sideFiles.empty())
-        throw InputError(kExitInput,
-                         failed + ": the " + driverName +
-                             " driver writes more than one file; choose a one-file format such as GTiff");
 }
 
 void printInfo(const std::string& path, std::ostream& out) {
@@ -537,7 +486,8 @@ void printInfo(const std::string& path, std::ostream& out) {
     std::string types;
     std::vector<bool> floats, all(bands.size(), true);
     for (size_t b = 0; b < bands.size(); ++b) {
-        const std::string t = GDALGetDataTypeName(bands[b]->GetRasterDataType());
+        const std::string t =
+            signedBytes(bands[b]) ? std::string("Int8") : GDALGetDataTypeName(bands[b]->GetRasterDataType());
         if (types.find(t) == std::string::npos) types += (types.empty() ? "" : ", ") + t;
         floats.push_back(isFloat(bands[b]->GetRasterDataType()));
     }
@@ -570,7 +520,8 @@ void printInfo(const std::string& path, std::ostream& out) {
     out << "crs: " << crs << "\n";
     out << "geotransform: " << (geo.hasTransform ? transformText(geo.transform) : std::string("none"))
         << "\n";
-    const std::vector<Range> ranges = bandRanges(bands, Conversion(), all, "file " + quoted(path));
+    const std::vector<Range> ranges =
+        bandRanges(bands, Conversion(), all, "file " + quoted(path), wholeBand(bands[0]));
     bool anyFloat = false;
     for (bool f : floats) anyFloat = anyFloat || f;
     if (anyFloat) {

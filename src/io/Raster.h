@@ -36,6 +36,13 @@ struct Conversion {
     std::optional<double> nodata;  // --nodata: replaces every band's own nodata value
 };
 
+// The part of a raster to read: some of its bands, a window of its pixels.
+struct Subset {
+    std::vector<int> bands;  // 1-based band numbers, in the order wanted; empty: every value band
+    bool hasWindow = false;  // a window: columns [col, col + cols), rows [row, row + rows)
+    int col = 0, row = 0, cols = 0, rows = 0;
+};
+
 // A bands x rows x cols integer cube read from a raster: cube[band][row][col],
 // owned (released with the object).  valid marks, row-major, the pixels that
 // hold data in every band; it is empty when every pixel does.
@@ -55,6 +62,10 @@ class Raster {
     double scale = 1;            // the factor applied to floating-point bands
     bool hasFloatBands = false;  // whether scale was used
     std::string driver;          // GDAL's short driver name, "hraw" for hraw files
+    std::vector<bool> floatBand;  // per band, whether it was floating point (scaled)
+    // Where the cube lies in the file read: its first column and row, and
+    // the file's size (maps of the image are read through the same window).
+    int colOffset = 0, rowOffset = 0, fileRows = 0, fileCols = 0;
 
   private:
     void release();
@@ -64,19 +75,18 @@ class Raster {
 // whose sizes match the file's length.  Such files are read without GDAL.
 bool isHraw(const std::string& path);
 
-// Reads the image through GDAL.  role names the file in messages ("image").
-Raster readImage(const std::string& path, const std::string& role, const Conversion& conversion);
+// Reads the image (or the subset of it) through GDAL.  role names the file in
+// messages ("image").  The georeference of a window is the window's own.
+// Signed bytes (GeoTIFF's PIXELTYPE=SIGNEDBYTE, GDAL's Int8) are read as signed.
+Raster readImage(const std::string& path, const std::string& role, const Conversion& conversion,
+                 const Subset& subset = Subset());
 
 // Reads a one-band integer map (mask, initial segmentation, ground truth)
-// through GDAL and checks it against the image: same rows and columns, and the
-// same geotransform when both carry one.  Its nodata pixels are cleared from
-// valid when noDataIsOutside, else read as 0.
+// through GDAL and checks it against the image: the size of the image's file,
+// read through the image's window, and the same geotransform when both carry
+// one.  Its nodata pixels are cleared from valid when noDataIsOutside, else
+// read as 0.
 Raster readMap(const std::string& path, const std::string& role, const Raster& image, bool noDataIsOutside);
-
-// The GDAL driver to write outputs with: format when given (a driver name),
-// else GTiff for names ending in .tif or .tiff; empty for hraw.  Throws an
-// InputError (usage) for a driver that does not exist or cannot create files.
-std::string outputDriver(const std::string& name, const std::string& format);
 
 // An RGB colour of a label-map colour table.
 struct TableColour {
@@ -86,16 +96,6 @@ struct TableColour {
 // The colour table of a label map: the colours of its PNG picture (and of
 // the tree picture), by label value.
 std::vector<TableColour> tableColours(const std::vector<int>& labels);
-
-// Writes a label map (rows x cols, row-major, 0 = outside the region of
-// interest) to path with driver, as the smallest unsigned type that holds its
-// labels, nodata 0, georeferenced like geo.  colours[v] is the colour of label
-// v (used for 8- and 16-bit maps).  GTiff is tiled and DEFLATE-compressed.
-// Only path itself is written: a driver that would add side files is refused
-// and they are removed.  target names the file in messages.
-void writeLabelMap(const std::string& path, const std::string& target, const std::string& driver,
-                   const std::vector<int>& labels, int rows, int cols, const Georeference& geo,
-                   const std::vector<TableColour>& colours);
 
 // Ground area of one pixel in square metres: the image has a geotransform
 // and a projected coordinate system (its linear unit converted to metres);

@@ -49,6 +49,11 @@ void expectNestedCuts(const dhc::Hierarchy& h, const DHC_OUT& out) {
         SCOPED_TRACE("cut after " + std::to_string(k) + " splits");
         const std::vector<int> band = h.cut(k);
         ASSERT_EQ(band.size(), final.size());
+        // Read a few rows at a time, as the writers read it, it is the same map.
+        std::vector<int> blocks(band.size(), -1);
+        for (int row = 0; row < h.rows(); row += 3)
+            h.cutRows(k, row, std::min(3, h.rows() - row), blocks.data() + static_cast<size_t>(row) * h.cols());
+        EXPECT_EQ(blocks, band);
         const std::map<int, int> count = areas(band);
         EXPECT_EQ(static_cast<int>(count.size()), h.leavesAfter(k));
         for (const auto& [label, area] : count) EXPECT_EQ(area, h.node(label).area) << "label " << label;
@@ -105,6 +110,30 @@ TEST(HierarchyCuts, BinaryGainDrivenCutsAreTheRunsStoppedEarlier) {
     const std::vector<int> stack = h.levels();
     ASSERT_EQ(stack.size(), map.size() * 6);
     EXPECT_TRUE(std::equal(map.begin(), map.end(), stack.begin() + 2 * map.size()));
+}
+
+TEST(HierarchyCuts, RelabellingNumbersTheClassesInAscendingOrder) {
+    std::vector<int> map = {0, 13, 3, 3, 7, 0, 13, 42};
+    const std::vector<int> classes = dhc::relabelConsecutive(map);
+    EXPECT_EQ(map, (std::vector<int>{0, 3, 1, 1, 2, 0, 3, 4}));
+    EXPECT_EQ(classes, (std::vector<int>{3, 7, 13, 42}));
+    std::vector<int> outside = {0, 0};
+    EXPECT_TRUE(dhc::relabelConsecutive(outside).empty());
+    EXPECT_EQ(outside, (std::vector<int>{0, 0}));
+
+    // On a run: the same partition, and class k is the k-th smallest label of the cut.
+    Scene scene = sixBlocks();
+    std::unique_ptr<DHC_SET> s = gainSettings(2, 8);
+    SceneRun r = run(scene, *s);
+    const dhc::Hierarchy h = dhc::Hierarchy::fromRun(r.out, *s);
+    const std::vector<int> cut = h.cut(h.splits());
+    std::vector<int> relabelled = cut;
+    const std::vector<int> labels = dhc::relabelConsecutive(relabelled);
+    EXPECT_EQ(static_cast<int>(labels.size()), h.leavesAfter(h.splits()));
+    EXPECT_TRUE(std::is_sorted(labels.begin(), labels.end()));
+    for (size_t i = 0; i < cut.size(); ++i)
+        ASSERT_EQ(cut[i], relabelled[i] == 0 ? 0 : labels[static_cast<size_t>(relabelled[i] - 1)]);
+    EXPECT_THROW(h.cutRows(0, h.rows() - 1, 2, relabelled.data()), dhc::HierarchyError);
 }
 
 TEST(HierarchyCuts, OtherStrategiesGiveNestedCutsEndingInTheFinalMap) {

@@ -2,11 +2,14 @@
 // outputs read back with it, labels compared with runs on the same data as
 // hraw.
 
+#include <cpl_vsi.h>
 #include <gdal_priv.h>
 #include <ogr_spatialref.h>
+#include <ogrsf_frmts.h>
 
 #include <cmath>
 #include <csignal>
+#include <sys/resource.h>
 #include <functional>
 #include <limits>
 #include <map>
@@ -433,6 +436,380 @@ TEST_F(BadRaster, InterruptedRunLeavesNothing) {
     EXPECT_EQ(after, before);
 }
 
+// ---------------------------------------------------------------------------
+// Outputs through GDAL's drivers.
+
+// The settings of the output tests: a handful of classes whatever the defaults.
+const Args kFewClasses = {"--set", "UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=5", "--set",
+                          "UNSUPERVISED_MODE_CONF.SplitGainThreshold=0.05"};
+
+Args with(Args args, const Args& more) {
+    args.insert(args.end(), more.begin(), more.end());
+    return args;
+}
+
+TEST_F(Raster, EveryRasterOutputGoesThroughTheDriverOfItsName) {
+    writeRaster("scene.tif", Layout(), scene.bands, kSide, kSide, sceneValues());
+    segment(with({"segment", "scene.tif", "-o", "labels.hraw", "--levels", "levels.hraw", "-q"}, kFewClasses));
+    const Hraw labels = readHraw("labels.hraw"), stack = readHraw("levels.hraw");
+    ASSERT_GE(stack.bands, 3);
+    segment(with({"segment", "scene.tif", "-o", "labels.png", "--levels", "levels.tif", "-q"}, kFewClasses));
+
+    // -o x.png is a PNG with the labels and a colour table up to the largest label.
+    Dataset png = open("labels.png");
+    ASSERT_TRUE(png);
+    EXPECT_STREQ(png->GetDriver()->GetDescription(), "PNG");
+    EXPECT_EQ(band("labels.png"), labels.values);
+    const int top = *std::max_element(labels.values.begin(), labels.values.end());
+    ASSERT_NE(png->GetRasterBand(1)->GetColorTable(), nullptr);
+    EXPECT_EQ(png->GetRasterBand(1)->GetColorTable()->GetColorEntryCount(), top + 1);
+
+    // --levels x.tif: one band per cut, the hraw stack's bands, the image's place on the ground.
+    Dataset levels = open("levels.tif");
+    ASSERT_TRUE(levels);
+    ASSERT_EQ(levels->GetRasterCount(), stack.bands);
+    for (int b = 0; b < stack.bands; ++b) {
+        SCOPED_TRACE("band " + std::to_string(b + 1));
+        const std::vector<int32_t> want(stack.values.begin() + b * kSide * kSide,
+                                        stack.values.begin() + (b + 1) * kSide * kSide);
+        EXPECT_EQ(band("levels.tif", b + 1), want);
+        EXPECT_EQ(levels->GetRasterBand(b + 1)->GetDescription(),
+                  "cut after " + std::to_string(b) + (b == 1 ? " split, " : " splits, ") +
+                      std::to_string(distinctLabels(want).size()) + (b == 0 ? " class" : " classes"));
+    }
+    double transform[6];
+    ASSERT_EQ(levels->GetGeoTransform(transform), CE_None);
+    for (int i = 0; i < 6; ++i) EXPECT_EQ(transform[i], kTransform[i]);
+    OGRSpatialReference expected;
+    expected.importFromEPSG(32725);
+    ASSERT_NE(levels->GetSpatialRef(), nullptr);
+    EXPECT_TRUE(levels->GetSpatialRef()->IsSame(&expected));
+
+    // Every raster says what made it and how.
+    for (const char* name : {"labels.png", "levels.tif"}) {
+        SCOPED_TRACE(name);
+        Dataset d = open(name);
+        ASSERT_TRUE(d);
+        if (std::string(name) != "labels.png") {
+            EXPECT_STREQ(d->GetMetadataItem("DHC_VERSION"), DHC_VERSION_TEXT);
+            EXPECT_STREQ(d->GetMetadataItem("TIFFTAG_SOFTWARE"), "dhc " DHC_VERSION_TEXT);
+            const char* settings = d->GetMetadataItem("DHC_SETTINGS");
+            ASSERT_NE(settings, nullptr);
+            EXPECT_NE(std::string(settings).find("\"maxNumberOfClasses\":5"), std::string::npos) << settings;
+        }
+    }
+
+    // --format and --co reach every raster output; another driver by extension.
+    segment(with({"segment", "scene.tif", "-o", "labels.img", "-q"}, kFewClasses));
+    segment(with({"segment", "scene.tif", "-o", "labels.tif", "--levels", "levels.tiff", "--co", "COMPRESS=LZW", "-q"},
+                 kFewClasses));
+    Dataset hfa = open("labels.img");
+    ASSERT_TRUE(hfa);
+    EXPECT_STREQ(hfa->GetDriver()->GetDescription(), "HFA");
+    EXPECT_EQ(band("labels.img"), labels.values);
+    Dataset lzw = open("levels.tiff");
+    ASSERT_TRUE(lzw);
+    EXPECT_STREQ(lzw->GetMetadataItem("COMPRESSION", "IMAGE_STRUCTURE"), "LZW");
+    EXPECT_EQ(band("levels.tiff", stack.bands), band("labels.img"));
+}
+
+TEST_F(Raster, RelabelNumbersTheClassesFromOneAndTheTreeKeepsTheirRegions) {
+    segment(with({"segment", "scene.hraw", "-o", "regions.hraw", "-q"}, kFewClasses));
+    segment(with({"segment", "scene.hraw", "-o", "classes.tif", "--relabel", "--tree", "tree.json", "-q"},
+                 kFewClasses));
+    const std::vector<int32_t> regions = readHraw("regions.hraw").values, classes = band("classes.tif");
+    const std::vector<int32_t> present = distinctLabels(classes);
+    ASSERT_GE(present.size(), 2u);
+    EXPECT_EQ(present.front(), 1);
+    EXPECT_EQ(present.back(), static_cast<int32_t>(present.size()));  // 1..K, none missing
+    // Class k is the k-th smallest region label: the mapping the tree records.
+    const std::vector<int32_t> labels = distinctLabels(regions);
+    std::ifstream in(path("tree.json"));
+    const std::string json((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::string listed;
+    for (size_t k = 0; k < labels.size(); ++k) listed += (k ? "," : "") + std::to_string(labels[k]);
+    std::string compact;
+    for (char c : json)
+        if (!std::isspace(static_cast<unsigned char>(c))) compact += c;
+    EXPECT_NE(compact.find("\"relabel\":{\"order\":\"ascendingregionlabel\",\"classes\":[" + listed + "]}"),
+              std::string::npos);
+    for (size_t i = 0; i < regions.size(); ++i)
+        ASSERT_EQ(regions[i], classes[i] == 0 ? 0 : labels[static_cast<size_t>(classes[i] - 1)]) << i;
+}
+
+TEST_F(Raster, InputsThroughVirtualFileSystemsBandsAndWindows) {
+    writeRaster("scene.tif", Layout(), scene.bands, kSide, kSide, sceneValues());
+    segment(with({"segment", "scene.tif", "-o", "plain.hraw", "-q"}, kFewClasses));
+
+    // The same file inside a zip archive, written through GDAL's own /vsizip/.
+    {
+        const std::string bytes = read("scene.tif");
+        VSILFILE* f = VSIFOpenL(("/vsizip/" + path("scene.zip") + "/scene.tif").c_str(), "wb");
+        ASSERT_NE(f, nullptr);
+        ASSERT_EQ(VSIFWriteL(bytes.data(), 1, bytes.size(), f), bytes.size());
+        VSIFCloseL(f);
+    }
+    segment(with({"segment", "/vsizip/scene.zip/scene.tif", "-o", "zipped.hraw", "-q"}, kFewClasses));
+    EXPECT_EQ(read("zipped.hraw"), read("plain.hraw"));
+    const Result missing = dhc({"segment", "/vsizip/scene.zip/none.tif", "-o", "x.hraw", "-q"});
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_EQ(missing.err,
+              "dhc: cannot open image \"/vsizip/scene.zip/none.tif\": no such file in GDAL's virtual file "
+              "systems\n");
+
+    // --bands and --window give what a file of just those bands and pixels gives;
+    // the outputs lie where the window lies, and a mask is read through the window.
+    constexpr int kCol = 5, kRow = 9, kCols = 40, kRows = 30;
+    ASSERT_GE(scene.bands, 3);
+    std::vector<double> part;
+    for (int b : {3, 1})
+        for (int r = kRow; r < kRow + kRows; ++r)
+            for (int c = kCol; c < kCol + kCols; ++c) part.push_back(scene.values[(b - 1) * kSide * kSide + r * kSide + c]);
+    writeRaster("part.tif", Layout(), 2, kRows, kCols, part);
+    std::vector<double> ones(kSide * kSide, 1);
+    writeRaster("mask.tif", Layout(), 1, kSide, kSide, ones);
+    segment(with({"segment", "part.tif", "-o", "part.hraw", "-q"}, kFewClasses));
+    segment(with({"segment", "scene.tif", "-o", "window.tif", "--bands", "3,1", "--window", std::to_string(kCol),
+                  std::to_string(kRow), std::to_string(kCols), std::to_string(kRows), "--mask", "mask.tif", "-q"},
+                 kFewClasses));
+    EXPECT_EQ(band("window.tif"), readHraw("part.hraw").values);
+    Dataset window = open("window.tif");
+    ASSERT_TRUE(window);
+    EXPECT_EQ(window->GetRasterXSize(), kCols);
+    EXPECT_EQ(window->GetRasterYSize(), kRows);
+    double t[6];
+    ASSERT_EQ(window->GetGeoTransform(t), CE_None);
+    EXPECT_EQ(t[0], kTransform[0] + kCol * kTransform[1]);
+    EXPECT_EQ(t[3], kTransform[3] + kRow * kTransform[5]);
+
+    const std::pair<Args, std::string> refused[] = {
+        {{"--bands", "1,9"}, "dhc: --bands: image \"scene.tif\" has no band 9 (it has " +
+                                 std::to_string(scene.bands) + ")\n"},
+        {{"--window", "60", "0", "10", "10"},
+         "dhc: --window 60 0 10 10: not inside image \"scene.tif\", 64 columns by 64 rows\n"},
+    };
+    for (const auto& [extra, message] : refused) {
+        const Result run = dhc(with({"segment", "scene.tif", "-o", "x.tif", "-q"}, extra));
+        EXPECT_EQ(run.status, 1);
+        EXPECT_EQ(run.err, message);
+    }
+    const Result hraw = dhc({"segment", "scene.hraw", "-o", "x.tif", "--bands", "1", "-q"});
+    EXPECT_EQ(hraw.status, 2);
+    EXPECT_EQ(hraw.err, "dhc: --bands reads through GDAL: \"scene.hraw\" is an hraw file, which is read whole\n");
+}
+
+TEST_F(Raster, SignedBytesAreReadAsSigned) {
+    // The scene's bands brought into -100..100: as signed bytes and as hraw.
+    Hraw small = scene;
+    for (int b = 0; b < scene.bands; ++b) {
+        const auto first = small.values.begin() + b * kSide * kSide, end = first + kSide * kSide;
+        const auto [lo, hi] = std::minmax_element(first, end);
+        const int32_t low = *lo, span = std::max(1, *hi - *lo);
+        for (auto v = first; v != end; ++v) *v = (*v - low) * 200 / span - 100;
+    }
+    writeHraw("small.hraw", small);
+    {
+        GDALDriver* gtiff = GetGDALDriverManager()->GetDriverByName("GTiff");
+        char** options = CSLSetNameValue(nullptr, "PIXELTYPE", "SIGNEDBYTE");
+        // Four bytes per pixel are not red, green, blue and alpha here.
+        options = CSLSetNameValue(options, "PHOTOMETRIC", "MINISBLACK");
+        options = CSLSetNameValue(options, "ALPHA", "NO");
+        Dataset d(gtiff->Create(path("signed.tif").c_str(), kSide, kSide, small.bands, GDT_Byte, options));
+        CSLDestroy(options);
+        ASSERT_TRUE(d);
+        for (int b = 0; b < small.bands; ++b) {
+            std::vector<uint8_t> bytes;  // two's complement, as the file stores them
+            for (int i = 0; i < kSide * kSide; ++i)
+                bytes.push_back(static_cast<uint8_t>(small.values[b * kSide * kSide + i] & 0xff));
+            ASSERT_EQ(d->GetRasterBand(b + 1)->RasterIO(GF_Write, 0, 0, kSide, kSide, bytes.data(), kSide, kSide,
+                                                        GDT_Byte, 0, 0),
+                      CE_None);
+        }
+    }
+    segment({"info", "signed.tif"});
+    EXPECT_NE(last.out.find("\ntype: Int8\n"), std::string::npos) << last.out;
+    EXPECT_NE(last.out.find("\nband 1: -100 100\n"), std::string::npos) << last.out;
+    segment(with({"segment", "small.hraw", "-o", "expected.hraw", "-q"}, kFewClasses));
+    segment(with({"segment", "signed.tif", "-o", "labels.hraw", "-q"}, kFewClasses));
+    EXPECT_TRUE(read("labels.hraw") == read("expected.hraw"));
+}
+
+TEST_F(Raster, FullDeviceIsSaidToBeFull) {
+    for (const char* format : {"GTiff", "COG"}) {
+        SCOPED_TRACE(format);
+        const Result run = dhc(with({"segment", "scene.hraw", "-o", "/dev/full", "--format", format, "-q"}, kFewClasses));
+        EXPECT_EQ(run.status, 1);
+        EXPECT_EQ(run.err, "dhc: cannot write \"/dev/full\": the device is full (No space left on device)\n");
+    }
+}
+
+TEST_F(BadRaster, OutputsNoDriverCanWriteAreRefusedBeforeTheImageIsRead) {
+    // The image does not exist: each refusal comes before it is looked at.
+    const std::pair<Args, std::string> usage[] = {
+        {{"-o", "labels.tif", "--format", "GeoJSON"}, "--format \"GeoJSON\": a vector driver; it cannot write a label map"},
+        {{"-o", "labels.geojson"},
+         "-o \"labels.geojson\": .geojson is a vector format; a label map needs a raster format (.tif, .png, ...) "
+         "or --format"},
+        {{"-o", "labels.jpg"},
+         "-o \"labels.jpg\": the JPEG driver compresses with loss here and would change the labels"},
+        {{"-o", "labels.tif", "--co", "COMPRESS=JPEG"},
+         "-o \"labels.tif\": the GTiff driver compresses with loss here and would change the labels"},
+        {{"-o", "labels.tif", "--levels", "levels.png"},
+         "--levels \"levels.png\": the PNG driver cannot write one band per cut (PNG driver doesn't support 16 "
+         "bands. Must be 1 (grey), 2 (grey+alpha), 3 (rgb) or 4 (rgba) bands)"},
+        {{"-o", "labels.tif", "--co", "COMPRESS=NOPE"},
+         "--co: 'NOPE' is an unexpected value for COMPRESS creation option of type string-select"},
+        {{"-o", "labels.tif", "--co", "COMPRESS"}, "--co COMPRESS: must be KEY=VALUE (a GDAL creation option)"},
+        {{"-o", "labels.tif", "--polygons", "pieces.shp"},
+         "--polygons \"pieces.shp\": the ESRI Shapefile driver writes more than one file; choose a one-file format "
+         "such as .gpkg, or .shz for a zipped Shapefile"},
+        {{"-o", "labels.tif", "--polygons", "pieces.png"},
+         "--polygons \"pieces.png\": no GDAL vector driver writes .png files (try .gpkg, .geojson, .fgb or .shz)"},
+        {{"-o", "labels.img", "--co", "COMPRESS=LZW"},
+         "--co: 'LZW' is an unexpected value for COMPRESS creation option of type boolean"},
+        {{"-o", "labels.tif", "--sieve", "4"}, "--sieve applies to the polygons: give --polygons FILE"},
+    };
+    for (const auto& [args, message] : usage) expectRefused(with({"segment", "missing.tif"}, args), message, 2);
+}
+
+// Pieces, 8-connected, of a map computed here: per piece its label and pixels.
+std::vector<std::pair<int32_t, std::vector<size_t>>> piecesOf(const std::vector<int32_t>& map, int rows, int cols) {
+    std::vector<std::pair<int32_t, std::vector<size_t>>> out;
+    std::vector<char> seen(map.size(), 0);
+    for (size_t s = 0; s < map.size(); ++s) {
+        if (map[s] == 0 || seen[s]) continue;
+        out.push_back({map[s], {}});
+        std::vector<size_t> todo{s};
+        seen[s] = 1;
+        while (!todo.empty()) {
+            const size_t k = todo.back();
+            todo.pop_back();
+            out.back().second.push_back(k);
+            const int r = static_cast<int>(k) / cols, c = static_cast<int>(k) % cols;
+            for (int nr = r - 1; nr <= r + 1; ++nr)
+                for (int nc = c - 1; nc <= c + 1; ++nc) {
+                    if (nr < 0 || nr >= rows || nc < 0 || nc >= cols) continue;
+                    const size_t n = static_cast<size_t>(nr * cols + nc);
+                    if (!seen[n] && map[n] == map[s]) {
+                        seen[n] = 1;
+                        todo.push_back(n);
+                    }
+                }
+        }
+    }
+    return out;
+}
+
+TEST_F(Raster, PolygonsArePiecesWithTheirAreasAndMeans) {
+    // A region of interest without its top rows: the polygons cover just it.
+    constexpr int kOutside = 8;
+    writeRaster("scene.tif", Layout(), scene.bands, kSide, kSide, sceneValues());
+    std::vector<double> half;
+    for (int i = 0; i < kSide * kSide; ++i) half.push_back(i / kSide >= kOutside ? 1 : 0);
+    writeRaster("mask.tif", Layout(), 1, kSide, kSide, half);
+    for (const std::string name : {"pieces.gpkg", "pieces.geojson"}) {
+        SCOPED_TRACE(name);
+        segment(with({"segment", "scene.tif", "--mask", "mask.tif", "-o", "labels.tif", "--polygons", name, "-q"},
+                     kFewClasses));
+        const std::vector<int32_t> labels = band("labels.tif");
+        const auto expected = piecesOf(labels, kSide, kSide);
+        const std::vector<int32_t> classes = distinctLabels(labels);
+        Dataset d(GDALDataset::Open(path(name).c_str(), GDAL_OF_VECTOR | GDAL_OF_READONLY));
+        ASSERT_TRUE(d);
+        OGRLayer* layer = d->GetLayer(0);
+        ASSERT_NE(layer, nullptr);
+        EXPECT_EQ(layer->GetFeatureCount(), static_cast<GIntBig>(expected.size()));
+        // Per label: pixels and, per band, the sum of the image's values.
+        std::map<int32_t, std::vector<double>> sums, fromPolygons;
+        for (const auto& [label, pixels] : expected) {
+            std::vector<double>& s = sums[label];
+            s.resize(static_cast<size_t>(scene.bands) + 1);
+            s[0] += static_cast<double>(pixels.size());
+            for (int b = 0; b < scene.bands; ++b)
+                for (size_t k : pixels) s[static_cast<size_t>(b) + 1] += scene.values[b * kSide * kSide + k];
+        }
+        long area = 0;
+        layer->ResetReading();
+        for (OGRFeature* raw; (raw = layer->GetNextFeature()) != nullptr;) {
+            std::unique_ptr<OGRFeature> f(raw);
+            const int32_t label = f->GetFieldAsInteger("label");
+            const long pixels = static_cast<long>(f->GetFieldAsInteger64("area_px"));
+            area += pixels;
+            const auto k = std::find(classes.begin(), classes.end(), label);
+            ASSERT_NE(k, classes.end()) << label;
+            EXPECT_EQ(f->GetFieldAsInteger("class"), k - classes.begin() + 1);
+            EXPECT_DOUBLE_EQ(f->GetFieldAsDouble("area"), pixels * 30.0 * 30.0);
+            ASSERT_NE(f->GetGeometryRef(), nullptr);
+            EXPECT_DOUBLE_EQ(f->GetGeometryRef()->toPolygon()->get_Area(), pixels * 30.0 * 30.0);
+            std::vector<double>& s = fromPolygons[label];
+            s.resize(static_cast<size_t>(scene.bands) + 1);
+            s[0] += pixels;
+            for (int b = 0; b < scene.bands; ++b)
+                s[static_cast<size_t>(b) + 1] += f->GetFieldAsDouble(("mean_" + std::to_string(b + 1)).c_str()) * pixels;
+        }
+        EXPECT_EQ(area, (kSide - kOutside) * kSide);
+        ASSERT_EQ(fromPolygons.size(), sums.size());
+        for (const auto& [label, s] : sums)
+            for (size_t i = 0; i < s.size(); ++i) EXPECT_NEAR(fromPolygons[label][i], s[i], 1e-6 * (1 + s[i]));
+    }
+
+    // --sieve: no piece under the threshold is left, the area is the same, and the file says so.
+    segment(with({"segment", "scene.tif", "-o", "labels.tif", "--polygons", "sieved.gpkg", "--sieve", "30", "-q"},
+                 kFewClasses));
+    const auto before = piecesOf(band("labels.tif"), kSide, kSide);
+    Dataset d(GDALDataset::Open(path("sieved.gpkg").c_str(), GDAL_OF_VECTOR | GDAL_OF_READONLY));
+    ASSERT_TRUE(d);
+    OGRLayer* layer = d->GetLayer(0);
+    EXPECT_LE(layer->GetFeatureCount(), static_cast<GIntBig>(before.size()));
+    long area = 0;
+    for (OGRFeature* raw; (raw = layer->GetNextFeature()) != nullptr;) {
+        std::unique_ptr<OGRFeature> f(raw);
+        EXPECT_GE(f->GetFieldAsInteger64("area_px"), 30);
+        area += static_cast<long>(f->GetFieldAsInteger64("area_px"));
+    }
+    EXPECT_EQ(area, kSide * kSide);
+    EXPECT_STREQ(d->GetMetadataItem("DHC_SIEVE"), "30");
+    EXPECT_STREQ(layer->GetMetadataItem("DHC_SIEVE"), "30");
+}
+
+class LevelsMemory : public Raster {
+  protected:
+    // Runs the tool to its end; its peak resident memory in KiB.
+    long peak(const Args& args) {
+        const pid_t pid = start(args);
+        int status = 0;
+        struct rusage usage;
+        if (pid <= 0 || ::wait4(pid, &status, 0, &usage) != pid) return -1;
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << read(".stderr");
+        return usage.ru_maxrss;
+    }
+};
+
+// Every cut of a tree of some two thousand classes: the stack of cuts is 80 MB
+// as hraw, but it is written a band at a time.
+TEST_F(LevelsMemory, EveryCutIsWrittenWithTheMemoryOfOneBand) {
+    constexpr int kSide100 = 100;
+    ASSERT_EQ(dhc({"-o", "big.hraw", "--rows", std::to_string(kSide100), "--cols", std::to_string(kSide100)},
+                  DHC_SCENE_PATH)
+                  .status,
+              0);
+    const Args many = {"segment", "big.hraw", "-o", "labels.hraw", "-q", "--threads", "1",
+                       "--set", "UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=1000000",
+                       "--set", "UNSUPERVISED_MODE_CONF.SplitGainThreshold=-1e9",
+                       "--set", "UNSUPERVISED_MODE_CONF.MinRegionArea=1"};
+    const long without = peak(many);
+    const long withLevels = peak(with(many, {"--levels", "levels.hraw"}));
+    const Hraw stack = readHraw("levels.hraw");
+    ASSERT_GT(stack.bands, 1000);
+    const long stackKiB = static_cast<long>(stack.values.size() * sizeof(int32_t) / 1024);
+    EXPECT_LT(withLevels - without, stackKiB / 4) << "peak " << withLevels << " KiB with --levels, " << without
+                                            << " KiB without; the stack of cuts is " << stackKiB << " KiB";
+    // The last band is the label map.
+    const Hraw labels = readHraw("labels.hraw");
+    EXPECT_TRUE(std::equal(labels.values.begin(), labels.values.end(),
+                           stack.values.end() - static_cast<long>(labels.values.size())));
+}
+
 TEST_F(Raster, LandsatSceneFollowsTheGround) {
     // Landsat-7 ETM+, 6 bands, 349 x 352, UTM zone 25S; the sea lies on the east side.
     segment({"segment", DHC_LANDSAT_PATH, "-o", "landsat.tif", "-q", "--set",
@@ -462,6 +839,22 @@ TEST_F(Raster, LandsatSceneFollowsTheGround) {
         std::ostringstream line;
         line << "\nband " << k << ": " << range[0] << " " << range[1] << "\n";
         EXPECT_NE(last.out.find(line.str()), std::string::npos) << line.str();
+    }
+
+    // The same map as a Cloud Optimized GeoTIFF: overviews, and GDAL's own validator content.
+    segment({"segment", DHC_LANDSAT_PATH, "-o", "landsat.cog.tif", "--format", "COG", "-q", "--set",
+             "UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=6", "--set",
+             "UNSUPERVISED_MODE_CONF.SplitGainThreshold=0.05"});
+    Dataset cog = open("landsat.cog.tif");
+    ASSERT_TRUE(cog);
+    EXPECT_STREQ(cog->GetMetadataItem("LAYOUT", "IMAGE_STRUCTURE"), "COG");
+    EXPECT_GE(cog->GetRasterBand(1)->GetOverviewCount(), 1);
+    EXPECT_EQ(band("landsat.cog.tif"), band("landsat.tif"));
+    const char* validator = "/usr/lib/python3/dist-packages/osgeo_utils/samples/validate_cloud_optimized_geotiff.py";
+    if (std::filesystem::exists(validator)) {
+        const std::string command = std::string("/usr/bin/python3 ") + validator + " -q --full-check=yes " +
+                                    path("landsat.cog.tif") + " > " + path("validator.txt") + " 2>&1";
+        EXPECT_EQ(std::system(command.c_str()), 0) << read("validator.txt");
     }
 
     const std::vector<int32_t> labels = band("landsat.tif");

@@ -173,6 +173,18 @@ TEST_F(Levels, TreeAsDataAndAsPicture) {
     for (uint32_t c : tree)
         if ((c >> 16) == (c & 0xFF) && ((c >> 8) & 0xFF) == (c & 0xFF)) greys.insert(c);
     EXPECT_GT(greys.size(), 20u);
+
+    // With --relabel the tree also holds the numbering of the classes, still valid.
+    const Result relabelled =
+        segment({"-o", "classes.hraw", "--relabel", "--tree", "relabelled.json", "--png", "classes.png"}, {});
+    ASSERT_EQ(relabelled.status, 0) << relabelled.err;
+    const nlohmann::json withMap = nlohmann::json::parse(read("relabelled.json"));
+    const std::vector<std::string> relabelProblems = schema.problems(withMap);
+    EXPECT_TRUE(relabelProblems.empty()) << relabelProblems.front();
+    std::vector<int32_t> sorted = leaves;
+    std::sort(sorted.begin(), sorted.end());
+    EXPECT_EQ(withMap["relabel"]["classes"].get<std::vector<int32_t>>(), sorted);
+    EXPECT_EQ(read("classes.png"), read("labels.png"));  // the same colours for the same regions
 }
 
 // The page of --html: everything inline, nothing fetched, and the run it
