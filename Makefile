@@ -55,7 +55,6 @@ demo: configure
 	$(BUILD)/dhc segment $(OUT)/scene.hraw -o $(OUT)/labels.hraw --report $(OUT)/report.txt --png $(OUT)/labels.png \
 	  --levels $(OUT)/levels.hraw --tree $(OUT)/tree.json --tree-png $(OUT)/tree.png --tree-svg $(OUT)/tree.svg
 	$(BUILD)/dhc segment data/L7_ETMs.tif -o $(OUT)/landsat_labels.tif --png $(OUT)/landsat_labels.png \
-	  --set UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=6 --set UNSUPERVISED_MODE_CONF.SplitGainThreshold=0.05 \
 	  --tree-png $(OUT)/landsat_tree.png --tree-svg $(OUT)/landsat_tree.svg --html $(OUT)/landsat.html
 	@echo
 	@echo "scene:     $(abspath $(OUT))/scene.hraw (truth: $(abspath $(OUT))/truth.hraw)"

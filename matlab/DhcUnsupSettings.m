@@ -20,6 +20,10 @@ classdef DhcUnsupSettings
   %                         its split (such runs are called with one output).
   %   multiplicity          (default 2; ini [POTTS_MODEL] Multiplicity)
   %                         children per split (at least 2).
+  %   finalRefinement       (default 10; ini FinalRefinement) at most this many
+  %                         rounds of the joint refinement of the final map:
+  %                         EM over all leaves' Gaussians, then Potts ICM with
+  %                         beta estimated on the map (0 = the leaves' map).
   %   classicSet            DhcClassicSettings: gain-driven stopping rules.
   %   blindSet              DhcBlindSettings: blind splitting.
   %
@@ -33,6 +37,7 @@ classdef DhcUnsupSettings
     doubleSplit = 0;
     splitwiseDisconnect = 0;
     multiplicity = 2;
+    finalRefinement = 10;
     classicSet
     blindSet
   end

@@ -76,7 +76,7 @@ const char* const kSegmentUsage =
     "      --nodata=V         nodata value of every image band (replaces the file's)\n"
     "      --threads=N        threads to use (default 0: one per core); the results\n"
     "                         are the same for every N\n"
-    "  -q, --quiet            no progress lines on standard error\n"
+    "  -q, --quiet            no progress lines, nor the segmenter's own on standard output\n"
     "  -h, --help             show this help\n"
     "\n"
     "Mask, initial segmentation and ground truth are one-band integer maps of the\n"

@@ -31,6 +31,7 @@
 #include "io/RasterOutput.h"
 #include "model/ModelFromRun.h"
 #include "settings/DHC_SET.h"
+#include "settings/Fatal.h"
 
 namespace {
 
@@ -324,9 +325,20 @@ int runSegment(const SegmentOptions& o) {
     } else {
         DHC::setProgress(nullptr);
     }
+    // Quiet means quiet: the segmenter's own lines (mean-shift estimates) too.
+    std::ostream silent(nullptr);
+    struct Restore {
+        bool on;
+        ~Restore() {
+            if (on) dhc::setOut(nullptr);
+        }
+    } restore{o.quiet};
+    if (o.quiet) dhc::setOut(&silent);
     const auto runStart = std::chrono::steady_clock::now();
     DHC_OUT out = dhc::runSegmentation(run, *settings, o.threads);
     const auto runEnd = std::chrono::steady_clock::now();
+    if (!o.quiet && out.dhc != nullptr && !out.dhc->stopReason.empty())
+        std::cerr << "dhc: " << out.dhc->stopReason << "\n";
     const int points = run.roi->count;
     // Like the gateway, let the inputs go before the outputs are made.
     run = dhc::PreparedRun();

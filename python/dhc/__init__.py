@@ -44,7 +44,7 @@ Error = _dhc.Error
 _SETTINGS: Tuple[Tuple[str, str, str, str, Any], ...] = (
     ("supervised_mode", "SEGM_MAIN_CONFIGURATION", "SupervisedMode", "flag", False),
     ("split_gain_threshold", "UNSUPERVISED_MODE_CONF", "SplitGainThreshold", "float", 0.2),
-    ("max_number_of_classes", "UNSUPERVISED_MODE_CONF", "MaxNumberOfClasses", "int", 8),
+    ("max_number_of_classes", "UNSUPERVISED_MODE_CONF", "MaxNumberOfClasses", "int", 15),
     ("min_region_area", "UNSUPERVISED_MODE_CONF", "MinRegionArea", "float", 64.0),
     ("variable_multiplicity", "UNSUPERVISED_MODE_CONF", "VariableMultiplicity", "flag", False),
     ("balanced_tree", "UNSUPERVISED_MODE_CONF", "BalancedTree", "flag", False),
@@ -72,6 +72,8 @@ _SETTINGS: Tuple[Tuple[str, str, str, str, Any], ...] = (
     ("tolerance", "MEANSHIFT", "Tolerance", "float", 0.05),
     ("skip_last", "MEANSHIFT", "SkipLast", "float", 0.1),
     ("kernel_type", "MEANSHIFT", "KernelType", "int", 0),
+    ("stop_criterion", "UNSUPERVISED_MODE_CONF", "StopCriterion", "int", 1),
+    ("final_refinement", "UNSUPERVISED_MODE_CONF", "FinalRefinement", "int", 10),
 )
 _SECTIONS = ("SEGM_MAIN_CONFIGURATION", "UNSUPERVISED_MODE_CONF", "SUPERVISED_MODE_CONF", "POTTS_MODEL", "MEANSHIFT")
 
@@ -101,8 +103,9 @@ def _same(kind: str, a: Any, b: Any) -> bool:
 class Settings:
     """Settings of one run: the ini keys of ``dhc segment --config``, as attributes.
 
-    ``Settings()`` equals ``examples/default.ini`` (unsupervised, gain-driven
-    splitting into two children at a time).  Keyword arguments set attributes:
+    ``Settings()`` equals ``examples/default.ini`` (unsupervised splitting
+    into two children at a time while a split's ICL is positive, then the
+    joint refinement of the final map).  Keyword arguments set attributes:
     ``Settings(max_number_of_classes=4, min_region_area=16)``.  Values are
     checked when the settings are used (``dhc.segment``, ``to_ini``,
     ``check``) with the tool's checks and messages; a bad value raises
@@ -131,6 +134,10 @@ class Settings:
       spatial_bandwidth (POTTS_MODEL keys; engineSet.*)
     - auto_adjust_knn, tolerance, skip_last, kernel_type (MEANSHIFT keys;
       engineSet.autoAdjustkNN, tolerance, skipLast, kernelType)
+    - stop_criterion (StopCriterion; unsupSet.classicSet.stopCriterion): 0 =
+      split gain against split_gain_threshold, 1 = ICL, 2 = BIC
+    - final_refinement (FinalRefinement; unsupSet.finalRefinement): rounds of
+      the joint refinement of the final map (EM, then Potts ICM); 0 = none
     """
 
     __slots__ = tuple(a for a, *_ in _SETTINGS)
@@ -630,7 +637,7 @@ def read(path: "os.PathLike[str] | str", *, scale: Optional[float] = None,
 
 def segment(image: Any, mask: Any = None, init: Any = None, gt: Any = None, settings: Optional[Settings] = None,
             progress: Optional[Callable[[int, int], Any]] = None, threads: int = 0, *,
-            channel_axis: Optional[int] = None, scale: Optional[float] = None) -> Result:
+            channel_axis: Optional[int] = None, scale: Optional[float] = None, verbose: bool = False) -> Result:
     """Segments a multispectral image into a hierarchy of regions.
 
     image     (bands, rows, cols) or (rows, cols) array of integers, bools or
@@ -665,6 +672,8 @@ def segment(image: Any, mask: Any = None, init: Any = None, gt: Any = None, sett
               the power of ten that makes the widest band range span at least
               10,000 steps.  Integer images ignore it; result.scale tells the
               factor used.
+    verbose   print the segmenter's own lines (mean-shift estimates) to
+              sys.stdout; off by default.
 
     Returns a dhc.Result.  The same inputs give the same labels as
     ``dhc segment`` and the MATLAB/Octave module.  The GIL is released during
@@ -705,7 +714,8 @@ def segment(image: Any, mask: Any = None, init: Any = None, gt: Any = None, sett
     if valid is not None:
         maps[0] = _dhc.mask_without_nodata(maps[0], maps[1], np.ascontiguousarray(valid, dtype=np.uint8))
     started = time.perf_counter()
-    out = _dhc.segment(cube, *maps, settings._entries(), progress, float(max(min(int(threads), 2**53), -(2**53))))
+    out = _dhc.segment(cube, *maps, settings._entries(), progress, float(max(min(int(threads), 2**53), -(2**53))),
+                       bool(verbose))
     timings = [("segmentation", time.perf_counter() - started)]
     regions = None if out["regions"] is None else [Region(**r) for r in out["regions"]]
     tree = None if out["tree"] is None else json.loads(out["tree"])

@@ -144,7 +144,9 @@ class PythonStdoutBuf : public std::streambuf {
 // one run (GIL released) and restores the previous ones however the run ends.
 class HostGuard {
   public:
-    HostGuard(PyObject* progress, std::unique_ptr<py::error_already_set>& callbackError) : console_(&buf_) {
+    HostGuard(PyObject* progress, std::unique_ptr<py::error_already_set>& callbackError, bool verbose = true)
+        : console_(verbose ? &buf_ : nullptr) {
+        // Not verbose: the stream has no buffer and drops the segmenter's lines.
         previousOut_ = dhc::setOut(&console_);
         previousHandler_ = dhc::setFatalHandler(&throwFatal);
         // The hook runs without the GIL; it takes it, lets pending signals
@@ -282,7 +284,7 @@ py::dict regionDict(const dhc::RegionNode& d) {
 }
 
 py::dict segment(const py::array& image, const py::object& mask, const py::object& init, const py::object& gt,
-                 const std::vector<Entry>& entries, const py::object& progress, double threads) {
+                 const std::vector<Entry>& entries, const py::object& progress, double threads, bool verbose) {
     refuseReentry("dhc.segment");
     requireLayout(image, 3, "image");
     const py::ssize_t bands = image.shape(0), rows = image.shape(1), cols = image.shape(2);
@@ -323,7 +325,7 @@ py::dict segment(const py::array& image, const py::object& mask, const py::objec
     try {
         py::gil_scoped_release noGil;
         std::lock_guard<std::mutex> lock(runMutex());
-        HostGuard guard(progress.is_none() ? nullptr : progress.ptr(), callbackError);
+        HostGuard guard(progress.is_none() ? nullptr : progress.ptr(), callbackError, verbose);
         dhc::PreparedRun run =
             dhc::prepareRun(nRows, nCols, static_cast<int>(bands), cube.bands.data(), first(maskRows),
                             first(initRows), first(gtRows), *settings, names, nThreads);
@@ -690,7 +692,7 @@ PYBIND11_MODULE(_dhc, m) {
             return adopt(h.levels(), std::vector<py::ssize_t>{h.splits() + 1, h.rows(), h.cols()});
         });
     m.def("segment", &segment, py::arg("image"), py::arg("mask"), py::arg("init"), py::arg("gt"),
-          py::arg("entries"), py::arg("progress"), py::arg("threads"),
+          py::arg("entries"), py::arg("progress"), py::arg("threads"), py::arg("verbose"),
           "Runs one segmentation on checked int32 arrays; returns a dict of results.");
     m.def("html_report", &htmlReport, py::arg("hierarchy"), py::arg("image"), py::arg("rgb"), py::arg("title"),
           py::arg("settings"), py::arg("timings"), py::arg("pixel_area"), py::arg("stopping_reason"),

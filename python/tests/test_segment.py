@@ -194,10 +194,11 @@ def test_labels_equal_the_mex_modules(scene, tmp_path):
 def test_cuts_levels_and_tree_equal_the_tools(scene, tmp_path):
     image, _ = scene
     for multiplicity in (2, 3):
-        s = dhc.Settings(multiplicity=multiplicity, min_region_area=16, max_number_of_classes=6)
+        # The last cut is the final map when that is the tree's leaves: no refinement.
+        s = dhc.Settings(multiplicity=multiplicity, min_region_area=16, max_number_of_classes=6, final_refinement=0)
         result = dhc.segment(image, settings=s)
         args = ["--set", f"POTTS_MODEL.Multiplicity={multiplicity}", "--set", "UNSUPERVISED_MODE_CONF.MinRegionArea=16",
-                "--set", "UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=6"]
+                "--set", "UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=6", "--set", "UNSUPERVISED_MODE_CONF.FinalRefinement=0"]
         image_file = tmp_path / "cut_image.hraw"
         write_hraw(image_file, image)
         subprocess.run([tool(), "segment", str(image_file), "-o", str(tmp_path / "l.hraw"), "--quiet",

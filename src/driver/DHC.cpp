@@ -5,7 +5,9 @@
 #include <cstdlib>
 #include <deque>
 #include <fstream>
+#include <limits>
 #include <memory>
+#include <sstream>
 #include <vector>
 
 #include "data/ImageFile.h"
@@ -69,6 +71,9 @@ void deleteModel(Mixture* m) {
     delete m;
     delete[] idx;
 }
+
+// Refused leaves weighed one level deeper before a criterion-driven run stops.
+constexpr size_t kLookAheads = 2;
 
 // Leaves together smaller than this are split one after the other.
 constexpr long long kSideBySideArea = 1 << 15;
@@ -305,6 +310,7 @@ void DHC::seedFromPlane(int** initial) {
     distinct.erase(std::unique(distinct.begin(), distinct.end()), distinct.end());
     const int k = static_cast<int>(distinct.size());
     if (k < 2) return;
+    seeded_ = true;
     std::unique_ptr<int[]> fresh(labels->pickMultiple(k));
     size_t i = 0;
     region->resetScan();
@@ -508,6 +514,7 @@ DHC_OUT DHC::dhc(DHC_IN in) {
         o.blindDepth = s->blindDepth;
         o.blindMSE = s->blindMSE;
         o.blindArea = s->blindArea;
+        o.stopCriterion = s->stopCriterion;
         if (s->blind)
             d->blindSplitting(o);
         else
@@ -518,8 +525,20 @@ DHC_OUT DHC::dhc(DHC_IN in) {
         PottsMapRegion* rootRegion = d->rootWS()->root;
         if (fileSource) points.reset(fullFrameRoi(rootRegion->rows, rootRegion->cols));
         ROI<int, xy>* at = fileSource ? points.get() : in.roi;
-        labelRoi.reset(at->extractLabROI(rootRegion->map, rootRegion->pad, false));
         out.nClasses = d->leafCount();
+        std::vector<int> refined;
+        std::vector<int*> refinedRows;
+        // Classes never cross the regions of an initial segmentation: the
+        // refinement, which moves pixels between classes, is left out then.
+        if (!s->fragmentation && !s->splitwiseDisconnect)
+            d->makeFinalModel(*s, d->seeded_ ? 0 : s->finalRefinement, refined, refinedRows);
+        if (d->finalModel && d->finalModel->refined) {
+            labelRoi.reset(at->extractLabROI(refinedRows.data(), rootRegion->pad, false));
+            out.nClasses = 0;
+            for (const dhc::FinalClass& c : d->finalModel->classes) out.nClasses += c.area > 0 ? 1 : 0;
+        } else {
+            labelRoi.reset(at->extractLabROI(rootRegion->map, rootRegion->pad, false));
+        }
         if (s->fragmentation && !s->splitwiseDisconnect) fragRoi.reset(d->fragmentLeaves(at));
     }
 
@@ -532,6 +551,34 @@ DHC_OUT DHC::dhc(DHC_IN in) {
     out.fragRoi = fragRoi.release();
     out.dhc = d.release();
     return out;
+}
+
+void DHC::makeFinalModel(const DHC_SET& s, int rounds, std::vector<int>& plane, std::vector<int*>& rows) {
+    dhc::FinalPixels px;
+    PottsMapRegion* rootRegion = rootWS()->root;
+    px.bands = rootWS()->bands;
+    for (WSNode* leaf : tree->terminals) {
+        const PottsWS* ws = leaf->data;
+        // Every leaf must hold all its values; otherwise there is no model.
+        if (ws->data == nullptr || ws->loadedCount != ws->envelopeCount) return;
+        px.labels.push_back(leaf->label);
+        for (int p = 0; p < ws->loadedCount; ++p) {
+            px.rows.push_back(ws->coords[p].x);
+            px.cols.push_back(ws->coords[p].y);
+            const int* v = ws->data + static_cast<size_t>(p) * ws->bands;
+            px.values.insert(px.values.end(), v, v + ws->bands);
+        }
+    }
+    const int pad = rootRegion->pad;
+    const int height = rootRegion->rows + 2 * pad, width = rootRegion->cols + 2 * pad;
+    plane.assign(static_cast<size_t>(height) * width, 0);
+    rows.resize(static_cast<size_t>(height));
+    for (int r = 0; r < height; ++r) {
+        rows[r] = &plane[static_cast<size_t>(r) * width];
+        std::copy(rootRegion->map[r], rootRegion->map[r] + width, rows[r]);
+    }
+    finalModel = std::make_unique<dhc::FinalModel>(
+        dhc::refineFinalMap(px, rows.data(), pad, rounds, s.betaMin, s.betaMax));
 }
 
 // ---------------------------------------------------------------------------
@@ -794,15 +841,93 @@ PottsWS** DHC::disconnect(int& n, bool attach, Tree<PottsWS*>* other) {
     return children;
 }
 
+namespace {
+
+std::string numberText(double v) {
+    std::ostringstream out;
+    out << v;
+    return out.str();
+}
+
+const char* criterionName(int criterion) {
+    return criterion == 1 ? "ICL" : "BIC";
+}
+
+}  // namespace
+
+void DHC::recordRefused() {
+    for (WSNode* leaf : tree->terminals) {
+        PottsWS* ws = leaf->data;
+        if (leaf->nChildren == 0 || ws->splitState != 2) continue;
+        ws->refused = true;
+        ws->refusedGain = ws->splitGain;
+        ws->refusedCriterion = ws->criterion;
+    }
+}
+
+bool DHC::lookAhead(const SplittingOptions& opts, WSNode* leaf) {
+    PottsWS* ws = leaf->data;
+    const double own = ws->criterion;
+    // The leaf's values are reordered for its children: a copy brings them
+    // back if the split is undone.
+    const size_t values = static_cast<size_t>(ws->loadedCount) * static_cast<size_t>(ws->bands);
+    std::vector<int> kept(ws->data, ws->data + values);
+    tree->current = leaf;
+    tree->validate(opts.validateFlag ? 1 : 0);
+    std::vector<PottsWS*> kids;
+    for (int c = 0; c < leaf->nChildren; ++c) kids.push_back(leaf->children[c]->data);
+    ws->handValuesToChildren(kids.data(), static_cast<int>(kids.size()));
+    testSplitting(opts);
+    double deeper = 0.0;
+    for (int c = 0; c < leaf->nChildren; ++c) {
+        WSNode* child = leaf->children[c];
+        bool ok = child->nChildren > 0 && areaOf(child->data) >= opts.minSplitArea;
+        for (int g = 0; ok && g < child->nChildren; ++g) ok = areaOf(child->children[g]->data) >= opts.minSplitArea;
+        if (ok && child->data->criterion > 0.0) deeper += child->data->criterion;
+    }
+    if (own + deeper > 0.0) {
+        ws->releasePixels();
+        return true;
+    }
+    // Undone: the children and their test splits go, their labels back
+    // newest first, and the leaf is left out of further test splits.
+    std::vector<WSNode*> below;
+    collectBelow(leaf, below);
+    std::vector<int> freed;
+    std::vector<PottsWS*> workspaces;
+    for (WSNode* node : below) {
+        freed.push_back(node->label);
+        workspaces.push_back(node->data);
+    }
+    tree->current = leaf;
+    tree->prune();
+    for (auto it = freed.rbegin(); it != freed.rend(); ++it) labels->release(*it);
+    for (PottsWS* w : workspaces) delete w;
+    std::copy(kept.begin(), kept.end(), ws->data);
+    ws->root->mapRefresh(ws->root->label, false);
+    ws->refused = true;
+    ws->refusedGain = ws->splitGain;
+    ws->refusedCriterion = own + deeper;
+    ws->splitState = -3;
+    return false;
+}
+
 void DHC::splitting(SplittingOptions opts) {
     const bool balanced = opts.depthLimit > 0;
-    const double theta = balanced ? 0.1 : opts.splitGainThreshold;
+    const bool byCriterion = !balanced && opts.stopCriterion > 0;
+    const double theta = balanced ? 0.1 : (byCriterion ? 0.0 : opts.splitGainThreshold);
     std::unique_ptr<WeightTree> weights;
     if (opts.splitMode == 1) weights.reset(new WeightTree(tree));
     auto classCount = [&]() -> double {
         return weights ? weights->getNClassFloat() : static_cast<double>(leafCount());
     };
-    if (!balanced && opts.maxNumberOfClasses <= classCount()) return;
+    auto capReached = [&]() {
+        stopReason = "MaxNumberOfClasses reached: " + numberText(classCount()) + " classes";
+    };
+    if (!balanced && opts.maxNumberOfClasses <= classCount()) {
+        capReached();
+        return;
+    }
 
     // Test children need no values of their own until their split is chosen:
     // they stay in the leaf's list, and the chosen leaf hands them over.
@@ -825,21 +950,85 @@ void DHC::splitting(SplittingOptions opts) {
             for (int c = 0; ok && c < leaf->nChildren; ++c)
                 ok = areaOf(leaf->children[c]->data) >= opts.minSplitArea;
             double score = theta - 1.0;
-            if (ok) score = balanced ? opts.depthLimit - leaf->depth : leaf->data->splitGain;
+            if (ok)
+                score = balanced ? opts.depthLimit - leaf->depth
+                                 : (byCriterion ? leaf->data->criterion : leaf->data->splitGain);
             if (std::isnan(score)) {
                 score = theta - 1.0;
                 ok = false;
             }
+            if (byCriterion && !ok) score = -std::numeric_limits<double>::infinity();
             scores[i] = score;
             eligible[i] = ok;
         }
-        if (scores.empty()) return;
-        const int best = OpMatrix::max(scores.data(), static_cast<int>(scores.size()));
-        if (scores[best] < theta) return;
+        // The best split the rule refuses, for the stop line.
+        auto refusedLine = [&](int best) {
+            if (best < 0 || !eligible[best]) {
+                stopReason = balanced ? "no split kept: every region is at depth " +
+                                            std::to_string(opts.depthLimit) + " or cannot be split"
+                                      : "no split kept: no region can be split (MinRegionArea " +
+                                            numberText(opts.minSplitArea) + ", or every split failed)";
+                return;
+            }
+            stopReason = "no split kept: best candidate region " + std::to_string(leaves[best]->label) +
+                         (byCriterion ? std::string(", ") + criterionName(opts.stopCriterion) + " " +
+                                            numberText(scores[best]) + " <= 0"
+                                      : ", gain " + numberText(scores[best]) + " < " + numberText(theta));
+        };
+        if (scores.empty()) {
+            refusedLine(-1);
+            return;
+        }
+        int best = OpMatrix::max(scores.data(), static_cast<int>(scores.size()));
+        bool keep = byCriterion ? scores[best] > theta : scores[best] >= theta;
+        if (!keep && byCriterion) {
+            // Look one level deeper at the best refused candidates (the two
+            // best: each look costs the test splits of a region's children).
+            std::vector<size_t> order;
+            for (size_t i = 0; i < leaves.size(); ++i)
+                if (eligible[i]) order.push_back(i);
+            std::stable_sort(order.begin(), order.end(),
+                             [&](size_t a, size_t b) { return scores[a] > scores[b]; });
+            bool grown = false;
+            if (order.size() > kLookAheads) order.resize(kLookAheads);
+            for (size_t i : order) {
+                if (lookAhead(opts, leaves[i])) {
+                    reportProgress(leafCount(), leaves[i]->label);
+                    grown = true;
+                    break;
+                }
+            }
+            if (grown) {
+                if (opts.maxNumberOfClasses <= classCount()) {
+                    capReached();
+                    recordRefused();
+                    return;
+                }
+                continue;
+            }
+            // Every candidate was undone: the refused figures are on the leaves.
+            stopReason = order.empty() ? std::string()
+                                       : "no split kept: best candidate region " +
+                                             std::to_string(leaves[order[0]]->label) + ", " +
+                                             criterionName(opts.stopCriterion) + " " +
+                                             numberText(scores[order[0]]) +
+                                             " <= 0, also with its children's splits";
+            if (order.empty()) refusedLine(-1);
+            recordRefused();
+            return;
+        }
+        if (!keep) {
+            refusedLine(balanced ? -1 : best);
+            recordRefused();
+            return;
+        }
         // Only a threshold at which theta - 1 is not below theta (beyond about
         // 1e16 in magnitude, infinite or NaN) lets an ineligible leaf through
         // the test above; validating it would change nothing, forever.
-        if (!eligible[best]) return;
+        if (!eligible[best]) {
+            refusedLine(-1);
+            return;
+        }
         WSNode* chosen = leaves[best];
         tree->current = chosen;
         tree->validate(opts.validateFlag ? 1 : 0);
@@ -862,7 +1051,11 @@ void DHC::splitting(SplittingOptions opts) {
 
         if (balanced) continue;
         const double count = classCount();
-        if (weights ? opts.maxNumberOfClasses < count : opts.maxNumberOfClasses <= count) return;
+        if (weights ? opts.maxNumberOfClasses < count : opts.maxNumberOfClasses <= count) {
+            capReached();
+            recordRefused();
+            return;
+        }
     }
 }
 
@@ -928,6 +1121,7 @@ void DHC::blindSplitting(SplittingOptions opts) {
         work = local.get();
     }
     auto leaves = [&]() { return static_cast<int>(work->terminals.size()); };
+    stopReason = "MaxNumberOfClasses reached: " + std::to_string(leaves()) + " classes";
     if (!opts.localTree && opts.maxNumberOfClasses <= leaves()) return;
 
     std::deque<WSNode*> queue(work->terminals.begin(), work->terminals.end());
@@ -983,8 +1177,12 @@ void DHC::blindSplitting(SplittingOptions opts) {
             }
             dhc::deleteRows(seeds, k);
         }
-        if (leaves() >= opts.maxNumberOfClasses) break;
+        if (leaves() >= opts.maxNumberOfClasses) {
+            stopReason = "MaxNumberOfClasses reached: " + std::to_string(leaves()) + " classes";
+            return;
+        }
     }
+    stopReason = "no split kept: no leaf left whose score reaches " + numberText(theta);
 }
 
 // ---------------------------------------------------------------------------

@@ -25,6 +25,7 @@
 #include "data/xy.h"
 #include "driver/DHC_IN.h"
 #include "driver/DHC_OUT.h"
+#include "driver/FinalModel.h"
 #include "driver/SplittingOptions.h"
 
 template <typename T, typename C>
@@ -58,6 +59,14 @@ class DHC {
     char* configFile = nullptr;
     // Settings record (not owned, may be null).
     DHC_SET* settings = nullptr;
+
+    // Why the splitting ended, one line for the user ("no split kept: best
+    // candidate region 7, gain 0.095 < 0.2"); empty before a run.
+    std::string stopReason;
+    // Unsupervised runs with a tree: the final classes (label, Gaussian, area)
+    // and the Potts beta of the final map, refined or not (FinalModel.h);
+    // null otherwise.
+    std::unique_ptr<dhc::FinalModel> finalModel;
 
     // --- Construction: allocator, root workspace, engine, tree. ----------
     // Unsupervised, no initial segmentation.
@@ -179,6 +188,8 @@ class DHC {
                      int* splitSequence = nullptr);
 
   private:
+    // The tree was seeded with two or more initial regions.
+    bool seeded_ = false;
     // Owned copies behind configFile / settings when dhc() had to make them.
     std::string configFileStore_;
     DHC_SET* ownedSettings_ = nullptr;
@@ -190,6 +201,18 @@ class DHC {
     PottsWS* rootWS() const;
     int leafCount() const;
     void splitLeaf(const SplittingOptions& opts, TreeNode<PottsWS*>* node);
+    // Criterion mode: makes the refused split of `leaf` for good when its
+    // criterion plus its children's best positive criteria is positive (the
+    // children are then test-split leaves); otherwise undoes it.
+    bool lookAhead(const SplittingOptions& opts, TreeNode<PottsWS*>* leaf);
+    // Records every leaf's tentative split as refused (before they are removed).
+    void recordRefused();
+  public:
+    // Builds finalModel from the leaves and, with refinement rounds, refines
+    // a copy of the label map into plane (rows: its row pointers, laid out as
+    // the root region's map).
+    void makeFinalModel(const DHC_SET& s, int rounds, std::vector<int>& plane, std::vector<int*>& rows);
+  private:
     // Tentative splits of the given leaves, several at a time on the run's
     // threads, with the results (labels, tree, allocator) of one after the other.
     void splitLeavesSideBySide(const SplittingOptions& opts, const std::vector<TreeNode<PottsWS*>*>& leaves);

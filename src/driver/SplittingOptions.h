@@ -16,6 +16,10 @@ struct SplittingOptions {
     // Score threshold: gain mode stops when the best split gain is below it;
     // blind mode splits a leaf only when its score reaches it.
     double splitGainThreshold = 0.0;
+    // Gain mode: 0 = scores are split gains against splitGainThreshold;
+    // 1 (ICL) or 2 (BIC) = scores are the splits' criteria, kept when positive,
+    // and a refused leaf is weighed once more with its children's best splits.
+    int stopCriterion = 0;
     // Stop when the tree has this many leaves (not consulted in balanced mode).
     int maxNumberOfClasses = 0;
     // > 0 selects balanced (depth-driven) splitting down to this depth.

@@ -142,6 +142,8 @@ const std::vector<IniFile::Setting>& IniFile::settings() {
         {"UNSUPERVISED_MODE_CONF", "BlindSplitDepthMax", Kind::Double},
         {"UNSUPERVISED_MODE_CONF", "BlindSplitAreaMin", Kind::Double},
         {"UNSUPERVISED_MODE_CONF", "BlindSplitMSEMin", Kind::Double},
+        {"UNSUPERVISED_MODE_CONF", "StopCriterion", Kind::Int},
+        {"UNSUPERVISED_MODE_CONF", "FinalRefinement", Kind::Int},
         {"SUPERVISED_MODE_CONF", "NumberOfClasses", Kind::Int},
         {"SUPERVISED_MODE_CONF", "StructureLevels", Kind::IntArray},
         {"SUPERVISED_MODE_CONF", "StructurePaths", Kind::IntArray},

@@ -44,8 +44,10 @@ const char* const kSections[] = {"UNSUPERVISED_MODE_CONF",
                                  "POTTS_MODEL",
                                  "MEANSHIFT",
                                  "MEANSHIFT",
-                                 "MEANSHIFT"};
-static_assert(sizeof kSections / sizeof kSections[0] == static_cast<size_t>(Setting::Tolerance) + 1,
+                                 "MEANSHIFT",
+                                 "UNSUPERVISED_MODE_CONF",
+                                 "UNSUPERVISED_MODE_CONF"};
+static_assert(sizeof kSections / sizeof kSections[0] == static_cast<size_t>(Setting::FinalRefinement) + 1,
               "one section per setting");
 
 Names namesOf(Setting s) {
@@ -92,6 +94,10 @@ Names namesOf(Setting s) {
             return {"SkipLast", "engineSet.skipLast"};
         case Setting::Tolerance:
             return {"Tolerance", "engineSet.tolerance"};
+        case Setting::StopCriterion:
+            return {"StopCriterion", "unsupSet.classicSet.stopCriterion"};
+        case Setting::FinalRefinement:
+            return {"FinalRefinement", "unsupSet.finalRefinement"};
     }
     return {"?", "?"};
 }
@@ -248,6 +254,10 @@ void checkSettings(const DHC_SET& set, const GivenStructure& structure, const Se
     r.realRange(Setting::BlindSplitDepthMax, set.blindDepth, 0.0, kMaxAbsSetting);
     r.realRange(Setting::BlindSplitAreaMin, set.blindArea, 0.0, kMaxAbsSetting);
     r.realRange(Setting::BlindSplitMSEMin, set.blindMSE, 0.0, kMaxAbsSetting);
+    if (set.stopCriterion < 0 || set.stopCriterion > kMaxStopCriterion)
+        r.say(Setting::StopCriterion, "must be 0 (split gain), 1 (ICL) or 2 (BIC), not " +
+                                          std::to_string(set.stopCriterion));
+    r.intRange(Setting::FinalRefinement, set.finalRefinement, 0, kMaxRefinementRounds, " rounds");
 }
 
 void checkClassStructure(int classes, int labelSpace, const GivenStructure& structure,

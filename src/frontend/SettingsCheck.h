@@ -42,6 +42,8 @@ enum class Setting {
     AutoAdjustKNN,
     SkipLast,
     Tolerance,
+    StopCriterion,
+    FinalRefinement,
 };
 
 // How a front end names a setting: where the value came from (a file line,
@@ -65,6 +67,8 @@ constexpr int kMaxMultiplicity = 64;      // children per split (and AutoAdjustK
 constexpr int kMaxGrowDepth = 1000;       // levels of a balanced tree
 constexpr int kMaxPathLength = 1000;      // entries of one class path
 constexpr int kMaxMetric = 8;             // blind metrics 0..8
+constexpr int kMaxStopCriterion = 2;      // 0 split gain, 1 ICL, 2 BIC
+constexpr int kMaxRefinementRounds = 1000;  // rounds of the final refinement
 constexpr double kMaxAbsBeta = 100.0;     // |BetaMin|, |BetaMax|, |BetaBound|
 constexpr double kMaxAbsThreshold = 1e9;  // |SplitGainThreshold|; threshold - 1 stays distinct
 constexpr double kMaxAbsSetting = 1e15;   // every other real setting

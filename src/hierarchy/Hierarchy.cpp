@@ -34,6 +34,10 @@ RegionNode fromReport(const WSReport& r) {
     n.mixtureSplitGainTFR = r.mixtureSplitGainTFR;
     n.splitGainTFR = r.splitGainTFR;
     n.likelihoodEnergy = r.totalLikelihoodEnergy;
+    n.criterion = r.criterion;
+    n.refused = r.refused;
+    n.refusedGain = r.refusedGain;
+    n.refusedCriterion = r.refusedCriterion;
     n.bands = r.nBands;
     if (r.mean != nullptr) n.mean.assign(r.mean, r.mean + r.nBands);
     if (r.covariance != nullptr)
@@ -94,6 +98,8 @@ Hierarchy Hierarchy::fromRun(const DHC_OUT& out, const DHC_SET& settings) {
     // Every point's leaf, read where the driver painted the leaves: the map
     // plane of the root region (the ROI-relative frame the labels came from).
     const ROI<int, xy>& points = *out.labelRoi;
+    const bool refined = out.dhc->finalModel && out.dhc->finalModel->refined;
+    if (out.dhc->finalModel) h.finalModel_ = std::make_shared<const FinalModel>(*out.dhc->finalModel);
     const PottsMapRegion* region = out.dhc->tree->root->data->root;
     h.rows_ = points.imageRows;
     h.cols_ = points.imageCols;
@@ -115,7 +121,10 @@ Hierarchy Hierarchy::fromRun(const DHC_OUT& out, const DHC_SET& settings) {
         const int l = leaf->second;
         h.pointLeaf_[k] = l;
         ++counted[l];
-        const int value = points.data[static_cast<size_t>(k) * points.bands];
+        // A refined final map moves pixels between the leaves' classes: the
+        // tree describes the map before the refinement, whose labels are the
+        // leaves' own.
+        const int value = refined ? h.nodes_[node->second].label : points.data[static_cast<size_t>(k) * points.bands];
         if (seen[l] && finalLabel[l] != value) throw mismatch();
         seen[l] = 1;
         finalLabel[l] = value;

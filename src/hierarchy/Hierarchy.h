@@ -19,7 +19,10 @@
 #include <stdexcept>
 #include <string>
 #include <unordered_map>
+#include <memory>
 #include <vector>
+
+#include "driver/FinalModel.h"
 
 struct DHC_OUT;
 struct DHC_SET;
@@ -57,6 +60,10 @@ struct RegionNode {
     int bands = 0;
     std::vector<double> mean;  // empty when the region has no statistics
     std::vector<std::vector<double>> covariance;
+    double criterion = 0.0;  // the split's ICL or BIC (NaN when none)
+    bool refused = false;    // leaves: a split was weighed and refused when the run stopped
+    double refusedGain = 0.0;
+    double refusedCriterion = 0.0;
 };
 
 class Hierarchy {
@@ -94,7 +101,11 @@ class Hierarchy {
     int rows() const { return rows_; }
     int cols() const { return cols_; }
 
+    // The final classes and beta of the run (null when it has none).
+    const FinalModel* finalModel() const { return finalModel_ ? &*finalModel_ : nullptr; }
+
   private:
+    std::shared_ptr<const FinalModel> finalModel_;
     std::vector<RegionNode> nodes_;
     std::unordered_map<int, int> index_;  // label -> position in nodes_
     int root_ = 0;

@@ -50,6 +50,9 @@ json region(const RegionNode& n) {
         r["textureBased"] = n.textureBased;
         r["splitGain"] = nullptr;
     }
+    r["criterion"] = n.split ? number(n.criterion) : json(nullptr);
+    r["refusedSplit"] = n.refused ? json{{"gain", number(n.refusedGain)}, {"criterion", number(n.refusedCriterion)}}
+                                  : json(nullptr);
     r["likelihoodEnergy"] = number(n.likelihoodEnergy);
     r["mean"] = numbers(n.mean);
     json covariance = json::array();
@@ -101,6 +104,8 @@ json settingsJson(const DHC_SET& s) {
     out["skipLast"] = number(s.skipLast);
     out["tolerance"] = number(s.tolerance);
     out["kernelType"] = s.kernelType;
+    out["stopCriterion"] = s.stopCriterion;
+    out["finalRefinement"] = s.finalRefinement;
     return out;
 }
 
@@ -120,6 +125,23 @@ json treeJson(const Hierarchy& tree, const DHC_SET& settings, const std::string&
     json regions = json::array();
     for (const RegionNode& n : tree.nodes()) regions.push_back(region(n));
     doc["regions"] = regions;
+    json model = nullptr;
+    if (const FinalModel* m = tree.finalModel()) {
+        model = json::object();
+        model["refined"] = m->refined;
+        model["rounds"] = m->rounds;
+        model["beta"] = number(m->beta);
+        model["pseudoLikelihood"] = number(m->pseudoLikelihood);
+        model["treePseudoLikelihood"] = number(m->treePseudoLikelihood);
+        json finals = json::array();
+        for (const FinalClass& c : m->classes) {
+            json cov = json::array();
+            for (const auto& row : c.covariance) cov.push_back(numbers(row));
+            finals.push_back({{"label", c.label}, {"area", c.area}, {"mean", numbers(c.mean)}, {"covariance", cov}});
+        }
+        model["classes"] = finals;
+    }
+    doc["finalModel"] = model;
     return doc;
 }
 

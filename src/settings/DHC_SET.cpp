@@ -42,6 +42,8 @@ DHC_SET::DHC_SET(std::string fileName) {
         blindDepth = ini.seekDouble("BlindSplitDepthMax", 0.0);
         blindArea = ini.seekDouble("BlindSplitAreaMin", 0.0);
         blindMSE = ini.seekDouble("BlindSplitMSEMin", 0.0);
+        stopCriterion = ini.seekInt("StopCriterion", 0);
+        finalRefinement = ini.seekInt("FinalRefinement", 0);
         updateBlindActive();
     }
 

@@ -56,6 +56,14 @@ struct DHC_SET {
     int* structureLevels = nullptr;
     // Supervised: all class paths concatenated (sum of structureLevels entries, new[]).
     int* structurePaths = nullptr;
+    // Gain-driven splitting: how a test split is judged.  0 = its split gain
+    // against splitGainThreshold; 1 = ICL, 2 = BIC (a split is kept when the
+    // criterion, in nats, is positive; splitGainThreshold is not used).
+    int stopCriterion = 0;
+    // Unsupervised runs with a tree: at most this many rounds of the joint
+    // refinement of the final map (EM over the leaves' Gaussians, then Potts
+    // ICM); 0 = the map of the tree's leaves as it is.
+    int finalRefinement = 0;
     // Number of children per split.
     int multiplicity = 0;
     // Adaptive estimation of the Potts interaction beta.

@@ -19,6 +19,12 @@ int asInt(double v, const char* name) {
     return static_cast<int>(v);
 }
 
+// A numeric property that may be absent (0 then).
+double optionalScalar(const mxArray* object, const char* name) {
+    if (!mxProperty(object, name)) return 0.0;
+    return mxScalar(object, name);
+}
+
 }  // namespace
 
 DHC_SET* dhcConfig(const mxArray* settings, std::vector<int>* levelsOut, std::vector<int>* pathsOut) {
@@ -45,6 +51,10 @@ DHC_SET* dhcConfig(const mxArray* settings, std::vector<int>* levelsOut, std::ve
     set->maxNumberOfClasses =
         asInt(mxScalar(classic, "maxNumberOfClasses"), "unsupSet.classicSet.maxNumberOfClasses");
     set->minSplitArea = mxScalar(classic, "minSplitArea");
+    // Settings added later are optional: an object or struct without them
+    // runs the behaviour they switch on only when set.
+    set->stopCriterion = asInt(optionalScalar(classic, "stopCriterion"), "unsupSet.classicSet.stopCriterion");
+    set->finalRefinement = asInt(optionalScalar(unsup, "finalRefinement"), "unsupSet.finalRefinement");
 
     const mxArray* blind = blindSet.get();
     set->metric = asInt(mxScalar(blind, "metric"), "unsupSet.blindSet.metric");

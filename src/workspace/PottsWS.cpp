@@ -1091,6 +1091,10 @@ WSReport* PottsWS::getWSReport() {
         r->mixtureSplitGainTFR = textureBased ? primaryGain : secondaryGain;
         r->splitGainMRF = textureBased ? secondaryGain : primaryGain;
     }
+    r->criterion = r->split ? criterion : std::numeric_limits<double>::quiet_NaN();
+    r->refused = refused;
+    r->refusedGain = refusedGain;
+    r->refusedCriterion = refusedCriterion;
     r->area = root->area;
     r->totalLikelihoodEnergy = likelihoodEnergy;
     r->nBands = bands;

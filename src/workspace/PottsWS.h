@@ -42,6 +42,14 @@ class PottsWS : public PottsData {
     double primaryGain = -1.0;   // gain of the method that made the split
     bool textureBased = false;   // the split was made by the texture-based method
     double secondaryGain = 0.0;  // gain of the other method (meaningful when splitState is 2)
+    // Model-selection criterion of the last split in nats (ICL or BIC, the
+    // engine's stopCriterion); NaN when none was computed.
+    double criterion = std::numeric_limits<double>::quiet_NaN();
+    // The leaf's best split that the run refused when it stopped (its gain and
+    // criterion); refused is false when no such split was weighed.
+    bool refused = false;
+    double refusedGain = 0.0;
+    double refusedCriterion = std::numeric_limits<double>::quiet_NaN();
     // Entry p: index of pixel p in the root data's pixel list (set by split for
     // every child); null when the workspace has none (the root), or when the
     // workspace does not track root indices.

@@ -35,6 +35,12 @@ struct WSReport {
     int nBands = 0;
     double* mean = nullptr;         // nBands values
     double** covariance = nullptr;  // nBands x nBands
+    // Not in the text report: the split's model-selection criterion (NaN when
+    // none), and the split the run refused on this leaf when it stopped.
+    double criterion = 0.0;
+    bool refused = false;
+    double refusedGain = 0.0;
+    double refusedCriterion = 0.0;
 
     WSReport() = default;
     ~WSReport();

@@ -108,6 +108,14 @@ TEST(SettingsCheck, ValuesOutsideTheirRangeAreRefusedInEachFrontEndsTerms) {
          },
          "Tolerance must be a number from 0 to 1, not 1.5",
          "engineSet.tolerance must be a number from 0 to 1, not 1.5"},
+        {[](DHC_SET& s) { s.stopCriterion = 3; }, "StopCriterion must be 0 (split gain), 1 (ICL) or 2 (BIC), not 3",
+         "unsupSet.classicSet.stopCriterion must be 0 (split gain), 1 (ICL) or 2 (BIC), not 3"},
+        {[](DHC_SET& s) { s.stopCriterion = -1; }, "StopCriterion must be 0 (split gain), 1 (ICL) or 2 (BIC), not -1",
+         "unsupSet.classicSet.stopCriterion must be 0 (split gain), 1 (ICL) or 2 (BIC), not -1"},
+        {[](DHC_SET& s) { s.finalRefinement = 1001; }, "FinalRefinement must be from 0 to 1000 rounds, not 1001",
+         "unsupSet.finalRefinement must be from 0 to 1000 rounds, not 1001"},
+        {[](DHC_SET& s) { s.finalRefinement = -1; }, "FinalRefinement must be from 0 to 1000 rounds, not -1",
+         "unsupSet.finalRefinement must be from 0 to 1000 rounds, not -1"},
     };
     for (const Case& c : cases) {
         EXPECT_EQ(check(c.change), c.ini);
@@ -127,6 +135,8 @@ TEST(SettingsCheck, TheEdgesOfEveryRangeAndUnusedSettingsPass) {
         [](DHC_SET& s) { s.betaMin = -100; },
         [](DHC_SET& s) { s.splitGainThreshold = -1e9; },
         [](DHC_SET& s) { s.maxNumberOfClasses = 1000000; },
+        [](DHC_SET& s) { s.stopCriterion = 2; },
+        [](DHC_SET& s) { s.finalRefinement = 1000; },
         // Without blind splitting the metric is not read, with blind limits neither.
         [](DHC_SET& s) { s.metric = 99; },
         [](DHC_SET& s) {

@@ -796,7 +796,10 @@ TEST_F(LevelsMemory, EveryCutIsWrittenWithTheMemoryOfOneBand) {
     const Args many = {"segment", "big.hraw", "-o", "labels.hraw", "-q", "--threads", "1",
                        "--set", "UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=1000000",
                        "--set", "UNSUPERVISED_MODE_CONF.SplitGainThreshold=-1e9",
-                       "--set", "UNSUPERVISED_MODE_CONF.MinRegionArea=1"};
+                       "--set", "UNSUPERVISED_MODE_CONF.MinRegionArea=1",
+                       // The split-gain rule, which the threshold makes split everything.
+                       "--set", "UNSUPERVISED_MODE_CONF.StopCriterion=0",
+                       "--set", "UNSUPERVISED_MODE_CONF.FinalRefinement=0"};
     const long without = peak(many);
     const long withLevels = peak(with(many, {"--levels", "levels.hraw"}));
     const Hraw stack = readHraw("levels.hraw");

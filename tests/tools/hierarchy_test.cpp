@@ -23,8 +23,11 @@ class Levels : public ToolTest {
         ASSERT_EQ(run.status, 0) << run.err;
     }
 
+    // The cuts describe the final map when it is the tree's leaves: the
+    // split-gain rule without the final refinement.
     Result segment(const std::vector<std::string>& extra, const std::vector<std::string>& settings) {
-        std::vector<std::string> args = {"segment", "scene.hraw", "-q"};
+        std::vector<std::string> args = {"segment", "scene.hraw", "-q", "--set", "UNSUPERVISED_MODE_CONF.StopCriterion=0",
+                                         "--set", "UNSUPERVISED_MODE_CONF.FinalRefinement=0"};
         args.insert(args.end(), extra.begin(), extra.end());
         for (const std::string& setting : settings) args.insert(args.end(), {"--set", setting});
         return dhc(args);
@@ -115,7 +118,7 @@ TEST_F(Levels, TreeAsDataAndAsPicture) {
     EXPECT_EQ(leaves, listed(report, "Classes"));
     EXPECT_EQ(doc["splitOrder"].get<std::vector<int32_t>>(), listed(report, "SplitOrder"));
     EXPECT_EQ(doc["program"]["version"], DHC_VERSION_TEXT);
-    EXPECT_EQ(doc["settings"]["maxNumberOfClasses"], 8);  // the built-in configuration
+    EXPECT_EQ(doc["settings"]["maxNumberOfClasses"], 15);  // the built-in configuration
     const Hraw stack = readHraw("levels.hraw");
     ASSERT_EQ(static_cast<size_t>(stack.bands), doc["cutClasses"].size());
     for (int k = 0; k < stack.bands; ++k)

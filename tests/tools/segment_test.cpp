@@ -5,6 +5,9 @@
 
 #include <algorithm>
 #include <climits>
+#include <map>
+
+#include <nlohmann/json.hpp>
 
 #include "ToolTest.h"
 
@@ -159,6 +162,48 @@ TEST_F(Segment, FourClassesAndTheirFragmentsTheSameWayTwice) {
         colours.insert(colour);
     }
     EXPECT_EQ(colours.size(), colourOf.size());
+}
+
+TEST_F(Segment, QuietSilencesEverythingAndTheLastLineSaysWhyTheRunStopped) {
+    // Mean shift with an adjusted neighbour count prints its estimates on
+    // standard output: --quiet silences them with the progress lines.
+    const std::vector<std::string> meanShift = {"UNSUPERVISED_MODE_CONF.VariableMultiplicity=1",
+                                                "MEANSHIFT.AutoAdjustKNN=3"};
+    segment("ms.hraw", {}, meanShift);
+    EXPECT_NE(last.out.find("N.L.P. = "), std::string::npos) << last.out;
+    segment("ms-quiet.hraw", {"--quiet"}, meanShift);
+    EXPECT_EQ(last.out, "");
+    EXPECT_EQ(last.err, "");
+
+    // The split-gain rule names the refused gain; the criterion its value.
+    segment("gain.hraw", {}, {"UNSUPERVISED_MODE_CONF.StopCriterion=0", "UNSUPERVISED_MODE_CONF.FinalRefinement=0"});
+    EXPECT_NE(last.err.find("dhc: no split kept: best candidate region "), std::string::npos) << last.err;
+    EXPECT_NE(last.err.find(" < 0.2\n"), std::string::npos) << last.err;
+    segment("cap.hraw", {}, {"UNSUPERVISED_MODE_CONF.StopCriterion=1", "UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=2"});
+    EXPECT_NE(last.err.find("dhc: MaxNumberOfClasses reached: 2 classes\n"), std::string::npos) << last.err;
+    const std::vector<int32_t> icl = segment("icl.hraw", {"--tree", "icl.json"},
+                                             {"UNSUPERVISED_MODE_CONF.StopCriterion=1"});
+    EXPECT_NE(last.err.find(", ICL -"), std::string::npos) << last.err;
+    EXPECT_EQ(distinctLabels(icl).size(), 4u);
+
+    // Every leaf records the split it refused; the final model lists the
+    // classes of the final map with their areas there.
+    const nlohmann::json doc = nlohmann::json::parse(read("icl.json"));
+    EXPECT_EQ(doc["settings"]["stopCriterion"], 1);
+    for (const auto& region : doc["regions"]) {
+        if (!region["terminal"].get<bool>()) {
+            EXPECT_GT(region["criterion"].get<double>(), 0.0) << region["label"];
+            continue;
+        }
+        ASSERT_TRUE(region["refusedSplit"].is_object()) << region["label"];
+        EXPECT_LE(region["refusedSplit"]["criterion"].get<double>(), 0.0) << region["label"];
+    }
+    const auto& model = doc["finalModel"];
+    ASSERT_TRUE(model.is_object());
+    std::map<int32_t, long> area;
+    for (int32_t l : icl) ++area[l];
+    ASSERT_EQ(model["classes"].size(), area.size());
+    for (const auto& c : model["classes"]) EXPECT_EQ(c["area"].get<long>(), area[c["label"].get<int32_t>()]);
 }
 
 }  // namespace
