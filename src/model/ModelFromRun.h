@@ -12,7 +12,9 @@ struct DHC_SET;
 namespace dhc {
 
 // The model of a run whose tree describes its final map (Hierarchy::fromRun;
-// a HierarchyError otherwise).  Each final leaf gives its label in the final
+// a HierarchyError otherwise).  When the final map is the joint refinement's,
+// its classes (label, mean, covariance) and the beta estimated on it are the
+// model.  Otherwise each final leaf gives its label in the final
 // map and the mean and covariance of its pixels (the leaf's report); a
 // covariance that is not positive definite (a band constant over the leaf)
 // gets the least of 10⁻⁶, 10⁻⁵, ... times its mean variance (at least 1) added
