@@ -19,6 +19,7 @@
 #include "driver/DHC_OUT.h"
 #include "frontend/IniFile.h"
 #include "frontend/InputError.h"
+#include "frontend/InputFile.h"
 #include "frontend/Segmentation.h"
 #include "frontend/SettingsCheck.h"
 #include "hierarchy/Hierarchy.h"
@@ -104,13 +105,22 @@ void writeOutput(const OutputFiles::Output& out, const std::string& driver, std:
 int runSegment(const SegmentOptions& o) {
     const auto start = std::chrono::steady_clock::now();
 
-    // 0. No output may be an input or another output.
-    std::vector<std::string> inputs{o.image}, outputNames{o.output};
-    for (const std::string* name : {&o.config, &o.mask, &o.init, &o.gt})
-        if (!name->empty()) inputs.push_back(*name);
-    for (const std::string* name : {&o.report, &o.fragments, &o.png})
-        if (!name->empty()) outputNames.push_back(*name);
-    OutputFiles::checkDistinct(inputs, outputNames);
+    // 0. Every output, one line each: compared with every input and every
+    // output before it.  Writers that open files by name (GDAL) take a path.
+    const std::string labelsDriver = dhc::io::outputDriver(o.output, o.format);
+    const std::string fragmentsDriver =
+        o.fragments.empty() ? std::string() : dhc::io::outputDriver(o.fragments, o.format);
+    using Writer = OutputFiles::Writer;
+    auto writerFor = [](const std::string& driver) { return driver.empty() ? Writer::descriptor : Writer::path; };
+    OutputFiles outputs({o.image, o.config, o.mask, o.init, o.gt});
+    const OutputFiles::Output& labelsOut = outputs.add(o.output, writerFor(labelsDriver));
+    const OutputFiles::Output& reportOut = outputs.add(o.report);
+    const OutputFiles::Output& fragmentsOut = outputs.add(o.fragments, writerFor(fragmentsDriver));
+    const OutputFiles::Output& pngOut = outputs.add(o.png);
+    const OutputFiles::Output& levelsOut = outputs.add(o.levels);
+    const OutputFiles::Output& treeOut = outputs.add(o.tree);
+    const OutputFiles::Output& treePngOut = outputs.add(o.treePng);
+    const OutputFiles::Output& treeSvgOut = outputs.add(o.treeSvg);
 
     // 1. The configuration, with the overrides, checked as a whole.
     IniFile ini = o.config.empty() ? IniFile("default.ini", kDefaultIni) : IniFile::fromFile(o.config);
@@ -120,12 +130,15 @@ int runSegment(const SegmentOptions& o) {
     // 2. The input files: readable, well-formed, all of the image's size.
     // hraw files are checked now and read once the run is certain; other
     // rasters are read through GDAL, which checks them as it goes.
-    const std::string labelsDriver = dhc::io::outputDriver(o.output, o.format);
-    const std::string fragmentsDriver =
-        o.fragments.empty() ? std::string() : dhc::io::outputDriver(o.fragments, o.format);
     dhc::io::Conversion conversion;
     if (o.hasScale) conversion.scale = o.scale;
     if (o.hasNodata) conversion.nodata = o.nodata;
+    // Each must be a regular file: a pipe would block the first open, a
+    // device might never end.
+    const std::pair<const std::string*, const char*> inputFiles[] = {
+        {&o.image, "image"}, {&o.mask, "mask"}, {&o.init, "initial segmentation"}, {&o.gt, "ground truth"}};
+    for (const auto& [name, role] : inputFiles)
+        if (!name->empty()) dhc::checkInputFile(*name, role);
     dhc::io::Raster imageRaster;
     HrawShape image;
     if (dhc::io::isHraw(o.image)) {
@@ -137,6 +150,7 @@ int runSegment(const SegmentOptions& o) {
     } else {
         imageRaster = dhc::io::readImage(o.image, "image", conversion);
         image = HrawShape{imageRaster.bands, imageRaster.rows, imageRaster.cols};
+        dhc::checkImageSize(image.rows, image.cols, image.bands, "image \"" + o.image + "\"");
     }
     dhc::io::Raster maskRaster, initRaster, gtRaster;
     auto checkOrRead = [&](const std::string& path, const std::string& role, dhc::io::Raster& into) {
@@ -185,18 +199,7 @@ int runSegment(const SegmentOptions& o) {
     const double scale = imageRaster.scale;
 
     // 4. The outputs, created empty under temporary names before the long part.
-    OutputFiles outputs;
-    const OutputFiles::Output labelsOut = outputs.add(o.output);
-    auto optional = [&outputs](const std::string& name) {
-        return name.empty() ? OutputFiles::Output() : outputs.add(name);
-    };
-    const OutputFiles::Output reportOut = optional(o.report);
-    const OutputFiles::Output fragmentsOut = optional(o.fragments);
-    const OutputFiles::Output pngOut = optional(o.png);
-    const OutputFiles::Output levelsOut = optional(o.levels);
-    const OutputFiles::Output treeOut = optional(o.tree);
-    const OutputFiles::Output treePngOut = optional(o.treePng);
-    const OutputFiles::Output treeSvgOut = optional(o.treeSvg);
+    outputs.create();
 
     // 5. The region of interest, exactly as the gateway builds it; the input
     // planes go as soon as the core holds its copies.
@@ -288,29 +291,29 @@ int runSegment(const SegmentOptions& o) {
         labels = tree->cut(k);
     }
     writeOutput(labelsOut, labelsDriver, labels, image.rows, image.cols, geo);
-    if (reportOut.fd >= 0) {
+    if (reportOut.given()) {
         std::ostringstream report;
         out.dhc->printReport(report);
         if (!report) throw InputError(kExitInput, "cannot make the report");
         OutputFiles::writeAll(reportOut, report.str());
     }
-    if (fragmentsOut.fd >= 0) {
+    if (fragmentsOut.given()) {
         if (out.fragRoi == nullptr) throw InputError(kExitInput, "the segmentation produced no fragment map");
         std::vector<int> fragments = dhc::fullFrame(*out.fragRoi, image.rows, image.cols);
         writeOutput(fragmentsOut, fragmentsDriver, fragments, image.rows, image.cols, geo);
     }
-    if (levelsOut.fd >= 0) writeMap(levelsOut, tree->levels(), image.rows, image.cols, tree->splits() + 1);
-    if (treeOut.fd >= 0)
+    if (levelsOut.given()) writeMap(levelsOut, tree->levels(), image.rows, image.cols, tree->splits() + 1);
+    if (treeOut.given())
         OutputFiles::writeAll(treeOut, dhc::treeJsonText(*tree, *settings, "dhc", DHC_VERSION));
-    if (treeSvgOut.fd >= 0) OutputFiles::writeAll(treeSvgOut, dhc::treeSvg(*tree));
-    if (treePngOut.fd >= 0) {
+    if (treeSvgOut.given()) OutputFiles::writeAll(treeSvgOut, dhc::treeSvg(*tree));
+    if (treePngOut.given()) {
         try {
             dhc::treePicture(*tree).writePng(treePngOut.fd, o.treePng);
         } catch (const dhc::WriteError& e) {
             throw InputError(kExitInput, e.what());
         }
     }
-    if (pngOut.fd >= 0) writeLabelPng(pngOut.fd, o.png, labels, image.rows, image.cols);
+    if (pngOut.given()) writeLabelPng(pngOut.fd, o.png, labels, image.rows, image.cols);
     outputs.commit();
 
     if (!o.quiet) {

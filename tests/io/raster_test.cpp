@@ -416,16 +416,19 @@ TEST_F(BadRaster, InterruptedRunLeavesNothing) {
     const Hraw big = readHraw("big.hraw");
     std::vector<double> values(big.values.begin(), big.values.end());
     writeRaster("big.tif", Layout(), big.bands, big.rows, big.cols, values);
+    const int fifo = openFifo("fifo");
+    ASSERT_GE(fifo, 0);
     const std::set<std::string> before = files();
-    const pid_t pid = start({"segment", "big.tif", "-o", "labels.tif", "--png", "labels.png", "-q"});
+    const pid_t pid =
+        start({"segment", "big.tif", "-o", "labels.tif", "--png", "labels.png", "--levels", "fifo", "-q"});
     ASSERT_GT(pid, 0);
-    // The outputs are registered before the long part of the run.
-    auto started = [&] { return files().size() > before.size(); };
-    for (int i = 0; i < 20000 && !started(); ++i) ::usleep(100);
-    ASSERT_TRUE(started());
+    // Stopped in the write of the levels: the GeoTIFF is written, under its temporary name.
+    ASSERT_TRUE(waitUntilPipeFull(fifo, pid));
+    EXPECT_EQ(files().size(), before.size() + 3);  // .stdout, .stderr, the temporary directory
     ::kill(pid, SIGTERM);
     int status = 0;
     ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    ::close(fifo);
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
     std::set<std::string> after = files();
     after.erase(".stdout");
