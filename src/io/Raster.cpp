@@ -16,6 +16,7 @@
 
 #include "data/ImageFile.h"
 #include "frontend/InputError.h"
+#include "frontend/InputFile.h"
 
 namespace dhc::io {
 namespace {
@@ -58,14 +59,9 @@ struct DatasetCloser {
 using Dataset = std::unique_ptr<GDALDataset, DatasetCloser>;
 
 Dataset open(const std::string& path, const std::string& role) {
-    std::FILE* f = std::fopen(path.c_str(), "rb");
-    if (f == nullptr)
-        throw InputError(kExitInput,
-                         "cannot open " + role + " " + quoted(path) + ": " + std::strerror(errno));
-    std::fclose(f);
-    struct stat st;
-    if (::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
-        throw InputError(kExitInput, "cannot open " + role + " " + quoted(path) + ": it is a directory");
+    // Files in GDAL's memory exist only inside this process (the fuzz target
+    // builds its rasters there); every other name must be a regular file.
+    if (path.rfind("/vsimem/", 0) != 0) dhc::checkInputFile(path, role);
     Dataset d(GDALDataset::Open(path.c_str(), GDAL_OF_RASTER | GDAL_OF_READONLY));
     if (!d || d->GetRasterCount() == 0)
         throw InputError(kExitInput,
@@ -254,6 +250,11 @@ void readCube(Raster& r, const std::vector<GDALRasterBand*>& bands, const Conver
     const int step = chunkRows(bands[0], r.rows, r.cols);
     std::vector<double> values;
     std::vector<uint8_t> ok;
+    // Per band: the range of the values read and of the integers they became,
+    // so that a --scale that rounds a varying band to one value is refused.
+    std::vector<double> lo(bands.size(), INFINITY), hi(bands.size(), -INFINITY);
+    std::vector<int> loCell(bands.size(), std::numeric_limits<int>::max()),
+        hiCell(bands.size(), std::numeric_limits<int>::min());
     constexpr double kMax = std::numeric_limits<int32_t>::max(), kMin = std::numeric_limits<int32_t>::min();
     for (int row = 0; row < r.rows; row += step) {
         const int n = std::min(step, r.rows - row);
@@ -288,9 +289,19 @@ void readCube(Raster& r, const std::vector<GDALRasterBand*>& bands, const Conver
                                                          " does not fit a 32-bit integer");
                     }
                     cell = static_cast<int>(v);
+                    lo[b] = std::min(lo[b], values[k]);
+                    hi[b] = std::max(hi[b], values[k]);
+                    loCell[b] = std::min(loCell[b], cell);
+                    hiCell[b] = std::max(hiCell[b], cell);
                 }
         }
     }
+    for (size_t b = 0; b < bands.size(); ++b)
+        if (conversion.scale && readers[b].isFloatBand() && !asMap && lo[b] < hi[b] && loCell[b] == hiCell[b])
+            throw InputError(kExitInput, what + " band " + std::to_string(b + 1) + ": its values from " +
+                                             number(lo[b]) + " to " + number(hi[b]) + " scaled by " +
+                                             number(r.scale) + " all round to " + std::to_string(loCell[b]) +
+                                             " (give a larger --scale)");
 }
 
 void checkTypes(const std::vector<GDALRasterBand*>& bands, const std::string& path, const std::string& role) {
