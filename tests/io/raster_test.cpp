@@ -364,6 +364,9 @@ TEST_F(BadRaster, EveryNewRowOfTheReadmeTable) {
     Layout floats;
     floats.type = GDT_Float64;
     writeRaster("huge.tif", floats, 1, 6, 6, std::vector<double>(36, 1e20));
+    std::vector<double> quarters;
+    for (int i = 0; i < 36; ++i) quarters.push_back(0.25 * (1 + i % 14));
+    writeRaster("tiny.tif", floats, 1, 6, 6, quarters);
 
     const std::pair<Args, std::string> usage[] = {
         {{"segment", "img.tif", "-o", "labels.tif", "--format", "Nope"},
@@ -398,6 +401,9 @@ TEST_F(BadRaster, EveryNewRowOfTheReadmeTable) {
          "integer (give "
          "a smaller --scale)"},
         {seg("img.tif", {"--nodata", "7"}), "image \"img.tif\" holds only nodata pixels"},
+        {seg("tiny.tif", {"--scale", "1e-300"}),
+         "image \"tiny.tif\" band 1: its values from 0.25 to 3.5 scaled by 1e-300 all round to 0 (give a "
+         "larger --scale)"},
     };
     for (const auto& [args, message] : input) expectRefused(args, message, 1);
 
