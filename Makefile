@@ -1,7 +1,7 @@
 # dhc: two commands set up everything on a fresh Debian machine.
 #   make test   install what is missing, build in build/, run every test (Octave and Python included)
 #   make demo   build and segment the bundled synthetic scene and the Landsat scene in data/; writes labels,
-#               report, PNGs, every cut and the tree, and a georeferenced GeoTIFF label map
+#               report, PNGs, every cut and the tree, a georeferenced GeoTIFF label map and out/landsat.html
 #   make test-sanitize   every test again, built with AddressSanitizer + UBSan in build-asan/
 #   make fuzz   build the libFuzzer targets (clang) in build-fuzz/ and run each for FUZZ_SECONDS
 
@@ -12,7 +12,7 @@ CMAKE_ARGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 PYTHON    ?= /usr/bin/python3
 DEB_PACKAGES := g++ cmake make libgtest-dev libbenchmark-dev libeigen3-dev libpng-dev octave liboctave-dev valgrind \
                 python3-dev python3-numpy python3-pytest python3-setuptools python3-pip pybind11-dev python3-gdal \
-                nlohmann-json3-dev libgdal-dev gdal-bin \
+                nlohmann-json3-dev libgdal-dev gdal-bin librsvg2-dev libcairo2-dev fonts-dejavu-core chromium \
                 clang-14 libclang-rt-14-dev
 
 .PHONY: all deps configure build test demo bench clean test-sanitize fuzz-build fuzz
@@ -52,7 +52,8 @@ demo: build
 	$(BUILD)/dhc segment $(OUT)/scene.hraw -o $(OUT)/labels.hraw --report $(OUT)/report.txt --png $(OUT)/labels.png \
 	  --levels $(OUT)/levels.hraw --tree $(OUT)/tree.json --tree-png $(OUT)/tree.png --tree-svg $(OUT)/tree.svg
 	$(BUILD)/dhc segment data/L7_ETMs.tif -o $(OUT)/landsat_labels.tif --png $(OUT)/landsat_labels.png \
-	  --set UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=6 --set UNSUPERVISED_MODE_CONF.SplitGainThreshold=0.05
+	  --set UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=6 --set UNSUPERVISED_MODE_CONF.SplitGainThreshold=0.05 \
+	  --tree-png $(OUT)/landsat_tree.png --tree-svg $(OUT)/landsat_tree.svg --html $(OUT)/landsat.html
 	@echo
 	@echo "scene:     $(abspath $(OUT))/scene.hraw (truth: $(abspath $(OUT))/truth.hraw)"
 	@echo "label map: $(abspath $(OUT))/labels.hraw"
@@ -61,6 +62,7 @@ demo: build
 	@echo "levels:    $(abspath $(OUT))/levels.hraw (band k: after k splits)"
 	@echo "tree:      $(abspath $(OUT))/tree.json, $(abspath $(OUT))/tree.png, $(abspath $(OUT))/tree.svg"
 	@echo "Landsat:   $(abspath $(OUT))/landsat_labels.tif (GeoTIFF, UTM zone 25S), picture $(abspath $(OUT))/landsat_labels.png"
+	@echo "           tree $(abspath $(OUT))/landsat_tree.png (.svg); report $(abspath $(OUT))/landsat.html (open it in a browser)"
 
 # The whole suite (Octave tests included, with the ASan runtime preloaded into
 # Octave) built with -fsanitize=address,undefined; any report fails its test.
@@ -68,7 +70,7 @@ ASAN_BUILD ?= build-asan
 test-sanitize: deps
 	cmake -S . -B $(ASAN_BUILD) $(CMAKE_ARGS) -DDHC_SANITIZE=ON -DDHC_BUILD_BENCH=OFF -DDHC_PYTHON=OFF
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
-	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 \
+	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 LSAN_OPTIONS=suppressions=$(CURDIR)/tests/lsan.supp \
 	  UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 ctest --output-on-failure -j $(JOBS)
 
 # libFuzzer targets (fuzz/): each runs FUZZ_SECONDS on its committed seeds plus

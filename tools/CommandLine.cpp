@@ -49,6 +49,10 @@ const char* const kSegmentUsage =
     "      --tree=FILE        the tree of regions as JSON (docs/tree.schema.json)\n"
     "      --tree-png=FILE    picture of the tree of regions (PNG)\n"
     "      --tree-svg=FILE    picture of the tree of regions (SVG)\n"
+    "      --html=FILE        the run as one self-contained HTML page: picture, map of\n"
+    "                         any cut, the tree, settings and timings\n"
+    "      --rgb=R,G,B        bands of the page's picture, from 1 (default 4,3,2 from\n"
+    "                         four bands on, 3,2,1 with three, else grey)\n"
     "      --format=DRIVER    GDAL driver of the label and fragment maps (GTiff, PNG, ...;\n"
     "                         hraw for hraw)\n"
     "      --scale=S          factor of floating-point image bands before rounding\n"
@@ -199,6 +203,12 @@ SegmentOptions parseSegment(const std::vector<std::string>& args) {
         {"tree", 0, true, into(s.tree)},
         {"tree-png", 0, true, into(s.treePng)},
         {"tree-svg", 0, true, into(s.treeSvg)},
+        {"html", 0, true, into(s.html)},
+        {"rgb", 0, true,
+         [&s](const std::string& v) {
+             dhc::parseRgbBands(v, "--rgb");
+             s.rgb = v;
+         }},
         {"cut", 0, true, [&s](const std::string& v) { s.cut = classCount("--cut", v); }},
         {"format", 0, true, into(s.format)},
         {"scale", 0, true,
@@ -231,6 +241,7 @@ SegmentOptions parseSegment(const std::vector<std::string>& args) {
     if (operands.size() > 1)
         throw InputError(kExitUsage, "segment: unexpected argument \"" + operands[1] + "\"");
     s.image = operands[0];
+    if (!s.rgb.empty() && s.html.empty()) throw InputError(kExitUsage, "--rgb chooses the bands of --html: give --html too");
     if (s.output.empty())
         throw InputError(kExitUsage, "segment: missing -o LABELS.hraw (see dhc segment --help)");
     return s;

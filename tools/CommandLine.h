@@ -19,6 +19,8 @@ struct SegmentOptions {
     std::string tree;               // --tree: the tree as JSON
     std::string treePng;            // --tree-png: picture of the tree
     std::string treeSvg;            // --tree-svg: picture of the tree, vector form
+    std::string html;               // --html: the run as a self-contained HTML page
+    std::string rgb;                // --rgb: bands of the page's picture, "3,2,1" (empty: a default)
     int cut = 0;                    // --cut: classes of the cut written instead of the final map (0: final)
     std::vector<std::string> sets;  // --set SECTION.Key=value, in order
     std::string format;             // --format: GDAL driver of the label and fragment maps

@@ -6,6 +6,7 @@
 #include <iomanip>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <vector>
@@ -23,6 +24,7 @@
 #include "frontend/Segmentation.h"
 #include "frontend/SettingsCheck.h"
 #include "hierarchy/Hierarchy.h"
+#include "hierarchy/HtmlReport.h"
 #include "hierarchy/RgbImage.h"
 #include "hierarchy/TreeJson.h"
 #include "hierarchy/TreePicture.h"
@@ -121,6 +123,7 @@ int runSegment(const SegmentOptions& o) {
     const OutputFiles::Output& treeOut = outputs.add(o.tree);
     const OutputFiles::Output& treePngOut = outputs.add(o.treePng);
     const OutputFiles::Output& treeSvgOut = outputs.add(o.treeSvg);
+    const OutputFiles::Output& htmlOut = outputs.add(o.html);
 
     // 1. The configuration, with the overrides, checked as a whole.
     IniFile ini = o.config.empty() ? IniFile("default.ini", kDefaultIni) : IniFile::fromFile(o.config);
@@ -182,7 +185,8 @@ int runSegment(const SegmentOptions& o) {
                                                         {o.cut > 0, "--cut"},
                                                         {!o.tree.empty(), "--tree"},
                                                         {!o.treePng.empty(), "--tree-png"},
-                                                        {!o.treeSvg.empty(), "--tree-svg"}};
+                                                        {!o.treeSvg.empty(), "--tree-svg"},
+                                                        {!o.html.empty(), "--html"}};
     bool wantsTree = false;
     for (const auto& [given, name] : treeOptions) {
         if (given && !treeOutput)
@@ -195,6 +199,10 @@ int runSegment(const SegmentOptions& o) {
     if (!o.fragments.empty() && !fragmentOutput)
         throw InputError(kExitInput, "--fragments needs Fragmentation=1 and SplitwiseDisconnect=0");
 
+    const std::array<int, 3> rgb =
+        o.rgb.empty() ? dhc::defaultRgbBands(image.bands)
+                      : dhc::checkRgbBands(dhc::parseRgbBands(o.rgb, "--rgb"), image.bands, "--rgb");
+
     const bool scaled = imageRaster.hasFloatBands;
     const double scale = imageRaster.scale;
 
@@ -205,6 +213,7 @@ int runSegment(const SegmentOptions& o) {
     // planes go as soon as the core holds its copies.
     dhc::PreparedRun run;
     const dhc::io::Georeference geo = imageRaster.geo;
+    std::optional<dhc::RgbImage> picture;  // the report's, made while the image is at hand
     {
         if (imageRaster.cube == nullptr) {
             imageRaster = readHraw(o.image);
@@ -243,6 +252,16 @@ int runSegment(const SegmentOptions& o) {
                                  "the region of interest is empty once the nodata pixels are taken out");
             mask = dataMaskRows.data();
         }
+        if (htmlOut.given()) {
+            int*** cube = imageRaster.cube;
+            dhc::ImageView view;
+            view.bands = image.bands;
+            view.rows = image.rows;
+            view.cols = image.cols;
+            view.value = [cube](int b, int r, int c) { return cube[b][r][c]; };
+            view.valid = &imageRaster.valid;
+            picture = dhc::falseColour(view, rgb);
+        }
         dhc::RunNames names;
         names.gt = "ground truth \"" + o.gt + "\"";
         names.settings = settingNames(ini);
@@ -268,7 +287,9 @@ int runSegment(const SegmentOptions& o) {
     } else {
         DHC::setProgress(nullptr);
     }
+    const auto runStart = std::chrono::steady_clock::now();
     DHC_OUT out = dhc::runSegmentation(run, *settings, o.threads);
+    const auto runEnd = std::chrono::steady_clock::now();
     const int points = run.roi->count;
     // Like the gateway, let the inputs go before the outputs are made.
     run = dhc::PreparedRun();
@@ -305,15 +326,37 @@ int runSegment(const SegmentOptions& o) {
     if (levelsOut.given()) writeMap(levelsOut, tree->levels(), image.rows, image.cols, tree->splits() + 1);
     if (treeOut.given())
         OutputFiles::writeAll(treeOut, dhc::treeJsonText(*tree, *settings, "dhc", DHC_VERSION));
-    if (treeSvgOut.given()) OutputFiles::writeAll(treeSvgOut, dhc::treeSvg(*tree));
+    dhc::TreeOptions pictureOptions;
+    pictureOptions.pixelArea = dhc::io::pixelArea(geo);
+    if (treeSvgOut.given()) OutputFiles::writeAll(treeSvgOut, dhc::treeSvg(*tree, pictureOptions));
     if (treePngOut.given()) {
         try {
-            dhc::treePicture(*tree).writePng(treePngOut.fd, o.treePng);
+            dhc::treePicture(*tree, pictureOptions).writePng(treePngOut.fd, o.treePng);
         } catch (const dhc::WriteError& e) {
             throw InputError(kExitInput, e.what());
         }
     }
     if (pngOut.given()) writeLabelPng(pngOut.fd, o.png, labels, image.rows, image.cols);
+    if (htmlOut.given()) {
+        auto seconds = [](auto from, auto to) { return std::chrono::duration<double>(to - from).count(); };
+        dhc::ReportRun report;
+        report.title = o.image;
+        report.program = "dhc";
+        report.version = DHC_VERSION;
+        report.settings = dhc::settingsJson(*settings);
+        report.rgb = rgb;
+        report.bands = image.bands;
+        report.pixelArea = pictureOptions.pixelArea;
+        // report.stoppingReason: the sentence of the run's stopping record, once runs keep one.
+        report.timings = {{"reading the inputs", seconds(start, runStart)},
+                          {"segmentation", seconds(runStart, runEnd)},
+                          {"the other outputs", seconds(runEnd, std::chrono::steady_clock::now())}};
+        try {
+            OutputFiles::writeAll(htmlOut, dhc::htmlReport(*tree, *picture, report));
+        } catch (const dhc::WriteError& e) {
+            throw InputError(kExitInput, e.what());
+        }
+    }
     outputs.commit();
 
     if (!o.quiet) {

@@ -19,6 +19,7 @@ import json
 import numbers
 import os
 import tempfile
+import time
 from typing import Any, Callable, Dict, List, Optional, Sequence, Tuple
 
 import numpy as np
@@ -248,6 +249,8 @@ class Result:
     - cut(k) / cut(classes=n): the label map after k splits, or with n classes
       (``dhc segment --cut``); levels(): every cut, (splits + 1, rows, cols)
       (``dhc segment --levels``)
+    - to_html(): the run as one self-contained HTML page (``dhc segment
+      --html``); in Jupyter a result shows as that page
 
     classes, split_order, offspring, regions and tree are None when the run
     has no tree to report (``fragmentation`` or, unsupervised,
@@ -255,11 +258,13 @@ class Result:
     cut and levels then raise ValueError.
     """
 
-    __slots__ = ("labels", "fragments", "classes", "split_order", "offspring", "regions", "tree", "_hierarchy")
+    __slots__ = ("labels", "fragments", "classes", "split_order", "offspring", "regions", "tree", "_hierarchy",
+                 "_image", "_timings")
 
     def __init__(self, labels: np.ndarray, fragments: Optional[np.ndarray], classes: Optional[np.ndarray],
                  split_order: Optional[np.ndarray], offspring: Optional[np.ndarray],
-                 regions: Optional[List[Region]], tree: Optional[dict] = None, hierarchy: Any = None) -> None:
+                 regions: Optional[List[Region]], tree: Optional[dict] = None, hierarchy: Any = None,
+                 image: Optional[np.ndarray] = None, timings: Sequence[Tuple[str, float]] = ()) -> None:
         self.labels = labels
         self.fragments = fragments
         self.classes = classes
@@ -268,6 +273,8 @@ class Result:
         self.regions = regions
         self.tree = tree
         self._hierarchy = hierarchy
+        self._image = image
+        self._timings = list(timings)
 
     def _tree(self) -> Any:
         if self._hierarchy is None:
@@ -296,6 +303,56 @@ class Result:
         """Every cut: band k is the label map after k splits, as
         ``dhc segment --levels`` writes it."""
         return self._tree().levels()
+
+    def to_html(self, path: "os.PathLike[str] | str | None" = None, *, rgb: Optional[Sequence[int]] = None,
+                title: str = "", pixel_area: Optional[float] = None) -> str:
+        """The run as one self-contained HTML page, as ``dhc segment --html``
+        writes it: a false-colour picture of the image with the map of any cut
+        over it, the tree beside it, the settings and the timings.  It needs
+        no network and opens from a local file.
+
+        rgb         the image's bands shown as red, green, blue, numbered from
+                    1 (default (4, 3, 2) from four bands on, (3, 2, 1) with
+                    three, grey below)
+        title       shown at the top of the page
+        pixel_area  ground area of one pixel in square metres: areas are then
+                    given in hectares or km²
+        path        when given, the page is also written there (completely or
+                    not at all)
+
+        Returns the page's text.  Raises ValueError for a result without a
+        tree and for bands the image does not have."""
+        h = self._tree()
+        if self._image is None:
+            raise ValueError("this result does not hold the image it was segmented from")
+        bands = [] if rgb is None else [int(b) for b in rgb]
+        if pixel_area is not None and not (float(pixel_area) > 0):
+            raise ValueError(f"pixel_area must be a positive number of square metres, not {pixel_area}")
+        # The run's stopping record belongs on the page too, once runs keep one.
+        stopping_reason = ""
+        page = _dhc.html_report(h, self._image, bands, str(title), json.dumps((self.tree or {}).get("settings", {})),
+                                self._timings, 0.0 if pixel_area is None else float(pixel_area), stopping_reason,
+                                __version__)
+        if path is not None:
+            target = os.fspath(path)
+            fd, temporary = tempfile.mkstemp(prefix=os.path.basename(target) + ".", suffix=".tmp",
+                                             dir=os.path.dirname(os.path.abspath(target)))
+            try:
+                with os.fdopen(fd, "w", encoding="utf-8") as f:
+                    f.write(page)
+                os.replace(temporary, target)
+            except BaseException:
+                if os.path.exists(temporary):
+                    os.unlink(temporary)
+                raise
+        return page
+
+    def _repr_html_(self) -> Optional[str]:
+        if self._hierarchy is None or self._image is None:
+            return None
+        # In a frame of its own, so that the page's script and style stay out of the notebook's.
+        page = self.to_html().replace("&", "&amp;").replace('"', "&quot;")
+        return f'<iframe srcdoc="{page}" style="width: 100%; height: 900px; border: 0"></iframe>'
 
     def __repr__(self) -> str:
         rows, cols = self.labels.shape
@@ -389,8 +446,10 @@ def segment(image: Any, mask: Any = None, init: Any = None, gt: Any = None, sett
     cube = _image(image)
     _bands, rows, cols = cube.shape
     maps = [_plane(m, name, rows, cols) for m, name in ((mask, "mask"), (init, "init"), (gt, "gt"))]
+    started = time.perf_counter()
     out = _dhc.segment(cube, *maps, settings._entries(), progress, float(max(min(int(threads), 2**53), -(2**53))))
+    timings = [("segmentation", time.perf_counter() - started)]
     regions = None if out["regions"] is None else [Region(**r) for r in out["regions"]]
     tree = None if out["tree"] is None else json.loads(out["tree"])
     return Result(out["labels"], out["fragments"], out["classes"], out["split_order"], out["offspring"], regions,
-                  tree, out["hierarchy"])
+                  tree, out["hierarchy"], cube, timings)

@@ -16,6 +16,7 @@
 #include <pybind11/stl.h>
 
 #include <cerrno>
+#include <cmath>
 #include <climits>
 #include <cstdlib>
 #include <memory>
@@ -36,6 +37,7 @@
 #include "frontend/SettingsCheck.h"
 #include "frontend/TreeOutput.h"
 #include "hierarchy/Hierarchy.h"
+#include "hierarchy/HtmlReport.h"
 #include "hierarchy/TreeJson.h"
 #include "settings/DHC_SET.h"
 #include "settings/Fatal.h"
@@ -406,6 +408,38 @@ py::dict readIni(const std::string& path) {
     return out;
 }
 
+// The report page of a run: the image (a checked (bands, rows, cols) int32
+// array with contiguous rows), its bands as red, green, blue (from 1; empty
+// for the default), settings as JSON text, timings in seconds.
+std::string htmlReport(const dhc::Hierarchy& tree, const py::array_t<int32_t>& image,
+                       const std::vector<long long>& rgb, const std::string& title, const std::string& settings,
+                       const std::vector<std::pair<std::string, double>>& timings, double pixelArea,
+                       const std::string& stoppingReason, const std::string& version) {
+    if (image.ndim() != 3 || image.shape(1) != tree.rows() || image.shape(2) != tree.cols())
+        throw InputError(kExitInput, "the image is not the one this result was segmented from");
+    const int bands = static_cast<int>(image.shape(0));
+    dhc::ReportRun run;
+    run.title = title;
+    run.program = "dhc (Python)";
+    run.version = version;
+    run.settings = nlohmann::ordered_json::parse(settings);
+    run.rgb = rgb.empty() ? dhc::defaultRgbBands(bands) : dhc::checkRgbBands(rgb, bands, "rgb");
+    run.bands = bands;
+    if (!(pixelArea >= 0) || !std::isfinite(pixelArea))
+        throw InputError(kExitInput, "pixel_area must be a positive number of square metres (or None)");
+    run.pixelArea = pixelArea;
+    run.stoppingReason = stoppingReason;
+    run.timings = timings;
+    const auto view = image.unchecked<3>();
+    dhc::ImageView input;
+    input.bands = bands;
+    input.rows = tree.rows();
+    input.cols = tree.cols();
+    input.value = [&view](int b, int r, int c) { return view(b, r, c); };
+    const dhc::RgbImage picture = dhc::falseColour(input, run.rgb);
+    return dhc::htmlReport(tree, picture, run);
+}
+
 }  // namespace
 
 PYBIND11_MODULE(_dhc, m) {
@@ -444,6 +478,9 @@ PYBIND11_MODULE(_dhc, m) {
     m.def("segment", &segment, py::arg("image"), py::arg("mask"), py::arg("init"), py::arg("gt"),
           py::arg("entries"), py::arg("progress"), py::arg("threads"),
           "Runs one segmentation on checked int32 arrays; returns a dict of results.");
+    m.def("html_report", &htmlReport, py::arg("hierarchy"), py::arg("image"), py::arg("rgb"), py::arg("title"),
+          py::arg("settings"), py::arg("timings"), py::arg("pixel_area"), py::arg("stopping_reason"),
+          py::arg("version"), "The run as a self-contained HTML page (text).");
     m.def("_fatal", &fatalProbe, py::arg("status"), py::arg("message") = std::string(),
           "Raises a fatal condition of the core as a run would (for tests).");
     m.def("check_settings", &checkSettings, py::arg("entries"),

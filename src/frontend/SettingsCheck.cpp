@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <cctype>
 #include <cmath>
 #include <fstream>
 #include <limits>
@@ -262,6 +264,52 @@ int checkThreads(double threads, const std::string& what) {
     text << what << " " << threads << ": must be a whole number of threads from 0 (one per core) to "
          << kMaxThreads;
     throw InputError(kExitInput, text.str(), "dhc:badSetting");
+}
+
+std::array<int, 3> checkRgbBands(const std::vector<long long>& bands, int imageBands, const std::string& what) {
+    if (bands.size() != 3)
+        throw InputError(kExitInput,
+                         what + " needs three bands (red, green, blue), not " + std::to_string(bands.size()),
+                         "dhc:badSetting");
+    std::array<int, 3> out{};
+    for (size_t k = 0; k < 3; ++k) {
+        if (bands[k] < 1 || bands[k] > imageBands)
+            throw InputError(kExitInput,
+                             what + ": band " + std::to_string(bands[k]) + " does not exist; the image has " +
+                                 std::to_string(imageBands) + (imageBands == 1 ? " band" : " bands") +
+                                 ", numbered from 1",
+                             "dhc:badSetting");
+        out[k] = static_cast<int>(bands[k] - 1);
+    }
+    return out;
+}
+
+std::vector<long long> parseRgbBands(const std::string& text, const std::string& what) {
+    std::vector<long long> bands;
+    size_t at = 0;
+    while (true) {
+        const size_t comma = text.find(',', at);
+        const std::string part = text.substr(at, comma == std::string::npos ? std::string::npos : comma - at);
+        size_t used = 0;
+        long long v = 0;
+        try {
+            v = std::stoll(part, &used);
+        } catch (const std::exception&) {
+            used = 0;
+        }
+        if (part.empty() || used != part.size() || !std::isdigit(static_cast<unsigned char>(part[0])))
+            throw InputError(kExitUsage,
+                             what + " " + text + ": must be three band numbers such as 3,2,1 (red, green, blue)",
+                             "dhc:badSetting");
+        bands.push_back(v);
+        if (comma == std::string::npos) break;
+        at = comma + 1;
+    }
+    if (bands.size() != 3)
+        throw InputError(kExitUsage,
+                         what + " " + text + ": must be three band numbers such as 3,2,1 (red, green, blue)",
+                         "dhc:badSetting");
+    return bands;
 }
 
 unsigned long long physicalMemory() {

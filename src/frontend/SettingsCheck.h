@@ -11,6 +11,7 @@
 
 #include <cstddef>
 #include <functional>
+#include <array>
 #include <string>
 #include <vector>
 
@@ -121,6 +122,15 @@ void checkImageSize(long long rows, long long cols, long long bands, const std::
 // ("dhc:badSetting").
 constexpr int kMaxThreads = 256;
 int checkThreads(double threads, const std::string& what);
+
+// The bands of a report's false-colour picture (red, green, blue), numbered
+// from 1: each a band of the image.  what names the value in the message
+// ("--rgb", "rgb"); throws an InputError ("dhc:badSetting").  Returns them
+// numbered from 0.
+std::array<int, 3> checkRgbBands(const std::vector<long long>& bands, int imageBands, const std::string& what);
+// "3,2,1" as band numbers for checkRgbBands; anything else throws an
+// InputError naming what.
+std::vector<long long> parseRgbBands(const std::string& text, const std::string& what);
 
 // The bytes of physical memory of this machine (0 when unknown).
 unsigned long long physicalMemory();

@@ -1,6 +1,6 @@
 #pragma once
 // A small RGB raster for the pictures the program draws (label maps, the tree
-// of regions): filled rectangles, a built-in 5 x 7 bitmap font, and an 8-bit
+// of regions, the report's pictures): pixels, filled rectangles, and an 8-bit
 // RGB PNG writer.
 
 #include <cstdio>
@@ -28,20 +28,13 @@ class RgbImage {
     void set(int x, int y, Rgb c);
     // Fills [x0, x1] x [y0, y1] (inclusive, in any order), clipped to the image.
     void fill(int x0, int y0, int x1, int y1, Rgb c);
-    // Draws text with its top-left corner at (x, y), one pixel per font dot.
-    // Letters are drawn in lower case; a character the font lacks is a box.
-    void text(int x, int y, const std::string& s, Rgb c);
-
-    // Width of text in pixels, and the height of one line.
-    static int textWidth(const std::string& s) { return static_cast<int>(s.size()) * kAdvance; }
-    static constexpr int kAdvance = 6;
-    static constexpr int kLineHeight = 9;
-
     // Writes the image as an 8-bit RGB PNG to a file, or to an open
     // descriptor (left open) under the given name; a WriteError names the
     // file on failure.
     void writePng(const std::string& path) const;
     void writePng(int fd, const std::string& name) const;
+    // The PNG file's bytes.
+    std::string pngBytes() const;
 
   private:
     void writePng(std::FILE* file, const std::string& name) const;

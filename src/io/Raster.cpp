@@ -619,3 +619,17 @@ void printInfo(const std::string& path, std::ostream& out) {
 }
 
 }  // namespace dhc::io
+
+namespace dhc::io {
+
+double pixelArea(const Georeference& geo) {
+    if (!geo.hasTransform || geo.crs.empty()) return 0;
+    OGRSpatialReference srs;
+    if (srs.importFromWkt(geo.crs.c_str()) != OGRERR_NONE || !srs.IsProjected()) return 0;
+    const double metres = srs.GetLinearUnits();
+    const double* t = geo.transform;
+    const double area = std::fabs(t[1] * t[5] - t[2] * t[4]) * metres * metres;
+    return std::isfinite(area) ? area : 0;
+}
+
+}  // namespace dhc::io

@@ -93,6 +93,11 @@ void writeLabelMap(const std::string& path, const std::string& target, const std
                    const std::vector<int>& labels, int rows, int cols, const Georeference& geo,
                    const std::vector<TableColour>& colours);
 
+// Ground area of one pixel in square metres: the image has a geotransform
+// and a projected coordinate system (its linear unit converted to metres);
+// 0 otherwise (no georeference, or angles such as degrees).
+double pixelArea(const Georeference& geo);
+
 // Prints what `dhc info` reports for a raster GDAL opens: driver, size, bands,
 // data type, nodata, coordinate system, geotransform, per-band range.
 void printInfo(const std::string& path, std::ostream& out);

@@ -251,5 +251,35 @@ TEST(SettingsCheck, TheRegionMustHoldTheChildrenOfASplit) {
     EXPECT_EQ(id, "dhc:emptyRoi");
 }
 
+// The report's picture bands: three numbers from 1 to the band count.
+TEST(RgbBands, ParsedAndCheckedAgainstTheImage) {
+    EXPECT_EQ(parseRgbBands("3,2,1", "--rgb"), (std::vector<long long>{3, 2, 1}));
+    EXPECT_EQ(checkRgbBands({3, 2, 1}, 6, "--rgb"), (std::array<int, 3>{2, 1, 0}));
+    EXPECT_EQ(checkRgbBands({1, 1, 1}, 1, "rgb"), (std::array<int, 3>{0, 0, 0}));
+    auto usage = [](const std::string& text) {
+        try {
+            parseRgbBands(text, "--rgb");
+        } catch (const InputError& e) {
+            EXPECT_EQ(e.status(), kExitUsage);
+            return std::string(e.what());
+        }
+        return std::string("accepted");
+    };
+    for (const char* bad : {"", "3,2", "3,2,1,4", "3,,1", "a,b,c", "3,2,1.5", "3, 2,1", "-3,2,1", "3,2,1,"})
+        EXPECT_EQ(usage(bad), "--rgb " + std::string(bad) + ": must be three band numbers such as 3,2,1 (red, green, blue)");
+    auto refused = [](const std::vector<long long>& bands, int imageBands) {
+        try {
+            checkRgbBands(bands, imageBands, "rgb");
+        } catch (const InputError& e) {
+            EXPECT_EQ(e.status(), kExitInput);
+            return std::string(e.what());
+        }
+        return std::string("accepted");
+    };
+    EXPECT_EQ(refused({7, 3, 2}, 6), "rgb: band 7 does not exist; the image has 6 bands, numbered from 1");
+    EXPECT_EQ(refused({0, 1, 1}, 1), "rgb: band 0 does not exist; the image has 1 band, numbered from 1");
+    EXPECT_EQ(refused({1, 2}, 6), "rgb needs three bands (red, green, blue), not 2");
+}
+
 }  // namespace
 }  // namespace dhc

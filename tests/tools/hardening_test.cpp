@@ -114,7 +114,7 @@ class Files : public ToolTest {
 TEST_F(Files, NoOutputMayBeAnInputOrAnotherOutput) {
     const std::pair<std::string, std::string> inputs[] = {
         {"", "img.hraw"}, {"--config", "cfg.ini"}, {"--mask", "ones.hraw"}, {"--init", "init.hraw"}};
-    const char* outputs[] = {"-o", "--report", "--png", "--levels", "--tree", "--tree-png", "--tree-svg"};
+    const char* outputs[] = {"-o", "--report", "--png", "--levels", "--tree", "--tree-png", "--tree-svg", "--html"};
     for (const auto& [inputOption, input] : inputs)
         for (const char* output : outputs) {
             SCOPED_TRACE(std::string(output) + " " + input);

@@ -5,6 +5,8 @@
 
 #include <png.h>
 
+#include <filesystem>
+
 #include "ToolTest.h"
 #include "common/JsonSchemaCheck.h"
 #include "common/TestSupport.h"
@@ -126,39 +128,99 @@ TEST_F(Levels, TreeAsDataAndAsPicture) {
         if (c != 0) classColours.insert(c);
     ASSERT_EQ(classColours.size(), leaves.size());
 
-    // The tree's picture: besides its own white, black, line grey and inner
-    // grey, exactly the class colours, each as one solid square.
-    const std::set<uint32_t> own = {0xFFFFFF, 0x000000, 0x5A5A5A, 0xEBEBEB};
+    // The SVG: one leaf group per class, filled with its colour; every
+    // region's marker is a rectangle with a tooltip.
+    const std::string svg = read("tree.svg");
+    struct Marker {
+        int x, y, w, h;
+        uint32_t fill;
+        bool leaf;
+    };
+    std::vector<Marker> markers;
+    std::set<uint32_t> svgColours;
+    for (size_t g = svg.find("<g class=\"node "); g != std::string::npos; g = svg.find("<g class=\"node ", g + 1)) {
+        Marker m{};
+        m.leaf = svg.compare(g, 20, "<g class=\"node leaf\"") == 0;
+        const size_t title = svg.find("<title>", g), rect = svg.find("<rect ", g);
+        EXPECT_LT(title, rect) << "a region without a tooltip";
+        unsigned r = 0, gr = 0, b = 0;
+        ASSERT_EQ(std::sscanf(svg.c_str() + rect, "<rect x=\"%d\" y=\"%d\" width=\"%d\" height=\"%d\" fill=\"rgb(%u,%u,%u)",
+                              &m.x, &m.y, &m.w, &m.h, &r, &gr, &b),
+                  7);
+        m.fill = r << 16 | gr << 8 | b;
+        if (m.leaf) svgColours.insert(m.fill);
+        markers.push_back(m);
+    }
+    EXPECT_EQ(markers.size(), doc["regions"].size());
+    EXPECT_EQ(svgColours, classColours);
+
+    // The PNG is the SVG drawn: its size, every marker filled with its
+    // colour, and text in anti-aliased shades rather than two colours.
     const std::vector<uint32_t> tree = readPng(path("tree.png"), w, h);
     ASSERT_FALSE(tree.empty());
-    std::map<uint32_t, std::vector<int>> at;
-    for (int i = 0; i < w * h; ++i)
-        if (own.count(tree[i]) == 0) at[tree[i]].push_back(i);
-    std::set<uint32_t> found;
-    for (const auto& [colour, cells] : at) {
-        found.insert(colour);
-        int x0 = w, x1 = -1, y0 = h, y1 = -1;
-        for (int i : cells) {
-            x0 = std::min(x0, i % w), x1 = std::max(x1, i % w);
-            y0 = std::min(y0, i / w), y1 = std::max(y1, i / w);
-        }
-        EXPECT_EQ(static_cast<int>(cells.size()), (x1 - x0 + 1) * (y1 - y0 + 1)) << std::hex << colour;
-        EXPECT_EQ(x1 - x0, y1 - y0) << std::hex << colour;
-        EXPECT_GE(x1 - x0, 6) << std::hex << colour;
+    int svgWidth = 0, svgHeight = 0;
+    ASSERT_EQ(std::sscanf(svg.c_str() + svg.find(" width="), " width=\"%d\" height=\"%d\"", &svgWidth, &svgHeight), 2);
+    EXPECT_EQ(w, svgWidth);
+    EXPECT_EQ(h, svgHeight);
+    for (const Marker& m : markers) {
+        const int cx = m.x + m.w / 2, cy = m.y + m.h / 2;
+        EXPECT_EQ(tree[static_cast<size_t>(cy) * w + cx], m.fill) << std::hex << m.fill;
     }
-    EXPECT_EQ(found, classColours);
+    std::set<uint32_t> greys;
+    for (uint32_t c : tree)
+        if ((c >> 16) == (c & 0xFF) && ((c >> 8) & 0xFF) == (c & 0xFF)) greys.insert(c);
+    EXPECT_GT(greys.size(), 20u);
+}
 
-    // The SVG: one leaf group per class, filled with its colour.
-    const std::string svg = read("tree.svg");
-    std::set<uint32_t> svgColours;
-    for (size_t at_ = svg.find("<g class=\"leaf\""); at_ != std::string::npos;
-         at_ = svg.find("<g class=\"leaf\"", at_ + 1)) {
-        unsigned r = 0, g = 0, b = 0;
-        const size_t fill = svg.find("fill=\"rgb(", at_);
-        ASSERT_EQ(std::sscanf(svg.c_str() + fill, "fill=\"rgb(%u,%u,%u)", &r, &g, &b), 3);
-        svgColours.insert(r << 16 | g << 8 | b);
-    }
-    EXPECT_EQ(svgColours, classColours);
+// The page of --html: everything inline, nothing fetched, and the run it
+// describes is the one --tree describes.
+TEST_F(Levels, HtmlReportIsOneSelfContainedPage) {
+    const Result run = segment({"-o", "labels.hraw", "--tree", "tree.json", "--html", "report.html", "--rgb", "1,3,2"},
+                               {"UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=5"});
+    ASSERT_EQ(run.status, 0) << run.err;
+    const std::string page = read("report.html");
+    const nlohmann::json doc = nlohmann::json::parse(read("tree.json"));
+
+    EXPECT_NE(page.find("content=\"default-src 'none'; img-src data:;"), std::string::npos);
+    for (const char* outside : {"href=", "url(", "@import", "fetch(", "XMLHttpRequest", "<link", "<iframe"})
+        EXPECT_EQ(page.find(outside), std::string::npos) << outside;
+    for (size_t at = page.find(" src=\""); at != std::string::npos; at = page.find(" src=\"", at + 1))
+        EXPECT_EQ(page.compare(at, 26, " src=\"data:image/png;base6"), 0) << page.substr(at, 40);
+
+    const std::string open = "<script type=\"application/json\" id=\"run-data\">";
+    const size_t from = page.find(open) + open.size(), to = page.find("</script>", from);
+    ASSERT_NE(to, std::string::npos);
+    const nlohmann::json data = nlohmann::json::parse(page.substr(from, to - from));
+    EXPECT_EQ(data["cutClasses"], doc["cutClasses"]);
+    EXPECT_EQ(data["splitOrder"], doc["splitOrder"]);
+    EXPECT_EQ(data["settings"], doc["settings"]);
+    EXPECT_EQ(data["rgb"], nlohmann::json::array({1, 3, 2}));
+    EXPECT_EQ(data["nodes"].size(), doc["regions"].size());
+    EXPECT_EQ(data["rows"], 96);
+    EXPECT_EQ(data["step"], 1);
+    // The tree beside the map is the --tree-svg picture, one group per region.
+    size_t groups = 0;
+    for (size_t at = page.find("<g class=\"node "); at != std::string::npos; at = page.find("<g class=\"node ", at + 1))
+        ++groups;
+    EXPECT_EQ(groups, doc["regions"].size());
+}
+
+TEST_F(Levels, HtmlOptionsAreChecked) {
+    const Result alone = segment({"-o", "labels.hraw", "--rgb", "3,2,1"}, {});
+    EXPECT_EQ(alone.status, 2);
+    EXPECT_EQ(alone.err, "dhc: --rgb chooses the bands of --html: give --html too\n");
+    const Result twoBands = segment({"-o", "labels.hraw", "--html", "r.html", "--rgb", "3,2"}, {});
+    EXPECT_EQ(twoBands.status, 2);
+    EXPECT_NE(twoBands.err.find("--rgb 3,2: must be three band numbers"), std::string::npos) << twoBands.err;
+    // The scene has four bands: a fifth is refused before the run, and nothing is written.
+    const Result fifth = segment({"-o", "labels.hraw", "--html", "r.html", "--rgb", "5,2,1"}, {});
+    EXPECT_EQ(fifth.status, 1);
+    EXPECT_EQ(fifth.err, "dhc: --rgb: band 5 does not exist; the image has 4 bands, numbered from 1\n");
+    const Result pieces =
+        segment({"-o", "labels.hraw", "--html", "r.html"}, {"UNSUPERVISED_MODE_CONF.Fragmentation=1"});
+    EXPECT_EQ(pieces.status, 1);
+    EXPECT_EQ(pieces.err.rfind("dhc: --html is not available with Fragmentation=1", 0), 0u) << pieces.err;
+    for (const char* name : {"labels.hraw", "r.html"}) EXPECT_FALSE(std::filesystem::exists(path(name))) << name;
 }
 
 }  // namespace
