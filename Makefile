@@ -68,7 +68,7 @@ demo: build
 # Octave) built with -fsanitize=address,undefined; any report fails its test.
 ASAN_BUILD ?= build-asan
 test-sanitize: deps
-	cmake -S . -B $(ASAN_BUILD) $(CMAKE_ARGS) -DDHC_SANITIZE=ON -DDHC_BUILD_BENCH=OFF -DDHC_PYTHON=OFF
+	cmake -S . -B $(ASAN_BUILD) -DPython3_EXECUTABLE=$(PYTHON) $(CMAKE_ARGS) -DDHC_SANITIZE=ON -DDHC_BUILD_BENCH=OFF -DDHC_PYTHON=OFF
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 LSAN_OPTIONS=suppressions=$(CURDIR)/tests/lsan.supp \
 	  UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 ctest --output-on-failure -j $(JOBS)
