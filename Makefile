@@ -82,7 +82,7 @@ deb: deps
 # Octave) built with -fsanitize=address,undefined; any report fails its test.
 ASAN_BUILD ?= build-asan
 test-sanitize: deps
-	cmake -S . -B $(ASAN_BUILD) $(CMAKE_ARGS) -DDHC_SANITIZE=ON -DDHC_BUILD_BENCH=OFF -DDHC_PYTHON=OFF
+	cmake -S . -B $(ASAN_BUILD) -DPython3_EXECUTABLE=$(PYTHON) $(CMAKE_ARGS) -DDHC_SANITIZE=ON -DDHC_BUILD_BENCH=OFF -DDHC_PYTHON=OFF
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 LSAN_OPTIONS=suppressions=$(CURDIR)/tests/lsan.supp \
 	  UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 ctest --output-on-failure -j $(JOBS)
@@ -92,7 +92,7 @@ test-sanitize: deps
 # each target's log to FUZZ_BUILD/logs.  Fails when any target finds something.
 FUZZ_BUILD   ?= build-fuzz
 FUZZ_SECONDS ?= 60
-FUZZ_TARGETS ?= hraw ini_parser ini_check command_line run
+FUZZ_TARGETS ?= hraw ini_parser ini_check command_line run raster
 FUZZ_FLAGS   ?=
 
 fuzz-build: deps
@@ -105,8 +105,9 @@ fuzz: fuzz-build
 	for t in $(FUZZ_TARGETS); do \
 	  mkdir -p $(FUZZ_BUILD)/corpus/$$t; \
 	  case $$t in ini_parser|ini_check) dict=-dict=fuzz/ini.dict;; command_line) dict=-dict=fuzz/command_line.dict;; *) dict=;; esac; \
+	  case $$t in run) timeout=120;; *) timeout=10;; esac; \
 	  echo "fuzz: $$t for $(FUZZ_SECONDS) s"; \
-	  if $(FUZZ_BUILD)/fuzz/$${t}_fuzz -max_total_time=$(FUZZ_SECONDS) -timeout=10 -rss_limit_mb=2048 \
+	  if $(FUZZ_BUILD)/fuzz/$${t}_fuzz -max_total_time=$(FUZZ_SECONDS) -timeout=$$timeout -rss_limit_mb=2048 \
 	       -max_len=4096 -print_final_stats=1 -artifact_prefix=$(FUZZ_BUILD)/findings/$$t- $$dict $(FUZZ_FLAGS) \
 	       $(FUZZ_BUILD)/corpus/$$t fuzz/corpus/$$t > $(FUZZ_BUILD)/logs/$$t.log 2>&1; then \
 	    grep -E "^#[0-9]+[[:space:]]+DONE" $(FUZZ_BUILD)/logs/$$t.log | tail -1; \

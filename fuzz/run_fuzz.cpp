@@ -1,16 +1,16 @@
 // A whole segmentation run on a small random image, with optional mask,
-// initial segmentation or ground truth and random settings, through the same
-// path as the tool: default configuration + overrides, the check, the
-// settings reader, prepareRun, runSegmentation, the outputs.  A refusal
-// (InputError) is an answer; a fatal status of the core is an answer too (it
-// unwinds here as it does in the MEX module).  The run must give every point
-// of the region a positive label, and the same input must give the same labels.
+// initial segmentation or ground truth and random settings, through exactly
+// the path of `dhc segment`: default configuration + overrides,
+// readCheckedSettings, prepareRun with the tool's names, runSegmentation, the
+// outputs.  A refusal (InputError) is an answer; a fatal status of the core is
+// an answer too (it unwinds here as it does in the MEX module).  The run must
+// give every point of the region a positive label, and the same input must
+// give the same labels.
 //
-// Inputs are bounded so the target measures correctness, not slowness: sides up
-// to 12, up to 3 bands, multiplicity up to 4.  Settings without a known fault
-// at their extremes sometimes get extreme values.  Known faults kept out: negative
-// ground-truth labels, variable multiplicity, extreme BetaMin /
-// SplitGainThreshold / Multiplicity, values above 46340.
+// Sides are bounded (up to 12, up to 3 bands) so the target measures
+// correctness, not slowness; every setting sometimes takes a value far outside
+// its usual range (the check decides), ground truths may hold negative labels
+// and values span the whole int32 range.
 
 #include <cstdio>
 #include <cstdlib>
@@ -38,11 +38,11 @@ const T& pick(Bytes& in, const T (&options)[N]) {
     return options[in.range(0, static_cast<int>(N) - 1)];
 }
 
-// Now and then a value far outside the usual range, for the settings whose
-// extremes are not known faults: the check lets them through, the run must
-// still end well.
-const char* const kWildInts[] = {"-1", "2147483647", "-2147483648", "1000"};
-const char* const kWildReals[] = {"-1", "1e300", "-1e300", "1e-300", "2147483648"};
+// Now and then a value far outside the usual range: the check refuses it or
+// lets it through, and the run must then end well.
+const char* const kWildInts[] = {"-1", "2147483647", "-2147483648", "1000", "65", "64", "0"};
+const char* const kWildReals[] = {"-1", "1e300", "-1e300", "1e-300", "2147483648", "nan", "-100", "100",
+                                  "1e9", "-1e9", "1e15", "inf"};
 
 std::string integer(Bytes& in, int lo, int hi) {
     if (in.range(0, 7) == 0) return pick(in, kWildInts);
@@ -109,10 +109,10 @@ Case makeCase(Bytes& in) {
         set("SUPERVISED_MODE_CONF.StructureLevels", levels);
         set("SUPERVISED_MODE_CONF.StructurePaths", paths);
     } else {
-        static const char* const gains[] = {"0", "0.2", "1", "-1", "5", "0.01"};
+        static const char* const gains[] = {"0", "0.2", "1", "-1", "5", "0.01", "-1e9", "1e9"};
         static const char* const areas[] = {"0", "1", "4", "16", "64"};
         static const char* const small[] = {"0", "0.5", "1", "2", "3"};
-        set("UNSUPERVISED_MODE_CONF.SplitGainThreshold", pick(in, gains));
+        set("UNSUPERVISED_MODE_CONF.SplitGainThreshold", real(in, gains));
         set("UNSUPERVISED_MODE_CONF.MaxNumberOfClasses", integer(in, 0, 10));
         set("UNSUPERVISED_MODE_CONF.MinRegionArea", real(in, areas));
         set("UNSUPERVISED_MODE_CONF.BalancedTree", in.flag() ? "1" : "0");
@@ -126,15 +126,16 @@ Case makeCase(Bytes& in) {
         set("UNSUPERVISED_MODE_CONF.DoubleSplit", in.flag() ? "1" : "0");
         set("UNSUPERVISED_MODE_CONF.SplitwiseDisconnect", in.flag() ? "1" : "0");
         set("UNSUPERVISED_MODE_CONF.Fragmentation", in.flag() ? "1" : "0");
-        set("POTTS_MODEL.Multiplicity", std::to_string(in.range(2, 4)));
+        set("UNSUPERVISED_MODE_CONF.VariableMultiplicity", in.flag() ? "1" : "0");
+        set("POTTS_MODEL.Multiplicity", integer(in, 2, 4));
     }
-    static const char* const betaMins[] = {"0", "0.1", "0.5"};
+    static const char* const betaMins[] = {"0", "0.1", "0.5", "-100", "100", "-3"};
     static const char* const betaMaxs[] = {"0.5", "1.5", "3", "100"};
     static const char* const bandwidths[] = {"0", "1", "10"};
     static const char* const tolerances[] = {"0.05", "0.5", "0.001"};
     static const char* const skips[] = {"0", "0.1", "0.5"};
-    set("POTTS_MODEL.BetaMin", pick(in, betaMins));
-    set("POTTS_MODEL.BetaMax", pick(in, betaMaxs));
+    set("POTTS_MODEL.BetaMin", real(in, betaMins));
+    set("POTTS_MODEL.BetaMax", real(in, betaMaxs));
     set("POTTS_MODEL.Adaptive", in.flag() ? "1" : "0");
     set("POTTS_MODEL.BetaBound", real(in, bandwidths));
     set("POTTS_MODEL.RangeBandwidth", real(in, bandwidths));
@@ -145,11 +146,18 @@ Case makeCase(Bytes& in) {
     set("MEANSHIFT.KernelType", integer(in, 0, 2));
 
     const bool maskGiven = in.flag(), initGiven = !supervised && in.flag();
-    static const int bounds[] = {1, 15, 255, 4095, 40000};
+    // Small ranges give ties, equal pixels and constant bands; the widest
+    // reaches both ends of int32.
+    static const int bounds[] = {0, 1, 15, 255, 4095, 40000, 65535};
     const int bound = pick(in, bounds);
+    const bool fullRange = in.range(0, 7) == 0;
     for (int b = 0; b < c.bands; ++b) c.cube.emplace_back(c.rows, c.cols);
     for (Plane& p : c.cube) {
-        for (int& v : p.cells) v = in.range(0, bound);
+        for (int& v : p.cells) {
+            v = in.range(0, bound);
+            if (fullRange) v = static_cast<int>(static_cast<unsigned>(in.range(0, 65535)) << 16 |
+                                                static_cast<unsigned>(in.range(0, 65535)));
+        }
         c.cubeRows.push_back(p.get());
     }
     if (maskGiven) {
@@ -162,7 +170,9 @@ Case makeCase(Bytes& in) {
     }
     if (supervised) {
         c.gt = std::make_unique<Plane>(c.rows, c.cols);
-        for (int& v : c.gt->cells) v = in.range(0, classes);
+        // Now and then a negative label: the front end refuses it.
+        const bool negative = in.range(0, 7) == 0;
+        for (int& v : c.gt->cells) v = in.range(negative ? -2 : 0, classes);
     }
     return c;
 }
@@ -185,10 +195,13 @@ std::string describe(const Case& c) {
     return s;
 }
 
-std::vector<int> run(const Case& c, DHC_SET& settings, int& classes) {
+std::vector<int> run(const Case& c, const IniFile& ini, DHC_SET& settings, int& classes) {
+    dhc::RunNames names;
+    names.gt = "ground truth \"gt.hraw\"";
+    names.settings = settingNames(ini);
     dhc::PreparedRun prepared = dhc::prepareRun(
         c.rows, c.cols, c.bands, const_cast<int***>(c.cubeRows.data()), c.mask ? c.mask->get() : nullptr,
-        c.init ? c.init->get() : nullptr, c.gt ? c.gt->get() : nullptr, settings);
+        c.init ? c.init->get() : nullptr, c.gt ? c.gt->get() : nullptr, settings, names);
     const int points = prepared.roi->count;
     DHC_OUT out = dhc::runSegmentation(prepared, settings);
     if (out.labelRoi == nullptr || out.labelRoi->count != points) broken("no label for every point");
@@ -247,19 +260,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Bytes in(data, size);
     Case c = makeCase(in);
     context() = describe(c);
+    // DHC_FUZZ_SHOW=1: every case as text, to see what a slow input holds.
+    if (std::getenv("DHC_FUZZ_SHOW") != nullptr) std::fprintf(stderr, "fuzz: case:\n%s\n", context().c_str());
     IniFile ini("default.ini", kDefaultIni);
+    std::unique_ptr<DHC_SET> settings;
     try {
+        // The tool's order: the overrides, then the checked reading.
         for (const std::string& s : c.sets) ini.applyOverride(s);
-        ini.check();
+        settings = readCheckedSettings(ini);
     } catch (const InputError&) {
         return 0;
     }
     try {
         int classes1 = 0, classes2 = 0;
-        std::unique_ptr<DHC_SET> settings = readSettings(ini);
-        const std::vector<int> first = run(c, *settings, classes1);
-        std::unique_ptr<DHC_SET> again = readSettings(ini);
-        const std::vector<int> second = run(c, *again, classes2);
+        const std::vector<int> first = run(c, ini, *settings, classes1);
+        std::unique_ptr<DHC_SET> again = readCheckedSettings(ini);
+        const std::vector<int> second = run(c, ini, *again, classes2);
         if (first != second || classes1 != classes2) broken("the same run gave different labels");
     } catch (const InputError&) {
     } catch (const FatalStatus& f) {

@@ -27,11 +27,12 @@ std::string quoted(const std::string& s) {
 
 int runApply(const ApplyOptions& o) {
     const auto start = std::chrono::steady_clock::now();
-    std::vector<std::string> inputs{o.image, o.model}, outputNames{o.output};
-    if (!o.mask.empty()) inputs.push_back(o.mask);
-    if (!o.png.empty()) outputNames.push_back(o.png);
-    OutputFiles::checkDistinct(inputs, outputNames);
+    // Every output, compared with every input and every other output.
     const dhc::io::OutputFormat format = dhc::io::outputFormat("-o", o.output, o.format, {}, 1);
+    OutputFiles outputs({o.image, o.model, o.mask});
+    const OutputFiles::Output& labelsOut =
+        outputs.add(o.output, format.hraw() ? OutputFiles::Writer::descriptor : OutputFiles::Writer::path);
+    const OutputFiles::Output& pngOut = outputs.add(o.png);
 
     // 1. The model, then the image as the model's values were read.
     const dhc::Model model = dhc::readModelFile(o.model);
@@ -103,9 +104,7 @@ int runApply(const ApplyOptions& o) {
     const dhc::Window h = dhc::withHalo(w, image.rows, image.cols);
 
     // 4. The outputs, then the labels.
-    OutputFiles outputs;
-    const OutputFiles::Output labelsOut = outputs.add(o.output);
-    const OutputFiles::Output pngOut = o.png.empty() ? OutputFiles::Output() : outputs.add(o.png);
+    outputs.create();
 
     std::vector<int*> rowPointers(static_cast<size_t>(image.bands) * static_cast<size_t>(h.rows));
     std::vector<int**> bandPointers(static_cast<size_t>(image.bands));
@@ -149,7 +148,7 @@ int runApply(const ApplyOptions& o) {
     }
     image = dhc::io::Raster();  // the values go before the outputs are made
     writeLabels(labelsOut, format, labels, w.rows, w.cols, geo);
-    if (pngOut.fd >= 0) writeLabelPng(pngOut.fd, o.png, labels, w.rows, w.cols);
+    if (pngOut.given()) writeLabelPng(pngOut.fd, o.png, labels, w.rows, w.cols);
     outputs.commit();
 
     if (!o.quiet) {

@@ -19,6 +19,7 @@
 #include "driver/DHC_OUT.h"
 #include "frontend/IniFile.h"
 #include "frontend/InputError.h"
+#include "frontend/InputFile.h"
 #include "frontend/Segmentation.h"
 #include "frontend/SettingsCheck.h"
 #include "hierarchy/Hierarchy.h"
@@ -132,23 +133,9 @@ void writeLabels(const OutputFiles::Output& out, const dhc::io::OutputFormat& fo
 int runSegment(const SegmentOptions& o) {
     const auto start = std::chrono::steady_clock::now();
 
-    // 0. No output may be an input or another output.
-    std::vector<std::string> inputs{o.image}, outputNames{o.output};
-    for (const std::string* name : {&o.config, &o.mask, &o.init, &o.gt})
-        if (!name->empty()) inputs.push_back(*name);
-    for (const std::string* name : {&o.report, &o.fragments, &o.png, &o.polygons, &o.html, &o.model})
-        if (!name->empty()) outputNames.push_back(*name);
-    OutputFiles::checkDistinct(inputs, outputNames);
-
-    // 1. The configuration, with the overrides, checked as a whole.
-    IniFile ini = o.config.empty() ? IniFile("default.ini", kDefaultIni) : IniFile::fromFile(o.config);
-    for (const std::string& assignment : o.sets) ini.applyOverride(assignment);
-    const std::unique_ptr<DHC_SET> settings = readCheckedSettings(ini);
-
-    // 2. The input files: readable, well-formed, all of the image's size.
-    // hraw files are checked now and read once the run is certain; other
-    // rasters are read through GDAL, which checks them as it goes.
-    // Every output's format is checked before anything is read.
+    // 0. Every output's format, checked before anything is read, and every
+    // output, one line each: compared with every input and every output
+    // before it.  Writers that open files by name (GDAL) take a path.
     const dhc::io::OutputFormat labelsFormat =
         dhc::io::outputFormat("-o", o.output, o.format, o.creationOptions, 1);
     const dhc::io::OutputFormat fragmentsFormat =
@@ -173,9 +160,38 @@ int runSegment(const SegmentOptions& o) {
     part.row = o.window[1];
     part.cols = o.window[2];
     part.rows = o.window[3];
+    using Writer = OutputFiles::Writer;
+    auto writerFor = [](const dhc::io::OutputFormat& f) { return f.hraw() ? Writer::descriptor : Writer::path; };
+    OutputFiles outputs({o.image, o.config, o.mask, o.init, o.gt});
+    const OutputFiles::Output& labelsOut = outputs.add(o.output, writerFor(labelsFormat));
+    const OutputFiles::Output& reportOut = outputs.add(o.report);
+    const OutputFiles::Output& fragmentsOut = outputs.add(o.fragments, writerFor(fragmentsFormat));
+    const OutputFiles::Output& pngOut = outputs.add(o.png);
+    const OutputFiles::Output& levelsOut = outputs.add(o.levels, writerFor(levelsFormat));
+    const OutputFiles::Output& treeOut = outputs.add(o.tree);
+    const OutputFiles::Output& treePngOut = outputs.add(o.treePng);
+    const OutputFiles::Output& treeSvgOut = outputs.add(o.treeSvg);
+    const OutputFiles::Output& polygonsOut = outputs.add(o.polygons);
+    const OutputFiles::Output& htmlOut = outputs.add(o.html);
+    const OutputFiles::Output& modelOut = outputs.add(o.model);
+
+    // 1. The configuration, with the overrides, checked as a whole.
+    IniFile ini = o.config.empty() ? IniFile("default.ini", kDefaultIni) : IniFile::fromFile(o.config);
+    for (const std::string& assignment : o.sets) ini.applyOverride(assignment);
+    const std::unique_ptr<DHC_SET> settings = readCheckedSettings(ini);
+
+    // 2. The input files: readable, well-formed, all of the image's size.
+    // hraw files are checked now and read once the run is certain; other
+    // rasters are read through GDAL, which checks them as it goes.
     dhc::io::Conversion conversion;
     if (o.hasScale) conversion.scale = o.scale;
     if (o.hasNodata) conversion.nodata = o.nodata;
+    // Each must be a regular file: a pipe would block the first open, a
+    // device might never end.
+    const std::pair<const std::string*, const char*> inputFiles[] = {
+        {&o.image, "image"}, {&o.mask, "mask"}, {&o.init, "initial segmentation"}, {&o.gt, "ground truth"}};
+    for (const auto& [name, role] : inputFiles)
+        if (!name->empty()) dhc::checkInputFile(*name, role);
     dhc::io::Raster imageRaster;
     HrawShape image;
     if (dhc::io::isHraw(o.image)) {
@@ -187,6 +203,7 @@ int runSegment(const SegmentOptions& o) {
     } else {
         imageRaster = dhc::io::readImage(o.image, "image", conversion, part);
         image = HrawShape{imageRaster.bands, imageRaster.rows, imageRaster.cols};
+        dhc::checkImageSize(image.rows, image.cols, image.bands, "image \"" + o.image + "\"");
     }
     dhc::io::Raster maskRaster, initRaster, gtRaster;
     auto checkOrRead = [&](const std::string& path, const std::string& role, dhc::io::Raster& into) {
@@ -241,21 +258,7 @@ int runSegment(const SegmentOptions& o) {
     const double scale = imageRaster.scale;
 
     // 4. The outputs, created empty under temporary names before the long part.
-    OutputFiles outputs;
-    const OutputFiles::Output labelsOut = outputs.add(o.output);
-    auto optional = [&outputs](const std::string& name) {
-        return name.empty() ? OutputFiles::Output() : outputs.add(name);
-    };
-    const OutputFiles::Output reportOut = optional(o.report);
-    const OutputFiles::Output fragmentsOut = optional(o.fragments);
-    const OutputFiles::Output pngOut = optional(o.png);
-    const OutputFiles::Output levelsOut = optional(o.levels);
-    const OutputFiles::Output treeOut = optional(o.tree);
-    const OutputFiles::Output treePngOut = optional(o.treePng);
-    const OutputFiles::Output treeSvgOut = optional(o.treeSvg);
-    const OutputFiles::Output polygonsOut = optional(o.polygons);
-    const OutputFiles::Output htmlOut = optional(o.html);
-    const OutputFiles::Output modelOut = optional(o.model);
+    outputs.create();
 
     // 5. The region of interest, exactly as the gateway builds it; the input
     // planes go as soon as the core holds its copies.
@@ -289,7 +292,7 @@ int runSegment(const SegmentOptions& o) {
                     &dataMask[static_cast<size_t>(r) * static_cast<size_t>(image.cols)];
             mask = dataMaskRows.data();
         }
-        if (htmlOut.fd >= 0) {
+        if (htmlOut.given()) {
             int*** cube = imageRaster.cube;
             dhc::ImageView view;
             view.bands = image.bands;
@@ -366,7 +369,7 @@ int runSegment(const SegmentOptions& o) {
     info.metadata = {"TIFFTAG_SOFTWARE=dhc " + std::string(DHC_VERSION), "DHC_PROGRAM=dhc",
                      "DHC_VERSION=" + std::string(DHC_VERSION),
                      "DHC_SETTINGS=" + dhc::settingsJson(*settings).dump()};
-    if (polygonsOut.fd >= 0) {
+    if (polygonsOut.given()) {
         dhc::io::PolygonSource polygons;
         polygons.labels = &labels;
         polygons.rows = image.rows;
@@ -391,13 +394,13 @@ int runSegment(const SegmentOptions& o) {
                                                     " in ascending order of their region labels");
         writeOutput(labelsOut, labelsFormat, dhc::io::LabelPlane(labels, image.rows, image.cols), labelInfo);
     }
-    if (reportOut.fd >= 0) {
+    if (reportOut.given()) {
         std::ostringstream report;
         out.dhc->printReport(report);
         if (!report) throw InputError(kExitInput, "cannot make the report");
         OutputFiles::writeAll(reportOut, report.str());
     }
-    if (fragmentsOut.fd >= 0) {
+    if (fragmentsOut.given()) {
         if (out.fragRoi == nullptr) throw InputError(kExitInput, "the segmentation produced no fragment map");
         std::vector<int> fragments = dhc::fullFrame(*out.fragRoi, image.rows, image.cols);
         dhc::io::MapInfo fragmentInfo = info;
@@ -405,16 +408,16 @@ int runSegment(const SegmentOptions& o) {
         writeOutput(fragmentsOut, fragmentsFormat, dhc::io::LabelPlane(fragments, image.rows, image.cols),
                     fragmentInfo);
     }
-    if (levelsOut.fd >= 0) writeOutput(levelsOut, levelsFormat, LevelBands(*tree), info);
-    if (treeOut.fd >= 0) {
+    if (levelsOut.given()) writeOutput(levelsOut, levelsFormat, LevelBands(*tree), info);
+    if (treeOut.given()) {
         nlohmann::ordered_json doc = dhc::treeJson(*tree, *settings, "dhc", DHC_VERSION);
         if (o.relabel) doc["relabel"] = {{"order", "ascending region label"}, {"classes", relabelled}};
         OutputFiles::writeAll(treeOut, doc.dump(2) + "\n");
     }
     dhc::TreeOptions pictureOptions;
     pictureOptions.pixelArea = dhc::io::pixelArea(geo);
-    if (treeSvgOut.fd >= 0) OutputFiles::writeAll(treeSvgOut, dhc::treeSvg(*tree, pictureOptions));
-    if (modelOut.fd >= 0) {
+    if (treeSvgOut.given()) OutputFiles::writeAll(treeSvgOut, dhc::treeSvg(*tree, pictureOptions));
+    if (modelOut.given()) {
         dhc::ValueConversion values;
         values.floatBands = scaled;
         values.scale = scaled ? scale : 1;
@@ -427,15 +430,15 @@ int runSegment(const SegmentOptions& o) {
             throw InputError(kExitInput, e.what());
         }
     }
-    if (treePngOut.fd >= 0) {
+    if (treePngOut.given()) {
         try {
             dhc::treePicture(*tree, pictureOptions).writePng(treePngOut.fd, o.treePng);
         } catch (const dhc::WriteError& e) {
             throw InputError(kExitInput, e.what());
         }
     }
-    if (pngOut.fd >= 0) writeLabelPng(pngOut.fd, o.png, labels, image.rows, image.cols);
-    if (htmlOut.fd >= 0) {
+    if (pngOut.given()) writeLabelPng(pngOut.fd, o.png, labels, image.rows, image.cols);
+    if (htmlOut.given()) {
         auto seconds = [](auto from, auto to) { return std::chrono::duration<double>(to - from).count(); };
         dhc::ReportRun report;
         report.title = o.image;

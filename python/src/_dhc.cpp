@@ -309,6 +309,9 @@ py::dict segment(const py::array& image, const py::object& mask, const py::objec
     if (!settings->supervisedMode && !gt.is_none())
         throw py::value_error("gt is used only in supervised mode (set supervised_mode=True)");
 
+    // Refused before the run when its estimated peak exceeds the memory available.
+    dhc::checkImageSize(static_cast<long long>(rows), static_cast<long long>(cols), static_cast<long long>(bands),
+                        "image");
     RowPointers cube = rowPointers(image, bands, rows);
     RowPointers maskRows, initRows, gtRows;
     if (!mask.is_none()) maskRows = rowPointers(maskArray, 1, rows);

@@ -13,9 +13,11 @@ import dhc
 from conftest import read_hraw, tool, write_hraw
 
 # Explicit settings: the tests must not depend on the built-in defaults.
-SETTINGS = dict(max_number_of_classes=4, split_gain_threshold=0.05, min_region_area=16)
+SETTINGS = dict(max_number_of_classes=4, split_gain_threshold=0.05, min_region_area=16, stop_criterion=0,
+                final_refinement=0)
 SETS = ["--set", "UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=4", "--set",
-        "UNSUPERVISED_MODE_CONF.SplitGainThreshold=0.05", "--set", "UNSUPERVISED_MODE_CONF.MinRegionArea=16"]
+        "UNSUPERVISED_MODE_CONF.SplitGainThreshold=0.05", "--set", "UNSUPERVISED_MODE_CONF.MinRegionArea=16",
+        "--set", "UNSUPERVISED_MODE_CONF.StopCriterion=0", "--set", "UNSUPERVISED_MODE_CONF.FinalRefinement=0"]
 
 
 @pytest.fixture(scope="module")
@@ -40,6 +42,24 @@ def test_model_holds_the_runs_leaves(run):
     assert m.beta == pytest.approx(sum(r.beta * r.area for r in split) / sum(r.area for r in split), rel=1e-12)
     assert m.tree["regions"] == run.tree["regions"] and m.tree["splitOrder"] == run.tree["splitOrder"]
     assert m.radius == 4 * dhc._dhc.label_sweeps
+
+
+def test_model_of_a_refined_run_holds_the_refined_classes():
+    # Two noisy classes whose border the refinement moves: the final map is
+    # the refinement's, so the model must be its classes and its beta.
+    rng = np.random.default_rng(7)
+    truth = (np.add.outer(np.arange(64), np.arange(64)) % 48 < 24).astype(int)
+    image = (100 + 30 * truth + rng.normal(0, 12, (3, 64, 64))).round().astype(np.int32)
+    result = dhc.segment(image, settings=dhc.Settings(stop_criterion=1, final_refinement=10))
+    final = result.tree["finalModel"]
+    assert final["refined"]
+    classes = sorted((c for c in final["classes"] if c["mean"]), key=lambda c: c["label"])
+    m = result.model
+    assert list(m.labels) == [c["label"] for c in classes]
+    assert np.array_equal(m.means, np.array([c["mean"] for c in classes]))
+    assert m.beta == final["beta"]
+    # Every class of the final map is one of the model's.
+    assert set(np.unique(result.labels)) - {0} <= set(m.labels)
 
 
 def test_model_round_trips_through_file_and_pickle(run, tmp_path):

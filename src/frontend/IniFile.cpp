@@ -11,6 +11,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "frontend/InputError.h"
+#include "frontend/InputFile.h"
 #include "frontend/SettingsCheck.h"
 #include "settings/DHC_SET.h"
 #include "settings/FileName.h"
@@ -183,13 +185,7 @@ IniFile::IniFile(std::string name, const std::string& text) : name_(std::move(na
 }
 
 IniFile IniFile::fromFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in)
-        throw InputError(kExitInput, "cannot open configuration \"" + path + "\": " + std::strerror(errno));
-    std::ostringstream text;
-    text << in.rdbuf();
-    if (in.bad()) throw InputError(kExitInput, "cannot read configuration \"" + path + "\"");
-    return IniFile(path, text.str());
+    return IniFile(path, dhc::readInputFile(path, "configuration", dhc::kMaxConfigBytes));
 }
 
 int IniFile::sectionLine(const std::string& section) const {

@@ -36,7 +36,8 @@ class IniFile {
 
     // Text of a configuration; name is used in messages ("name:line: ...").
     IniFile(std::string name, const std::string& text);
-    // Reads a file; a file that cannot be read is a InputError.
+    // Reads a file (a regular file of at most kMaxConfigBytes); a file that
+    // cannot be read is an InputError.
     static IniFile fromFile(const std::string& path);
 
     // Applies one "SECTION.Key=value" override: the first Key line of the

@@ -1,11 +1,13 @@
 #include "frontend/SettingsCheck.h"
 
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cctype>
 #include <cmath>
+#include <fstream>
 #include <limits>
 #include <sstream>
 
@@ -327,6 +329,95 @@ unsigned long long physicalMemory() {
     return static_cast<unsigned long long>(pages) * static_cast<unsigned long long>(pageSize);
 }
 
+unsigned long long runMemoryEstimate(long long rows, long long cols, long long bands) {
+    const long double pixels = static_cast<long double>(std::max(rows, 0LL)) * std::max(cols, 0LL);
+    const long double bytes = pixels * (kRunBytesPerPixel + kRunBytesPerPixelAndBand * std::max(bands, 0LL));
+    return bytes >= static_cast<long double>(std::numeric_limits<unsigned long long>::max())
+               ? std::numeric_limits<unsigned long long>::max()
+               : static_cast<unsigned long long>(bytes);
+}
+
+namespace {
+
+// The first number of the line of /proc/meminfo (kB) or memory.stat (bytes)
+// that starts with key; false when there is none.
+bool statValue(const std::string& file, const std::string& key, unsigned long long& value) {
+    std::ifstream in(file);
+    std::string line;
+    while (std::getline(in, line))
+        if (line.compare(0, key.size(), key) == 0) {
+            std::istringstream rest(line.substr(key.size()));
+            return static_cast<bool>(rest >> value);
+        }
+    return false;
+}
+
+bool fileValue(const std::string& file, unsigned long long& value) {
+    std::ifstream in(file);
+    std::string text;
+    if (!(in >> text) || text == "max") return false;
+    std::istringstream number(text);
+    return static_cast<bool>(number >> value);
+}
+
+void lower(MemoryLimit& limit, unsigned long long bytes, const char* source) {
+    if (limit.source.empty() || bytes < limit.bytes) {
+        limit.bytes = bytes;
+        limit.source = source;
+    }
+}
+
+}  // namespace
+
+MemoryLimit availableMemory() {
+    MemoryLimit limit;
+    unsigned long long kb = 0;
+    if (statValue("/proc/meminfo", "MemAvailable:", kb)) lower(limit, kb * 1024, "MemAvailable");
+    // The control group's limit (v2, then v1), less what the group holds
+    // that the kernel cannot drop (its page cache can be).
+    std::ifstream groups("/proc/self/cgroup");
+    std::string line;
+    while (std::getline(groups, line)) {
+        const size_t a = line.find(':'), b = line.find(':', a + 1);
+        if (a == std::string::npos || b == std::string::npos) continue;
+        const std::string controllers = line.substr(a + 1, b - a - 1), path = line.substr(b + 1);
+        std::string dir;
+        std::string maxFile, usageFile;
+        if (controllers.empty()) {
+            dir = "/sys/fs/cgroup" + path;
+            maxFile = dir + "/memory.max";
+            usageFile = dir + "/memory.current";
+        } else if (("," + controllers + ",").find(",memory,") != std::string::npos) {
+            dir = "/sys/fs/cgroup/memory" + path;
+            maxFile = dir + "/memory.limit_in_bytes";
+            usageFile = dir + "/memory.usage_in_bytes";
+        } else {
+            continue;
+        }
+        unsigned long long max = 0, usage = 0, cache = 0;
+        if (!fileValue(maxFile, max) || max >= (1ULL << 60)) continue;
+        fileValue(usageFile, usage);
+        if (!statValue(dir + "/memory.stat", "file ", cache)) statValue(dir + "/memory.stat", "cache ", cache);
+        const unsigned long long held = usage > cache ? usage - cache : 0;
+        lower(limit, max > held ? max - held : 0, "the control group's memory limit");
+    }
+    // The address-space limit (ulimit -v), less the space already mapped.
+    rlimit as{};
+    if (::getrlimit(RLIMIT_AS, &as) == 0 && as.rlim_cur != RLIM_INFINITY) {
+        unsigned long long pages = 0;
+        std::ifstream statm("/proc/self/statm");
+        statm >> pages;
+        const unsigned long long mapped = pages * static_cast<unsigned long long>(::sysconf(_SC_PAGESIZE));
+        const unsigned long long cap = static_cast<unsigned long long>(as.rlim_cur);
+        lower(limit, cap > mapped ? cap - mapped : 0, "the address-space limit (ulimit -v)");
+    }
+    if (limit.source.empty()) {
+        const unsigned long long memory = physicalMemory();
+        if (memory != 0) lower(limit, memory, "the machine's memory");
+    }
+    return limit;
+}
+
 void checkImageSize(long long rows, long long cols, long long bands, const std::string& what) {
     const unsigned long long limit = std::numeric_limits<size_t>::max();
     const unsigned long long values[] = {static_cast<unsigned long long>(std::max(rows, 0LL)),
@@ -342,11 +433,13 @@ void checkImageSize(long long rows, long long cols, long long bands, const std::
         what + " is " + std::to_string(rows) + " x " + std::to_string(cols) + " x " + std::to_string(bands);
     if (overflow)
         throw InputError(kExitInput, shape + ": its size overflows the address space", "dhc:tooLarge");
-    const unsigned long long memory = physicalMemory();
-    if (memory != 0 && bytes > memory)
+    const unsigned long long needed = runMemoryEstimate(rows, cols, bands);
+    const MemoryLimit available = availableMemory();
+    if (!available.source.empty() && needed > available.bytes)
         throw InputError(kExitInput,
-                         shape + ": its " + std::to_string(bytes) + " bytes of values exceed the machine's " +
-                             std::to_string(memory) + " bytes of memory",
+                         shape + ": a run needs about " + std::to_string(needed) + " bytes of memory, but " +
+                             std::to_string(available.bytes) + " bytes are available (" + available.source +
+                             ")",
                          "dhc:tooLarge");
 }
 

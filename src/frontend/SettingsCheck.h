@@ -94,10 +94,30 @@ void checkSettings(const DHC_SET& settings, const GivenStructure& structure,
 void checkClassStructure(int classes, int labelSpace, const GivenStructure& structure,
                          const SettingNames& names = iniName);
 
-// Checks that an image of these sides and bands can be held: its int32 cube
-// must fit size_t and the machine's memory.  what names the image in the
-// message ("image \"s.hraw\"", "\"data\"").  Throws an InputError
-// ("dhc:tooLarge").
+// The peak memory of a run on an image of these sides and bands, in bytes:
+// measured on the tool with the default settings (the README's table),
+// about 40 bytes per pixel (label maps, coordinates, the region's lists) and
+// 8 per pixel and band (the values, read as int32 and held by the root
+// region, and the class statistics).
+constexpr double kRunBytesPerPixel = 40;
+constexpr double kRunBytesPerPixelAndBand = 8;
+unsigned long long runMemoryEstimate(long long rows, long long cols, long long bands);
+
+// The memory a run may take now: the least of the system's available memory
+// (MemAvailable), the control group's limit less what the group holds, and
+// the address-space limit (RLIMIT_AS) less what is mapped.  source names the
+// bound that decided; it is empty when none is known.
+struct MemoryLimit {
+    unsigned long long bytes = 0;
+    std::string source;
+};
+MemoryLimit availableMemory();
+
+// Checks, before an image is read or a run starts, that a run on it can be
+// held: its int32 cube must fit size_t and the run's estimated peak
+// (runMemoryEstimate) the available memory (availableMemory).  what names the
+// image in the message ("image \"s.hraw\"", "\"data\"").  Throws an
+// InputError ("dhc:tooLarge") naming the estimate and the memory available.
 void checkImageSize(long long rows, long long cols, long long bands, const std::string& what);
 
 // Threads a run may use: a whole number from 0 (one per core) to kMaxThreads.

@@ -20,6 +20,7 @@
 #include "frontend/Scaling.h"
 #include "hierarchy/LabelColours.h"
 #include "io/GdalSupport.h"
+#include "frontend/InputFile.h"
 
 namespace dhc::io {
 namespace {
@@ -43,14 +44,7 @@ Dataset open(const std::string& path, const std::string& role) {
         if (VSI_ISDIR(st.st_mode))
             throw InputError(kExitInput, "cannot open " + role + " " + quoted(path) + ": it is a directory");
     } else {
-        std::FILE* f = std::fopen(path.c_str(), "rb");
-        if (f == nullptr)
-            throw InputError(kExitInput,
-                             "cannot open " + role + " " + quoted(path) + ": " + std::strerror(errno));
-        std::fclose(f);
-        struct stat st;
-        if (::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
-            throw InputError(kExitInput, "cannot open " + role + " " + quoted(path) + ": it is a directory");
+        dhc::checkInputFile(path, role);
     }
     Dataset d(GDALDataset::Open(path.c_str(), GDAL_OF_RASTER | GDAL_OF_READONLY));
     if (!d || d->GetRasterCount() == 0)
@@ -251,6 +245,11 @@ void readCube(Raster& r, const std::vector<GDALRasterBand*>& bands, const Conver
     const int step = chunkRows(bands[0], r.rows, r.cols);
     std::vector<double> values;
     std::vector<uint8_t> ok;
+    // Per band: the range of the values read and of the integers they became,
+    // so that a --scale that rounds a varying band to one value is refused.
+    std::vector<double> lo(bands.size(), INFINITY), hi(bands.size(), -INFINITY);
+    std::vector<int> loCell(bands.size(), std::numeric_limits<int>::max()),
+        hiCell(bands.size(), std::numeric_limits<int>::min());
     for (int row = 0; row < r.rows; row += step) {
         const int n = std::min(step, r.rows - row);
         for (size_t b = 0; b < bands.size(); ++b) {
@@ -270,9 +269,19 @@ void readCube(Raster& r, const std::vector<GDALRasterBand*>& bands, const Conver
                         continue;
                     }
                     cell = toInteger(values[k], scaled, r.scale, window.row + row + i, window.col + c, origin);
+                    lo[b] = std::min(lo[b], values[k]);
+                    hi[b] = std::max(hi[b], values[k]);
+                    loCell[b] = std::min(loCell[b], cell);
+                    hiCell[b] = std::max(hiCell[b], cell);
                 }
         }
     }
+    for (size_t b = 0; b < bands.size(); ++b)
+        if (conversion.scale && readers[b].isFloatBand() && !asMap && lo[b] < hi[b] && loCell[b] == hiCell[b])
+            throw InputError(kExitInput, what + " band " + std::to_string(b + 1) + ": its values from " +
+                                             number(lo[b]) + " to " + number(hi[b]) + " scaled by " +
+                                             number(r.scale) + " all round to " + std::to_string(loCell[b]) +
+                                             " (give a larger --scale)");
 }
 
 void checkTypes(const std::vector<GDALRasterBand*>& bands, const std::string& path, const std::string& role) {

@@ -190,6 +190,34 @@ inline mxArray* toDouble(const mxArray* a) {
     return d;
 }
 
+// Element i of a numeric block of class id, as double (0 for another class).
+inline double elementAsDouble(mxClassID id, const void* p, size_t i) {
+    switch (id) {
+        case mxDOUBLE_CLASS:
+            return static_cast<const double*>(p)[i];
+        case mxSINGLE_CLASS:
+            return static_cast<const float*>(p)[i];
+        case mxINT8_CLASS:
+            return static_cast<const int8_t*>(p)[i];
+        case mxUINT8_CLASS:
+            return static_cast<const uint8_t*>(p)[i];
+        case mxINT16_CLASS:
+            return static_cast<const int16_t*>(p)[i];
+        case mxUINT16_CLASS:
+            return static_cast<const uint16_t*>(p)[i];
+        case mxINT32_CLASS:
+            return static_cast<const int32_t*>(p)[i];
+        case mxUINT32_CLASS:
+            return static_cast<const uint32_t*>(p)[i];
+        case mxINT64_CLASS:
+            return static_cast<double>(static_cast<const int64_t*>(p)[i]);
+        case mxUINT64_CLASS:
+            return static_cast<double>(static_cast<const uint64_t*>(p)[i]);
+        default:
+            return 0;
+    }
+}
+
 // A full double array of a sparse double or logical matrix, or null for
 // another sparse type.
 inline mxArray* sparseToFull(const mxArray* a) {
@@ -227,10 +255,34 @@ inline MxValue mxRequiredProperty(const mxArray* object, const char* name) {
     return value;
 }
 
+// A value as MATLAB writes it: NaN, Inf, -Inf, else %g.
+inline std::string mxNumberText(double v);
+
+// Refuses a complex array with a non-zero imaginary part: the readers take
+// the real parts only, and the rest would be lost without a word.
+inline void mxCheckReal(const mxArray* array, const char* name) {
+    if (!mxIsComplex(array)) return;
+    const size_t n = mxIsSparse(array) ? mxGetNzmax(array) : mxGetNumberOfElements(array);
+    const void* imag = mxGetImagData(array);
+    const void* real = mxGetData(array);
+    const mxClassID id = mxGetClassID(array);
+    for (size_t i = 0; imag != nullptr && i < n; ++i) {
+        const double im = mxgrip_detail::elementAsDouble(id, imag, i);
+        if (im == 0) continue;
+        const double re = mxgrip_detail::elementAsDouble(id, real, i);
+        throw MxError("dhc:badProperty", std::string("\"") + name + "\" holds the complex value " +
+                                             mxNumberText(re) + (im < 0 ? "" : "+") + mxNumberText(im) +
+                                             "i at element " + std::to_string(i + 1) +
+                                             "; values must be real");
+    }
+}
+
 // A numeric property as a double array (other numeric and logical types are
-// converted); null when it does not exist.
+// converted); null when it does not exist.  A complex array is refused unless
+// every imaginary part is zero.
 inline MxValue mxNumericProperty(const mxArray* object, const char* name) {
     MxValue value = mxProperty(object, name);
+    if (value) mxCheckReal(value.get(), name);
     if (value && mxIsSparse(value.get())) {
         // The readers address the array as full storage.
         mxArray* full = mxgrip_detail::sparseToFull(value.get());

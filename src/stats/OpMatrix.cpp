@@ -24,6 +24,12 @@ T* heapBlock(int count) {
     return static_cast<T*>(p);
 }
 
+bool allFinite(const double* v, int n) {
+    for (int i = 0; i < n; ++i)
+        if (!std::isfinite(v[i])) return false;
+    return true;
+}
+
 }  // namespace
 
 template <typename T>
@@ -281,10 +287,14 @@ void OpMatrix::maxEig(double** a, int n, double* v) {
 bool OpMatrix::gramSchmidtCompletion(double**& u, int m, int n) {
     constexpr double kTol = 1e-6;
     if (m >= n || m < 1) return false;
+    // Written so that a row holding NaN fails the test: its weights would
+    // leave no axis to seed from and the axes would be counted wrongly.
     for (int r = 0; r < m; ++r) {
-        if (std::fabs(scalar(u[r], u[r], n) - 1.0) >= kTol) return false;
+        for (int c = 0; c < n; ++c)
+            if (!std::isfinite(u[r][c])) return false;
+        if (!(std::fabs(scalar(u[r], u[r], n) - 1.0) < kTol)) return false;
         for (int s = 0; s < m; ++s)
-            if (s != r && std::fabs(scalar(u[r], u[s], n)) >= kTol) return false;
+            if (s != r && !(std::fabs(scalar(u[r], u[s], n)) < kTol)) return false;
     }
 
     double** basis = dhc::newRows<double>(n, n);
@@ -312,7 +322,7 @@ bool OpMatrix::gramSchmidtCompletion(double**& u, int m, int n) {
         available[bestAxis] = false;
     }
     int row = m;
-    for (int c = 0; c < n; ++c)
+    for (int c = 0; c < n && row < n; ++c)
         if (available[c]) u[row++][c] = 1.0;
     delete[] weight;
     delete[] available;
@@ -337,7 +347,15 @@ int OpMatrix::eig(double** a, int n, int k, double**& u, double*& lambda) {
 
     int status;
     maxEig_PWM(n, a, &status, &lambda[0], u[0]);
-    if (status < 1) return 0;
+    if (status < 1) {
+        // A zero matrix: every vector is an eigenvector, the identity's rows
+        // stand (the iterate was normalised from zero length).
+        if (!allFinite(u[0], n)) {
+            std::fill(u[0], u[0] + n, 0.0);
+            u[0][0] = 1.0;
+        }
+        return 0;
+    }
     if (k < 2) return 1;
 
     int j = 1;
@@ -357,11 +375,17 @@ int OpMatrix::eig(double** a, int n, int k, double**& u, double*& lambda) {
         double* w = new double[m];
         int ignored;
         maxEig_PWM(m, b, &ignored, &lambda[j], w);
-        double* mapped = new double[n]();
-        for (int bIdx = 0; bIdx < m; ++bIdx)
-            for (int c = 0; c < n; ++c) mapped[c] += w[bIdx] * u[j + bIdx][c];
-        for (int c = 0; c < n; ++c) u[j][c] = mapped[c];
-        delete[] mapped;
+        // The restriction is zero (a rank-deficient matrix): the completion's
+        // rows are eigenvectors already, of eigenvalue 0.
+        if (allFinite(w, m)) {
+            double* mapped = new double[n]();
+            for (int bIdx = 0; bIdx < m; ++bIdx)
+                for (int c = 0; c < n; ++c) mapped[c] += w[bIdx] * u[j + bIdx][c];
+            for (int c = 0; c < n; ++c) u[j][c] = mapped[c];
+            delete[] mapped;
+        } else {
+            lambda[j] = 0.0;
+        }
         delete[] w;
         dhc::deleteRows(b, m);
     }

@@ -1,18 +1,40 @@
 #pragma once
 // Helpers shared by the test programs.
 
+#include <unistd.h>
+
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
 
 namespace dhc::test {
 
-// A path for a scratch file: in the directory CTest names (DHC_TEST_TMP), else
-// the current directory, so runs from the build tree never litter the sources.
+// The directory of the scratch files: the one CTest names (DHC_TEST_TMP), else
+// a private directory made once under TMPDIR (or /tmp) and removed when the
+// process that made it ends, so a test program run by hand from any directory
+// never litters it.
+inline const std::string& scratchDirectory() {
+    static const std::string dir = [] {
+        if (const char* given = std::getenv("DHC_TEST_TMP")) return std::string(given);
+        const char* tmp = std::getenv("TMPDIR");
+        std::string pattern = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/dhc-test-XXXXXX";
+        if (::mkdtemp(pattern.data()) == nullptr) std::abort();
+        static const pid_t owner = ::getpid();
+        static const std::string made = pattern;
+        // Death tests end their children through exit(): only the maker removes it.
+        std::atexit([] {
+            if (::getpid() == owner) std::filesystem::remove_all(made);
+        });
+        return pattern;
+    }();
+    return dir;
+}
+
+// A path for a scratch file in scratchDirectory().
 inline std::string tmpPath(const std::string& name) {
-    const char* dir = std::getenv("DHC_TEST_TMP");
-    return std::string(dir != nullptr ? dir : ".") + "/" + name;
+    return scratchDirectory() + "/" + name;
 }
 
 // The whole content of a file, byte for byte (empty when it cannot be read).

@@ -199,14 +199,27 @@ TEST(SettingsCheck, ImagesThatCannotBeHeldAreRefused) {
     EXPECT_EQ(refusal([] { checkImageSize(65535, 65535, 1LL << 40, "\"data\""); }, &id),
               "\"data\" is 65535 x 65535 x 1099511627776: its size overflows the address space");
     EXPECT_EQ(id, "dhc:tooLarge");
+    // The run's peak: 40 bytes per pixel and 8 per pixel and band.
+    EXPECT_EQ(runMemoryEstimate(1000, 1000, 3), 64000000u);
+    EXPECT_EQ(runMemoryEstimate(30000, 30000, 2), 50400000000u);
+    // What a run may take now is known here and no more than the machine has.
     const unsigned long long memory = physicalMemory();
     ASSERT_GT(memory, 0u);
-    // One value more than the memory holds.
-    const long long bands = static_cast<long long>(memory / (65535ULL * 65535ULL * 4ULL)) + 1;
-    const std::string message = refusal([&] { checkImageSize(65535, 65535, bands, "image \"s.hraw\""); });
-    EXPECT_EQ(message.rfind("image \"s.hraw\" is 65535 x 65535 x " + std::to_string(bands) + ": its ", 0), 0u)
+    const MemoryLimit available = availableMemory();
+    EXPECT_FALSE(available.source.empty());
+    EXPECT_LE(available.bytes, memory);
+    // A run beyond the machine's memory: refused naming the estimate and the bound.
+    const long long bands = static_cast<long long>(memory / (65535ULL * 65535ULL * 8ULL)) + 1;
+    const std::string message =
+        refusal([&] { checkImageSize(65535, 65535, bands, "image \"s.hraw\""); }, &id);
+    EXPECT_EQ(message.rfind("image \"s.hraw\" is 65535 x 65535 x " + std::to_string(bands) +
+                                ": a run needs about " + std::to_string(runMemoryEstimate(65535, 65535, bands)) +
+                                " bytes of memory, but ",
+                            0),
+              0u)
         << message;
-    EXPECT_NE(message.find(" bytes of memory"), std::string::npos) << message;
+    EXPECT_NE(message.find(" bytes are available (" + available.source), std::string::npos) << message;
+    EXPECT_EQ(id, "dhc:tooLarge");
 }
 
 // A 4 x 4 one-band image with its planes, handed to prepareRun.

@@ -367,6 +367,9 @@ TEST_F(BadRaster, EveryNewRowOfTheReadmeTable) {
     Layout floats;
     floats.type = GDT_Float64;
     writeRaster("huge.tif", floats, 1, 6, 6, std::vector<double>(36, 1e20));
+    std::vector<double> quarters;
+    for (int i = 0; i < 36; ++i) quarters.push_back(0.25 * (1 + i % 14));
+    writeRaster("tiny.tif", floats, 1, 6, 6, quarters);
 
     const std::pair<Args, std::string> usage[] = {
         {{"segment", "img.tif", "-o", "labels.tif", "--format", "Nope"},
@@ -401,6 +404,9 @@ TEST_F(BadRaster, EveryNewRowOfTheReadmeTable) {
          "integer (give "
          "a smaller --scale)"},
         {seg("img.tif", {"--nodata", "7"}), "image \"img.tif\" holds only nodata pixels"},
+        {seg("tiny.tif", {"--scale", "1e-300"}),
+         "image \"tiny.tif\" band 1: its values from 0.25 to 3.5 scaled by 1e-300 all round to 0 (give a "
+         "larger --scale)"},
     };
     for (const auto& [args, message] : input) expectRefused(args, message, 1);
 
@@ -419,16 +425,19 @@ TEST_F(BadRaster, InterruptedRunLeavesNothing) {
     const Hraw big = readHraw("big.hraw");
     std::vector<double> values(big.values.begin(), big.values.end());
     writeRaster("big.tif", Layout(), big.bands, big.rows, big.cols, values);
+    const int fifo = openFifo("fifo");
+    ASSERT_GE(fifo, 0);
     const std::set<std::string> before = files();
-    const pid_t pid = start({"segment", "big.tif", "-o", "labels.tif", "--png", "labels.png", "-q"});
+    const pid_t pid =
+        start({"segment", "big.tif", "-o", "labels.tif", "--png", "labels.png", "--levels", "fifo", "-q"});
     ASSERT_GT(pid, 0);
-    // The outputs are registered before the long part of the run.
-    auto started = [&] { return files().size() > before.size(); };
-    for (int i = 0; i < 20000 && !started(); ++i) ::usleep(100);
-    ASSERT_TRUE(started());
+    // Stopped in the write of the levels: the GeoTIFF is written, under its temporary name.
+    ASSERT_TRUE(waitUntilPipeFull(fifo, pid));
+    EXPECT_EQ(files().size(), before.size() + 3);  // .stdout, .stderr, the temporary directory
     ::kill(pid, SIGTERM);
     int status = 0;
     ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    ::close(fifo);
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
     std::set<std::string> after = files();
     after.erase(".stdout");

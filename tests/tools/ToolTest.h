@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -76,6 +77,31 @@ class ToolTest : public ::testing::Test {
         std::filesystem::remove(path(".stdout"));
         std::filesystem::remove(path(".stderr"));
         return run;
+    }
+
+    // Makes a FIFO and opens its reading end without waiting for a writer.
+    // A run given the FIFO as a large output (--levels) stops in that output's
+    // write once the pipe is full, with every output before it written: a
+    // state in which a signal always meets it.
+    int openFifo(const std::string& name) const {
+        if (::mkfifo(path(name).c_str(), 0600) != 0) return -1;
+        return ::open(path(name).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    }
+
+    // Waits until the pipe read by fd is at least half full or process pid
+    // has ended; true in the first case.  A writer with more than the pipe
+    // holds left to write is then in its write and cannot end by itself.
+    static bool waitUntilPipeFull(int fd, pid_t pid) {
+        const int capacity = ::fcntl(fd, F_GETPIPE_SZ);
+        for (;;) {
+            int queued = 0;
+            if (capacity > 0 && ::ioctl(fd, FIONREAD, &queued) == 0 && queued >= capacity / 2) return true;
+            siginfo_t info{};
+            if (::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) != 0 ||
+                info.si_pid != 0)
+                return false;
+            ::usleep(1000);
+        }
     }
 
     std::string read(const std::string& name) const {

@@ -7,6 +7,7 @@
 
 #include <csignal>
 #include <cstring>
+#include <set>
 
 #include "ToolTest.h"
 
@@ -34,7 +35,7 @@ class BadInput : public ToolTest {
         EXPECT_EQ(run.out, "");
         EXPECT_EQ(read("labels.hraw"), "precious");
         for (const auto& entry : std::filesystem::directory_iterator(dir_))
-            EXPECT_EQ(entry.path().string().find(".tmp."), std::string::npos) << entry.path();
+            EXPECT_EQ(entry.path().string().find(".tmp"), std::string::npos) << entry.path();
     }
 };
 
@@ -156,50 +157,105 @@ class AbnormalEnd : public BadInput {
         const rlimit none{0, 0};
         ::setrlimit(RLIMIT_CORE, &none);
         ASSERT_EQ(dhc({"-o", "big.hraw", "--rows", "512", "--cols", "512"}, DHC_SCENE_PATH).status, 0);
+        write("labels.tif", "precious");
     }
 
-    // Starts `dhc segment big.hraw -o labels.hraw -q` through `sh -c "PREFIX exec dhc ..."`
-    // (exec keeps the process id) and waits until its temporary file exists.
+    std::set<std::string> files() const {
+        std::set<std::string> names;
+        for (const auto& entry : std::filesystem::directory_iterator(dir_))
+            names.insert(entry.path().filename().string());
+        return names;
+    }
+
+    // Starts `dhc segment big.hraw -o labels.tif --levels fifo -q` through
+    // `sh -c "PREFIX exec dhc ..."` (exec keeps the process id) and waits until
+    // it stops in the write of the levels: the GeoTIFF is then written in its
+    // private temporary directory and the run cannot end by itself.
     pid_t startRun(const std::string& prefix = "") {
-        const pid_t pid =
-            start({"-c", prefix + "exec " DHC_TOOL_PATH " segment big.hraw -o labels.hraw -q"}, "/bin/sh");
-        temporary_ = path("labels.hraw.tmp." + std::to_string(pid));
-        for (int i = 0; i < 50000 && !std::filesystem::exists(temporary_); ++i) ::usleep(100);
+        fifo_ = openFifo("fifo");
+        EXPECT_GE(fifo_, 0);
+        before_ = files();
+        const pid_t pid = start(
+            {"-c", prefix + "exec " DHC_TOOL_PATH " segment big.hraw -o labels.tif --levels fifo -q"}, "/bin/sh");
+        EXPECT_TRUE(waitUntilPipeFull(fifo_, pid));
         return pid;
     }
 
-    std::string temporary_;
+    // The names the run added to the directory (its temporary directory).
+    std::set<std::string> added() const {
+        std::set<std::string> now = files(), extra;
+        for (const std::string& name : now)
+            if (!before_.count(name) && name != ".stdout" && name != ".stderr") extra.insert(name);
+        return extra;
+    }
+
+    void TearDown() override {
+        if (fifo_ >= 0) ::close(fifo_);
+        BadInput::TearDown();
+    }
+
+    int fifo_ = -1;
+    std::set<std::string> before_;
 };
 
 // An interrupted, killed or aborted run (an assertion or a crash ends in one of
-// these signals) removes its temporary file, leaves the old output and ends by
+// these signals) removes its temporary files, leaves the old output and ends by
 // the signal it got.
 TEST_F(AbnormalEnd, EverySignalRemovesTheTemporaryFiles) {
     for (int sig : {SIGTERM, SIGINT, SIGHUP, SIGQUIT, SIGABRT, SIGSEGV, SIGBUS, SIGFPE}) {
         SCOPED_TRACE(strsignal(sig));
         const pid_t pid = startRun();
         ASSERT_GT(pid, 0);
-        ASSERT_TRUE(std::filesystem::exists(temporary_));
+        const std::set<std::string> temporary = added();
+        ASSERT_EQ(temporary.size(), 1u);
+        EXPECT_EQ(temporary.begin()->rfind("labels.tif.tmp-", 0), 0u) << *temporary.begin();
         ::kill(pid, sig);
         int status = 0;
         ASSERT_EQ(::waitpid(pid, &status, 0), pid);
         EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == sig) << status;
-        EXPECT_EQ(read("labels.hraw"), "precious");
-        EXPECT_FALSE(std::filesystem::exists(temporary_));
+        EXPECT_EQ(read("labels.tif"), "precious");
+        EXPECT_EQ(added(), std::set<std::string>());
+        ::close(fifo_);
+        fifo_ = -1;
+        std::filesystem::remove(path("fifo"));
     }
+}
+
+// A run killed without a chance to clean up (SIGKILL, the OOM killer) leaves
+// at most its temporary directory, under a name no later run can meet; the
+// hraw outputs are unnamed until they are complete and leave nothing.
+TEST_F(AbnormalEnd, AKilledRunLeavesNothingALaterRunMeets) {
+    const pid_t pid = startRun();
+    ASSERT_GT(pid, 0);
+    ::kill(pid, SIGKILL);
+    int status = 0;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    EXPECT_EQ(added().size(), 1u);
+    const Result again = dhc({"segment", "big.hraw", "-o", "labels.tif", "--report", "r.txt", "-q"});
+    EXPECT_EQ(again.status, 0) << again.err;
+    EXPECT_NE(read("labels.tif"), "precious");
 }
 
 // Under nohup (SIGHUP inherited as ignored) a hang-up does not end the run.
 TEST_F(AbnormalEnd, AnIgnoredHangUpStaysIgnored) {
     const pid_t pid = startRun("trap '' HUP; ");
     ASSERT_GT(pid, 0);
-    ASSERT_TRUE(std::filesystem::exists(temporary_));
     ::kill(pid, SIGHUP);
+    // The run goes on: it finishes once the levels are read.
+    std::string levels;
+    char buffer[65536];
+    for (;;) {
+        const ssize_t n = ::read(fifo_, buffer, sizeof buffer);
+        if (n > 0) levels.append(buffer, static_cast<size_t>(n));
+        if (n == 0) break;
+        if (n < 0) ::usleep(1000);
+    }
     int status = 0;
     ASSERT_EQ(::waitpid(pid, &status, 0), pid);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    EXPECT_EQ(readHraw("labels.hraw").rows, 512);
-    EXPECT_FALSE(std::filesystem::exists(temporary_));
+    EXPECT_NE(read("labels.tif"), "precious");
+    EXPECT_GT(levels.size(), 12u + 512u * 512u * 4u);
+    EXPECT_EQ(added(), std::set<std::string>());
 }
 
 // The reader separates list items by spaces and tabs only: "{0 1 2 \r 3}" reads
@@ -230,27 +286,40 @@ TEST_F(BadInput, ListItemsSeparatedByOtherWhiteSpaceAreRefused) {
 }
 
 
-// Running out of memory is one line and status 1, and leaves nothing behind.
-TEST_F(AbnormalEnd, OutOfMemoryRemovesTheTemporaryFiles) {
+// A run that would not fit the address-space limit is refused before it
+// starts: one line naming the estimate and the limit, status 1, nothing left.
+TEST_F(AbnormalEnd, ARunBeyondTheAddressSpaceLimitIsRefusedBeforeItStarts) {
 #if defined(__SANITIZE_ADDRESS__)
     GTEST_SKIP() << "the address sanitizer needs more address space than the limit allows";
 #endif
-    // The run needs about 700 MB; the program with the GDAL libraries it
-    // loads needs about 400 MB of address space to start.
+    // The run takes about 300 MB; the program with the GDAL libraries it
+    // loads maps about 350 MB before it starts, which leaves about 220 MB.
     ASSERT_EQ(dhc({"-o", "huge.hraw", "--rows", "2048", "--cols", "2048"}, DHC_SCENE_PATH).status, 0);
+    const std::set<std::string> before = files();
     const pid_t pid = start(
         {"-c", "ulimit -v 560000; exec " DHC_TOOL_PATH " segment huge.hraw -o labels.hraw -q"}, "/bin/sh");
     int status = 0;
     ASSERT_EQ(::waitpid(pid, &status, 0), pid);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
-    EXPECT_EQ(read(".stderr"), "dhc: out of memory\n");
+    const std::string err = read(".stderr");
+    // 2048 x 2048 pixels of 40 bytes and 4 bands of 8.
+    EXPECT_EQ(err.rfind("dhc: image \"huge.hraw\" is 2048 x 2048 x 4: a run needs about 301989888 bytes of "
+                        "memory, but ",
+                        0),
+              0u)
+        << err;
+    EXPECT_NE(err.find(" bytes are available (the address-space limit (ulimit -v))\n"), std::string::npos) << err;
     EXPECT_EQ(read("labels.hraw"), "precious");
-    for (const auto& entry : std::filesystem::directory_iterator(dir_))
-        EXPECT_EQ(entry.path().string().find(".tmp."), std::string::npos) << entry.path();
+    std::set<std::string> after = files();
+    after.erase(".stdout");
+    after.erase(".stderr");
+    EXPECT_EQ(after, before);
 }
 
-// A link planted under the temporary name is neither followed nor removed.
-TEST_F(BadInput, APlantedTemporaryIsRefused) {
+// A link planted under any name a run might take is neither followed nor
+// removed, and does not stop the run: a temporary name is random (here the
+// name a run with this process id took before, NAME.tmp.PID).
+TEST_F(BadInput, APlantedTemporaryIsNeitherFollowedNorInTheWay) {
     write("victim", "keep");
     const pid_t pid = start({"-c", "ln -s victim labels.hraw.tmp.$$ && exec " DHC_TOOL_PATH
                                    " segment img.hraw -o labels.hraw -q"},
@@ -258,10 +327,9 @@ TEST_F(BadInput, APlantedTemporaryIsRefused) {
     int status = 0;
     ASSERT_EQ(::waitpid(pid, &status, 0), pid);
     const std::string temporary = "labels.hraw.tmp." + std::to_string(pid);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
-    EXPECT_EQ(read(".stderr"), "dhc: cannot write \"labels.hraw\": \"" + temporary + "\" already exists\n");
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << read(".stderr");
     EXPECT_EQ(read("victim"), "keep");
-    EXPECT_EQ(read("labels.hraw"), "precious");
+    EXPECT_EQ(readHraw("labels.hraw").rows, 6);
     EXPECT_TRUE(std::filesystem::is_symlink(path(temporary)));
 }
 
