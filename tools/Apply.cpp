@@ -12,6 +12,7 @@
 #include "Segment.h"
 #include "data/ImageFile.h"
 #include "frontend/InputError.h"
+#include "frontend/InputFile.h"
 #include "frontend/SettingsCheck.h"
 #include "io/Raster.h"
 #include "model/Labelling.h"
@@ -28,13 +29,17 @@ std::string quoted(const std::string& s) {
 int runApply(const ApplyOptions& o) {
     const auto start = std::chrono::steady_clock::now();
     // Every output, compared with every input and every other output.
-    const dhc::io::OutputFormat format = dhc::io::outputFormat("-o", o.output, o.format, {}, 1);
     OutputFiles outputs({o.image, o.model, o.mask});
-    const OutputFiles::Output& labelsOut =
-        outputs.add(o.output, format.hraw() ? OutputFiles::Writer::descriptor : OutputFiles::Writer::path);
+    const OutputFiles::Output& labelsOut = outputs.add(o.output);
     const OutputFiles::Output& pngOut = outputs.add(o.png);
+    const dhc::io::OutputFormat format = dhc::io::outputFormat("-o", o.output, o.format, {}, 1);
+    if (!format.hraw()) outputs.writeByPath(labelsOut);
 
-    // 1. The model, then the image as the model's values were read.
+    // 1. The model, then the image as the model's values were read.  The
+    // image and the mask must be regular files: a pipe would block the first
+    // open.
+    for (const auto& [name, role] : {std::pair{&o.image, "image"}, std::pair{&o.mask, "mask"}})
+        if (!name->empty() && !dhc::io::isVirtualPath(*name)) dhc::checkInputFile(*name, role);
     const dhc::Model model = dhc::readModelFile(o.model);
     const std::string modelName = "model " + quoted(o.model), imageName = "image " + quoted(o.image);
     dhc::io::Raster image;

@@ -224,6 +224,11 @@ const OutputFiles::Output& OutputFiles::add(const std::string& target, Writer wr
     return out;
 }
 
+void OutputFiles::writeByPath(const Output& out) {
+    for (Output& o : outputs_)
+        if (&o == &out) o.writer = Writer::path;
+}
+
 void OutputFiles::create() {
     for (Output& o : outputs_)
         if (o.given() && o.dirFd < 0) open(o);

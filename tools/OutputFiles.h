@@ -75,6 +75,9 @@ class OutputFiles {
     // added before.  The reference stays valid as long as this object; its
     // fd and path are set by create().
     const Output& add(const std::string& target, Writer writer = Writer::descriptor);
+    // Makes out (added to this object) an output written by path, once its
+    // format is known; before create().
+    void writeByPath(const Output& out);
     // Creates the temporary file of every output added (or its private
     // directory, or opens a device in place).  Throws an InputError (input)
     // when one cannot be written.

@@ -133,9 +133,22 @@ void writeLabels(const OutputFiles::Output& out, const dhc::io::OutputFormat& fo
 int runSegment(const SegmentOptions& o) {
     const auto start = std::chrono::steady_clock::now();
 
-    // 0. Every output's format, checked before anything is read, and every
-    // output, one line each: compared with every input and every output
-    // before it.  Writers that open files by name (GDAL) take a path.
+    // 0. Every output, one line each: compared with every input and every
+    // output before it; then every output's format, checked before anything
+    // is read.  Writers that open files by name (GDAL) take a path.
+    OutputFiles outputs({o.image, o.config, o.mask, o.init, o.gt});
+    const OutputFiles::Output& labelsOut = outputs.add(o.output);
+    const OutputFiles::Output& reportOut = outputs.add(o.report);
+    const OutputFiles::Output& fragmentsOut = outputs.add(o.fragments);
+    const OutputFiles::Output& pngOut = outputs.add(o.png);
+    const OutputFiles::Output& levelsOut = outputs.add(o.levels);
+    const OutputFiles::Output& treeOut = outputs.add(o.tree);
+    const OutputFiles::Output& treePngOut = outputs.add(o.treePng);
+    const OutputFiles::Output& treeSvgOut = outputs.add(o.treeSvg);
+    const OutputFiles::Output& polygonsOut = outputs.add(o.polygons);
+    const OutputFiles::Output& htmlOut = outputs.add(o.html);
+    const OutputFiles::Output& modelOut = outputs.add(o.model);
+
     const dhc::io::OutputFormat labelsFormat =
         dhc::io::outputFormat("-o", o.output, o.format, o.creationOptions, 1);
     const dhc::io::OutputFormat fragmentsFormat =
@@ -160,20 +173,9 @@ int runSegment(const SegmentOptions& o) {
     part.row = o.window[1];
     part.cols = o.window[2];
     part.rows = o.window[3];
-    using Writer = OutputFiles::Writer;
-    auto writerFor = [](const dhc::io::OutputFormat& f) { return f.hraw() ? Writer::descriptor : Writer::path; };
-    OutputFiles outputs({o.image, o.config, o.mask, o.init, o.gt});
-    const OutputFiles::Output& labelsOut = outputs.add(o.output, writerFor(labelsFormat));
-    const OutputFiles::Output& reportOut = outputs.add(o.report);
-    const OutputFiles::Output& fragmentsOut = outputs.add(o.fragments, writerFor(fragmentsFormat));
-    const OutputFiles::Output& pngOut = outputs.add(o.png);
-    const OutputFiles::Output& levelsOut = outputs.add(o.levels, writerFor(levelsFormat));
-    const OutputFiles::Output& treeOut = outputs.add(o.tree);
-    const OutputFiles::Output& treePngOut = outputs.add(o.treePng);
-    const OutputFiles::Output& treeSvgOut = outputs.add(o.treeSvg);
-    const OutputFiles::Output& polygonsOut = outputs.add(o.polygons);
-    const OutputFiles::Output& htmlOut = outputs.add(o.html);
-    const OutputFiles::Output& modelOut = outputs.add(o.model);
+    for (const auto& [out, format] : {std::pair{&labelsOut, &labelsFormat}, std::pair{&fragmentsOut, &fragmentsFormat},
+                                      std::pair{&levelsOut, &levelsFormat}})
+        if (!format->hraw()) outputs.writeByPath(*out);
 
     // 1. The configuration, with the overrides, checked as a whole.
     IniFile ini = o.config.empty() ? IniFile("default.ini", kDefaultIni) : IniFile::fromFile(o.config);
@@ -191,7 +193,7 @@ int runSegment(const SegmentOptions& o) {
     const std::pair<const std::string*, const char*> inputFiles[] = {
         {&o.image, "image"}, {&o.mask, "mask"}, {&o.init, "initial segmentation"}, {&o.gt, "ground truth"}};
     for (const auto& [name, role] : inputFiles)
-        if (!name->empty()) dhc::checkInputFile(*name, role);
+        if (!name->empty() && !dhc::io::isVirtualPath(*name)) dhc::checkInputFile(*name, role);
     dhc::io::Raster imageRaster;
     HrawShape image;
     if (dhc::io::isHraw(o.image)) {

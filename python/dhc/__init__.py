@@ -637,7 +637,8 @@ def read(path: "os.PathLike[str] | str", *, scale: Optional[float] = None,
 
 def segment(image: Any, mask: Any = None, init: Any = None, gt: Any = None, settings: Optional[Settings] = None,
             progress: Optional[Callable[[int, int], Any]] = None, threads: int = 0, *,
-            channel_axis: Optional[int] = None, scale: Optional[float] = None, verbose: bool = False) -> Result:
+            channel_axis: Optional[int] = None, scale: Optional[float] = None, verbose: bool = False,
+            relabel: bool = False) -> Result:
     """Segments a multispectral image into a hierarchy of regions.
 
     image     (bands, rows, cols) or (rows, cols) array of integers, bools or
@@ -674,6 +675,9 @@ def segment(image: Any, mask: Any = None, init: Any = None, gt: Any = None, sett
               factor used.
     verbose   print the segmenter's own lines (mean-shift estimates) to
               sys.stdout; off by default.
+    relabel   number the classes of result.labels 1..K in ascending order of
+              their region labels, as ``dhc segment --relabel``; the tree
+              records the numbering (result.tree["relabel"]).
 
     Returns a dhc.Result.  The same inputs give the same labels as
     ``dhc segment`` and the MATLAB/Octave module.  The GIL is released during
@@ -719,6 +723,10 @@ def segment(image: Any, mask: Any = None, init: Any = None, gt: Any = None, sett
     timings = [("segmentation", time.perf_counter() - started)]
     regions = None if out["regions"] is None else [Region(**r) for r in out["regions"]]
     tree = None if out["tree"] is None else json.loads(out["tree"])
+    if relabel:
+        out["labels"], classes = _dhc.relabel_consecutive(out["labels"])
+        if tree is not None:
+            tree["relabel"] = {"order": "ascending region label", "classes": list(classes)}
     result = Result(out["labels"], out["fragments"], out["classes"], out["split_order"], out["offspring"],
                     regions, tree, out["hierarchy"], cube, timings, _run_model(out["model"], used))
     result.scale = used

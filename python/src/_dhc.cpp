@@ -706,6 +706,16 @@ PYBIND11_MODULE(_dhc, m) {
           "The mask of a run without the image's nodata pixels, as the tool builds it.");
     m.def("read_raster", &readRaster, py::arg("path"), py::arg("scale"), py::arg("nodata"),
           "Reads an image through the tool's GDAL code; returns a dict.");
+    m.def(
+        "relabel_consecutive",
+        [](const py::array_t<int32_t, py::array::c_style>& labels) {
+            std::vector<int> map(labels.data(), labels.data() + labels.size());
+            const std::vector<int> classes = dhc::relabelConsecutive(map);
+            py::array_t<int32_t> out(std::vector<py::ssize_t>(labels.shape(), labels.shape() + labels.ndim()));
+            std::copy(map.begin(), map.end(), out.mutable_data());
+            return py::make_tuple(out, classes);
+        },
+        py::arg("labels"), "Classes numbered 1..K in ascending order of their labels; returns (map, labels).");
     m.def("output_driver", &outputDriver, py::arg("name"), py::arg("format"),
           "The GDAL driver the tool would write name with ('' for hraw).");
     m.def("write_labels", &writeLabels, py::arg("path"), py::arg("target"), py::arg("driver"),

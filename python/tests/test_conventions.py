@@ -223,3 +223,29 @@ def test_read_scales_floats_and_refuses_what_the_tool_refuses(scene, tmp_path):
         dhc.read(tmp_path / "float.tif", scale=-1)
     with pytest.raises(ValueError, match="already scaled"):
         dhc.segment(raster, scale=10)
+
+
+def test_relabel_numbers_the_classes_as_the_tool_does(tmp_path):
+    image = np.zeros((3, 48, 48), np.int32)
+    image[:, :, 16:] = 60
+    image[:, 24:, 32:] = 140
+    image += np.random.default_rng(3).integers(0, 9, image.shape, dtype=np.int32)
+    s = dhc.Settings(stop_criterion=0, final_refinement=0, split_gain_threshold=0.05, max_number_of_classes=3)
+    plain = dhc.segment(image, settings=s)
+    numbered = dhc.segment(image, settings=s, relabel=True)
+    classes = numbered.tree["relabel"]["classes"]
+    assert classes == sorted(set(np.unique(plain.labels)) - {0})
+    assert sorted(set(np.unique(numbered.labels)) - {0}) == list(range(1, len(classes) + 1))
+    # The same partition, class k being region classes[k - 1].
+    lut = np.zeros(max(classes) + 1, np.int32)
+    lut[classes] = np.arange(1, len(classes) + 1)
+    assert np.array_equal(numbered.labels, lut[plain.labels])
+    # As the tool numbers them.
+    path = tmp_path / "scene.hraw"
+    write_hraw(path, image)
+    out = tmp_path / "labels.hraw"
+    subprocess.run([tool(), "segment", str(path), "-o", str(out), "--relabel", "-q",
+                    "--set", "UNSUPERVISED_MODE_CONF.StopCriterion=0", "--set", "UNSUPERVISED_MODE_CONF.FinalRefinement=0",
+                    "--set", "UNSUPERVISED_MODE_CONF.SplitGainThreshold=0.05",
+                    "--set", "UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=3"], check=True)
+    assert np.array_equal(read_hraw(out)[0], numbered.labels)

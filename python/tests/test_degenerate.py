@@ -46,6 +46,6 @@ def test_the_reported_image_runs_to_the_end(disconnect):
 @pytest.mark.parametrize("disconnect", [True, False])
 def test_every_degenerate_region_runs_to_the_end(name, disconnect):
     image = degenerate_images()[name].astype(np.int32)
-    result = dhc.segment(image, settings=deep_variable(disconnect))
+    result = dhc.segment(image, settings=deep_variable(disconnect), channel_axis=0)
     assert result.labels.shape == image.shape[1:]
     assert (result.labels > 0).all()

@@ -10,7 +10,7 @@ import numpy as np
 import pytest
 
 import dhc
-from conftest import read_hraw, tool, write_hraw
+from conftest import SOURCE_DIR, read_hraw, tool, write_hraw
 
 # Explicit settings: the tests must not depend on the built-in defaults.
 SETTINGS = dict(max_number_of_classes=4, split_gain_threshold=0.05, min_region_area=16, stop_criterion=0,
@@ -45,12 +45,10 @@ def test_model_holds_the_runs_leaves(run):
 
 
 def test_model_of_a_refined_run_holds_the_refined_classes():
-    # Two noisy classes whose border the refinement moves: the final map is
-    # the refinement's, so the model must be its classes and its beta.
-    rng = np.random.default_rng(7)
-    truth = (np.add.outer(np.arange(64), np.arange(64)) % 48 < 24).astype(int)
-    image = (100 + 30 * truth + rng.normal(0, 12, (3, 64, 64))).round().astype(np.int32)
-    result = dhc.segment(image, settings=dhc.Settings(stop_criterion=1, final_refinement=10))
+    # The Landsat scene with the joint refinement: the final map is the
+    # refinement's, so the model must be its classes and its beta.
+    scene = dhc.read(str(SOURCE_DIR / "data" / "L7_ETMs.tif"))
+    result = dhc.segment(scene, settings=dhc.Settings(stop_criterion=1, final_refinement=10))
     final = result.tree["finalModel"]
     assert final["refined"]
     classes = sorted((c for c in final["classes"] if c["mean"]), key=lambda c: c["label"])

@@ -345,6 +345,10 @@ void Raster::release() {
     cube = nullptr;
 }
 
+bool isVirtualPath(const std::string& path) {
+    return detail::isVirtual(path);
+}
+
 bool isHraw(const std::string& path) {
     if (endsWith(lower(path), ".hraw")) return true;
     std::FILE* f = std::fopen(path.c_str(), "rb");

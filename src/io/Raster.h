@@ -75,6 +75,10 @@ class Raster {
 // whose sizes match the file's length.  Such files are read without GDAL.
 bool isHraw(const std::string& path);
 
+// Whether path names a file in one of GDAL's virtual file systems (/vsizip/,
+// /vsimem/, /vsicurl/, ...), which only GDAL can reach.
+bool isVirtualPath(const std::string& path);
+
 // Reads the image (or the subset of it) through GDAL.  role names the file in
 // messages ("image").  The georeference of a window is the window's own.
 // Signed bytes (GeoTIFF's PIXELTYPE=SIGNEDBYTE, GDAL's Int8) are read as signed.

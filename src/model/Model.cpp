@@ -10,6 +10,7 @@
 #include <sstream>
 
 #include "frontend/InputError.h"
+#include "frontend/InputFile.h"
 
 namespace dhc {
 
@@ -208,12 +209,9 @@ Model parseModel(const std::string& text, const std::string& name) {
 }
 
 Model readModelFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) throw InputError(kExitInput, "cannot open model \"" + path + "\": " + std::strerror(errno));
-    std::ostringstream text;
-    text << in.rdbuf();
-    if (in.bad()) throw InputError(kExitInput, "cannot read model \"" + path + "\"");
-    return parseModel(text.str(), "model \"" + path + "\"");
+    // A regular file of a sane size: a pipe would block, a device never end.
+    constexpr size_t kMaxModelBytes = size_t{256} << 20;
+    return parseModel(readInputFile(path, "model", kMaxModelBytes), "model \"" + path + "\"");
 }
 
 }  // namespace dhc
