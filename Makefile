@@ -14,7 +14,7 @@ PYTHON    ?= /usr/bin/python3
 DEB_PACKAGES := g++ cmake make libgtest-dev libbenchmark-dev libeigen3-dev libpng-dev octave liboctave-dev valgrind \
                 python3-dev python3-numpy python3-pytest python3-setuptools python3-pip pybind11-dev python3-gdal \
                 nlohmann-json3-dev libgdal-dev gdal-bin librsvg2-dev libcairo2-dev fonts-dejavu-core chromium \
-                clang-14 libclang-rt-14-dev dpkg-dev python3-venv python3-wheel
+                clang-14 libclang-rt-14-dev dpkg-dev python3-venv python3-wheel python3-dask python3-distributed python3-sklearn
 
 .PHONY: all deps configure build test demo deb bench clean test-sanitize fuzz-build fuzz
 
