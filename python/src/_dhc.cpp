@@ -216,6 +216,16 @@ void requireLayout(const py::array& a, int ndim, const char* name) {
                               std::to_string(ndim) + " with a contiguous last axis (use dhc.segment)");
 }
 
+// An optional (rows, cols) plane (None: an empty array), checked as above.
+py::array optionalPlane(const py::object& o, const char* name, py::ssize_t rows, py::ssize_t cols) {
+    if (o.is_none()) return py::array();
+    py::array a = py::reinterpret_borrow<py::array>(o);
+    requireLayout(a, 2, name);
+    if (a.shape(0) != rows || a.shape(1) != cols)
+        throw py::value_error(std::string("dhc._dhc: ") + name + " is not of the image's size");
+    return a;
+}
+
 // A numpy array that takes over a vector's storage.
 py::array_t<int32_t> adopt(std::vector<int>&& values, std::vector<py::ssize_t> shape) {
     auto* owned = new std::vector<int>(std::move(values));
@@ -291,14 +301,7 @@ py::dict segment(const py::array& image, const py::object& mask, const py::objec
     if (bands < 1 || rows < 1 || cols < 1) throw py::value_error("image is empty");
     if (rows > kMaxSide || cols > kMaxSide)
         throw py::value_error("image has a side above " + std::to_string(kMaxSide) + " pixels");
-    auto plane = [&](const py::object& o, const char* name) -> py::array {
-        if (o.is_none()) return py::array();
-        py::array a = py::reinterpret_borrow<py::array>(o);
-        requireLayout(a, 2, name);
-        if (a.shape(0) != rows || a.shape(1) != cols)
-            throw py::value_error(std::string("dhc._dhc: ") + name + " is not of the image's size");
-        return a;
-    };
+    auto plane = [&](const py::object& o, const char* name) { return optionalPlane(o, name, rows, cols); };
     const py::array maskArray = plane(mask, "mask"), initArray = plane(init, "init"),
                     gtArray = plane(gt, "gt");
 
@@ -564,14 +567,7 @@ py::array_t<int32_t> maskWithoutNodata(const py::object& mask, const py::object&
                                        const py::array_t<uint8_t, py::array::c_style>& valid) {
     if (valid.ndim() != 2) throw py::value_error("dhc._dhc: valid must be a (rows, cols) plane");
     const py::ssize_t rows = valid.shape(0), cols = valid.shape(1);
-    auto plane = [&](const py::object& o, const char* name) -> py::array {
-        if (o.is_none()) return py::array();
-        py::array a = py::reinterpret_borrow<py::array>(o);
-        requireLayout(a, 2, name);
-        if (a.shape(0) != rows || a.shape(1) != cols)
-            throw py::value_error(std::string("dhc._dhc: ") + name + " is not of the image's size");
-        return a;
-    };
+    auto plane = [&](const py::object& o, const char* name) { return optionalPlane(o, name, rows, cols); };
     const py::array maskArray = plane(mask, "mask"), initArray = plane(init, "init");
     RowPointers maskRows, initRows;
     if (!mask.is_none()) maskRows = rowPointers(maskArray, 1, rows);
