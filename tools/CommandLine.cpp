@@ -253,6 +253,17 @@ double number(const std::string& option, const std::string& text) {
     return v;
 }
 
+// --threads N, checked by the rule every front end shares (a usage error here).
+Option threadsOption(int& threads) {
+    return {"threads", 0, true, [&threads](const std::string& v) {
+                try {
+                    threads = dhc::checkThreads(number("--threads", v), "--threads");
+                } catch (const InputError& e) {
+                    throw InputError(kExitUsage, e.what());
+                }
+            }};
+}
+
 }  // namespace
 
 SegmentOptions parseSegment(const std::vector<std::string>& args) {
@@ -317,14 +328,7 @@ SegmentOptions parseSegment(const std::vector<std::string>& args) {
              s.nodata = number("--nodata", v);
              s.hasNodata = true;
          }},
-        {"threads", 0, true,
-         [&s](const std::string& v) {
-             try {
-                 s.threads = dhc::checkThreads(number("--threads", v), "--threads");
-             } catch (const InputError& e) {
-                 throw InputError(kExitUsage, e.what());
-             }
-         }},
+        threadsOption(s.threads),
         {"quiet", 'q', false, [&s](const std::string&) { s.quiet = true; }},
         {"help", 'h', false, [&s](const std::string&) { s.help = true; }},
     };
@@ -385,14 +389,7 @@ ApplyOptions parseApply(const std::vector<std::string>& argsIn) {
         {"mask", 0, true, into(s.mask)},
         {"png", 0, true, into(s.png)},
         {"format", 0, true, into(s.format)},
-        {"threads", 0, true,
-         [&s](const std::string& v) {
-             try {
-                 s.threads = dhc::checkThreads(number("--threads", v), "--threads");
-             } catch (const InputError& e) {
-                 throw InputError(kExitUsage, e.what());
-             }
-         }},
+        threadsOption(s.threads),
         {"quiet", 'q', false, [&s](const std::string&) { s.quiet = true; }},
         {"help", 'h', false, [&s](const std::string&) { s.help = true; }},
     };
