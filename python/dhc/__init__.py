@@ -365,17 +365,7 @@ class Result:
                                 self._timings, 0.0 if pixel_area is None else float(pixel_area), stopping_reason,
                                 __version__)
         if path is not None:
-            target = os.fspath(path)
-            fd, temporary = tempfile.mkstemp(prefix=os.path.basename(target) + ".", suffix=".tmp",
-                                             dir=os.path.dirname(os.path.abspath(target)))
-            try:
-                with os.fdopen(fd, "w", encoding="utf-8") as f:
-                    f.write(page)
-                os.replace(temporary, target)
-            except BaseException:
-                if os.path.exists(temporary):
-                    os.unlink(temporary)
-                raise
+            _write_atomically(os.fspath(path), page)
         return page
 
     def _repr_html_(self) -> Optional[str]:
@@ -756,6 +746,7 @@ def _write_atomically(path: str, text: str) -> None:
     try:
         with os.fdopen(fd, "w", encoding="utf-8", newline="\n") as f:
             f.write(text)
+        _keep_mode(tmp, path)
         os.replace(tmp, path)
     except BaseException:
         if os.path.exists(tmp):
