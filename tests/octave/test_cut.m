@@ -5,20 +5,6 @@
 tool = getenv('DHC_TOOL');
 file = @(name) fullfile(getenv('DHC_TEST_TMP'), ['cut_' name '.hraw']);
 
-function write_hraw(file, img)
-  f = fopen(file, 'w', 'ieee-le');
-  fwrite(f, [size(img, 3) rows(img) columns(img)], 'int32');
-  fwrite(f, permute(img, [2 1 3]), 'int32');
-  fclose(f);
-end
-
-function cube = read_hraw(file)
-  f = fopen(file, 'r', 'ieee-le');
-  v = fread(f, Inf, 'int32');
-  fclose(f);
-  cube = permute(reshape(v(4:end), v(3), v(2), v(1)), [2 1 3]);
-end
-
 [img, truth] = dhc_quadrants(24, 28, 3);
 s = dhc_test_settings();
 base = {'UNSUPERVISED_MODE_CONF.SplitGainThreshold=0', 'UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=4', ...
@@ -36,8 +22,8 @@ cases = {
                             'SUPERVISED_MODE_CONF.StructureLevels={2 2 2 2}', ...
                             'SUPERVISED_MODE_CONF.StructurePaths={0 0 0 1 1 0 1 1}'}], true
 };
-write_hraw(file('image'), img);
-write_hraw(file('gt'), truth);
+dhc_write_hraw(file('image'), img);
+dhc_write_hraw(file('gt'), truth);
 for c = 1:rows(cases)
   [name, settings, sets, supervised] = cases{c, :};
   p = DhcProblem(img);
@@ -50,7 +36,7 @@ for c = 1:rows(cases)
   cmd = [cmd sets{:}];
   [status, output] = system(sprintf('%s -o "%s" --levels "%s"', cmd, file('labels'), file('levels')));
   dhc_check(status == 0, '%s: dhc segment failed (%d): %s', name, status, output);
-  levels = read_hraw(file('levels'));
+  levels = dhc_read_hraw(file('levels'));
   [out, summary, reports] = dhc(p, settings);
   seg = out.segmentation;
   dhc_check(size(levels, 3) == summary.NSplit + 1, '%s: one band per cut', name);
@@ -67,7 +53,7 @@ for c = 1:rows(cases)
     dhc_check(n == numel(unique(cut(cut > 0))), '%s: class count of cut %d', name, k);
     [status, output] = system(sprintf('%s -o "%s" --cut %d', cmd, file('cut'), n));
     dhc_check(status == 0, '%s: dhc segment --cut %d failed: %s', name, n, output);
-    dhc_check(isequal(dhc_cut(seg, summary, reports, 'classes', n, extra{:}), read_hraw(file('cut'))), ...
+    dhc_check(isequal(dhc_cut(seg, summary, reports, 'classes', n, extra{:}), dhc_read_hraw(file('cut'))), ...
               '%s: the cut with %d classes differs from --cut %d', name, n, n);
   end
   dhc_check(isequal(dhc_cut(seg, summary, reports, 0, extra{:}), (seg > 0) * reports(1).label), '%s: the root', name);

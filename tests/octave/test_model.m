@@ -5,22 +5,8 @@
 tool = getenv('DHC_TOOL');
 file = @(name) fullfile(getenv('DHC_TEST_TMP'), ['model_' name]);
 
-function write_hraw(file, img)
-  f = fopen(file, 'w', 'ieee-le');
-  fwrite(f, [size(img, 3) rows(img) columns(img)], 'int32');
-  fwrite(f, permute(img, [2 1 3]), 'int32');
-  fclose(f);
-end
-
-function cube = read_hraw(file)
-  f = fopen(file, 'r', 'ieee-le');
-  v = fread(f, Inf, 'int32');
-  fclose(f);
-  cube = permute(reshape(v(4:end), v(3), v(2), v(1)), [2 1 3]);
-end
-
 [img, truth] = dhc_quadrants(30, 34, 3);
-write_hraw(file('img.hraw'), img);
+dhc_write_hraw(file('img.hraw'), img);
 sets = ' --set UNSUPERVISED_MODE_CONF.SplitGainThreshold=0 --set UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=4 --set UNSUPERVISED_MODE_CONF.MinRegionArea=4';
 status = system([tool ' segment ' file('img.hraw') ' -o ' file('seg.hraw') ' -q --model ' file('m.json') sets]);
 dhc_check(status == 0, 'dhc segment --model failed');
@@ -39,18 +25,18 @@ end
 % The same labels as the tool, with every thread count.
 status = system([tool ' apply ' file('img.hraw') ' --model ' file('m.json') ' -o ' file('a.hraw') ' -q']);
 dhc_check(status == 0, 'dhc apply failed');
-expected = read_hraw(file('a.hraw'));
+expected = dhc_read_hraw(file('a.hraw'));
 dhc_check(isequal(dhc_apply(img, model), expected), 'dhc_apply differs from dhc apply');
 dhc_check(isequal(dhc_apply(img, file('m.json'), [], 2), expected), 'dhc_apply by path, 2 threads');
-dhc_check(mean(expected(:) == read_hraw(file('seg.hraw'))(:)) > 0.9, 'apply far from the run''s map');
+dhc_check(mean(expected(:) == dhc_read_hraw(file('seg.hraw'))(:)) > 0.9, 'apply far from the run''s map');
 
 roi = ones(size(truth));
 roi(5:12, 7:20) = 0;
 roi(20, :) = 2;
-write_hraw(file('roi.hraw'), roi);
+dhc_write_hraw(file('roi.hraw'), roi);
 system([tool ' apply ' file('img.hraw') ' --model ' file('m.json') ' -o ' file('am.hraw') ' -q --mask ' file('roi.hraw')]);
 masked = dhc_apply(img, model, roi);
-dhc_check(isequal(masked, read_hraw(file('am.hraw'))) && all(masked(roi ~= 1) == 0), 'masked labels');
+dhc_check(isequal(masked, dhc_read_hraw(file('am.hraw'))) && all(masked(roi ~= 1) == 0), 'masked labels');
 
 % Bad models: an error naming the model, and the session goes on.
 text = fileread(file('m.json'));

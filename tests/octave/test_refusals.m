@@ -6,14 +6,6 @@
 tool = getenv('DHC_TOOL');
 file = @(name) fullfile(getenv('DHC_TEST_TMP'), ['refusals_' name '.hraw']);
 
-function write_hraw(file, img)
-  % int32 bands, rows, cols, then each band row by row, little-endian.
-  f = fopen(file, 'w', 'ieee-le');
-  fwrite(f, [size(img, 3) rows(img) columns(img)], 'int32');
-  fwrite(f, permute(img, [2 1 3]), 'int32');
-  fclose(f);
-end
-
 [img, truth] = dhc_quadrants(8, 8, 2);
 s = dhc_test_settings();
 sup = s;
@@ -89,11 +81,11 @@ end
 
 % The tool refuses the same inputs with the same words.
 if ~isempty(tool)
-  write_hraw(file('img'), img);
-  write_hraw(file('gt2'), gt2);
-  write_hraw(file('zeros'), zeros(8));
-  write_hraw(file('negative'), negative);
-  write_hraw(file('three'), three);
+  dhc_write_hraw(file('img'), img);
+  dhc_write_hraw(file('gt2'), gt2);
+  dhc_write_hraw(file('zeros'), zeros(8));
+  dhc_write_hraw(file('negative'), negative);
+  dhc_write_hraw(file('three'), three);
   out = file('out');
   run = @(args) system(sprintf('"%s" segment "%s" -o "%s" -q %s 2>&1', tool, file('img'), out, ...
                                strjoin(cellfun(@(a) ['"' a '"'], args, 'UniformOutput', false), ' ')));

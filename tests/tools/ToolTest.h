@@ -121,6 +121,13 @@ class ToolTest : public ::testing::Test {
         if (words.size() < 3) return Hraw{};
         return Hraw{words[0], words[1], words[2], std::vector<int32_t>(words.begin() + 3, words.end())};
     }
+    // A valid 2-band 6 x 6 image of varied values.
+    void writeSmallImage(const std::string& name) const {
+        Hraw image{2, 6, 6, {}};
+        for (int i = 0; i < 72; ++i) image.values.push_back(10 + (i * 7) % 13);
+        writeHraw(name, image);
+    }
+
     void writeHraw(const std::string& name, const Hraw& image) const {
         const int32_t header[3] = {image.bands, image.rows, image.cols};
         std::string bytes(reinterpret_cast<const char*>(header), sizeof header);

@@ -21,9 +21,7 @@ class BadInput : public ToolTest {
     void SetUp() override {
         ToolTest::SetUp();
         // A valid 2-band 6 x 6 image and an existing label map that must survive.
-        Hraw image{2, 6, 6, {}};
-        for (int i = 0; i < 72; ++i) image.values.push_back(10 + (i * 7) % 13);
-        writeHraw("img.hraw", image);
+        writeSmallImage("img.hraw");
         write("labels.hraw", "precious");
     }
 

@@ -87,9 +87,7 @@ class Files : public ToolTest {
   protected:
     void SetUp() override {
         ToolTest::SetUp();
-        Hraw image{2, 6, 6, {}};
-        for (int i = 0; i < 72; ++i) image.values.push_back(10 + (i * 7) % 13);
-        writeHraw("img.hraw", image);
+        writeSmallImage("img.hraw");
         writeHraw("ones.hraw", Hraw{1, 6, 6, std::vector<int32_t>(36, 1)});
         writeHraw("init.hraw", Hraw{1, 6, 6, std::vector<int32_t>(36, 1)});
         write("cfg.ini", "[SEGM_MAIN_CONFIGURATION]\nSupervisedMode=0\n");
