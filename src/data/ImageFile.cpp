@@ -40,6 +40,19 @@ void writeRawPlane(const std::string& path, E** map, int rows, int cols, int pad
     writeWhole(path, buffer.data(), buffer.size());
 }
 
+// The header (bands, rows, cols) into header and the cells into a cube of
+// those sizes.  The cube is zeroed before the single read: cells past the end
+// of a short file read as 0.
+dhc::Cube<int> readHRawCube(const std::string& path, int header[3]) {
+    std::FILE* f = std::fopen(path.c_str(), "rb");
+    readWhole(f, header, 3);
+    const size_t cells = cellCount(header[0], header[1], header[2]);
+    dhc::Cube<int> cube(header[0], header[1], header[2]);
+    readWhole(f, cube.cells(), cells);
+    if (f != nullptr) std::fclose(f);
+    return cube;
+}
+
 }  // namespace
 
 template <typename T>
@@ -58,24 +71,33 @@ void ImageFile<T>::deleteCube(T*** cube, int bands, int rows) {
 }
 
 template <typename T>
-int*** ImageFile<T>::readHRawInt32(const std::string& path, int& bands, int& rows, int& cols) {
-    std::FILE* f = std::fopen(path.c_str(), "rb");
+dhc::Cube<int> ImageFile<T>::readHRaw(const std::string& path) {
     int header[3] = {0, 0, 0};
-    readWhole(f, header, 3);
+    return readHRawCube(path, header);
+}
+
+template <typename T>
+dhc::Cube<int> ImageFile<T>::readHRaw(const std::string& path, int& bands, int& rows, int& cols) {
+    int header[3] = {0, 0, 0};
+    dhc::Cube<int> cube = readHRawCube(path, header);
     bands = header[0];
     rows = header[1];
     cols = header[2];
-    // The flat buffer is zeroed before the single read: cells past the end of
-    // a short file read as 0.
-    std::vector<int> buffer(cellCount(bands, rows, cols), 0);
-    readWhole(f, buffer.data(), buffer.size());
-    if (f != nullptr) std::fclose(f);
+    return cube;
+}
 
+template <typename T>
+int*** ImageFile<T>::readHRawInt32(const std::string& path, int& bands, int& rows, int& cols) {
+    int header[3] = {0, 0, 0};
+    const dhc::Cube<int> read = readHRawCube(path, header);
+    bands = header[0];
+    rows = header[1];
+    cols = header[2];
     int*** cube = ImageFile<int>::newCube(bands, rows, cols);
     size_t k = 0;
     for (int b = 0; b < nonNegative(bands); ++b)
         for (int r = 0; r < nonNegative(rows); ++r)
-            for (int c = 0; c < nonNegative(cols); ++c) cube[b][r][c] = buffer[k++];
+            for (int c = 0; c < nonNegative(cols); ++c) cube[b][r][c] = read.cells()[k++];
     return cube;
 }
 

@@ -11,8 +11,9 @@
 // empty cubes).  Callers that need validation use checkHrawFile (HrawCheck.h)
 // first.  Writers that cannot open their file write nothing and say nothing.
 //
-// Cubes are cube[band][row][col] with separately allocated rows; planes are
-// padded planes as in PaddedMap.h.  Everything returned is owned by the caller
+// Cubes are cube[band][row][col]: owning (readHRaw), or with separately
+// allocated rows for the front ends that hold them so; planes are padded
+// planes as in PaddedMap.h.  Raw arrays returned are owned by the caller
 // (deleteCube, PaddedMap::deletePaddedMapFrame, PaddedMatrix::deletePaddedMatrixFrame).
 //
 // Instantiated for int and double; the Int32 operations exist in both, as do
@@ -21,6 +22,8 @@
 
 #include <string>
 
+#include "base/Grid.h"
+
 #if defined(__BYTE_ORDER__) && __BYTE_ORDER__ != __ORDER_LITTLE_ENDIAN__
 #error "hraw files are little-endian; this host would need byte swapping"
 #endif
@@ -28,7 +31,13 @@
 template <typename T>
 class ImageFile {
   public:
-    // Reads a whole hraw file; bands, rows, cols receive its header.
+    // Reads a whole hraw file into a cube of its header's sizes.
+    static dhc::Cube<int> readHRaw(const std::string& path);
+    // The same; bands, rows, cols receive the header as written (a negative
+    // size reads as an empty cube).
+    static dhc::Cube<int> readHRaw(const std::string& path, int& bands, int& rows, int& cols);
+    // The same as a cube of separately allocated rows (deleteCube); bands,
+    // rows, cols receive the header (a negative size reads as an empty cube).
     static int*** readHRawInt32(const std::string& path, int& bands, int& rows, int& cols);
     // Writes header (bands, rows, cols) and every band, in one write.
     static void writeHRawInt32(const std::string& path, int*** cube, int bands, int rows, int cols);

@@ -210,7 +210,7 @@ void PottsData::loadDataHRaw(std::string file, float percentage) {
     data = new int[static_cast<size_t>(loadedCount) * (bands > 0 ? bands : 0)]();
     if (loadedCount == 0) return;
     int fileBands = 0, fileRows = 0, fileCols = 0;
-    int*** cube = ImageFile<int>::readHRawInt32(file, fileBands, fileRows, fileCols);
+    const dhc::Cube<int> cube = ImageFile<int>::readHRaw(file, fileBands, fileRows, fileCols);
     // The band count is the one read by setupRoot; cells the file lacks read as 0.
     for (int i = 0; i < loadedCount; ++i) {
         const xy p = coords[i];
@@ -218,7 +218,6 @@ void PottsData::loadDataHRaw(std::string file, float percentage) {
         for (int b = 0; b < bands && b < fileBands; ++b)
             data[static_cast<size_t>(i) * bands + b] = cube[b][p.x][p.y];
     }
-    ImageFile<int>::deleteCube(cube, fileBands, fileRows);
 }
 
 void PottsData::setFileNames(char** names, int n) {

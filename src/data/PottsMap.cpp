@@ -201,15 +201,13 @@ void PottsMap::readMap_raw(char* fileName) {
 
 void PottsMap::readMap_hraw(std::string fileName) {
     const std::string name = fileName.substr(0, 200);
-    int bands = 0, fileRows = 0, fileCols = 0;
-    int*** cube = ImageFile<int>::readHRawInt32(name, bands, fileRows, fileCols);
-    if (bands > 0) {
+    const dhc::Cube<int> cube = ImageFile<int>::readHRaw(name);
+    if (cube.planeCount() > 0) {
         // Callers pass files of the map's size; a smaller file only fills its overlap.
-        const int nr = std::min(rows, fileRows), nc = std::min(cols, fileCols);
+        const int nr = std::min(rows, cube.rowCount()), nc = std::min(cols, cube.colCount());
         for (int r = 0; r < nr; ++r)
             for (int c = 0; c < nc; ++c) map[r + pad][c + pad] = cube[0][r][c];
     }
-    ImageFile<int>::deleteCube(cube, bands, fileRows);
 }
 
 void PottsMap::writeAuxMap_raw(char* fileName) const {
@@ -295,13 +293,12 @@ void PottsMap::labelWithGT(ROI<int, xy>* gt, int ignore) {
 
 void PottsMap::labelWithGT(char* gtFile, int ignore) {
     int bands = 0, fileRows = 0, fileCols = 0;
-    int*** cube = ImageFile<int>::readHRawInt32(gtFile, bands, fileRows, fileCols);
+    const dhc::Cube<int> cube = ImageFile<int>::readHRaw(gtFile, bands, fileRows, fileCols);
     const int nr = bands > 0 ? std::min(rows, fileRows) : 0;
     const int nc = bands > 0 ? std::min(cols, fileCols) : 0;
     std::unique_ptr<ROI<int, xy>> gt(fullFrameRoi(nr, nc));
     for (int k = 0; k < gt->count; ++k) gt->data[k] = cube[0][gt->coords[k].x][gt->coords[k].y];
     gt->imageRows = fileRows;
     gt->imageCols = fileCols;
-    ImageFile<int>::deleteCube(cube, bands, fileRows);
     labelWithGT(gt.get(), ignore);
 }

@@ -108,14 +108,13 @@ struct ROI {
     void writeHRawInt32(const std::string& path, int offset, bool absolute) const {
         const int rows = (absolute ? imageRows : height) + 2 * offset;
         const int cols = (absolute ? imageCols : width) + 2 * offset;
-        int*** cube = ImageFile<int>::newCube(1, rows, cols);
+        dhc::Grid<int> plane(rows, cols);
         const int dr = offset + (absolute ? minRow : 0);
         const int dc = offset + (absolute ? minCol : 0);
         for (int k = 0; k < count; ++k)
-            cube[0][coords[k].x + dr][coords[k].y + dc] =
+            plane[coords[k].x + dr][coords[k].y + dc] =
                 static_cast<int>(data[static_cast<size_t>(k) * bands]);
-        ImageFile<int>::writeHRawInt32(path, cube[0], rows, cols);
-        ImageFile<int>::deleteCube(cube, 1, rows);
+        ImageFile<int>::writeHRawInt32(path, plane.rows(), rows, cols);
     }
 
   private:

@@ -212,11 +212,8 @@ DHC::DHC(std::string dataFile, char* initialMapFile, int maxLabels, bool variabl
     initCommon(maxLabels,
                [&dataFile](int b, int o) { return new PottsWS(false, 100.0f, dataFile, kPad, b, o); });
     guarded([&]() {
-        int bands = 0, rows = 0, cols = 0;
-        std::unique_ptr<int**, std::function<void(int***)>> cube(
-            ImageFile<int>::readHRawInt32(dhc::cutFileName(initialMapFile), bands, rows, cols),
-            [&](int*** c) { ImageFile<int>::deleteCube(c, bands, rows); });
-        seedFromPlane(cube.get()[0]);
+        dhc::Cube<int> cube = ImageFile<int>::readHRaw(dhc::cutFileName(initialMapFile));
+        seedFromPlane(cube[0]);
     });
 }
 

@@ -1,7 +1,3 @@
-// Pseudo-likelihood estimate of the Potts interaction beta.
-
-#include "engine/PottsEngine.h"
-
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
@@ -9,9 +5,11 @@
 #include <vector>
 
 #include "data/PottsMapRegion.h"
+#include "engine/PottsEngine.h"
 #include "settings/Workers.h"
 #include "workspace/PottsWS.h"
 
+// Pseudo-likelihood estimate of the Potts interaction beta.
 
 double PottsEngine::betaHat(int* labels) {
     return betaHat(labels, multiplicity);

@@ -1,9 +1,3 @@
-// ICM: the sweeps (and their speculative second half on two threads), the
-// Gaussian and table energies they minimise, and the loops that alternate
-// them with the estimate of beta.
-
-#include "engine/PottsEngine.h"
-
 #include <algorithm>
 #include <atomic>
 #include <cmath>
@@ -13,14 +7,20 @@
 #include <unordered_map>
 #include <vector>
 
+#include "base/Grid.h"
 #include "data/PottsMapRegion.h"
 #include "engine/EngineSupport.h"
+#include "engine/PottsEngine.h"
 #include "engine/PottsLikelihoodEnergy.h"
-#include "settings/Fatal.h"
 #include "settings/BandCount.h"
+#include "settings/Fatal.h"
 #include "settings/Workers.h"
 #include "stats/OpMatrix.h"
 #include "workspace/PottsWS.h"
+
+// ICM: the sweeps (and their speculative second half on two threads), the
+// Gaussian and table energies they minimise, and the loops that alternate
+// them with the estimate of beta.
 
 using namespace dhc::engine;
 
@@ -291,10 +291,10 @@ int PottsEngine::kICM(double** means, int* labels, std::vector<int>& classOf, bo
         ws->classesOf(k, labels, classOf.data());
     }
     std::vector<int> counts(k, 0);
-    double*** covs = newCube(k, d);
-    double*** inverses = newCube(k, d);
+    dhc::Cube<double> covs(k, d, d);
+    dhc::Cube<double> inverses(k, d, d);
     std::vector<double> logdet(k, 0.0);
-    ws->getSigmaOfClasses(k, classOf.data(), counts.data(), covs);
+    ws->getSigmaOfClasses(k, classOf.data(), counts.data(), covs.planes());
     bool invertible = true;
     for (int c = 0; c < k; ++c) {
         int ok = 0;
@@ -312,13 +312,13 @@ int PottsEngine::kICM(double** means, int* labels, std::vector<int>& classOf, bo
             new double[std::max<std::size_t>(static_cast<std::size_t>(n) * k, 1)]);
         switch (d) {
             case 3:
-                classEnergies<3>(ws, n, k, means, inverses, logdet.data(), table.get());
+                classEnergies<3>(ws, n, k, means, inverses.planes(), logdet.data(), table.get());
                 break;
             case 4:
-                classEnergies<4>(ws, n, k, means, inverses, logdet.data(), table.get());
+                classEnergies<4>(ws, n, k, means, inverses.planes(), logdet.data(), table.get());
                 break;
             case 6:
-                classEnergies<6>(ws, n, k, means, inverses, logdet.data(), table.get());
+                classEnergies<6>(ws, n, k, means, inverses.planes(), logdet.data(), table.get());
                 break;
             default:
                 dhc::forChunks(n, kGrain, [&](int begin, int end, int) {
@@ -335,8 +335,6 @@ int PottsEngine::kICM(double** means, int* labels, std::vector<int>& classOf, bo
                             [e, k](int p, int c) { return e[static_cast<std::size_t>(p) * k + c]; });
         result = 2;
     }
-    freeCube(covs, k, d);
-    freeCube(inverses, k, d);
 
     ws->getMiOfClasses(k, classOf.data(), counts.data(), means);
     for (int c = 0; c < k; ++c)

@@ -1,8 +1,3 @@
-// Clustering: the splitting Lloyd (kGLA) with the bounds that let its passes
-// skip settled pixels, the minimum-energy labelling (kML) and the global mixture.
-
-#include "engine/PottsEngine.h"
-
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
@@ -11,14 +6,19 @@
 #include <memory>
 #include <vector>
 
+#include "base/Grid.h"
 #include "data/PottsMapRegion.h"
 #include "engine/EngineSupport.h"
+#include "engine/PottsEngine.h"
 #include "settings/BandCount.h"
 #include "settings/RowMatrix.h"
 #include "settings/Workers.h"
 #include "stats/Mixture.h"
 #include "stats/OpMatrix.h"
 #include "workspace/PottsWS.h"
+
+// Clustering: the splitting Lloyd (kGLA) with the bounds that let its passes
+// skip settled pixels, the minimum-energy labelling (kML) and the global mixture.
 
 using namespace dhc::engine;
 
@@ -303,7 +303,7 @@ void lloydDistortion(const PottsWS* w, int n, const double* cw, int m, const int
 
 bool PottsEngine::updateGlobalMixture(PottsWS& w) {
     int n = 0;
-    int* present = w.root->labels(n);
+    const std::unique_ptr<int[]> present(w.root->labels(n));
     ws = &w;
     delete globalMixture;
     globalMixture = nullptr;
@@ -313,14 +313,13 @@ bool PottsEngine::updateGlobalMixture(PottsWS& w) {
     const int k = n - first;
     const int d = w.bands;
     Mixture* m = new Mixture(k, d);
+    std::vector<double> mu(std::max(d, 0));
+    dhc::Grid<double> s(d, d);
     for (int i = 0; i < k; ++i) {
-        double* mu = w.getMi(present[first + i]);
-        double** s = w.getSigma(present[first + i]);
-        m->set(i, mu, s);
-        delete[] mu;
-        dhc::deleteRows(s, d);
+        w.getMi(present[first + i], mu.data());
+        w.getSigma(present[first + i], s.rows());
+        m->set(i, mu.data(), s.rows());
     }
-    delete[] present;
     m->inv();
     globalMixture = m;
     return m->updateInv();
@@ -340,7 +339,7 @@ double** PottsEngine::kGLA(PottsWS* w, int* labels) {
     std::vector<int> counts(k, 0);
     std::vector<double> previous(static_cast<std::size_t>(k) * d);
     std::vector<double> direction(d);
-    double** sigma = dhc::newRows<double>(d, d);
+    dhc::Grid<double> sigma(d, d);
     region->mapRefresh(labels[0], false);
 
     // Class of every loaded pixel, in pixel order, kept here instead of being
@@ -374,11 +373,11 @@ double** PottsEngine::kGLA(PottsWS* w, int* labels) {
 
         // Split class j along its principal axis by a thousandth of its mean
         // standard deviation.
-        w->getSigmaOfClass(firstOf[j], classOf, sigma);
+        w->getSigmaOfClass(firstOf[j], classOf, sigma.rows());
         double eps = 0.0;
         for (int b = 0; b < d; ++b) eps += std::sqrt(sigma[b][b]);
         eps /= 1000.0 * d;
-        OpMatrix::maxEig(sigma, d, direction.data());
+        OpMatrix::maxEig(sigma.rows(), d, direction.data());
         for (int b = 0; b < d; ++b) {
             code[s + 1][b] = code[j][b] - eps * direction[b];
             code[j][b] = code[j][b] + eps * direction[b];
@@ -423,7 +422,6 @@ double** PottsEngine::kGLA(PottsWS* w, int* labels) {
             for (int c = 0; c < m; ++c) meanDistortion[c] = distortion[c] / counts[c];
         }
     }
-    dhc::deleteRows(sigma, d);
     if (relabelled)
         for (int p = 0; p < n; ++p) cell(region, w->coords[p]) = labels[classOf[p]];
 

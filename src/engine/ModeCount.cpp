@@ -1,18 +1,18 @@
-// The number of classes of a region by mean-shift mode seeking.
-
-#include "engine/PottsEngine.h"
-
 #include <cmath>
+#include <memory>
 #include <ostream>
 
 #include "data/PottsMapRegion.h"
 #include "engine/EngineSupport.h"
+#include "engine/PottsEngine.h"
 #include "settings/DHC_SET.h"
 #include "settings/Fatal.h"
 #include "settings/RowMatrix.h"
 #include "stats/FMSC.h"
 #include "stats/FeatureSpace.h"
 #include "workspace/PottsWS.h"
+
+// The number of classes of a region by mean-shift mode seeking.
 
 using namespace dhc::engine;
 
@@ -22,8 +22,9 @@ using namespace dhc::engine;
 double** PottsEngine::MS_K_est(PottsWS* w, int& k, bool label) {
     const int d = w->bands;
     int n = w->envelopeCount < 3000 ? w->envelopeCount : 3000;
-    xy* sampleCoords = nullptr;
-    double** samples = w->getFirstNaturals(n, sampleCoords);
+    xy* sampleCoordCells = nullptr;
+    double** samples = w->getFirstNaturals(n, sampleCoordCells);
+    const std::unique_ptr<xy[]> sampleCoords(sampleCoordCells);
 
     // Mean shift runs on the principal components of the samples: three of
     // them, or as many as there are bands when there are fewer.
@@ -43,35 +44,33 @@ double** PottsEngine::MS_K_est(PottsWS* w, int& k, bool label) {
     out << " (inital knn = " << knn << ")" << std::endl;
 
     double** modes = nullptr;
-    int* classification = nullptr;
-    int* population = nullptr;
+    std::unique_ptr<int[]> classification;
+    std::unique_ptr<int[]> population;
     k = 0;
     if (projected != nullptr) {
-        FMSC* shift = nullptr;
+        std::unique_ptr<FMSC> shift;
         if (settings != nullptr)
-            shift = new FMSC(projected, dims, n, knn, 0.05, 100.0, settings->autoAdjustkNN,
-                             settings->tolerance, settings->skipLast, settings->kernelType);
+            shift = std::make_unique<FMSC>(projected, dims, n, knn, 0.05, 100.0, settings->autoAdjustkNN,
+                                           settings->tolerance, settings->skipLast, settings->kernelType);
         else if (configFile != nullptr)
-            shift = new FMSC(projected, dims, n, knn, 0.05, 100.0, configFile);
+            shift = std::make_unique<FMSC>(projected, dims, n, knn, 0.05, 100.0, configFile);
         else
-            shift = new FMSC(projected, dims, n, knn, 0.05, 100.0, 0, 0.0, 0.0, 0);
+            shift = std::make_unique<FMSC>(projected, dims, n, knn, 0.05, 100.0, 0, 0.0, 0.0, 0);
         double** found = shift->getModes(k);
         int counted = 0;
-        population = shift->getPointsForMode(counted);
+        population.reset(shift->getPointsForMode(counted));
         int classified = 0;
-        classification = shift->getClassification(classified);
-        delete shift;
+        classification.reset(shift->getClassification(classified));
+        shift.reset();
 
         // Back to data units: m_b * s_b + mu_b on the clustered coordinates,
         // the band mean on any band beyond them.
-        double* sd = space.getStDevs(0);
-        double* mu = space.getMi(0);
+        const std::unique_ptr<double[]> sd(space.getStDevs(0));
+        const std::unique_ptr<double[]> mu(space.getMi(0));
         modes = dhc::newRows<double>(k, d);
         for (int i = 0; i < k; ++i)
             for (int b = 0; b < d; ++b) modes[i][b] = b < dims ? found[i][b] * sd[b] + mu[b] : mu[b];
         dhc::deleteRows(found, k);
-        delete[] sd;
-        delete[] mu;
     }
 
     setConfig(k);
@@ -81,9 +80,8 @@ double** PottsEngine::MS_K_est(PottsWS* w, int& k, bool label) {
         if (label) {
             PottsMapRegion* region = w->root;
             int count = 0;
-            int* all = region->PottsMap::labels(count);
+            const std::unique_ptr<int[]> all(region->PottsMap::labels(count));
             const int base = count > 0 ? all[count - 1] : 0;
-            delete[] all;
             region->mapRefresh(0, false);
             for (int i = 0; i < n; ++i)
                 if (classification != nullptr && classification[i] > 0)
@@ -107,10 +105,7 @@ double** PottsEngine::MS_K_est(PottsWS* w, int& k, bool label) {
         k = 1;
     }
 
-    delete[] classification;
-    delete[] population;
     dhc::deleteRows(projected, n);
     dhc::deleteRows(samples, n);
-    delete[] sampleCoords;
     return modes;
 }

@@ -1,5 +1,6 @@
 #include "engine/PottsEngine.h"
 
+#include <memory>
 #include <vector>
 
 #include "data/PottsMapRegion.h"
@@ -163,7 +164,7 @@ PottsWS** PottsEngine::fragment(PottsWS* w, int* labels, int n) {
     ws = w;
     PottsMapRegion* region = w->root;
     int pieces = 0;
-    PottsMapRegion* parts = region->fragment(pieces, false);
+    const std::unique_ptr<PottsMapRegion[]> parts(region->fragment(pieces, false));
     if (parts == nullptr) {
         ws = nullptr;
         return nullptr;
@@ -175,7 +176,6 @@ PottsWS** PottsEngine::fragment(PottsWS* w, int* labels, int n) {
     std::vector<int> table(static_cast<std::size_t>(top) + 1);
     for (int l = 0; l <= top; ++l) table[l] = l;
     for (int i = 0; i < pieces && i < n; ++i) table[parts[i].label] = labels[i];
-    delete[] parts;
     region->setInnerLabels(table.data());
 
     PottsWS** children = nullptr;
@@ -191,11 +191,10 @@ Mixture** PottsEngine::generateLinkedMixtures(int* assign, int k) {
     Mixture** result = new Mixture*[k > 0 ? k : 0]();
     if (globalMixture == nullptr) return result;
     const int classes = globalMixture->k;
-    bool* mask = new bool[classes > 0 ? classes : 0];
+    const std::unique_ptr<bool[]> mask(new bool[classes > 0 ? classes : 0]);
     for (int c = 0; c < k; ++c) {
         for (int j = 0; j < classes; ++j) mask[j] = assign[j] == c;
-        result[c] = globalMixture->generateLinkedMixture(mask);
+        result[c] = globalMixture->generateLinkedMixture(mask.get());
     }
-    delete[] mask;
     return result;
 }

@@ -1,8 +1,3 @@
-// What a split is worth: the likelihood gain, the variance score, the
-// texture gain and the model-selection criterion.
-
-#include "engine/PottsEngine.h"
-
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
@@ -11,10 +6,14 @@
 
 #include "data/PottsMapRegion.h"
 #include "engine/EngineSupport.h"
+#include "engine/PottsEngine.h"
 #include "settings/RowMatrix.h"
 #include "settings/Workers.h"
 #include "stats/OpMatrix.h"
 #include "workspace/PottsWS.h"
+
+// What a split is worth: the likelihood gain, the variance score, the
+// texture gain and the model-selection criterion.
 
 using namespace dhc::engine;
 

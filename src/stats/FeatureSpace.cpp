@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <memory>
+#include <utility>
 
 #include "settings/Fatal.h"
 #include "settings/RowMatrix.h"
@@ -17,50 +19,29 @@ double* copyVector(const double* from, int n) {
 
 }  // namespace
 
-FeatureSpace::FeatureSpace(int capacity, int points) : nPoints(points), maxDomains(capacity) {
-    data = new double**[maxDomains]();
-    normData = new double**[maxDomains]();
-    dims = new int[maxDomains]();
-    means = new double*[maxDomains]();
-    covs = new double**[maxDomains]();
-    normalized = new bool[maxDomains]();
-}
-
-FeatureSpace::~FeatureSpace() {
-    for (int d = 0; d < maxDomains; ++d) {
-        dhc::deleteRows(data[d], nPoints);
-        dhc::deleteRows(normData[d], nPoints);
-        delete[] means[d];
-        dhc::deleteRows(covs[d], dims[d]);
-    }
-    delete[] data;
-    delete[] normData;
-    delete[] dims;
-    delete[] means;
-    delete[] covs;
-    delete[] normalized;
-    dhc::deleteRows(pcaData, nPoints);
-    dhc::deleteRows(scatter, totalDims);
-    dhc::deleteRows(eigenvectors, totalDims);
-    delete[] eigenvalues;
-    delete[] pcaMax;
-    delete[] pcaMin;
-}
+FeatureSpace::FeatureSpace(int capacity, int points)
+    : data(std::max(capacity, 0)),
+      normData(std::max(capacity, 0)),
+      nPoints(points),
+      maxDomains(capacity),
+      dims(std::max(capacity, 0), 0),
+      means(std::max(capacity, 0)),
+      covs(std::max(capacity, 0)),
+      normalized(std::max(capacity, 0), false) {}
 
 void FeatureSpace::addDomain(double** values, int dim) {
     if (nDomains >= maxDomains) dhc::fatal(-10);
     const int d = nDomains;
-    data[d] = dhc::copyRows(values, nPoints, dim);
+    data[d] = dhc::Grid<double>::copyOf(values, nPoints, dim);
     dims[d] = dim;
 
-    double* mu = new double[dim]();
+    std::vector<double> mu(std::max(dim, 0), 0.0);
     for (int p = 0; p < nPoints; ++p)
         for (int i = 0; i < dim; ++i) mu[i] += values[p][i];
     for (int i = 0; i < dim; ++i) mu[i] /= nPoints;
-    means[d] = mu;
 
     // Biased (divide by n) covariance.
-    double** cov = dhc::newRows<double>(dim, dim);
+    dhc::Grid<double> cov(dim, dim);
     for (int i = 0; i < dim; ++i) {
         for (int j = 0; j < dim; ++j) {
             double s = 0.0;
@@ -68,13 +49,12 @@ void FeatureSpace::addDomain(double** values, int dim) {
             cov[i][j] = s / nPoints - mu[i] * mu[j];
         }
     }
-    covs[d] = cov;
+    means[d] = std::move(mu);
+    covs[d] = std::move(cov);
 
-    // The scatter matrix is sized by totalDims, so release it before that changes.
-    dhc::deleteRows(scatter, totalDims);
-    scatter = nullptr;
-    dhc::deleteRows(eigenvectors, totalDims);
-    eigenvectors = nullptr;
+    // The scatter matrix is sized by totalDims: it goes before that changes.
+    scatter = dhc::Grid<double>();
+    eigenvectors = dhc::Grid<double>();
     totalDims += dim;
     ++nDomains;
 }
@@ -89,12 +69,12 @@ double** FeatureSpace::covariance(int d) {
 
 double* FeatureSpace::getMi(int d) {
     if (d < 0 || d >= nDomains) return nullptr;
-    return copyVector(means[d], dims[d]);
+    return copyVector(means[d].data(), dims[d]);
 }
 
 double** FeatureSpace::getSigma(int d) {
     if (d < 0 || d >= nDomains) return nullptr;
-    return dhc::copyRows(covs[d], dims[d], dims[d]);
+    return dhc::copyRows(covs[d].rows(), dims[d], dims[d]);
 }
 
 double* FeatureSpace::getStDevs(int d) {
@@ -139,13 +119,11 @@ double* FeatureSpace::getzm(int d) {
 
 void FeatureSpace::PCA(int k) {
     if (nComponents >= k) return;
-    dhc::deleteRows(pcaData, nPoints);
-    pcaData = nullptr;
+    pcaData = dhc::Grid<double>();
     nComponents = k;
     const int n = totalDims;
 
-    dhc::deleteRows(scatter, n);
-    scatter = dhc::newRows<double>(n, n);
+    scatter = dhc::Grid<double>(n, n);
     start();
     for (int p = 0; p < nPoints; ++p, next()) {
         const double* z = getzm();
@@ -155,32 +133,29 @@ void FeatureSpace::PCA(int k) {
     for (int i = 0; i < n; ++i)
         for (int j = 0; j < n; ++j) scatter[i][j] /= nPoints;
 
-    dhc::deleteRows(eigenvectors, n);
-    eigenvectors = nullptr;
-    delete[] eigenvalues;
-    eigenvalues = nullptr;
+    eigenvectors = dhc::Grid<double>();
     // More components than features: the extra components are identically zero.
     const int analysed = std::min(k, n);
+    double** vectors = nullptr;
     double* found = nullptr;
-    if (analysed > 0) OpMatrix::eig(scatter, n, analysed, eigenvectors, found);
-    eigenvalues = new double[k]();
-    if (found != nullptr) std::copy(found, found + analysed, eigenvalues);
-    delete[] found;
+    if (analysed > 0) OpMatrix::eig(scatter.rows(), n, analysed, vectors, found);
+    if (vectors != nullptr) eigenvectors = dhc::Grid<double>::copyOf(vectors, n, n);
+    dhc::deleteRows(vectors, n);
+    eigenvalues.assign(std::max(k, 0), 0.0);
+    const std::unique_ptr<double[]> foundOwner(found);
+    if (found != nullptr) std::copy(found, found + analysed, eigenvalues.begin());
 
-    pcaData = dhc::newRows<double>(nPoints, k);
+    pcaData = dhc::Grid<double>(nPoints, k);
     start();
     for (int p = 0; p < nPoints; ++p, next()) {
         if (analysed < 1) break;
-        double* y = OpMatrix::transform(getzm(), n, eigenvectors, analysed);
-        std::copy(y, y + analysed, pcaData[p]);
-        delete[] y;
+        const std::unique_ptr<double[]> y(OpMatrix::transform(getzm(), n, eigenvectors.rows(), analysed));
+        std::copy(y.get(), y.get() + analysed, pcaData[p]);
     }
 
     // Range of each component, kept for the binning operations.
-    delete[] pcaMax;
-    delete[] pcaMin;
-    pcaMax = new double[k];
-    pcaMin = new double[k];
+    pcaMax.assign(std::max(k, 0), 0.0);
+    pcaMin.assign(std::max(k, 0), 0.0);
     std::vector<double> column(nPoints);
     for (int c = 0; c < k; ++c) {
         for (int p = 0; p < nPoints; ++p) column[p] = pcaData[p][c];
@@ -201,19 +176,17 @@ double** FeatureSpace::getPCAData(int k, bool normalize) {
 
 void FeatureSpace::normalizeWithStd(int d) {
     if (d < 0 || d >= nDomains) return;
-    double* sd = getStDevs(d);
-    dhc::deleteRows(normData[d], nPoints);
-    normData[d] = dhc::copyRows(data[d], nPoints, dims[d]);
+    const std::unique_ptr<double[]> sd(getStDevs(d));
+    normData[d] = dhc::Grid<double>::copyOf(data[d].rows(), nPoints, dims[d]);
     // A constant feature has nothing to scale and is kept as it is.
     for (int p = 0; p < nPoints; ++p)
         for (int i = 0; i < dims[d]; ++i)
             if (sd[i] > 0.0) normData[d][p][i] /= sd[i];
-    delete[] sd;
     normalized[d] = true;
 }
 
 double** FeatureSpace::getNormData(int d) {
     if (d < 0 || d >= nDomains) return nullptr;
     if (!normalized[d]) normalizeWithStd(d);
-    return dhc::copyRows(normData[d], nPoints, dims[d]);
+    return dhc::copyRows(normData[d].rows(), nPoints, dims[d]);
 }

@@ -2,36 +2,35 @@
 // A set of nPoints points described by one or more groups of features
 // (domains), each with its own dimension: per-domain means, biased covariances
 // and standard deviations, and a principal-component projection of the
-// concatenated zero-mean features.  Every array here is owned and released by
-// the destructor; operations documented as returning "new" memory hand it to
-// the caller (matrices as new double*[rows] plus one new double[cols] per row).
+// concatenated zero-mean features.  The space owns its arrays; operations
+// documented as returning "new" memory hand it to the caller (matrices as new
+// double*[rows] plus one new double[cols] per row).
 
 #include <vector>
 
+#include "base/Grid.h"
+
 class FeatureSpace {
   public:
-    double*** data = nullptr;      // per domain: nPoints rows of dims[d] values
-    double*** normData = nullptr;  // per domain: the same divided by the standard deviations
+    std::vector<dhc::Grid<double>> data;      // per domain: nPoints rows of dims[d] values
+    std::vector<dhc::Grid<double>> normData;  // per domain: the same divided by the standard deviations
     int nPoints = 0;
     int maxDomains = 0;
-    int* dims = nullptr;              // per domain
-    int totalDims = 0;                // sum of the dimensions added so far
-    double** means = nullptr;         // per domain
-    double*** covs = nullptr;         // per domain, dims[d] x dims[d]
-    double** pcaData = nullptr;       // nPoints x nComponents (null before the first analysis)
-    int nComponents = -1;             // components of the last analysis; -1 before any
-    double** scatter = nullptr;       // totalDims x totalDims covariance of the concatenated features
-    double** eigenvectors = nullptr;  // rows: eigenvectors of scatter (totalDims x totalDims)
-    double* eigenvalues = nullptr;    // nComponents leading eigenvalues
+    std::vector<int> dims;                   // per domain
+    int totalDims = 0;                       // sum of the dimensions added so far
+    std::vector<std::vector<double>> means;  // per domain
+    std::vector<dhc::Grid<double>> covs;     // per domain, dims[d] x dims[d]
+    dhc::Grid<double> pcaData;               // nPoints x nComponents (empty before the first analysis)
+    int nComponents = -1;                    // components of the last analysis; -1 before any
+    dhc::Grid<double> scatter;               // totalDims x totalDims covariance of the concatenated features
+    dhc::Grid<double> eigenvectors;          // rows: eigenvectors of scatter (totalDims x totalDims)
+    std::vector<double> eigenvalues;         // nComponents leading eigenvalues
     int nDomains = 0;
-    bool* normalized = nullptr;  // per domain: normData valid
-    double* pcaMax = nullptr;    // per component: largest projected value
-    double* pcaMin = nullptr;    // per component: smallest projected value
+    std::vector<bool> normalized;  // per domain: normData valid
+    std::vector<double> pcaMax;    // per component: largest projected value
+    std::vector<double> pcaMin;    // per component: smallest projected value
 
     FeatureSpace(int maxDomains, int nPoints);
-    ~FeatureSpace();
-    FeatureSpace(const FeatureSpace&) = delete;
-    FeatureSpace& operator=(const FeatureSpace&) = delete;
 
     // Copies nPoints rows of dim values as the next domain and computes its mean
     // and covariance; ends the process with status -10 when the space is full.

@@ -1,8 +1,3 @@
-// Statistics of a workspace's pixels by label or class, and the completion of
-// a partly labelled map by maximum likelihood.
-
-#include "workspace/PottsWS.h"
-
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
@@ -14,6 +9,10 @@
 #include "settings/Workers.h"
 #include "stats/OpMatrix.h"
 #include "workspace/PixelSums.h"
+#include "workspace/PottsWS.h"
+
+// Statistics of a workspace's pixels by label or class, and the completion of
+// a partly labelled map by maximum likelihood.
 
 using namespace dhc::workspace;
 

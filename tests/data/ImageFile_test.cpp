@@ -77,6 +77,32 @@ TEST(HRaw, FileTruncatedAfterTheHeaderReadsZeros) {
     std::remove(path.c_str());
 }
 
+// The owning reader and the front ends' reader give the same cells and header.
+TEST(HRaw, OwningReaderAgreesWithTheRowByRowReader) {
+    const std::string path = dhc::test::tmpPath("img_owning.hraw");
+    writeInts(path, {2, 2, 3, 1, -2, 3, 4, 5, 6, 7, 8, 9, 10, 11, INT32_MIN});
+    int bands = 0, rows = 0, cols = 0;
+    int*** rowByRow = ImageFile<int>::readHRawInt32(path, bands, rows, cols);
+    int b2 = 0, r2 = 0, c2 = 0;
+    dhc::Cube<int> owned = ImageFile<int>::readHRaw(path, b2, r2, c2);
+    EXPECT_EQ(std::make_tuple(b2, r2, c2), std::make_tuple(bands, rows, cols));
+    EXPECT_EQ(std::make_tuple(owned.planeCount(), owned.rowCount(), owned.colCount()), std::make_tuple(2, 2, 3));
+    EXPECT_EQ(cells(owned.planes(), 2, 2, 3), cells(rowByRow, 2, 2, 3));
+    EXPECT_EQ(owned[1][1][2], INT32_MIN);
+    ImageFile<int>::deleteCube(rowByRow, bands, rows);
+
+    // A short file reads zeros past its end; a negative size is passed out as
+    // written and reads as nothing.
+    writeInts(path, {1, 2, 2, 5});
+    dhc::Cube<int> shortFile = ImageFile<int>::readHRaw(path);
+    EXPECT_EQ(cells(shortFile.planes(), 1, 2, 2), std::vector<int>({5, 0, 0, 0}));
+    writeInts(path, {1, -3, 2});
+    const dhc::Cube<int> negative = ImageFile<int>::readHRaw(path, b2, r2, c2);
+    EXPECT_EQ(r2, -3);
+    EXPECT_EQ(negative.rowCount(), 0);
+    std::remove(path.c_str());
+}
+
 TEST(HRaw, CheckNamesTheFileAndTheFault) {
     const std::string path = dhc::test::tmpPath("img_check.hraw");
     const struct {
