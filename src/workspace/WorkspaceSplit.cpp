@@ -1,11 +1,7 @@
-// A workspace split into one child workspace per label, and the hand-over of
-// its values to the children once the split is final.
-
-#include "workspace/PottsWS.h"
-
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <utility>
 #include <vector>
 
@@ -15,75 +11,106 @@
 #include "settings/RowMatrix.h"
 #include "settings/Workers.h"
 #include "workspace/PixelSums.h"
+#include "workspace/PottsWS.h"
+
+// A workspace split into one child workspace per label, and the hand-over of
+// its values to the children once the split is final.
 
 using namespace dhc::workspace;
 
 // ---------------------------------------------------------------------------
 // Split
 
-int PottsWS::split(int* labels, int n, PottsWS**& children, bool computeStats, bool leaveWithParent) {
-    const int nChildren = n > 0 ? n : 0;
-    children = new PottsWS*[nChildren];
-    PottsMapRegion* region = root;
+namespace {
+
+// Where the pixels of a split go: every pixel's child (nChildren: none) and
+// border flag, the children's areas and border counts, and where each chunk
+// of the pixel list starts its entries of each child.
+struct SplitPlan {
+    int nChildren = 0;
+    int topLabel = 0;          // the largest label of a child
+    std::vector<int> childOf;  // label -> child index; nChildren means "no child"
+    int chunks = 0;
+    size_t slots = 0;  // children plus "none"
+    // Per chunk and slot: first the chunk's counts, then (after the prefix
+    // sums) where the chunk's entries of the slot start.
+    std::vector<int> chunkAreas, chunkBorders;
+    std::unique_ptr<int[]> pixelChild;
+    std::unique_ptr<char[]> isBorder;
+    std::vector<int> areas, borderCounts;
+
+    int childOfLabel(int v) const { return (v >= 0 && v <= topLabel) ? childOf[v] : nChildren; }
+};
+
+// First pass: child and border flag of every pixel, areas and border counts,
+// by chunk of the pixel list (the chunks' counts place the second pass's writes).
+SplitPlan planSplit(const PottsWS& ws, const int* labels, int nChildren) {
+    SplitPlan plan;
+    plan.nChildren = nChildren;
+    PottsMapRegion* region = ws.root;
     int** map = region->map;
     const int pad = region->pad;
-    const int total = envelopeCount;
-
-    // Label -> child index; nChildren means "no child".
+    const int total = ws.envelopeCount;
+    const xy* coords = ws.coords;
     int m = 0;
     for (int j = 0; j < nChildren; ++j) m = std::max(m, labels[j]);
-    std::vector<int> childOf(static_cast<size_t>(m) + 1, nChildren);
-    for (int j = 0; j < nChildren; ++j) childOf[labels[j]] = j;
+    plan.topLabel = m;
+    plan.childOf.assign(static_cast<size_t>(m) + 1, nChildren);
+    for (int j = 0; j < nChildren; ++j) plan.childOf[labels[j]] = j;
 
-    // First pass: child and border flag of every pixel, areas and border
-    // counts, by chunk of the pixel list (the chunks' counts place the
-    // second pass's writes).
-    const int chunks = dhc::chunksFor(total, kGrain);
+    plan.chunks = dhc::chunksFor(total, kGrain);
     const size_t slots = static_cast<size_t>(nChildren) + 1;
-    std::vector<int> chunkAreas(slots * chunks, 0), chunkBorders(slots * chunks, 0);
+    plan.slots = slots;
+    plan.chunkAreas.assign(slots * plan.chunks, 0);
+    plan.chunkBorders.assign(slots * plan.chunks, 0);
     // Written for every pixel by the threads (first touched side by side).
-    const std::unique_ptr<int[]> pixelChild(new int[std::max(total, 1)]);
-    const std::unique_ptr<char[]> isBorder(new char[std::max(total, 1)]);
+    plan.pixelChild.reset(new int[std::max(total, 1)]);
+    plan.isBorder.reset(new char[std::max(total, 1)]);
     dhc::forChunks(total, kGrain, [&](int begin, int end, int chunk) {
-        int* area = &chunkAreas[slots * chunk];
-        int* border = &chunkBorders[slots * chunk];
+        int* area = &plan.chunkAreas[slots * chunk];
+        int* border = &plan.chunkBorders[slots * chunk];
         for (int p = begin; p < end; ++p) {
             if (p + kAhead < end) region->prefetchAround(coords[p + kAhead].x, coords[p + kAhead].y);
             const xy& c = coords[p];
             const int v = map[c.x + pad][c.y + pad];
             if (v < 0 || v > m) {
-                pixelChild[p] = nChildren;
-                isBorder[p] = 0;
+                plan.pixelChild[p] = nChildren;
+                plan.isBorder[p] = 0;
                 ++area[nChildren];
                 continue;
             }
-            const int j = childOf[v];
-            pixelChild[p] = j;
+            const int j = plan.childOf[v];
+            plan.pixelChild[p] = j;
             const bool onBorder = region->uc(c.x, c.y, v, true) < 8;
-            isBorder[p] = onBorder ? 1 : 0;
+            plan.isBorder[p] = onBorder ? 1 : 0;
             if (onBorder) ++border[j];
             ++area[j];
         }
     });
     // From here on chunkAreas / chunkBorders hold where each chunk's entries
     // of each child start.
-    std::vector<int> areas(slots, 0), borderCounts(slots, 0);
-    for (int i = 0; i < chunks; ++i)
+    plan.areas.assign(slots, 0);
+    plan.borderCounts.assign(slots, 0);
+    for (int i = 0; i < plan.chunks; ++i)
         for (size_t j = 0; j < slots; ++j) {
-            const int a = chunkAreas[slots * i + j], b = chunkBorders[slots * i + j];
-            chunkAreas[slots * i + j] = areas[j];
-            chunkBorders[slots * i + j] = borderCounts[j];
-            areas[j] += a;
-            borderCounts[j] += b;
+            const int a = plan.chunkAreas[slots * i + j], b = plan.chunkBorders[slots * i + j];
+            plan.chunkAreas[slots * i + j] = plan.areas[j];
+            plan.chunkBorders[slots * i + j] = plan.borderCounts[j];
+            plan.areas[j] += a;
+            plan.borderCounts[j] += b;
         }
-    const int uncovered = areas[nChildren];
+    return plan;
+}
 
-    // The children, sized exactly from the first pass.
-    const bool valuesInMemory = data != nullptr && loadedCount >= envelopeCount;
-    const bool leaveValues = computeStats && valuesInMemory && leaveWithParent;
-    const bool copyValues = computeStats && valuesInMemory && !leaveWithParent;
+// The children, sized exactly from the plan: image source, region, pixel
+// list, root indices and value storage; contours receives their empty
+// contour lists.  Returns the number of children with pixels.
+int makeChildren(const PottsWS& parent, const int* labels, const SplitPlan& plan, bool copyValues,
+                 PottsWS** children, std::vector<xy*>& contours) {
+    const int nChildren = plan.nChildren;
+    const std::vector<int>& areas = plan.areas;
     int nonEmpty = 0;
-    std::vector<xy*> contours(nChildren, nullptr);
+    contours.assign(nChildren, nullptr);
     // The pixel lists are zeroed as they are made: the children's side by side.
     std::vector<xy*> pixelLists(nChildren, nullptr);
     dhc::forChunks(nChildren, 1, [&](int first, int last, int) {
@@ -93,50 +120,58 @@ int PottsWS::split(int* labels, int n, PottsWS**& children, bool computeStats, b
     for (int j = 0; j < nChildren; ++j) {
         PottsWS* child = new PottsWS();
         children[j] = child;
-        if (borderCounts[j] > 0) contours[j] = new xy[borderCounts[j]];
-        child->bands = bands;
-        child->rows = rows;
-        child->cols = cols;
+        if (plan.borderCounts[j] > 0) contours[j] = new xy[plan.borderCounts[j]];
+        child->bands = parent.bands;
+        child->rows = parent.rows;
+        child->cols = parent.cols;
         child->envelopeCount = areas[j];
-        if (fromRoi == 1)
+        if (parent.fromRoi == 1)
             child->fromRoi = 1;
-        else if (!hrawFileName.empty())
-            child->setHrawFileName(hrawFileName);
-        else if (bandFiles != nullptr)
-            child->setFileNames(bandFiles, bands);
-        child->tracksRootIndex = tracksRootIndex;
+        else if (!parent.hrawFileName.empty())
+            child->setHrawFileName(parent.hrawFileName);
+        else if (parent.bandFiles != nullptr)
+            child->setFileNames(parent.bandFiles, parent.bands);
+        child->tracksRootIndex = parent.tracksRootIndex;
         delete child->root;
-        child->root = new PottsMapRegion(*region, labels[j]);
+        child->root = new PottsMapRegion(*parent.root, labels[j]);
         child->root->area = areas[j];
         if (areas[j] > 0) {
             ++nonEmpty;
             child->coords = pixelLists[j];
-            if (tracksRootIndex) child->pixelIndex = new int[areas[j]];
-            if (copyValues) child->data = new int[static_cast<size_t>(areas[j]) * bands];
+            if (parent.tracksRootIndex) child->pixelIndex = new int[areas[j]];
+            if (copyValues) child->data = new int[static_cast<size_t>(areas[j]) * parent.bands];
         }
     }
+    return nonEmpty;
+}
 
-    // Second pass: pixel lists, contour lists, root indices (and values; or,
-    // leaving the values here, every child's entries in this list, child
-    // after child).
-    std::vector<int> childStart(slots, 0), entries(leaveValues ? total : 0);
-    for (int j = 0; j < nChildren; ++j) childStart[j + 1] = childStart[j] + areas[j];
-    dhc::forChunks(total, kGrain, [&](int begin, int end, int chunk) {
-        int* filled = &chunkAreas[slots * chunk];
-        int* contourFilled = &chunkBorders[slots * chunk];
+// Second pass: pixel lists, contour lists, root indices (and values; or,
+// leaving the values in the parent, every child's entries in the parent's
+// list, child after child, into entries).  The plan's chunk offsets are used up.
+void fillChildren(const PottsWS& parent, SplitPlan& plan, bool copyValues, bool leaveValues,
+                  const std::vector<int>& childStart, std::vector<int>& entries, PottsWS** children,
+                  std::vector<xy*>& contours) {
+    const int nChildren = plan.nChildren;
+    const size_t slots = plan.slots;
+    const int bands = parent.bands;
+    dhc::forChunks(parent.envelopeCount, kGrain, [&](int begin, int end, int chunk) {
+        int* filled = &plan.chunkAreas[slots * chunk];
+        int* contourFilled = &plan.chunkBorders[slots * chunk];
         for (int p = begin; p < end; ++p) {
-            const int j = pixelChild[p];
+            const int j = plan.pixelChild[p];
             if (j >= nChildren) continue;
             PottsWS* child = children[j];
             const int q = filled[j]++;
-            xy record = coords[p];
-            record.aux = static_cast<uint16_t>(isBorder[p]);
+            xy record = parent.coords[p];
+            record.aux = static_cast<uint16_t>(plan.isBorder[p]);
             child->coords[q] = record;
-            if (isBorder[p]) contours[j][contourFilled[j]++] = record;
-            if (tracksRootIndex) child->pixelIndex[q] = pixelIndex != nullptr ? pixelIndex[p] : p;
+            if (plan.isBorder[p]) contours[j][contourFilled[j]++] = record;
+            if (parent.tracksRootIndex)
+                child->pixelIndex[q] = parent.pixelIndex != nullptr ? parent.pixelIndex[p] : p;
             if (leaveValues) entries[childStart[j] + q] = p;
             if (copyValues)
-                std::copy(data + static_cast<size_t>(p) * bands, data + static_cast<size_t>(p + 1) * bands,
+                std::copy(parent.data + static_cast<size_t>(p) * bands,
+                          parent.data + static_cast<size_t>(p + 1) * bands,
                           child->data + static_cast<size_t>(q) * bands);
         }
     });
@@ -144,17 +179,18 @@ int PottsWS::split(int* labels, int n, PottsWS**& children, bool computeStats, b
         PottsMapRegion* r = children[j]->root;
         delete[] r->contour;
         r->contour = contours[j];
-        r->contourCount = borderCounts[j];
+        r->contourCount = plan.borderCounts[j];
         r->contourCursor = 0;
     }
+}
 
-    // Runs and borders: the parent region's lists cut by label, each handed to
-    // the child of its label (adopt); empty lists and lists of no child are freed.
+// Runs and borders: the parent region's lists cut by label, each handed to
+// the child of its label; empty lists and lists of no child are freed.
+void handOverRunsAndBorders(PottsMapRegion* region, const SplitPlan& plan, PottsWS** children) {
     auto handOver = [&](auto lists, int nLists, int* listLabels, int* listCounts, auto adopt) {
         for (int i = 0; i < nLists; ++i) {
-            const int v = listCounts[i] > 0 ? listLabels[i] : -1;
-            const int j = (v >= 0 && v <= m) ? childOf[v] : nChildren;
-            if (j < nChildren)
+            const int j = plan.childOfLabel(listCounts[i] > 0 ? listLabels[i] : -1);
+            if (j < plan.nChildren)
                 adopt(children[j]->root, lists[i], listCounts[i]);
             else
                 delete[] lists[i];
@@ -180,6 +216,68 @@ int PottsWS::split(int* labels, int n, PottsWS**& children, bool computeStats, b
         r->borderCount = count;
         r->borderCursor = 0;
     });
+}
+
+// Neighbouring pixel pairs between the children (labels[k] is child k's).
+int edgesBetween(PottsWS** children, int nChildren, const int* labels, int** map, int pad) {
+    // Each adjacency is seen from both sides.
+    int count = 0;
+    if (nChildren < 9) {
+        for (int c = 0; c < nChildren; ++c) {
+            PottsMapRegion* r = children[c]->root;
+            if (r->contourCount < 1) continue;
+            r->resetContourScan();
+            do {
+                for (int k = 0; k < nChildren; ++k)
+                    if (k != c) count += r->uc_contour(labels[k]);
+            } while (r->nextContourElement());
+        }
+    } else {
+        // Many children: a range test instead of one test per child label;
+        // a non-child label inside the range counts as well.
+        int lo = children[0]->root->label, hi = lo;
+        for (int j = 1; j < nChildren; ++j) {
+            lo = std::min(lo, children[j]->root->label);
+            hi = std::max(hi, children[j]->root->label);
+        }
+        for (int c = 0; c < nChildren; ++c) {
+            PottsMapRegion* r = children[c]->root;
+            if (r->contourCount < 1) continue;
+            const int own = r->label;
+            r->resetContourScan();
+            do {
+                const xy e = r->getContourLocation();
+                for (int dr = -1; dr <= 1; ++dr)
+                    for (int dc = -1; dc <= 1; ++dc) {
+                        if (dr == 0 && dc == 0) continue;
+                        const int v = map[e.x + pad + dr][e.y + pad + dc];
+                        if (v >= lo && v <= hi && v != own) ++count;
+                    }
+            } while (r->nextContourElement());
+        }
+    }
+    return count / 2;
+}
+
+}  // namespace
+
+int PottsWS::split(int* labels, int n, PottsWS**& children, bool computeStats, bool leaveWithParent) {
+    const int nChildren = n > 0 ? n : 0;
+    children = new PottsWS*[nChildren];
+    SplitPlan plan = planSplit(*this, labels, nChildren);
+    const std::vector<int>& areas = plan.areas;
+    const int uncovered = areas[nChildren];
+
+    const bool valuesInMemory = data != nullptr && loadedCount >= envelopeCount;
+    const bool leaveValues = computeStats && valuesInMemory && leaveWithParent;
+    const bool copyValues = computeStats && valuesInMemory && !leaveWithParent;
+    std::vector<xy*> contours;
+    const int nonEmpty = makeChildren(*this, labels, plan, copyValues, children, contours);
+
+    std::vector<int> childStart(plan.slots, 0), entries(leaveValues ? envelopeCount : 0);
+    for (int j = 0; j < nChildren; ++j) childStart[j + 1] = childStart[j] + areas[j];
+    fillChildren(*this, plan, copyValues, leaveValues, childStart, entries, children, contours);
+    handOverRunsAndBorders(root, plan, children);
 
     // Band values: copied above when this workspace holds them all, otherwise
     // each child reads its own pixels from the image source.
@@ -217,44 +315,7 @@ int PottsWS::split(int* labels, int n, PottsWS**& children, bool computeStats, b
             child->updateSigma();
         }
     }
-
-    // Edges between the children, each adjacency seen from both sides.
-    int count = 0;
-    if (nChildren < 9) {
-        for (int c = 0; c < nChildren; ++c) {
-            PottsMapRegion* r = children[c]->root;
-            if (r->contourCount < 1) continue;
-            r->resetContourScan();
-            do {
-                for (int k = 0; k < nChildren; ++k)
-                    if (k != c) count += r->uc_contour(labels[k]);
-            } while (r->nextContourElement());
-        }
-    } else {
-        // Many children: a range test instead of one test per child label;
-        // a non-child label inside the range counts as well.
-        int lo = children[0]->root->label, hi = lo;
-        for (int j = 1; j < nChildren; ++j) {
-            lo = std::min(lo, children[j]->root->label);
-            hi = std::max(hi, children[j]->root->label);
-        }
-        for (int c = 0; c < nChildren; ++c) {
-            PottsMapRegion* r = children[c]->root;
-            if (r->contourCount < 1) continue;
-            const int own = r->label;
-            r->resetContourScan();
-            do {
-                const xy e = r->getContourLocation();
-                for (int dr = -1; dr <= 1; ++dr)
-                    for (int dc = -1; dc <= 1; ++dc) {
-                        if (dr == 0 && dc == 0) continue;
-                        const int v = map[e.x + pad + dr][e.y + pad + dc];
-                        if (v >= lo && v <= hi && v != own) ++count;
-                    }
-            } while (r->nextContourElement());
-        }
-    }
-    edges = count / 2;
+    edges = edgesBetween(children, nChildren, labels, root->map, root->pad);
 
     return uncovered != 0 ? -nonEmpty : nonEmpty;
 }
