@@ -92,6 +92,167 @@ constexpr int kSweepSplit = 1 << 17;
 
 }  // namespace
 
+namespace {
+
+// One ICM pass over the loaded pixels of a workspace, the state its steps
+// share: the map, the pixels, the split's labels and the energies.
+template <typename EnergyAt>
+class Sweep {
+  public:
+    Sweep(PottsWS* ws, int* labels, int k, int* classOf, double beta, double betaBound, bool adaptive,
+          EnergyAt energyAt)
+        : region_(ws->root),
+          map_(region_->map),
+          pad_(region_->pad),
+          coords_(ws->coords),
+          labels_(labels),
+          k_(k),
+          classOf_(classOf),
+          firstOf_(firstIndices(labels, k)),
+          beta_(beta),
+          betaBound_(betaBound),
+          adaptive_(adaptive),
+          energyAt_(energyAt) {}
+
+    // The class of pixel p given the labels nb of its neighbours.
+    int choose(const int* nb, const xy& q, int p) const {
+        const double bp = (adaptive_ && q.aux != 0) ? betaBound_ : beta_;
+        int best = 0;
+        double bestScore = 0.0;
+        for (int c = 0; c < k_; ++c) {
+            const int l = labels_[c];
+            int agree = 0;
+            for (int t = 0; t < 8; ++t) agree += (nb[t] == l);
+            const double score = bp * agree - energyAt_(p, c);
+            if (c == 0 || score > bestScore) {
+                best = c;
+                bestScore = score;
+            }
+        }
+        return best;
+    }
+    // The neighbours of pixel q on the map, up row, then sides, then down row.
+    void neighbours(const xy& q, int* nb) const {
+        const int r = q.x + pad_;
+        const int c0 = q.y + pad_ - 1;
+        const int* up = map_[r - 1] + c0;
+        const int* mid = map_[r] + c0;
+        const int* dn = map_[r + 1] + c0;
+        nb[0] = up[0], nb[1] = up[1], nb[2] = up[2], nb[3] = mid[0];
+        nb[4] = mid[2], nb[5] = dn[0], nb[6] = dn[1], nb[7] = dn[2];
+    }
+    // The class of pixel p given the labels of the map.
+    int decide(const xy& q, int p) const {
+        int nb[8];
+        neighbours(q, nb);
+        return choose(nb, q, p);
+    }
+    // Pixels come in scattered order: fetch the neighbourhood of the pixel
+    // kAhead places on while this one is decided.
+    void ahead(int p, int end) const {
+        if (p + kAhead < end) region_->prefetchAround(coords_[p + kAhead].x, coords_[p + kAhead].y, true);
+    }
+    // Pixels [begin, end) one after the other on the map; returns the changes.
+    int inOrder(int begin, int end, CellBits* changed) {
+        int changes = 0;
+        for (int p = begin; p < end; ++p) {
+            ahead(p, end);
+            xy& q = coords_[p];
+            const int best = decide(q, p);
+            classOf_[p] = firstOf_[best];
+            int& cell = map_[q.x + pad_][q.y + pad_];
+            if (cell != labels_[best]) {
+                cell = labels_[best];
+                q.flag = 1;
+                ++changes;
+                if (changed != nullptr) changed->set(q.x + pad_, q.y + pad_);
+            }
+        }
+        return changes;
+    }
+
+    // The speculative second half [half, n): reads the map while the first
+    // half may be writing it, without writing it.  A first-half cell read in
+    // any state is marked if it changes, and every second-half pixel next to
+    // it is decided again.  Second-half cells are written by nobody meanwhile;
+    // the speculation's own changes are kept aside (cells marked in guessed,
+    // labels by cell).  guess[p - half]: 2 * class + whether the label
+    // changed.  Stops once firstDone is set; returns the first pixel not reached.
+    int speculate(int half, int n, int mapCols, const std::atomic<bool>& firstDone, int* guess,
+                  CellBits& guessed, std::unordered_map<std::size_t, int>& guessedLabel) const {
+        int p = half;
+        int nb[8];
+        for (; p < n; ++p) {
+            if (((p - half) & 255) == 0 && firstDone.load(std::memory_order_relaxed)) break;
+            ahead(p, n);
+            const xy& q = coords_[p];
+            const int r = q.x + pad_, c = q.y + pad_;
+            neighbours(q, nb);
+            if (guessed.around(r, c)) {
+                const int rows[8] = {r - 1, r - 1, r - 1, r, r, r + 1, r + 1, r + 1};
+                const int cols[8] = {c - 1, c, c + 1, c - 1, c + 1, c - 1, c, c + 1};
+                for (int t = 0; t < 8; ++t) {
+                    const auto found =
+                        guessedLabel.find(static_cast<std::size_t>(rows[t]) * mapCols + cols[t]);
+                    if (found != guessedLabel.end()) nb[t] = found->second;
+                }
+            }
+            const int best = choose(nb, q, p);
+            const bool differs = map_[r][c] != labels_[best];
+            if (differs) {
+                guessed.set(r, c);
+                guessedLabel[static_cast<std::size_t>(r) * mapCols + c] = labels_[best];
+            }
+            guess[p - half] = 2 * best + (differs ? 1 : 0);
+        }
+        return p;
+    }
+
+    // The speculated pixels [half, reached) in order: a pixel keeps its
+    // choice unless a neighbour's label may differ from what the speculation
+    // saw (marked cells), where it is decided again on the map.  Returns the changes.
+    int settle(int half, int reached, const int* guess, CellBits& marked) {
+        int changes = 0;
+        for (int p = half; p < reached; ++p) {
+            xy& q = coords_[p];
+            const int r = q.x + pad_, c = q.y + pad_;
+            const int g = guess[p - half];
+            int best = g >> 1;
+            if (marked.around(r, c)) {
+                best = decide(q, p);
+                if (best != g >> 1) marked.set(r, c);
+                if (map_[r][c] != labels_[best]) {
+                    map_[r][c] = labels_[best];
+                    q.flag = 1;
+                    ++changes;
+                }
+            } else if (g & 1) {
+                map_[r][c] = labels_[best];
+                q.flag = 1;
+                ++changes;
+            }
+            classOf_[p] = firstOf_[best];
+        }
+        return changes;
+    }
+
+  private:
+    static constexpr int kAhead = 16;
+    PottsMapRegion* const region_;
+    int** const map_;
+    const int pad_;
+    xy* const coords_;
+    const int* const labels_;
+    const int k_;
+    int* const classOf_;
+    const std::vector<int> firstOf_;
+    const double beta_, betaBound_;
+    const bool adaptive_;
+    const EnergyAt energyAt_;
+};
+
+}  // namespace
+
 // ICM sweeps over the loaded pixels of the current workspace.  Labels are
 // written at once, so later pixels of a sweep see them.  Stops when at most
 // 0.1 % of the pixels changed, or after 151 sweeps; returns the sweeps run.
@@ -111,70 +272,10 @@ constexpr int kSweepSplit = 1 << 17;
 template <typename EnergyAt>
 int PottsEngine::sweeps(int* labels, int k, int* classOf, EnergyAt energyAt) {
     PottsMapRegion* region = ws->root;
-    int** map = region->map;
     const int pad = region->pad;
-    xy* coords = ws->coords;
     const int n = ws->loadedCount;
     const double total = ws->envelopeCount;
-    constexpr int kAhead = 16;
-    const std::vector<int> firstOf = firstIndices(labels, k);
-
-    // The class of pixel p given the labels nb of its neighbours.
-    auto choose = [&](const int* nb, const xy& q, int p) {
-        const double bp = (adaptive && q.aux != 0) ? betaBound : beta;
-        int best = 0;
-        double bestScore = 0.0;
-        for (int c = 0; c < k; ++c) {
-            const int l = labels[c];
-            int agree = 0;
-            for (int t = 0; t < 8; ++t) agree += (nb[t] == l);
-            const double score = bp * agree - energyAt(p, c);
-            if (c == 0 || score > bestScore) {
-                best = c;
-                bestScore = score;
-            }
-        }
-        return best;
-    };
-    // The neighbours of pixel q on the map, up row, then sides, then down row.
-    auto neighbours = [map, pad](const xy& q, int* nb) {
-        const int r = q.x + pad;
-        const int c0 = q.y + pad - 1;
-        const int* up = map[r - 1] + c0;
-        const int* mid = map[r] + c0;
-        const int* dn = map[r + 1] + c0;
-        nb[0] = up[0], nb[1] = up[1], nb[2] = up[2], nb[3] = mid[0];
-        nb[4] = mid[2], nb[5] = dn[0], nb[6] = dn[1], nb[7] = dn[2];
-    };
-    // The class of pixel p given the labels of the map.
-    auto decide = [&](const xy& q, int p) {
-        int nb[8];
-        neighbours(q, nb);
-        return choose(nb, q, p);
-    };
-    // Pixels come in scattered order: fetch the neighbourhood of the pixel
-    // kAhead places on while this one is decided.
-    auto ahead = [&](int p, int end) {
-        if (p + kAhead < end) region->prefetchAround(coords[p + kAhead].x, coords[p + kAhead].y, true);
-    };
-    // Pixels [begin, end) one after the other on the map; returns the changes.
-    auto inOrder = [&](int begin, int end, CellBits* changed) {
-        int changes = 0;
-        for (int p = begin; p < end; ++p) {
-            ahead(p, end);
-            xy& q = coords[p];
-            const int best = decide(q, p);
-            classOf[p] = firstOf[best];
-            int& cell = map[q.x + pad][q.y + pad];
-            if (cell != labels[best]) {
-                cell = labels[best];
-                q.flag = 1;
-                ++changes;
-                if (changed != nullptr) changed->set(q.x + pad, q.y + pad);
-            }
-        }
-        return changes;
-    };
+    Sweep<EnergyAt> sweep(ws, labels, k, classOf, beta, betaBound, adaptive, energyAt);
 
     const dhc::Workers* team = dhc::installedWorkers();
     const bool split = team != nullptr && team->size() > 1 && n >= kSweepSplit;
@@ -182,9 +283,7 @@ int PottsEngine::sweeps(int* labels, int k, int* classOf, EnergyAt energyAt) {
     const int mapRows = region->rows + 2 * pad, mapCols = region->cols + 2 * pad;
     std::unique_ptr<CellBits> marked;
     if (split) marked = std::make_unique<CellBits>(mapRows, mapCols);
-    // The second half's choices (2 * class + whether the label changed), and
-    // the labels it changed (cells marked in guessed, labels by cell), made by
-    // the thread that speculates, if one does.
+    // What the thread that speculates keeps aside, if one does (Sweep::speculate).
     std::unique_ptr<int[]> guess;  // entries below reached
     std::unique_ptr<CellBits> guessed;
     std::unordered_map<std::size_t, int> guessedLabel;
@@ -194,22 +293,17 @@ int PottsEngine::sweeps(int* labels, int k, int* classOf, EnergyAt energyAt) {
     do {
         int changes = 0;
         if (!split) {
-            changes = inOrder(0, n, nullptr);
+            changes = sweep.inOrder(0, n, nullptr);
         } else {
             marked->clear();
             std::atomic<bool> firstDone{false};
             int reached = half;
             dhc::forChunks(2, 1, [&](int, int, int part) {
                 if (part == 0) {
-                    changes = inOrder(0, half, marked.get());
+                    changes = sweep.inOrder(0, half, marked.get());
                     firstDone.store(true, std::memory_order_relaxed);
                     return;
                 }
-                // Reads the map while the first half may be writing it: a
-                // first-half cell read in any state is marked if it changes,
-                // and every second-half pixel next to it is decided again.
-                // Second-half cells are written by nobody meanwhile; the
-                // speculation's own changes are kept aside.
                 if (firstDone.load(std::memory_order_relaxed)) return;
                 if (!guess) {
                     guess.reset(new int[static_cast<std::size_t>(n - half)]);
@@ -218,54 +312,10 @@ int PottsEngine::sweeps(int* labels, int k, int* classOf, EnergyAt energyAt) {
                     guessed->clear();
                 }
                 guessedLabel.clear();
-                int p = half;
-                int nb[8];
-                for (; p < n; ++p) {
-                    if (((p - half) & 255) == 0 && firstDone.load(std::memory_order_relaxed)) break;
-                    ahead(p, n);
-                    const xy& q = coords[p];
-                    const int r = q.x + pad, c = q.y + pad;
-                    neighbours(q, nb);
-                    if (guessed->around(r, c)) {
-                        const int rows[8] = {r - 1, r - 1, r - 1, r, r, r + 1, r + 1, r + 1};
-                        const int cols[8] = {c - 1, c, c + 1, c - 1, c + 1, c - 1, c, c + 1};
-                        for (int t = 0; t < 8; ++t) {
-                            const auto found =
-                                guessedLabel.find(static_cast<std::size_t>(rows[t]) * mapCols + cols[t]);
-                            if (found != guessedLabel.end()) nb[t] = found->second;
-                        }
-                    }
-                    const int best = choose(nb, q, p);
-                    const bool differs = map[r][c] != labels[best];
-                    if (differs) {
-                        guessed->set(r, c);
-                        guessedLabel[static_cast<std::size_t>(r) * mapCols + c] = labels[best];
-                    }
-                    guess[p - half] = 2 * best + (differs ? 1 : 0);
-                }
-                reached = p;
+                reached = sweep.speculate(half, n, mapCols, firstDone, guess.get(), *guessed, guessedLabel);
             });
-            for (int p = half; p < reached; ++p) {
-                xy& q = coords[p];
-                const int r = q.x + pad, c = q.y + pad;
-                const int g = guess[p - half];
-                int best = g >> 1;
-                if (marked->around(r, c)) {
-                    best = decide(q, p);
-                    if (best != g >> 1) marked->set(r, c);
-                    if (map[r][c] != labels[best]) {
-                        map[r][c] = labels[best];
-                        q.flag = 1;
-                        ++changes;
-                    }
-                } else if (g & 1) {
-                    map[r][c] = labels[best];
-                    q.flag = 1;
-                    ++changes;
-                }
-                classOf[p] = firstOf[best];
-            }
-            changes += inOrder(reached, n, nullptr);
+            changes += sweep.settle(half, reached, guess.get(), *marked);
+            changes += sweep.inOrder(reached, n, nullptr);
         }
         ++done;
         rate = changes * 100.0 / total;
