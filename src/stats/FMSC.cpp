@@ -42,12 +42,6 @@ FMSC::FMSC(double** points, int d, int n, int k, double hLow, double hHigh, cons
     setup(points, d, n, k, hLow, hHigh, s.autoAdjustkNN, s.tolerance, s.skipLast, s.kernelType);
 }
 
-FMSC::~FMSC() {
-    delete[] shift;
-    delete[] center;
-    delete[] classification;
-}
-
 void FMSC::setup(double** points, int d, int n, int k, double hLow, double hHigh, int autoAdjustKNN,
                  double tol, double skip, int kernel) {
     data = points;
@@ -59,12 +53,9 @@ void FMSC::setup(double** points, int d, int n, int k, double hLow, double hHigh
     tolerance = tol;
     skipLast = skip;
     kernelType = kernel;
-    delete[] shift;
-    delete[] center;
-    delete[] classification;
-    shift = new double[dim]();
-    center = new double[dim]();
-    classification = nullptr;
+    shift.assign(std::max(dim, 0), 0.0);
+    center.assign(std::max(dim, 0), 0.0);
+    classification.reset();
     farValue = DBL_MAX;
     // Logging is off while the log files would be opened, so they never are.
     logging = false;
@@ -86,8 +77,8 @@ void FMSC::setRandomStartCenter() {
     for (int c = 0; c < dim; ++c) center[c] = data[i][c];
 }
 
-double FMSC::findCenter(int*& visited) {
-    visited = new int[nPoints]();
+double FMSC::findCenter(std::vector<int>& visited) {
+    visited.assign(std::max(nPoints, 0), 0);
     const double tau = std::pow(10.0, 0.5 * (std::log10(hMin) + std::log10(hMax))) * 0.001;
     const double hMin2 = hMin * hMin;
     const double hMax2 = hMax * hMax;
@@ -191,8 +182,7 @@ void FMSC::findModes() {
     modeVisits.clear();
     pending.clear();
     deleted.clear();
-    delete[] classification;
-    classification = new int[nPoints]();
+    classification.reset(new int[nPoints]());
 
     // A point set with a non-finite coordinate (the projection of a sample
     // without spread) has no modes; seeding from it would never converge.
@@ -204,7 +194,7 @@ void FMSC::findModes() {
     int assigned = 0;
     int start;
     while (setStartCenter(start) && assigned < seedLimit) {
-        int* visited;
+        std::vector<int> visited;
         const double h = findCenter(visited);
         pending.clear();
         for (int p = 0; p < nPoints; ++p)
@@ -212,7 +202,7 @@ void FMSC::findModes() {
 
         int joined = -1;
         for (std::size_t j = 0; j < modes.size(); ++j) {
-            if (scaledDistance(modes[j].data(), center, h, dim) < kSameMode) {
+            if (scaledDistance(modes[j].data(), center.data(), h, dim) < kSameMode) {
                 joined = static_cast<int>(j);
                 break;
             }
@@ -223,12 +213,11 @@ void FMSC::findModes() {
                 classification[p] = joined + 1;
             }
         } else {
-            modes.emplace_back(center, center + dim);
-            modeVisits.emplace_back(visited, visited + nPoints);
+            modes.emplace_back(center.begin(), center.end());
+            modeVisits.emplace_back(visited.begin(), visited.end());
             const int number = static_cast<int>(modes.size());
             for (int p : pending) classification[p] = number;
         }
-        delete[] visited;
         assigned = getClassified();
     }
 }
@@ -301,18 +290,17 @@ void FMSC::azimuth(int target, int slots, double lowFactor, double highFactor, i
             knn <= lowFactor * knn0)
             break;
         setRandomStartCenter();
-        int* visited;
+        std::vector<int> visited;
         const double h = findCenter(visited);
-        delete[] visited;
         dhc::out() << "k = " << k << ", seq = " << seq << ", k_nn = " << knn << std::endl;
 
         if (found.empty()) {
-            found.emplace_back(center, center + dim);
+            found.emplace_back(center.begin(), center.end());
             k = 1;
         }
         bool repeat = false;
         for (const std::vector<double>& mode : found) {
-            if (scaledDistance(mode.data(), center, h, dim) < kSameMode) {
+            if (scaledDistance(mode.data(), center.data(), h, dim) < kSameMode) {
                 repeat = true;
                 break;
             }
@@ -320,7 +308,7 @@ void FMSC::azimuth(int target, int slots, double lowFactor, double highFactor, i
         if (repeat) {
             ++seq;
         } else {
-            found.emplace_back(center, center + dim);
+            found.emplace_back(center.begin(), center.end());
             ++k;
             seq = 0;
         }

@@ -12,13 +12,14 @@
 // classification always indexes the modes that getModes() returns.
 
 #include <fstream>
+#include <memory>
 #include <vector>
 
 class FMSC {
   public:
-    double* shift = nullptr;                 // d: previous centre while iterating, unit shift direction after
-    double* center = nullptr;                // d: current centre
-    int* classification = nullptr;           // n: 0 = unassigned, else the 1-based mode number
+    std::vector<double> shift;               // d: previous centre while iterating, unit shift direction after
+    std::vector<double> center;              // d: current centre
+    std::unique_ptr<int[]> classification;   // n: 0 = unassigned, else the 1-based mode number
     double** data = nullptr;                 // n x d points (not owned)
     int dim = 0;                             // d
     int nPoints = 0;                         // n
@@ -43,10 +44,6 @@ class FMSC {
     // Reads "AutoAdjustKNN", "Tolerance", "SkipLast", "KernelType" from section
     // "MEANSHIFT" of iniFile; a file without that section ends the process with status -1.
     FMSC(double** data, int d, int n, int knn, double hMin, double hMax, const char* iniFile);
-    ~FMSC();
-
-    FMSC(const FMSC&) = delete;
-    FMSC& operator=(const FMSC&) = delete;
 
     // Stores the values and allocates the work vectors; autoAdjustKNN >= 1 tunes
     // knn with azimuth(autoAdjustKNN, 7, 0.5, 20.0, 500).
@@ -57,10 +54,10 @@ class FMSC {
     bool setStartCenter(int& i);
     // center = point (next draw of the process generator, as rand()) mod n.
     void setRandomStartCenter();
-    // Mean shift from `center` (at most 500 iterations).  visited becomes a new
-    // int[n] (the caller's) marking the points that fell inside a bandwidth;
-    // returns the mean bandwidth.
-    double findCenter(int*& visited);
+    // Mean shift from `center` (at most 500 iterations).  visited becomes n
+    // flags marking the points that fell inside a bandwidth; returns the mean
+    // bandwidth.
+    double findCenter(std::vector<int>& visited);
 
     // The three stages of mode finding.
     void findModes();

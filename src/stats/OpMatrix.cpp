@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <utility>
+#include <vector>
 
 #include "settings/Fatal.h"
 #include "settings/RowMatrix.h"
@@ -225,7 +226,7 @@ double OpMatrix::ldet(double** a, int n, int* ok) {
 void OpMatrix::maxEig_PWM(double zeroTol, double convTol, int maxIter, int n, double** a, int* status,
                           double* lambda, double* v) {
     // Fixed, unnormalised start so that results are reproducible.
-    double* x = new double[n];
+    std::vector<double> x(std::max(n, 0));
     for (int i = 0; i < n; ++i) {
         x[i] = 1.0 / std::sqrt(static_cast<double>(i + 1));
         v[i] = x[i];
@@ -257,7 +258,6 @@ void OpMatrix::maxEig_PWM(double zeroTol, double convTol, int maxIter, int n, do
         }
         for (int i = 0; i < n; ++i) x[i] = v[i];
     }
-    delete[] x;
     double norm = 0.0;
     for (int i = 0; i < n; ++i) norm += v[i] * v[i];
     norm = std::sqrt(norm);
@@ -303,8 +303,8 @@ bool OpMatrix::gramSchmidtCompletion(double**& u, int m, int n) {
     u = basis;
 
     // Leave out the m axes the given rows span most; the others seed the new rows.
-    double* weight = new double[n];
-    bool* available = new bool[n];
+    std::vector<double> weight(n);
+    std::vector<char> available(n);
     for (int c = 0; c < n; ++c) {
         weight[c] = 0.0;
         for (int r = 0; r < m; ++r) weight[c] += u[r][c] * u[r][c];
@@ -324,8 +324,6 @@ bool OpMatrix::gramSchmidtCompletion(double**& u, int m, int n) {
     int row = m;
     for (int c = 0; c < n && row < n; ++c)
         if (available[c]) u[row++][c] = 1.0;
-    delete[] weight;
-    delete[] available;
 
     // Modified Gram-Schmidt against every earlier row.
     for (int k = m; k < n; ++k) {
@@ -372,21 +370,19 @@ int OpMatrix::eig(double** a, int n, int k, double**& u, double*& lambda) {
         // Restriction of A to the complement of the eigenvectors found so far.
         const int m = n - j;
         double** b = uT_a_u(u + j, a, m, n);
-        double* w = new double[m];
+        std::vector<double> w(m);
         int ignored;
-        maxEig_PWM(m, b, &ignored, &lambda[j], w);
+        maxEig_PWM(m, b, &ignored, &lambda[j], w.data());
         // The restriction is zero (a rank-deficient matrix): the completion's
         // rows are eigenvectors already, of eigenvalue 0.
-        if (allFinite(w, m)) {
-            double* mapped = new double[n]();
+        if (allFinite(w.data(), m)) {
+            std::vector<double> mapped(n, 0.0);
             for (int bIdx = 0; bIdx < m; ++bIdx)
                 for (int c = 0; c < n; ++c) mapped[c] += w[bIdx] * u[j + bIdx][c];
             for (int c = 0; c < n; ++c) u[j][c] = mapped[c];
-            delete[] mapped;
         } else {
             lambda[j] = 0.0;
         }
-        delete[] w;
         dhc::deleteRows(b, m);
     }
     return j;
@@ -414,11 +410,9 @@ double** OpMatrix::uT_a_u(double** u, double** a, int m, int n) {
 }
 
 double OpMatrix::uT_a_u(double* u, double** a, int n) {
-    double* t = new double[n];
+    std::vector<double> t(std::max(n, 0));
     for (int i = 0; i < n; ++i) t[i] = scalar(a[i], u, n);
-    const double result = scalar(t, u, n);
-    delete[] t;
-    return result;
+    return scalar(t.data(), u, n);
 }
 
 double* OpMatrix::transform(double* x, int d, double** m, int k) {
@@ -499,9 +493,8 @@ double OpMatrix::kullbackLeibler_Normals(double* mu0, double** s0, double ld0, d
     for (int i = 0; i < d; ++i) partial += scalar(s1inv[i], s0[i], d);
     partial -= d;
     if (bound != -1.0 && partial > 2.0 * bound) return 0.5 * partial;
-    double* diff = new double[d];
+    std::vector<double> diff(std::max(d, 0));
     for (int i = 0; i < d; ++i) diff[i] = mu0[i] - mu1[i];
-    const double mahalanobis = uT_a_u(diff, s1inv, d);
-    delete[] diff;
+    const double mahalanobis = uT_a_u(diff.data(), s1inv, d);
     return 0.5 * (partial + mahalanobis);
 }
