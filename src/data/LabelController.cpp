@@ -1,16 +1,11 @@
 #include "data/LabelController.h"
 
-#include <cstring>
+#include <algorithm>
 
 #include "settings/Fatal.h"
 
-LabelController::LabelController(int cap) : capacity(cap) {
-    used = new uint8_t[static_cast<size_t>(capacity) + 1];
+LabelController::LabelController(int cap) : used(static_cast<size_t>(cap) + 1), capacity(cap) {
     releaseAll();
-}
-
-LabelController::~LabelController() {
-    delete[] used;
 }
 
 int LabelController::pick() {
@@ -64,7 +59,7 @@ void LabelController::release(int l) {
 }
 
 void LabelController::releaseAll() {
-    std::memset(used, 0, static_cast<size_t>(capacity) + 1);
+    std::fill(used.begin(), used.end(), 0);
     used[0] = 1;
     firstFree = 1;
     maxUsed = 0;

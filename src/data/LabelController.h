@@ -4,19 +4,17 @@
 // never handed out.  Exhaustion and misuse are fatal (status -1, Italian
 // message on standard error).
 #include <cstdint>
+#include <vector>
 
 class LabelController {
   public:
-    uint8_t* used = nullptr;  // owned; capacity + 1 bytes, used[l] = 1 when l is taken
-    int firstFree = 1;        // lowest label believed free
-    int maxUsed = 0;          // highest label taken
-    int usedCount = 1;        // taken labels, label 0 included
-    int capacity = 0;         // highest label that may be handed out
+    std::vector<uint8_t> used;  // capacity + 1 bytes, used[l] = 1 when l is taken
+    int firstFree = 1;          // lowest label believed free
+    int maxUsed = 0;            // highest label taken
+    int usedCount = 1;          // taken labels, label 0 included
+    int capacity = 0;           // highest label that may be handed out
 
     explicit LabelController(int capacity);
-    LabelController(const LabelController&) = delete;
-    LabelController& operator=(const LabelController&) = delete;
-    ~LabelController();
 
     // Lowest free label.
     int pick();

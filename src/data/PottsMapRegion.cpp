@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -391,39 +392,37 @@ xy** PottsMapRegion::retrieveSubBorders(int& n, int*& subLabels, int*& counts) c
 }
 
 PottsMapRegion* PottsMapRegion::split(int& n) {
-    int* regionLabels = labels(n);
+    const std::unique_ptr<int[]> regionLabelCells(labels(n));
+    const int* regionLabels = regionLabelCells.get();
     copyToAuxMap();
     std::vector<int> runCounts(static_cast<size_t>(n), 0);
-    run** subRuns = subRunsOf(regionLabels, n, runCounts.data());
+    // The lists of the parts go to the parts; the arrays that held them, and
+    // lists no part takes, are released here.
+    const std::unique_ptr<run*[]> subRuns(subRunsOf(regionLabels, n, runCounts.data()));
 
     PottsMapRegion* parts = n > 0 ? new PottsMapRegion[n] : nullptr;
     for (int j = 0; j < n; ++j) {
         parts[j].setBasicItems(*this);
         parts[j].label = regionLabels[j];
-        parts[j].runs = runCounts[j] > 0 ? subRuns[j] : nullptr;
+        std::unique_ptr<run[]> list(subRuns[j]);
+        parts[j].runs = runCounts[j] > 0 ? list.release() : nullptr;
         parts[j].runCount = runCounts[j];
-        if (runCounts[j] == 0) delete[] subRuns[j];
     }
-    delete[] subRuns;
 
     const std::vector<int> index = indexTable(regionLabels, n);
     int nBorders = 0;
-    int* borderLabelList = nullptr;
-    int* borderCounts = nullptr;
-    xy** subBorders = retrieveSubBorders(nBorders, borderLabelList, borderCounts);
+    int* labelCells = nullptr;
+    int* countCells = nullptr;
+    const std::unique_ptr<xy*[]> subBorders(retrieveSubBorders(nBorders, labelCells, countCells));
+    const std::unique_ptr<int[]> borderLabelList(labelCells), borderCounts(countCells);
     for (int i = 0; i < nBorders; ++i) {
+        std::unique_ptr<xy[]> list(subBorders[i]);
         const int l = borderLabelList[i];
         const int j = l < static_cast<int>(index.size()) ? index[l] : -1;
-        if (j < 0 || borderCounts[i] == 0) {
-            delete[] subBorders[i];  // a border cell outside the region's labels
-            continue;
-        }
-        parts[j].border = subBorders[i];
+        if (j < 0 || borderCounts[i] == 0) continue;  // a border cell outside the region's labels
+        parts[j].border = list.release();
         parts[j].borderCount = borderCounts[i];
     }
-    delete[] subBorders;
-    delete[] borderLabelList;
-    delete[] borderCounts;
 
     // Restoring the map from the aux map here would be a no-op: the aux map is an
     // exact copy of the map taken above and nothing has written either since.
@@ -445,7 +444,6 @@ PottsMapRegion* PottsMapRegion::split(int& n) {
         parts[j].updateArea();
         parts[j].resetScan();
     }
-    delete[] regionLabels;
     return parts;
 }
 
@@ -565,7 +563,7 @@ int PottsMapRegion::fragmentOnAuxMap(int*& newLabels) {
 int PottsMapRegion::fragmentOnAuxMap() {
     int* newLabels = nullptr;
     const int pieces = fragmentOnAuxMap(newLabels);
-    delete[] newLabels;
+    const std::unique_ptr<int[]> released(newLabels);  // only the count is wanted
     return pieces;
 }
 
