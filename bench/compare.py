@@ -281,7 +281,7 @@ def big(args, old, new, work):
         olds, news = [], []
         for _ in range(max(args.repeat, 1)):
             olds.append(timed([old, "segment", scene, "-q"] + oa))
-            news.append(timed([new, "segment", scene, "-q"] + na +
+            news.append(timed([new, "segment", scene, "-q"] + CLASSIC + na +
                               (["--threads", str(args.threads)] if threads else [])))
         to, co, mo = medians(olds)
         tn, cn, mn = medians(news)

@@ -1,6 +1,7 @@
 #include "data/PottsData.h"
 
 #include <algorithm>
+#include <memory>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -52,16 +53,15 @@ PottsData::PottsData(ROI<int, xy>* source, int pad, int borderLabel, int label, 
 
     // The ROI's box as a map: cells outside the ROI carry aux, the ROI's points
     // carry label; the root is the connected region of label.
-    PottsMapRegion* box = new PottsMapRegion(rows, cols, pad, borderLabel, aux, nullptr);
+    // (The box frees its lists only: its planes become this object's.)
+    const auto box = std::make_unique<PottsMapRegion>(rows, cols, pad, borderLabel, aux, nullptr);
     box->mapRefresh(aux, false);
     for (int k = 0; k < envelopeCount; ++k) box->setPixel(coords[k].x, coords[k].y, label);
     int n = 0;
-    PottsMapRegion* parts = box->split(n);
+    const std::unique_ptr<PottsMapRegion[]> parts(box->split(n));
     for (int j = 0; j < n && root == nullptr; ++j)
         if (parts[j].label == label) root = new PottsMapRegion(parts[j]);
     if (root == nullptr) root = new PottsMapRegion(*box, label);
-    delete[] parts;
-    delete box;  // frees its lists only; the planes now belong to this object
     ownsMaps = true;
 }
 

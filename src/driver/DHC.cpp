@@ -1279,7 +1279,7 @@ std::vector<int> linkInner(MixNode* node, Mixture* global) {
 
 void DHC::mixNodeUpdate() {
     if (mixTree == nullptr) return;
-    linkInner(mixTree->root, engine->globalMixture);
+    linkInner(mixTree->root, engine->globalMixture.get());
 }
 
 void DHC::supervisedSplitting() {

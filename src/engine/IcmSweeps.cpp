@@ -465,7 +465,6 @@ int PottsEngine::kSupervisedICM(double** means, int* labels, double** energy) {
 }
 
 void PottsEngine::updateLikelihoodEnergy(Mixture** classes, int n) {
-    delete energyTable;
-    energyTable = nullptr;
-    if (ws != nullptr) energyTable = new PottsLikelihoodEnergy(classes, n, ws);
+    energyTable.reset();
+    if (ws != nullptr) energyTable = std::make_unique<PottsLikelihoodEnergy>(classes, n, ws);
 }

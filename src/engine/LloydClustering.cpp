@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <limits>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "base/Grid.h"
@@ -305,14 +306,13 @@ bool PottsEngine::updateGlobalMixture(PottsWS& w) {
     int n = 0;
     const std::unique_ptr<int[]> present(w.root->labels(n));
     ws = &w;
-    delete globalMixture;
-    globalMixture = nullptr;
+    globalMixture.reset();
 
     // Label 0 marks unassigned pixels: it is not a class.
     const int first = (n > 0 && present[0] == 0) ? 1 : 0;
     const int k = n - first;
     const int d = w.bands;
-    Mixture* m = new Mixture(k, d);
+    auto m = std::make_unique<Mixture>(k, d);
     std::vector<double> mu(std::max(d, 0));
     dhc::Grid<double> s(d, d);
     for (int i = 0; i < k; ++i) {
@@ -321,8 +321,8 @@ bool PottsEngine::updateGlobalMixture(PottsWS& w) {
         m->set(i, mu.data(), s.rows());
     }
     m->inv();
-    globalMixture = m;
-    return m->updateInv();
+    globalMixture = std::move(m);
+    return globalMixture->updateInv();
 }
 
 double** PottsEngine::kGLA(PottsWS* w, int* labels) {

@@ -39,10 +39,8 @@ PottsEngine::PottsEngine(char* file) : configFile(file) {
               s.rangeBandwidth, s.spatialBandwidth);
 }
 
-PottsEngine::~PottsEngine() {
-    delete globalMixture;
-    delete energyTable;
-}
+// Out of line: the owned types are complete here.
+PottsEngine::~PottsEngine() = default;
 
 void PottsEngine::setConfig(int multiplicity_, double betaMin_, double betaMax_, double betaBound_,
                             bool adaptive_, double rangeBandwidth_, double spatialBandwidth_) {
@@ -154,7 +152,7 @@ PottsWS** PottsEngine::split(PottsWS* w, int* labels, Mixture** classes) {
         w->split(labels, k, children, true);
         for (int c = 0; c < k; ++c)
             if (globalMixture != nullptr && classes[c]->linkIndex != nullptr)
-                children[c]->linkMixture(globalMixture, classes[c]->k, classes[c]->linkIndex);
+                children[c]->linkMixture(globalMixture.get(), classes[c]->k, classes[c]->linkIndex);
     }
     ws = nullptr;
     return children;

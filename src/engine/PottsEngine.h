@@ -17,12 +17,13 @@
 //    belong to the caller (matrices row by row).
 //
 // Ownership: the engine owns globalMixture and energyTable.  ws, settings and
-// configFile are views.  Not copyable.
+// configFile are views.  Not copyable (its owners are not).
 //
 // The split routines make their workspace the current one (ws) for their
 // duration and clear it before returning.  kICM and betaHat work on the current
 // workspace; a caller that uses them directly sets ws first.
 
+#include <memory>
 #include <vector>
 
 class PottsWS;
@@ -41,8 +42,8 @@ class PottsEngine {
     double rangeBandwidth = 0.0;  // mean-shift range bandwidth ("RangeBandwidth")
     double spatialBandwidth = 0.0;     // mean-shift spatial bandwidth ("SpatialBandwidth")
     PottsWS* ws = nullptr;             // current workspace (not owned)
-    Mixture* globalMixture = nullptr;  // classes present in the last updateGlobalMixture workspace (owned)
-    PottsLikelihoodEnergy* energyTable = nullptr;  // likelihood table of the supervised split (owned)
+    std::unique_ptr<Mixture> globalMixture;  // classes present in the last updateGlobalMixture workspace
+    std::unique_ptr<PottsLikelihoodEnergy> energyTable;  // likelihood table of the supervised split
     char* configFile = nullptr;                    // ini file the engine was read from, or null (not owned)
     DHC_SET* settings = nullptr;  // settings record the engine was built from, or null (not owned)
 
@@ -71,8 +72,6 @@ class PottsEngine {
     // "Adaptive", "BetaBound" (only when adaptive), "RangeBandwidth", "SpatialBandwidth".
     explicit PottsEngine(char* file);
     ~PottsEngine();
-    PottsEngine(const PottsEngine&) = delete;
-    PottsEngine& operator=(const PottsEngine&) = delete;
 
     void setConfig(int multiplicity, double betaMin, double betaMax, double betaBound, bool adaptive,
                    double rangeBandwidth, double spatialBandwidth);
