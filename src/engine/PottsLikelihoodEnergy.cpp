@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstddef>
+#include <memory>
 
 #include "settings/RowMatrix.h"
 #include "stats/Mixture.h"
@@ -9,18 +10,14 @@
 #include "workspace/PottsWS.h"
 
 PottsLikelihoodEnergy::PottsLikelihoodEnergy(Mixture** classes, int n, PottsWS* ws)
-    : energy(dhc::newRows<double>(n, ws->envelopeCount)), nClasses(n), nPixels(ws->envelopeCount) {
+    : energy(n, ws->envelopeCount), nClasses(n), nPixels(ws->envelopeCount) {
     update(classes, ws);
 }
 
 PottsLikelihoodEnergy::PottsLikelihoodEnergy(PottsWS** wss, int n) : nClasses(n) {
     for (int j = 0; j < n; ++j) nPixels += wss[j]->envelopeCount;
-    energy = dhc::newRows<double>(n, nPixels);
+    energy = dhc::Grid<double>(n, nPixels);
     update(wss);
-}
-
-PottsLikelihoodEnergy::~PottsLikelihoodEnergy() {
-    dhc::deleteRows(energy, nClasses);
 }
 
 void PottsLikelihoodEnergy::update(Mixture** classes, PottsWS* ws) {
@@ -31,7 +28,7 @@ void PottsLikelihoodEnergy::update(Mixture** classes, PottsWS* ws) {
         if (m == nullptr || m->k < 1) continue;
         double** mu = m->getMiCopy();
         double*** sInv = m->getSigmaInvCopy();
-        double* ld = m->getLogdetCopy();
+        const std::unique_ptr<double[]> ld(m->getLogdetCopy());
         double* row = energy[i];
         for (int p = 0; p < loaded; ++p)
             row[p] = gaussianEnergy(ws->data + static_cast<std::size_t>(p) * d, mu[0], sInv[0], ld[0], d);
@@ -46,7 +43,6 @@ void PottsLikelihoodEnergy::update(Mixture** classes, PottsWS* ws) {
         for (int c = 0; c < m->k; ++c) dhc::deleteRows(sInv[c], d);
         delete[] sInv;
         dhc::deleteRows(mu, m->k);
-        delete[] ld;
     }
 }
 

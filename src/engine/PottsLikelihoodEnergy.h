@@ -10,14 +10,16 @@
 // table over the root serves every descendant: a workspace with a pixelIndex
 // reads column pixelIndex[p] for its pixel p.
 //
-// Owns its rows (new[]); not copyable.
+// Owns its table; not copyable.
+
+#include "base/Grid.h"
 
 class Mixture;
 class PottsWS;
 
 class PottsLikelihoodEnergy {
   public:
-    double** energy = nullptr;  // nClasses rows of nPixels
+    dhc::Grid<double> energy;  // nClasses rows of nPixels
     int nClasses = 0;
     int nPixels = 0;
 
@@ -25,9 +27,6 @@ class PottsLikelihoodEnergy {
     PottsLikelihoodEnergy(Mixture** classes, int n, PottsWS* ws);
     // n rows x the sum of the workspaces' envelopeCount, filled by update(wss).
     PottsLikelihoodEnergy(PottsWS** wss, int n);
-    ~PottsLikelihoodEnergy();
-    PottsLikelihoodEnergy(const PottsLikelihoodEnergy&) = delete;
-    PottsLikelihoodEnergy& operator=(const PottsLikelihoodEnergy&) = delete;
 
     // Row i = energies of the mixture classes[i] (its inverses must exist) at the
     // loaded pixels of ws.
