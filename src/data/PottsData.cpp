@@ -1,12 +1,12 @@
 #include "data/PottsData.h"
 
 #include <algorithm>
-#include <memory>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <memory>
 #include <vector>
 
 #include "data/ImageFile.h"

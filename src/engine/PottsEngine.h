@@ -40,11 +40,11 @@ class PottsEngine {
     bool adaptive = false;        // adaptive beta mode ("Adaptive")
     int multiplicity = 0;         // K, classes per split ("Multiplicity")
     double rangeBandwidth = 0.0;  // mean-shift range bandwidth ("RangeBandwidth")
-    double spatialBandwidth = 0.0;     // mean-shift spatial bandwidth ("SpatialBandwidth")
-    PottsWS* ws = nullptr;             // current workspace (not owned)
+    double spatialBandwidth = 0.0;           // mean-shift spatial bandwidth ("SpatialBandwidth")
+    PottsWS* ws = nullptr;                   // current workspace (not owned)
     std::unique_ptr<Mixture> globalMixture;  // classes present in the last updateGlobalMixture workspace
     std::unique_ptr<PottsLikelihoodEnergy> energyTable;  // likelihood table of the supervised split
-    char* configFile = nullptr;                    // ini file the engine was read from, or null (not owned)
+    char* configFile = nullptr;   // ini file the engine was read from, or null (not owned)
     DHC_SET* settings = nullptr;  // settings record the engine was built from, or null (not owned)
 
     // Read-only run figures for benchmarks and diagnostics; nothing reads them.

@@ -9,12 +9,8 @@
 WeightTree::WeightTree(Tree<PottsWS*>* source_) : source(source_) {
     source->current = source->root;
     rootLabel = source->root->label;
-    weights = new Tree<double>(1.0, rootLabel);
+    weights = std::make_unique<Tree<double>>(1.0, rootLabel);
     mirror(source->root, weights->root);
-}
-
-WeightTree::~WeightTree() {
-    delete weights;
 }
 
 // Pre-order: give the mirror node the children of the workspace node, validate

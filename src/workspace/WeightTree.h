@@ -10,22 +10,21 @@
 // Owns the mirror tree; the workspace tree (`source`) is only observed.  Not
 // copyable.
 
+#include <memory>
+
 #include "workspace/Tree.h"
 
 class PottsWS;
 
 class WeightTree {
   public:
-    Tree<double>* weights = nullptr;   // the mirror, owned
-    Tree<PottsWS*>* source = nullptr;  // the workspace tree, not owned
-    int rootLabel = 0;                 // label of the workspace tree's root
+    std::unique_ptr<Tree<double>> weights;  // the mirror
+    Tree<PottsWS*>* source = nullptr;       // the workspace tree, not owned
+    int rootLabel = 0;                      // label of the workspace tree's root
 
     // Mirrors the current shape of source, every weight 1.0 (moves source's
     // cursor to its root).
     explicit WeightTree(Tree<PottsWS*>* source);
-    ~WeightTree();
-    WeightTree(const WeightTree&) = delete;
-    WeightTree& operator=(const WeightTree&) = delete;
 
     // Mirrors the splits made in source since the last call: the children get
     // weight 1.0, or with byArea their share of the parent's children's pixels.
