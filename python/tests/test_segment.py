@@ -115,6 +115,18 @@ def test_result_describes_one_tree(scene):
     # Leaf means are the means of their pixels.
     leaf = by_label[leaves[0]]
     assert np.allclose(leaf.mean, image[:, labels == leaf.label].mean(axis=1), rtol=1e-4)
+    # The split figures are the tree document's, gain by gain.
+    documented = {r["label"]: r for r in result.tree["regions"]}
+    for r in result.regions:
+        d = documented[r.label]
+        assert (r.depth, list(r.path), r.area, bool(r.split), bool(r.is_terminal)) == \
+            (d["depth"], d["path"], d["area"], d["split"], d["terminal"])
+        if r.split:
+            gains = d["splitGain"]
+            assert (r.sg_basic, r.sg_tex, r.sg_spec) == (gains["TFR"], gains["mixtureTFR"], gains["MRF"])
+            assert (r.beta, r.edges, bool(r.texture_based)) == (d["beta"], d["edges"], d["textureBased"])
+    # sg_tex differs from the other gains somewhere, so a field filled from another gain shows.
+    assert any(r.sg_tex not in (r.sg_basic, r.sg_spec) for r in result.regions if r.split)
 
 
 def test_progress_reports_every_split_and_may_stop_the_run(scene):

@@ -1,5 +1,9 @@
 """dhc.Settings: the defaults, the ini files and the tool's checks."""
 
+import os
+import subprocess
+import sys
+
 import numpy as np
 import pytest
 
@@ -12,12 +16,22 @@ def test_defaults_are_examples_default_ini():
     assert dhc.Settings() == dhc.Settings.from_ini(SOURCE_DIR / "examples" / "default.ini")
 
 
-def test_every_setting_the_library_reads_is_an_attribute():
-    keys = {(section, key) for section, key, _kind in _dhc.settings_table}
-    mirrored = {(section, key) for _a, section, key, _kind, _d in dhc._SETTINGS}
-    assert keys == mirrored
-    kinds = {(section, key): kind for section, key, kind in _dhc.settings_table}
-    assert all(kinds[(s, k)] == kind for _a, s, k, kind, _d in dhc._SETTINGS)
+def test_a_run_creates_no_file(scene, tmp_path):
+    """The settings reach the library's reader in memory: a run makes no
+    temporary file (TMPDIR names a directory that does not exist, where making
+    one fails even for root) and leaves its working directory empty."""
+    private, work = tmp_path / "no-such-dir", tmp_path / "work"
+    work.mkdir()
+    image, _ = scene
+    np.save(tmp_path / "image.npy", image)
+    code = ("import numpy as np, dhc\n"
+            f"image = np.load({str(tmp_path / 'image.npy')!r})\n"
+            "r = dhc.segment(image, settings=dhc.Settings(max_number_of_classes=3), verbose=False)\n"
+            "dhc.Settings(beta_max=2.0).check()\n"
+            "assert r.regions and r.labels.max() > 0\n")
+    env = dict(os.environ, TMPDIR=str(private), TMP=str(private), TEMP=str(private))
+    subprocess.run([sys.executable, "-c", code], cwd=work, env=env, check=True)
+    assert not private.exists() and list(work.iterdir()) == []
 
 
 def test_ini_round_trip_and_the_tool_reads_it(scene, tmp_path):

@@ -5,7 +5,7 @@
 
 #include "driver/DHC.h"
 #include "driver/DHC_IN.h"
-#include "frontend/InputError.h"
+#include "base/InputError.h"
 #include "settings/DHC_SET.h"
 #include "settings/Workers.h"
 
@@ -39,6 +39,12 @@ struct FilledPlane {
 };
 
 }  // namespace
+
+void requireGroundTruth(bool supervised, bool given, const std::string& switchText, const std::string& howToGive) {
+    if (supervised && !given)
+        throw InputError(kExitInput, "supervised mode (" + switchText + ") needs a ground truth: " + howToGive,
+                         "dhc:missingProperty");
+}
 
 PreparedRun prepareRun(int rows, int cols, int bands, int*** cube, int** mask, int** init, int** gt,
                        const DHC_SET& settings, const RunNames& names, int threads) {

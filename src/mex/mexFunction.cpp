@@ -21,9 +21,11 @@
 #include <vector>
 
 #include "data/ROI.h"
+#include "data/xy.h"
 #include "driver/DHC.h"
 #include "driver/DHC_OUT.h"
-#include "frontend/InputError.h"
+#include "base/InputError.h"
+#include "frontend/HostGuard.h"
 #include "frontend/Segmentation.h"
 #include "frontend/SettingsCheck.h"
 #include "frontend/TreeOutput.h"
@@ -34,27 +36,15 @@
 #include "settings/DHC_SET.h"
 #include "settings/Fatal.h"
 #include "settings/RowMatrix.h"
-#include "settings/dhcConfig.h"
+#include "mex/dhcConfig.h"
 #include "workspace/WSReport.h"
 
 namespace {
 
 const char* const kUsage = "Wrong in/out arguments. Check usage!";
 
-// The largest image side: pixel coordinates are 16-bit.
-const int kMaxSide = 65535;
 
-// A fatal condition of the core, carried out of it by unwinding.
-struct FatalCondition {
-    int status;
-    std::string message;
-};
-
-#ifndef DHC_MEX_LITERAL_EXIT
-[[noreturn]] void throwFatal(int status, const std::string& message, dhc::FatalChannel) {
-    throw FatalCondition{status, message};
-}
-#endif
+using dhc::FatalCondition;
 
 // Sends dhc::out() to the MATLAB/Octave console.
 class MexConsoleBuf : public std::streambuf {
@@ -69,31 +59,21 @@ class MexConsoleBuf : public std::streambuf {
     }
 };
 
-// Installs the module's fatal handler and console for one call and restores
-// the previous ones when the call ends, however it ends.
+// The module's console, and its fatal handler for one call (with
+// DHC_MEX_LITERAL_EXIT a fatal condition ends the host process instead).
 class HostGuard {
   public:
-    HostGuard() : console_(&buf_) {
-        previousOut_ = dhc::setOut(&console_);
-#ifndef DHC_MEX_LITERAL_EXIT
-        previousHandler_ = dhc::setFatalHandler(&throwFatal);
-#endif
-    }
-    ~HostGuard() {
-        console_.flush();
-#ifndef DHC_MEX_LITERAL_EXIT
-        dhc::setFatalHandler(previousHandler_);
-#endif
-        dhc::setOut(previousOut_);
-    }
-    HostGuard(const HostGuard&) = delete;
-    HostGuard& operator=(const HostGuard&) = delete;
+    HostGuard() : console_(&buf_), host_(console_, kUnwind) {}
 
   private:
+#ifdef DHC_MEX_LITERAL_EXIT
+    static constexpr bool kUnwind = false;
+#else
+    static constexpr bool kUnwind = true;
+#endif
     MexConsoleBuf buf_;
     std::ostream console_;
-    std::ostream* previousOut_ = nullptr;
-    dhc::FatalHandler previousHandler_ = nullptr;
+    dhc::HostGuard host_;
 };
 
 // Owner of a row-pointer matrix made by the readers (rows new[] rows).
@@ -271,8 +251,8 @@ void run(int nlhs, mxArray* plhs[], const mxArray* problem, const mxArray* setti
         const mwSize* dim = mxGetDimensions(data.get());
         dhc::checkImageSize(static_cast<long long>(dim[0]), static_cast<long long>(dim[1]),
                             nd == 3 ? static_cast<long long>(dim[2]) : 1, "\"data\"");
-        if (dim[0] > kMaxSide || dim[1] > kMaxSide)
-            throw MxError("dhc:badProperty", "\"data\" has a side above " + std::to_string(kMaxSide));
+        if (dim[0] > kMaxImageSide || dim[1] > kMaxImageSide)
+            throw MxError("dhc:badProperty", "\"data\" has a side above " + std::to_string(kMaxImageSide));
         mxCheckIntValues(data.get(), "data");
     }
     int bands = 0, rows = 0, cols = 0;
@@ -292,7 +272,7 @@ void run(int nlhs, mxArray* plhs[], const mxArray* problem, const mxArray* setti
     IntMatrix gt;
     if (supervised) {
         gt = readFrameMap(problem, "gt", rows, cols);
-        if (gt.get() == nullptr) throw MxError("dhc:missingProperty", "a supervised run needs \"gt\"");
+        dhc::requireGroundTruth(true, gt.get() != nullptr, "supervisedMode=1", "\"gt\"");
     }
     IntMatrix initSeg = readFrameMap(problem, "initSeg", rows, cols);
     IntMatrix mask = readFrameMap(problem, "roi", rows, cols);
@@ -402,8 +382,8 @@ void modelCommand(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]) {
     const mwSize* dim = mxGetDimensions(data);
     dhc::checkImageSize(static_cast<long long>(dim[0]), static_cast<long long>(dim[1]),
                         nd == 3 ? static_cast<long long>(dim[2]) : 1, "the image");
-    if (dim[0] > kMaxSide || dim[1] > kMaxSide)
-        throw MxError("dhc:badArgument", "the image has a side above " + std::to_string(kMaxSide));
+    if (dim[0] > kMaxImageSide || dim[1] > kMaxImageSide)
+        throw MxError("dhc:badArgument", "the image has a side above " + std::to_string(kMaxImageSide));
     mxCheckIntValues(data, "image");
     int bands = 0, rows = 0, cols = 0;
     int*** cubeRead = readMxCube<int>(data, bands, rows, cols);
