@@ -269,6 +269,13 @@ TEST_F(Raster, NodataPixelsAreOutsideTheRegionAndTheStatistics) {
     floats.type = GDT_Float32;
     writeRaster("nan.tif", floats, scene.bands, kOuter, kOuter,
                 framed(scene.bands, [nan](int, int, int) { return nan; }));
+    // A Float32 nodata value: the lowest float, compared in the band's own type.
+    Layout floatNodata;
+    floatNodata.type = GDT_Float32;
+    floatNodata.hasNodata = true;
+    floatNodata.nodata = -std::numeric_limits<float>::max();
+    writeRaster("fnodata.tif", floatNodata, scene.bands, kOuter, kOuter,
+                framed(scene.bands, [](int, int, int) { return -std::numeric_limits<float>::max(); }));
     writeRaster("zeros.tif", Layout(), scene.bands, kOuter, kOuter,
                 framed(scene.bands, [](int, int, int) { return 0; }));
     Hraw zeros{scene.bands, kOuter, kOuter, {}};
@@ -288,6 +295,7 @@ TEST_F(Raster, NodataPixelsAreOutsideTheRegionAndTheStatistics) {
     const std::pair<Args, std::string> runs[] = {
         {{"nodata.tif"}, "nodata value, in one band per pixel"},
         {{"nan.tif", "--scale", "1"}, "NaN"},
+        {{"fnodata.tif", "--scale", "1"}, "Float32 nodata value"},
         {{"zeros.tif", "--nodata", "0"}, "--nodata"},
         {{"alpha.tif"}, "alpha band"},
         {{"zeros.hraw", "--nodata", "0"}, "--nodata on hraw"},
@@ -323,6 +331,16 @@ TEST_F(Raster, NodataPixelsAreOutsideTheRegionAndTheStatistics) {
     byteMap.type = GDT_Byte;
     writeRaster("mask.tif", byteMap, 1, kOuter, kOuter, half);
     segment({"segment", "nodata.tif", "--mask", "mask.tif", "-o", "masked.tif"});
+    EXPECT_NE(
+        last.err.find(std::to_string((kOuter / 2 - kBorder) * kSide) + " pixels in the region of interest"),
+        std::string::npos)
+        << last.err;
+    // A floating-point mask selects by its values as they are: the image's
+    // scale (here 2) is for the image only.
+    Layout floatMap;
+    floatMap.type = GDT_Float32;
+    writeRaster("fmask.tif", floatMap, 1, kOuter, kOuter, half);
+    segment({"segment", "nan.tif", "--scale", "2", "--mask", "fmask.tif", "-o", "fmasked.tif"});
     EXPECT_NE(
         last.err.find(std::to_string((kOuter / 2 - kBorder) * kSide) + " pixels in the region of interest"),
         std::string::npos)
