@@ -12,6 +12,12 @@
 namespace dhc {
 namespace {
 
+// Whether pixel (r, c) is in the region of interest: its mask value is 1 or,
+// without a mask, its initial label is positive (every pixel without either).
+bool selected(int** mask, int** init, int r, int c) {
+    return mask != nullptr ? mask[r][c] == 1 : init == nullptr || init[r][c] > 0;
+}
+
 int distinctNonZero(const LabelRoi& roi) {
     std::set<int> labels;
     for (int k = 0; k < roi.count; ++k)
@@ -60,7 +66,7 @@ PreparedRun prepareRun(int rows, int cols, int bands, int*** cube, int** mask, i
     if (!maskGiven) {
         ownMask = std::make_unique<FilledPlane>(rows, cols, 0);
         for (int r = 0; r < rows; ++r)
-            for (int c = 0; c < cols; ++c) ownMask->get()[r][c] = init[r][c] > 0 ? 1 : 0;
+            for (int c = 0; c < cols; ++c) ownMask->get()[r][c] = selected(nullptr, init, r, c) ? 1 : 0;
         mask = ownMask->get();
     }
 
@@ -139,7 +145,7 @@ std::vector<int> maskWithoutNodata(int rows, int cols, int** mask, int** init,
     bool any = false;
     for (int r = 0; r < rows; ++r)
         for (int c = 0; c < cols; ++c) {
-            const bool inside = mask != nullptr ? mask[r][c] == 1 : init == nullptr || init[r][c] > 0;
+            const bool inside = selected(mask, init, r, c);
             const size_t k = static_cast<size_t>(r) * width + static_cast<size_t>(c);
             out[k] = inside && valid[k] ? 1 : 0;
             any = any || out[k] == 1;
