@@ -217,11 +217,7 @@ class Region:
     None).
     """
 
-    __slots__ = (
-        "label", "depth", "path", "children", "offspring", "split", "is_terminal", "beta", "edges",
-        "texture_based", "sg_basic", "sg_tex", "sg_spec", "area", "child_areas",
-        "total_likelihood_energy", "bands", "mean", "covariance",
-    )
+    __slots__ = tuple(name for name, _json in _dhc.region_fields)
 
     def __init__(self, **fields: Any) -> None:
         for name in self.__slots__:

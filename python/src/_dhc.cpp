@@ -46,6 +46,7 @@
 #include "hierarchy/Hierarchy.h"
 #include "hierarchy/HtmlReport.h"
 #include "hierarchy/LabelColours.h"
+#include "hierarchy/RegionFields.h"
 #include "hierarchy/TreeJson.h"
 #include "io/Raster.h"
 #include "io/RasterOutput.h"
@@ -239,34 +240,46 @@ struct RunResult {
     std::string modelJson;                      // the model as the tool's --model writes it
 };
 
+// A region's fields, as the rows of the region fields name them.
 py::dict regionDict(const dhc::RegionNode& d) {
-    auto ints = [](const std::vector<int>& v) { return vectorArray(v.data(), static_cast<int>(v.size())); };
     py::dict out;
-    out["label"] = d.label;
-    out["depth"] = d.depth;
-    out["path"] = ints(d.path);
-    out["children"] = ints(d.children);
-    out["offspring"] = ints(d.offspring);
-    out["split"] = d.split;
-    out["is_terminal"] = d.terminal;
-    out["beta"] = d.beta;
-    out["edges"] = d.edges;
-    out["texture_based"] = d.textureBased;
-    out["sg_basic"] = d.splitGainTFR;
-    out["sg_tex"] = d.mixtureSplitGainTFR;
-    out["sg_spec"] = d.splitGainMRF;
-    out["area"] = d.area;
-    out["child_areas"] = ints(d.childAreas);
-    out["total_likelihood_energy"] = d.likelihoodEnergy;
-    out["bands"] = d.bands;
-    out["mean"] = d.mean.empty() ? py::object(py::none()) : py::object(vectorArray(d.mean.data(), d.bands));
-    if (!d.covariance.empty()) {
-        py::array_t<double> sigma({static_cast<py::ssize_t>(d.bands), static_cast<py::ssize_t>(d.bands)});
-        for (int i = 0; i < d.bands; ++i)
-            std::copy(d.covariance[i].begin(), d.covariance[i].end(), sigma.mutable_data() + i * d.bands);
-        out["covariance"] = sigma;
-    } else {
-        out["covariance"] = py::none();
+    for (const dhc::RegionField& f : dhc::regionFields()) {
+        if (f.python == nullptr) continue;
+        switch (f.kind) {
+            case dhc::RegionFieldKind::Int:
+                out[f.python] = static_cast<long long>(f.number(d));
+                break;
+            case dhc::RegionFieldKind::Flag:
+                out[f.python] = f.number(d) != 0;
+                break;
+            case dhc::RegionFieldKind::Real:
+                out[f.python] = f.number(d);
+                break;
+            case dhc::RegionFieldKind::Ints: {
+                const std::vector<int>& v = f.ints(d);
+                out[f.python] = vectorArray(v.data(), static_cast<int>(v.size()));
+                break;
+            }
+            case dhc::RegionFieldKind::Reals: {
+                const std::vector<double>& v = f.reals(d);
+                out[f.python] =
+                    v.empty() ? py::object(py::none()) : py::object(vectorArray(v.data(), static_cast<int>(v.size())));
+                break;
+            }
+            case dhc::RegionFieldKind::Matrix: {
+                const std::vector<std::vector<double>>& m = f.matrix(d);
+                if (m.empty()) {
+                    out[f.python] = py::none();
+                    break;
+                }
+                const py::ssize_t n = static_cast<py::ssize_t>(m.size());
+                py::array_t<double> a({n, n});
+                for (py::ssize_t i = 0; i < n; ++i)
+                    std::copy(m[static_cast<size_t>(i)].begin(), m[static_cast<size_t>(i)].end(), a.mutable_data() + i * n);
+                out[f.python] = a;
+                break;
+            }
+        }
     }
     return out;
 }
@@ -728,6 +741,15 @@ PYBIND11_MODULE(_dhc, m) {
           "Checks (SECTION, Key, text, origin) entries as the tool checks its configuration.");
     m.def("read_ini", &readIni, py::arg("path"),
           "Reads and checks an ini file; returns its values by 'SECTION.Key'.");
+    // The region fields: (attribute of dhc.Region, path in the tree JSON's region or None).
+    m.attr("region_fields") = [] {
+        py::list fields;
+        for (const dhc::RegionField& f : dhc::regionFields())
+            if (f.python != nullptr)
+                fields.append(py::make_tuple(f.python, f.json == nullptr ? py::object(py::none())
+                                                                          : py::object(py::str(f.json))));
+        return py::tuple(fields);
+    }();
     // The settings table: (attribute, SECTION, Key, kind, default text or None, meaning).
     m.attr("settings_table") = [] {
         py::list table;

@@ -29,6 +29,7 @@
 #include "frontend/Segmentation.h"
 #include "frontend/SettingsCheck.h"
 #include "frontend/TreeOutput.h"
+#include "hierarchy/RegionFields.h"
 #include "mex.h"
 #include "mex/mxGrip.h"
 #include "model/Labelling.h"
@@ -200,44 +201,44 @@ mxArray* buildSummary(const dhc::SplitSummary& summary) {
     return s.release();
 }
 
-// One element per workspace report, 21 fields.
+// One element per workspace report, one field per row of the region fields.
 mxArray* buildReports(const dhc::RegionReports& reports) {
-    const char* fields[] = {"label",     "depth", "path",       "nChildren", "children", "offspCard",
-                            "offspring", "split", "isTerminal", "beta",      "edges",    "textureBased",
-                            "sgBasic",   "sgTex", "sgSpec",     "area",      "area_k",   "TlkE",
-                            "bands",     "mi",    "sigma"};
-    MxOwned s(newStruct(reports.size(), 21, fields));
+    const std::vector<dhc::RegionField>& fields = dhc::regionFields();
+    std::vector<const char*> names;
+    for (const dhc::RegionField& f : fields) names.push_back(f.matlab);
+    MxOwned s(newStruct(reports.size(), static_cast<int>(names.size()), names.data()));
     for (int i = 0; i < reports.size(); ++i) {
-        const WSReport& r = reports[i];
+        const dhc::RegionNode n = dhc::regionNode(reports[i]);
         mxArray* e = s.get();
-        mxSetField(e, i, "label", mxCreateDoubleScalar(r.WSLab));
-        mxSetField(e, i, "depth", mxCreateDoubleScalar(r.pathLength));
-        if (r.path != nullptr) mxSetField(e, i, "path", column(r.path, r.pathLength));
-        mxSetField(e, i, "nChildren", mxCreateDoubleScalar(r.nChildren));
-        if (r.children != nullptr) mxSetField(e, i, "children", column(r.children, r.nChildren));
-        mxSetField(e, i, "offspCard", mxCreateDoubleScalar(r.nOffspring));
-        if (r.offspring != nullptr) mxSetField(e, i, "offspring", column(r.offspring, r.nOffspring));
-        mxSetField(e, i, "split", mxCreateDoubleScalar(r.split ? 1 : 0));
-        mxSetField(e, i, "isTerminal", mxCreateDoubleScalar(r.terminal ? 1 : 0));
-        mxSetField(e, i, "beta", mxCreateDoubleScalar(r.beta));
-        mxSetField(e, i, "edges", mxCreateDoubleScalar(r.edges));
-        mxSetField(e, i, "textureBased", mxCreateDoubleScalar(r.textureBased ? 1 : 0));
-        mxSetField(e, i, "sgBasic", mxCreateDoubleScalar(r.splitGainTFR));
-        mxSetField(e, i, "sgTex", mxCreateDoubleScalar(r.mixtureSplitGainTFR));
-        mxSetField(e, i, "sgSpec", mxCreateDoubleScalar(r.splitGainMRF));
-        mxSetField(e, i, "area", mxCreateDoubleScalar(r.area));
-        if (r.chAreas != nullptr) mxSetField(e, i, "area_k", column(r.chAreas, r.nChildren));
-        mxSetField(e, i, "TlkE", mxCreateDoubleScalar(r.totalLikelihoodEnergy));
-        mxSetField(e, i, "bands", mxCreateDoubleScalar(r.nBands));
-        if (r.mean != nullptr) mxSetField(e, i, "mi", column(r.mean, r.nBands));
-        if (r.covariance != nullptr) {
-            const int n = r.nBands;
-            mxArray* sigma = mxCreateDoubleMatrix(n, n, mxREAL);
-            double* pr = mxGetPr(sigma);
-            for (int row = 0; row < n; ++row)
-                for (int col = 0; col < n; ++col)
-                    pr[row + static_cast<size_t>(col) * n] = r.covariance[row][col];
-            mxSetField(e, i, "sigma", sigma);
+        for (const dhc::RegionField& f : fields) {
+            switch (f.kind) {
+                case dhc::RegionFieldKind::Int:
+                case dhc::RegionFieldKind::Flag:
+                case dhc::RegionFieldKind::Real:
+                    mxSetField(e, i, f.matlab, mxCreateDoubleScalar(f.number(n)));
+                    break;
+                case dhc::RegionFieldKind::Ints: {
+                    const std::vector<int>& v = f.ints(n);
+                    if (!v.empty()) mxSetField(e, i, f.matlab, column(v.data(), static_cast<int>(v.size())));
+                    break;
+                }
+                case dhc::RegionFieldKind::Reals: {
+                    const std::vector<double>& v = f.reals(n);
+                    if (!v.empty()) mxSetField(e, i, f.matlab, column(v.data(), static_cast<int>(v.size())));
+                    break;
+                }
+                case dhc::RegionFieldKind::Matrix: {
+                    const std::vector<std::vector<double>>& m = f.matrix(n);
+                    if (m.empty()) break;
+                    const size_t d = m.size();
+                    mxArray* a = mxCreateDoubleMatrix(d, d, mxREAL);
+                    double* pr = mxGetPr(a);
+                    for (size_t row = 0; row < d; ++row)
+                        for (size_t col = 0; col < d; ++col) pr[row + col * d] = m[row][col];
+                    mxSetField(e, i, f.matlab, a);
+                    break;
+                }
+            }
         }
     }
     return s.release();
