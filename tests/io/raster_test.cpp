@@ -12,6 +12,7 @@
 #include <sys/resource.h>
 #include <functional>
 #include <limits>
+#include <set>
 #include <map>
 
 #include "ToolTest.h"
@@ -345,6 +346,26 @@ TEST_F(Raster, NodataPixelsAreOutsideTheRegionAndTheStatistics) {
         last.err.find(std::to_string((kOuter / 2 - kBorder) * kSide) + " pixels in the region of interest"),
         std::string::npos)
         << last.err;
+    // So does a floating-point ground truth: its labels are the classes' own.
+    std::vector<double> truth;
+    for (int r = 0; r < kOuter; ++r)
+        for (int c = 0; c < kOuter; ++c) truth.push_back(c < kOuter / 2 ? 1 : 2);
+    writeRaster("fgt.tif", floatMap, 1, kOuter, kOuter, truth);
+    Layout intMap;
+    intMap.type = GDT_Int32;
+    writeRaster("gt.tif", intMap, 1, kOuter, kOuter, truth);
+    const Args supervised = {"--set", "SEGM_MAIN_CONFIGURATION.SupervisedMode=1",
+                             "--set", "SUPERVISED_MODE_CONF.NumberOfClasses=2",
+                             "--set", "SUPERVISED_MODE_CONF.StructureLevels={1 1}",
+                             "--set", "SUPERVISED_MODE_CONF.StructurePaths={0 1}"};
+    for (const char* gt : {"fgt.tif", "gt.tif"}) {
+        Args args = {"segment", "nan.tif", "--scale", "2", "--gt", gt, "-o", std::string("s") + gt};
+        args.insert(args.end(), supervised.begin(), supervised.end());
+        segment(args);
+    }
+    const std::vector<int32_t> fromFloat = band("sfgt.tif"), fromInt = band("sgt.tif");
+    EXPECT_EQ(fromFloat, fromInt);
+    EXPECT_EQ(std::set<int32_t>(fromInt.begin(), fromInt.end()), (std::set<int32_t>{0, 1, 2}));
 }
 
 class BadRaster : public Raster {
