@@ -20,15 +20,15 @@ constexpr double kNone = std::numeric_limits<double>::quiet_NaN();
 #define REAL(f) #f, SettingKind::Double, nullptr, nullptr, &DHC_SET::f, nullptr, offsetof(DHC_SET, f)
 #define LIST(f) #f, SettingKind::IntArray, nullptr, nullptr, nullptr, &DHC_SET::f, offsetof(DHC_SET, f)
 
-const char* const kMain = "SEGM_MAIN_CONFIGURATION";
-const char* const kUnsup = "UNSUPERVISED_MODE_CONF";
-const char* const kSup = "SUPERVISED_MODE_CONF";
-const char* const kPotts = "POTTS_MODEL";
-const char* const kMeanShift = "MEANSHIFT";
-const char* const kFlag = "0 or 1";
-const char* const kFinite15 = "a finite number from -1e15 to 1e15";
-const char* const kPositive15 = "a finite number from 0 to 1e15";
-const char* const kBeta = "a finite number from -100 to 100";
+constexpr const char* kMain = "SEGM_MAIN_CONFIGURATION";
+constexpr const char* kUnsup = "UNSUPERVISED_MODE_CONF";
+constexpr const char* kSup = "SUPERVISED_MODE_CONF";
+constexpr const char* kPotts = "POTTS_MODEL";
+constexpr const char* kMeanShift = "MEANSHIFT";
+constexpr const char* kFlag = "0 or 1";
+constexpr const char* kFinite15 = "a finite number from -1e15 to 1e15";
+constexpr const char* kPositive15 = "a finite number from 0 to 1e15";
+constexpr const char* kBeta = "a finite number from -100 to 100";
 
 // key, section, Python attribute, MATLAB property, default, range in words, range, meaning,
 // optional property, field.
