@@ -43,6 +43,7 @@ struct FinalModel {
     double beta = 0.0;                  // Potts beta estimated on the final map
     double pseudoLikelihood = 0.0;      // of the final map
     double treePseudoLikelihood = 0.0;  // of the map of the tree's leaves
+    int merged = 0;                     // classes the refinement merged into others (no pixels left)
     std::vector<FinalClass> classes;    // in the order of the tree's leaves
 };
 
