@@ -541,15 +541,15 @@ void mergeClasses(Refiner& r, int d, std::vector<int>& best, std::vector<Gaussia
         std::vector<int> top = z;
         std::vector<Gaussian> topG = g;
         double topBeta = beta, topPl = pl;
-        for (int round = 0; round < 2; ++round) {
-            r.icm(z, g, beta);
-            pl = r.pseudoLikelihood(z, g, beta);
-            if (pl > topPl) {
-                top = z;
-                topG = g;
-                topBeta = beta;
-                topPl = pl;
-            }
+        // One ICM round from the merged classes settles the map enough to
+        // judge the merge (each round costs as much as a refinement round).
+        r.icm(z, g, beta);
+        pl = r.pseudoLikelihood(z, g, beta);
+        if (pl > topPl) {
+            top = z;
+            topG = g;
+            topBeta = beta;
+            topPl = pl;
         }
         const int left = presentClasses(top, r.k());
         if (!(topPl - left * perClass > bestPl - k * perClass)) return;
