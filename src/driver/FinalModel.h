@@ -9,8 +9,10 @@
 // the Gaussians and beta from the map ICM left and run ICM again, until no
 // pixel changes or the rounds run out.  Of the maps seen (the tree's leaves
 // included) the one with the highest pseudo-likelihood is kept, so the
-// refinement never lowers it.  The tree itself is not touched: the refined
-// labels go to a plane of their own.
+// rounds never lower it.  Then classes are merged two at a time while the
+// pseudo-likelihood less half ln N per mean and covariance entry of the
+// classes rises (parts of one class the binary tree had to cut).  The tree
+// itself is not touched: the refined labels go to a plane of their own.
 //
 // Pseudo-likelihood of a map z: sum over pixels of log N(x_p | class z_p)
 // with each class's Gaussian estimated on the map, plus
