@@ -7,7 +7,7 @@
 
 #include "CommandLine.h"
 #include "FuzzSupport.h"
-#include "frontend/InputError.h"
+#include "base/InputError.h"
 
 using namespace dhc::fuzz;
 

@@ -17,9 +17,10 @@
 
 #include "FuzzSupport.h"
 #include "frontend/IniFile.h"
-#include "frontend/InputError.h"
+#include "base/InputError.h"
 #include "settings/ConfigFileParser.h"
 #include "settings/DHC_SET.h"
+#include "settings/SettingsTable.h"
 
 using namespace dhc::fuzz;
 
@@ -50,9 +51,8 @@ std::vector<int> arrayValue(const std::string& t) {
 
 // Every setting as the library's reader sees the checked text.
 void compareWithReader(const IniFile& ini) {
-    MemFile file(ini.text());
-    ConfigFileParser reader(file.path());
-    for (const IniFile::Setting& s : IniFile::settings()) {
+    ConfigFileParser reader = ConfigFileParser::ofText(ini.text());
+    for (const dhc::SettingRow& s : dhc::settingsTable()) {
         std::string text;
         const bool present = ini.value(s.section, s.key, text);
         if (present && hasOuterBlank(text)) continue;
@@ -66,20 +66,20 @@ void compareWithReader(const IniFile& ini) {
             broken(std::string("check and reader see different text for ") + s.key);
         if (!present) continue;
         switch (s.kind) {
-            case IniFile::Kind::Flag:
-            case IniFile::Kind::Int: {
+            case dhc::SettingKind::Flag:
+            case dhc::SettingKind::Int: {
                 long v = 0;
                 if (!intValue(text, v) || reader.seekInt(s.key, 0) != v)
                     broken(std::string("integer read differently: ") + s.key + "=" + text);
                 break;
             }
-            case IniFile::Kind::Double: {
+            case dhc::SettingKind::Double: {
                 const double v = std::strtod(text.c_str(), nullptr);
                 if (!(reader.seekDouble(s.key, 0.0) == v))
                     broken(std::string("number read differently: ") + s.key);
                 break;
             }
-            case IniFile::Kind::IntArray: {
+            case dhc::SettingKind::IntArray: {
                 const std::vector<int> v = arrayValue(text);
                 const int n = static_cast<int>(v.size());
                 int* a = reader.seekIntArray(s.key, n);

@@ -18,7 +18,7 @@
 
 #include "FuzzSupport.h"
 #include "cpl_vsi.h"
-#include "frontend/InputError.h"
+#include "base/InputError.h"
 #include "gdal_priv.h"
 #include "io/Raster.h"
 

@@ -25,7 +25,7 @@
 #include "driver/DHC.h"
 #include "driver/DHC_OUT.h"
 #include "frontend/IniFile.h"
-#include "frontend/InputError.h"
+#include "base/InputError.h"
 #include "frontend/Segmentation.h"
 #include "settings/DHC_SET.h"
 

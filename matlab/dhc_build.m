@@ -59,7 +59,6 @@ function files = listed_sources(root)
     if entry(end) == '/'
       found = dir(fullfile(path, '*.cpp'));
       names = sort({found.name});
-      names = names(~strcmp(names, 'dhcConfig.cpp'));
       files = [files, cellfun(@(n) fullfile(path, n), names, 'UniformOutput', false)]; %#ok<AGROW>
     else
       if ~exist(path, 'file')

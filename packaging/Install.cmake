@@ -23,7 +23,7 @@ install(FILES ${PROJECT_SOURCE_DIR}/LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} 
 # The libraries and their headers: find_package(dhc) gives dhc::dhc (the
 # segmenter), dhc::frontend (checked settings, runs from full-frame inputs),
 # dhc::hierarchy (cuts, tree JSON and pictures) and dhc::io (GDAL rasters).
-set(dhc_libraries dhc dhc_settings dhc_data dhc_stats dhc_workspace dhc_engine dhc_driver dhc_frontend
+set(dhc_libraries dhc dhc_base dhc_settings dhc_data dhc_stats dhc_workspace dhc_engine dhc_driver dhc_frontend
                   dhc_hierarchy dhc_io)
 foreach(lib ${dhc_libraries})
   if(NOT lib STREQUAL "dhc")
@@ -35,8 +35,7 @@ install(TARGETS ${dhc_libraries} EXPORT dhcTargets
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Development)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/src/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/dhc COMPONENT Development
         FILES_MATCHING PATTERN "*.h"
-        PATTERN "mex" EXCLUDE
-        PATTERN "dhcConfig.h" EXCLUDE)  # MATLAB objects: the MEX module's own
+        PATTERN "mex" EXCLUDE)  # MATLAB objects: the MEX module's own
 install(EXPORT dhcTargets NAMESPACE dhc:: DESTINATION ${DHC_INSTALL_CMAKEDIR} COMPONENT Development)
 configure_package_config_file(${PROJECT_SOURCE_DIR}/packaging/dhcConfig.cmake.in
                               ${PROJECT_BINARY_DIR}/packaging/dhcConfig.cmake

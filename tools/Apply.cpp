@@ -11,7 +11,7 @@
 #include "OutputFiles.h"
 #include "Segment.h"
 #include "data/ImageFile.h"
-#include "frontend/InputError.h"
+#include "base/InputError.h"
 #include "frontend/InputFile.h"
 #include "frontend/SettingsCheck.h"
 #include "io/Raster.h"

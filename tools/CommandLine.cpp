@@ -6,7 +6,7 @@
 #include <functional>
 #include <stdexcept>
 
-#include "frontend/InputError.h"
+#include "base/InputError.h"
 #include "frontend/SettingsCheck.h"
 
 const char* const kUsage =

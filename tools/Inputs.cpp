@@ -7,7 +7,7 @@
 #include <cstring>
 
 #include "data/HrawCheck.h"
-#include "frontend/InputError.h"
+#include "base/InputError.h"
 
 HrawShape checkHraw(const std::string& path, const std::string& role) {
     // Say why a file does not open (missing, unreadable) in the system's words.

@@ -2,7 +2,7 @@
 
 #include <map>
 
-#include "frontend/InputError.h"
+#include "base/InputError.h"
 #include "hierarchy/RgbImage.h"
 
 void writeLabelPng(int fd, const std::string& name, const std::vector<int>& labels, int rows, int cols) {

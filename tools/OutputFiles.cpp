@@ -15,7 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "frontend/InputError.h"
+#include "base/InputError.h"
 
 namespace {
 

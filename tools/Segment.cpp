@@ -18,7 +18,7 @@
 #include "driver/DHC.h"
 #include "driver/DHC_OUT.h"
 #include "frontend/IniFile.h"
-#include "frontend/InputError.h"
+#include "base/InputError.h"
 #include "frontend/InputFile.h"
 #include "frontend/Segmentation.h"
 #include "frontend/SettingsCheck.h"
@@ -221,8 +221,7 @@ int runSegment(const SegmentOptions& o) {
 
     // 3. What the settings allow.
     const bool supervised = settings->supervisedMode;
-    if (supervised && o.gt.empty())
-        throw InputError(kExitInput, "supervised mode (SupervisedMode=1) needs a ground truth: --gt GT.hraw");
+    dhc::requireGroundTruth(supervised, !o.gt.empty(), "SupervisedMode=1", "--gt GT.hraw");
     if (!supervised && !o.gt.empty())
         throw InputError(
             kExitInput,

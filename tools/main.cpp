@@ -25,7 +25,7 @@
 #include "Inputs.h"
 #include "OutputFiles.h"
 #include "Segment.h"
-#include "frontend/InputError.h"
+#include "base/InputError.h"
 #include "io/Raster.h"
 #include "settings/Fatal.h"
 

@@ -39,43 +39,22 @@ __version__ = "0.1.0"
 
 Error = _dhc.Error
 
-# attribute, section, ini key, kind, default (examples/default.ini).  Kinds:
-# "flag" (0 or 1), "int", "float", "ints" (a list of integers).
-_SETTINGS: Tuple[Tuple[str, str, str, str, Any], ...] = (
-    ("supervised_mode", "SEGM_MAIN_CONFIGURATION", "SupervisedMode", "flag", False),
-    ("split_gain_threshold", "UNSUPERVISED_MODE_CONF", "SplitGainThreshold", "float", 0.2),
-    ("max_number_of_classes", "UNSUPERVISED_MODE_CONF", "MaxNumberOfClasses", "int", 15),
-    ("min_region_area", "UNSUPERVISED_MODE_CONF", "MinRegionArea", "float", 64.0),
-    ("variable_multiplicity", "UNSUPERVISED_MODE_CONF", "VariableMultiplicity", "flag", False),
-    ("balanced_tree", "UNSUPERVISED_MODE_CONF", "BalancedTree", "flag", False),
-    ("grow_depth", "UNSUPERVISED_MODE_CONF", "GrowDepth", "int", 0),
-    ("blind", "UNSUPERVISED_MODE_CONF", "Blind", "flag", False),
-    ("metric", "UNSUPERVISED_MODE_CONF", "Metric", "int", 0),
-    ("distortion_threshold", "UNSUPERVISED_MODE_CONF", "DistortionThreshold", "float", 0.0),
-    ("blind_split_depth_max", "UNSUPERVISED_MODE_CONF", "BlindSplitDepthMax", "float", 0.0),
-    ("blind_split_area_min", "UNSUPERVISED_MODE_CONF", "BlindSplitAreaMin", "float", 0.0),
-    ("blind_split_mse_min", "UNSUPERVISED_MODE_CONF", "BlindSplitMSEMin", "float", 0.0),
-    ("double_split", "UNSUPERVISED_MODE_CONF", "DoubleSplit", "flag", False),
-    ("splitwise_disconnect", "UNSUPERVISED_MODE_CONF", "SplitwiseDisconnect", "flag", False),
-    ("fragmentation", "UNSUPERVISED_MODE_CONF", "Fragmentation", "flag", False),
-    ("number_of_classes", "SUPERVISED_MODE_CONF", "NumberOfClasses", "int", 0),
-    ("structure_levels", "SUPERVISED_MODE_CONF", "StructureLevels", "ints", ()),
-    ("structure_paths", "SUPERVISED_MODE_CONF", "StructurePaths", "ints", ()),
-    ("multiplicity", "POTTS_MODEL", "Multiplicity", "int", 2),
-    ("beta_min", "POTTS_MODEL", "BetaMin", "float", 0.0),
-    ("beta_max", "POTTS_MODEL", "BetaMax", "float", 1.5),
-    ("adaptive", "POTTS_MODEL", "Adaptive", "flag", False),
-    ("beta_bound", "POTTS_MODEL", "BetaBound", "float", 0.0),
-    ("range_bandwidth", "POTTS_MODEL", "RangeBandwidth", "float", 0.0),
-    ("spatial_bandwidth", "POTTS_MODEL", "SpatialBandwidth", "float", 0.0),
-    ("auto_adjust_knn", "MEANSHIFT", "AutoAdjustKNN", "int", 0),
-    ("tolerance", "MEANSHIFT", "Tolerance", "float", 0.05),
-    ("skip_last", "MEANSHIFT", "SkipLast", "float", 0.1),
-    ("kernel_type", "MEANSHIFT", "KernelType", "int", 0),
-    ("stop_criterion", "UNSUPERVISED_MODE_CONF", "StopCriterion", "int", 1),
-    ("final_refinement", "UNSUPERVISED_MODE_CONF", "FinalRefinement", "int", 10),
-)
-_SECTIONS = ("SEGM_MAIN_CONFIGURATION", "UNSUPERVISED_MODE_CONF", "SUPERVISED_MODE_CONF", "POTTS_MODEL", "MEANSHIFT")
+
+
+def _default(kind: str, text: Optional[str]) -> Any:
+    """A setting's default as its attribute holds it (None: an empty list)."""
+    if text is None:
+        return ()
+    return bool(int(text)) if kind == "flag" else int(text) if kind == "int" else float(text)
+
+
+# attribute, section, ini key, kind, default (examples/default.ini), from the
+# library's settings table.  Kinds: "flag" (0 or 1), "int", "float", "ints" (a
+# list of integers).
+_SETTINGS: Tuple[Tuple[str, str, str, str, Any], ...] = tuple(
+    (attribute, section, key, kind, _default(kind, text))
+    for attribute, section, key, kind, text, _meaning in _dhc.settings_table)
+_SECTIONS = tuple(dict.fromkeys(section for _a, section, *_ in _SETTINGS))
 
 
 def _text(kind: str, value: Any) -> str:
@@ -238,11 +217,7 @@ class Region:
     None).
     """
 
-    __slots__ = (
-        "label", "depth", "path", "children", "offspring", "split", "is_terminal", "beta", "edges",
-        "texture_based", "sg_basic", "sg_tex", "sg_spec", "area", "child_areas",
-        "total_likelihood_energy", "bands", "mean", "covariance",
-    )
+    __slots__ = tuple(name for name, _json in _dhc.region_fields)
 
     def __init__(self, **fields: Any) -> None:
         for name in self.__slots__:

@@ -9,7 +9,10 @@ _Entry = Tuple[str, str, str, str]  # SECTION, Key, value text, origin named in 
 class Error(RuntimeError):
     status: int
 
-settings_table: List[Tuple[str, str, str]]  # SECTION, Key, kind ("flag", "int", "float", "ints")
+# attribute, SECTION, Key, kind ("flag", "int", "float", "ints"), default text or None, meaning
+settings_table: Tuple[Tuple[str, str, str, str, Optional[str], str], ...]
+# attribute of dhc.Region, path in the tree JSON's region object ("splitGain.TFR") or None
+region_fields: Tuple[Tuple[str, Optional[str]], ...]
 
 def segment(
     image: npt.NDArray[np.int32],

@@ -35,8 +35,10 @@
 
 #include "driver/DHC.h"
 #include "driver/DHC_OUT.h"
+#include "data/xy.h"
+#include "frontend/HostGuard.h"
 #include "frontend/IniFile.h"
-#include "frontend/InputError.h"
+#include "base/InputError.h"
 #include "frontend/Scaling.h"
 #include "frontend/Segmentation.h"
 #include "frontend/SettingsCheck.h"
@@ -44,6 +46,7 @@
 #include "hierarchy/Hierarchy.h"
 #include "hierarchy/HtmlReport.h"
 #include "hierarchy/LabelColours.h"
+#include "hierarchy/RegionFields.h"
 #include "hierarchy/TreeJson.h"
 #include "io/Raster.h"
 #include "io/RasterOutput.h"
@@ -52,26 +55,17 @@
 #include "model/ModelFromRun.h"
 #include "settings/DHC_SET.h"
 #include "settings/Fatal.h"
+#include "settings/SettingsTable.h"
 
 namespace py = pybind11;
 
 namespace {
 
-// The largest image side: pixel coordinates are 16-bit.
-constexpr py::ssize_t kMaxSide = 65535;
 
 // SECTION, Key, value text, origin named in messages (e.g. "settings.beta_max").
 using Entry = std::tuple<std::string, std::string, std::string, std::string>;
 
-// A fatal condition of the core, carried out of it by unwinding.
-struct FatalCondition {
-    int status;
-    std::string message;
-};
-
-[[noreturn]] void throwFatal(int status, const std::string& message, dhc::FatalChannel) {
-    throw FatalCondition{status, message};
-}
+using dhc::FatalCondition;
 
 // The progress callable raised (or a signal arrived): the Python error is
 // kept until the GIL is held again outside the core.
@@ -145,10 +139,8 @@ class PythonStdoutBuf : public std::streambuf {
 class HostGuard {
   public:
     HostGuard(PyObject* progress, std::unique_ptr<py::error_already_set>& callbackError, bool verbose = true)
-        : console_(verbose ? &buf_ : nullptr) {
+        : console_(verbose ? &buf_ : nullptr), host_(console_) {
         // Not verbose: the stream has no buffer and drops the segmenter's lines.
-        previousOut_ = dhc::setOut(&console_);
-        previousHandler_ = dhc::setFatalHandler(&throwFatal);
         // The hook runs without the GIL; it takes it, lets pending signals
         // (Ctrl-C) stop the run and calls the progress callable.
         DHC::setProgress([progress, &callbackError](int leaves, int label) {
@@ -172,8 +164,6 @@ class HostGuard {
         DHC::setProgress(nullptr);
         console_.flush();
         buf_.flushLine();
-        dhc::setFatalHandler(previousHandler_);
-        dhc::setOut(previousOut_);
     }
     HostGuard(const HostGuard&) = delete;
     HostGuard& operator=(const HostGuard&) = delete;
@@ -181,8 +171,7 @@ class HostGuard {
   private:
     PythonStdoutBuf buf_;
     std::ostream console_;
-    std::ostream* previousOut_ = nullptr;
-    dhc::FatalHandler previousHandler_ = nullptr;
+    dhc::HostGuard host_;  // declared last: restores the handler and stream before the console goes
 };
 
 // Row pointers into an int32 array whose last axis is contiguous: no copy.
@@ -251,34 +240,46 @@ struct RunResult {
     std::string modelJson;                      // the model as the tool's --model writes it
 };
 
+// A region's fields, as the rows of the region fields name them.
 py::dict regionDict(const dhc::RegionNode& d) {
-    auto ints = [](const std::vector<int>& v) { return vectorArray(v.data(), static_cast<int>(v.size())); };
     py::dict out;
-    out["label"] = d.label;
-    out["depth"] = d.depth;
-    out["path"] = ints(d.path);
-    out["children"] = ints(d.children);
-    out["offspring"] = ints(d.offspring);
-    out["split"] = d.split;
-    out["is_terminal"] = d.terminal;
-    out["beta"] = d.beta;
-    out["edges"] = d.edges;
-    out["texture_based"] = d.textureBased;
-    out["sg_basic"] = d.splitGainTFR;
-    out["sg_tex"] = d.mixtureSplitGainTFR;
-    out["sg_spec"] = d.splitGainMRF;
-    out["area"] = d.area;
-    out["child_areas"] = ints(d.childAreas);
-    out["total_likelihood_energy"] = d.likelihoodEnergy;
-    out["bands"] = d.bands;
-    out["mean"] = d.mean.empty() ? py::object(py::none()) : py::object(vectorArray(d.mean.data(), d.bands));
-    if (!d.covariance.empty()) {
-        py::array_t<double> sigma({static_cast<py::ssize_t>(d.bands), static_cast<py::ssize_t>(d.bands)});
-        for (int i = 0; i < d.bands; ++i)
-            std::copy(d.covariance[i].begin(), d.covariance[i].end(), sigma.mutable_data() + i * d.bands);
-        out["covariance"] = sigma;
-    } else {
-        out["covariance"] = py::none();
+    for (const dhc::RegionField& f : dhc::regionFields()) {
+        if (f.python == nullptr) continue;
+        switch (f.kind) {
+            case dhc::RegionFieldKind::Int:
+                out[f.python] = static_cast<long long>(f.number(d));
+                break;
+            case dhc::RegionFieldKind::Flag:
+                out[f.python] = f.number(d) != 0;
+                break;
+            case dhc::RegionFieldKind::Real:
+                out[f.python] = f.number(d);
+                break;
+            case dhc::RegionFieldKind::Ints: {
+                const std::vector<int>& v = f.ints(d);
+                out[f.python] = vectorArray(v.data(), static_cast<int>(v.size()));
+                break;
+            }
+            case dhc::RegionFieldKind::Reals: {
+                const std::vector<double>& v = f.reals(d);
+                out[f.python] =
+                    v.empty() ? py::object(py::none()) : py::object(vectorArray(v.data(), static_cast<int>(v.size())));
+                break;
+            }
+            case dhc::RegionFieldKind::Matrix: {
+                const std::vector<std::vector<double>>& m = f.matrix(d);
+                if (m.empty()) {
+                    out[f.python] = py::none();
+                    break;
+                }
+                const py::ssize_t n = static_cast<py::ssize_t>(m.size());
+                py::array_t<double> a({n, n});
+                for (py::ssize_t i = 0; i < n; ++i)
+                    std::copy(m[static_cast<size_t>(i)].begin(), m[static_cast<size_t>(i)].end(), a.mutable_data() + i * n);
+                out[f.python] = a;
+                break;
+            }
+        }
     }
     return out;
 }
@@ -299,16 +300,15 @@ py::dict segment(const py::array& image, const py::object& mask, const py::objec
     requireLayout(image, 3, "image");
     const py::ssize_t bands = image.shape(0), rows = image.shape(1), cols = image.shape(2);
     if (bands < 1 || rows < 1 || cols < 1) throw py::value_error("image is empty");
-    if (rows > kMaxSide || cols > kMaxSide)
-        throw py::value_error("image has a side above " + std::to_string(kMaxSide) + " pixels");
+    if (rows > kMaxImageSide || cols > kMaxImageSide)
+        throw py::value_error("image has a side above " + std::to_string(kMaxImageSide) + " pixels");
     auto plane = [&](const py::object& o, const char* name) { return optionalPlane(o, name, rows, cols); };
     const py::array maskArray = plane(mask, "mask"), initArray = plane(init, "init"),
                     gtArray = plane(gt, "gt");
 
     std::unique_ptr<DHC_SET> settings = checkedSettings(entries);
     const int nThreads = dhc::checkThreads(threads, "threads");
-    if (settings->supervisedMode && gt.is_none())
-        throw py::value_error("supervised mode (supervised_mode=True) needs a ground truth: gt=...");
+    dhc::requireGroundTruth(settings->supervisedMode, !gt.is_none(), "supervised_mode=True", "gt=...");
     if (!settings->supervisedMode && !gt.is_none())
         throw py::value_error("gt is used only in supervised mode (set supervised_mode=True)");
 
@@ -412,8 +412,8 @@ py::array_t<int32_t> applyModel(const py::array& image, const py::object& valid,
                                 int originRow, int originCol, double threads) {
     requireLayout(image, 3, "image");
     const py::ssize_t bands = image.shape(0), rows = image.shape(1), cols = image.shape(2);
-    if (rows > kMaxSide || cols > kMaxSide)
-        throw py::value_error("image has a side above " + std::to_string(kMaxSide) + " pixels");
+    if (rows > kMaxImageSide || cols > kMaxImageSide)
+        throw py::value_error("image has a side above " + std::to_string(kMaxImageSide) + " pixels");
     const dhc::Model model = dhc::parseModel(modelText, "model");
     if (bands != model.bands)
         throw py::value_error("the model has " + std::to_string(model.bands) + " bands but the image has " +
@@ -458,21 +458,21 @@ py::dict readIni(const std::string& path) {
     }();
     ini.check();
     py::dict out;
-    for (const IniFile::Setting& s : IniFile::settings()) {
+    for (const dhc::SettingRow& s : dhc::settingsTable()) {
         std::string text;
         if (!ini.value(s.section, s.key, text)) continue;
         const std::string name = std::string(s.section) + "." + s.key;
         switch (s.kind) {
-            case IniFile::Kind::Flag:
+            case dhc::SettingKind::Flag:
                 out[name.c_str()] = parseLong(text) != 0;
                 break;
-            case IniFile::Kind::Int:
+            case dhc::SettingKind::Int:
                 out[name.c_str()] = parseLong(text);
                 break;
-            case IniFile::Kind::Double:
+            case dhc::SettingKind::Double:
                 out[name.c_str()] = std::strtod(text.c_str(), nullptr);
                 break;
-            case IniFile::Kind::IntArray: {
+            case dhc::SettingKind::IntArray: {
                 std::string inner = text.substr(text.find('{') + 1);
                 inner = inner.substr(0, inner.rfind('}'));
                 std::istringstream items(inner);
@@ -741,15 +741,28 @@ PYBIND11_MODULE(_dhc, m) {
           "Checks (SECTION, Key, text, origin) entries as the tool checks its configuration.");
     m.def("read_ini", &readIni, py::arg("path"),
           "Reads and checks an ini file; returns its values by 'SECTION.Key'.");
+    // The region fields: (attribute of dhc.Region, path in the tree JSON's region or None).
+    m.attr("region_fields") = [] {
+        py::list fields;
+        for (const dhc::RegionField& f : dhc::regionFields())
+            if (f.python != nullptr)
+                fields.append(py::make_tuple(f.python, f.json == nullptr ? py::object(py::none())
+                                                                          : py::object(py::str(f.json))));
+        return py::tuple(fields);
+    }();
+    // The settings table: (attribute, SECTION, Key, kind, default text or None, meaning).
     m.attr("settings_table") = [] {
         py::list table;
-        for (const IniFile::Setting& s : IniFile::settings()) {
-            const char* kind = s.kind == IniFile::Kind::Flag     ? "flag"
-                               : s.kind == IniFile::Kind::Int    ? "int"
-                               : s.kind == IniFile::Kind::Double ? "float"
-                                                                 : "ints";
-            table.append(py::make_tuple(s.section, s.key, kind));
+        for (const dhc::SettingRow& s : dhc::settingsTable()) {
+            const char* kind = s.kind == dhc::SettingKind::Flag     ? "flag"
+                               : s.kind == dhc::SettingKind::Int    ? "int"
+                               : s.kind == dhc::SettingKind::Double ? "float"
+                                                                    : "ints";
+            table.append(py::make_tuple(s.attribute, s.section, s.key, kind,
+                                        s.defaultText == nullptr ? py::object(py::none())
+                                                                 : py::object(py::str(s.defaultText)),
+                                        s.meaning));
         }
-        return table;
+        return py::tuple(table);
     }();
 }

@@ -10,6 +10,7 @@ import numpy as np
 import pytest
 
 import dhc
+from dhc import _dhc
 from conftest import SOURCE_DIR, read_hraw, run_tool, tool, write_hraw
 
 # A mask with a hole and a stray value (only 1 selects), an initial
@@ -115,6 +116,20 @@ def test_result_describes_one_tree(scene):
     # Leaf means are the means of their pixels.
     leaf = by_label[leaves[0]]
     assert np.allclose(leaf.mean, image[:, labels == leaf.label].mean(axis=1), rtol=1e-4)
+    # Every field is the tree document's value of that region (null there:
+    # no figure of a split that was not made).
+    documented = {r["label"]: r for r in result.tree["regions"]}
+    for r in result.regions:
+        for name, path in _dhc.region_fields:
+            if path is None:
+                continue
+            value = documented[r.label]
+            for key in path.split("."):
+                value = None if value is None else value[key]
+            if value is not None:
+                mine = getattr(r, name)
+                assert (mine.tolist() if isinstance(mine, np.ndarray) else mine) == value, (r.label, name)
+    assert any(r.sg_tex not in (r.sg_basic, r.sg_spec) for r in result.regions if r.split)
 
 
 def test_progress_reports_every_split_and_may_stop_the_run(scene):

@@ -4,8 +4,9 @@
 #include <fstream>
 #include <sstream>
 
+#include "data/xy.h"
+
 namespace {
-constexpr int kMaxSide = 65535;  // coordinates are 16-bit
 constexpr int64_t kHeaderBytes = 12;
 }  // namespace
 
@@ -39,8 +40,8 @@ bool checkHrawFile(const std::string& path, int& bands, int& rows, int& cols, st
         error = msg.str();
         return false;
     }
-    if (rows > kMaxSide || cols > kMaxSide) {
-        msg << "image side over " << kMaxSide << " (rows " << rows << ", cols " << cols << ")";
+    if (rows > kMaxImageSide || cols > kMaxImageSide) {
+        msg << "image side over " << kMaxImageSide << " (rows " << rows << ", cols " << cols << ")";
         error = msg.str();
         return false;
     }

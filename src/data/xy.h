@@ -11,3 +11,7 @@ struct xy {
     uint8_t flag = 0;
 };
 static_assert(sizeof(xy) == 8, "xy is an 8-byte record");
+
+// The largest side of an image any front end takes: its rows and columns
+// must fit the coordinates.
+constexpr int kMaxImageSide = UINT16_MAX;

@@ -340,7 +340,11 @@ class Refiner {
     };
     Configs configs(const std::vector<int>& z) {
         Configs out;
-        out.k = k_;
+        // The classes of the model are those the map holds.
+        std::vector<char> present(static_cast<size_t>(k_), 0);
+        for (int c : z)
+            if (c >= 0) present[c] = 1;
+        out.k = static_cast<int>(std::count(present.begin(), present.end(), 1));
         std::vector<int> counts(k_);
         for (int p = 0; p < n_; ++p) {
             if (z[p] < 0) continue;
@@ -443,6 +447,20 @@ class Refiner {
         return changed;
     }
 
+    // Neighbour pairs of the map z by classes: entry a * k + b counts the
+    // pixels' neighbours in class b of the pixels in class a.
+    std::vector<long long> pairCounts(const std::vector<int>& z) {
+        paint(z);
+        std::vector<long long> pairs(static_cast<size_t>(k_) * k_, 0);
+        std::vector<int> counts(k_);
+        for (int p = 0; p < n_; ++p) {
+            if (z[p] < 0) continue;
+            neighbourCounts(p, counts.data());
+            for (int c = 0; c < k_; ++c) pairs[static_cast<size_t>(z[p]) * k_ + c] += counts[c];
+        }
+        return pairs;
+    }
+
   private:
     const FinalPixels& px_;
     int** plane_;
@@ -451,6 +469,97 @@ class Refiner {
     std::vector<int> classOfLabel_;
     std::unordered_map<uint64_t, long long> counts_;
 };
+
+// Classes present in z.
+int presentClasses(const std::vector<int>& z, int k) {
+    std::vector<char> seen(static_cast<size_t>(k), 0);
+    int n = 0;
+    for (int c : z)
+        if (c >= 0 && !seen[c]) {
+            seen[c] = 1;
+            ++n;
+        }
+    return n;
+}
+
+// What merging classes a and b costs their pixels' log-likelihood, each
+// class under the Gaussian fitted to it: half of n ln det of the merged
+// covariance less the same of the two.
+double mergeCost(const Gaussian& a, const Gaussian& b, int d) {
+    const double n = a.count + b.count;
+    Gaussian m;
+    m.active = true;
+    m.cov.assign(static_cast<size_t>(d) * d, 0.0);
+    for (int i = 0; i < d; ++i)
+        for (int j = 0; j < d; ++j) {
+            const size_t ij = static_cast<size_t>(i) * d + j;
+            m.cov[ij] = (a.count * a.cov[ij] + b.count * b.cov[ij]) / n +
+                        a.count * b.count / (n * n) * (a.mean[i] - b.mean[i]) * (a.mean[j] - b.mean[j]);
+        }
+    prepare(m, d);
+    if (!m.active) return std::numeric_limits<double>::infinity();
+    // logNorm = -(d ln 2 pi + ln det) / 2; the d ln 2 pi terms cancel.
+    return a.count * a.logNorm + b.count * b.logNorm - n * m.logNorm;
+}
+
+// Merges classes while the map's pseudo-likelihood loses less than what a
+// class costs under the Bayesian information criterion, half ln N for each
+// of its mean and covariance entries.  EM started from leaves that cut one
+// class in parts can keep the parts: a binary tree must cut a class to
+// separate two others.  The pair that looks cheapest goes first (its
+// Gaussians' cost less beta for each neighbour pair the merge joins); the
+// merged map is settled by ICM and kept when its pseudo-likelihood less the
+// classes' cost is higher.
+void mergeClasses(Refiner& r, int d, std::vector<int>& best, std::vector<Gaussian>& bestG, double& bestBeta,
+                  double& bestPl, int& merged) {
+    const double perClass = 0.5 * std::log(static_cast<double>(r.n())) * (d + 0.5 * d * (d + 1));
+    for (;;) {
+        const int k = presentClasses(best, r.k());
+        int into = -1, from = -1;
+        double cheapest = perClass;
+        const std::vector<long long> pairs = r.pairCounts(best);
+        const int kk = r.k();
+        for (int a = 0; a < kk; ++a)
+            for (int b = a + 1; b < kk; ++b) {
+                if (!bestG[a].active || !bestG[b].active) continue;
+                const double joined = static_cast<double>(pairs[static_cast<size_t>(a) * kk + b] +
+                                                          pairs[static_cast<size_t>(b) * kk + a]);
+                const double cost = mergeCost(bestG[a], bestG[b], d) - bestBeta * joined;
+                if (cost < cheapest) {
+                    cheapest = cost;
+                    into = a;
+                    from = b;
+                }
+            }
+        if (into < 0) return;
+        std::vector<int> z = best;
+        for (int& c : z)
+            if (c == from) c = into;
+        std::vector<Gaussian> g;
+        double beta = bestBeta;
+        double pl = r.pseudoLikelihood(z, g, beta);
+        std::vector<int> top = z;
+        std::vector<Gaussian> topG = g;
+        double topBeta = beta, topPl = pl;
+        // One ICM round from the merged classes settles the map enough to
+        // judge the merge (each round costs as much as a refinement round).
+        r.icm(z, g, beta);
+        pl = r.pseudoLikelihood(z, g, beta);
+        if (pl > topPl) {
+            top = z;
+            topG = g;
+            topBeta = beta;
+            topPl = pl;
+        }
+        const int left = presentClasses(top, r.k());
+        if (!(topPl - left * perClass > bestPl - k * perClass)) return;
+        best = std::move(top);
+        bestG = std::move(topG);
+        bestBeta = topBeta;
+        bestPl = topPl;
+        merged += k - left;
+    }
+}
 
 }  // namespace
 
@@ -494,6 +603,10 @@ FinalModel refineFinalMap(const FinalPixels& pixels, int** plane, int pad, int r
         // of a nat per pixel.
         if (round > 1 && (changes == 0 || pl - last < 1e-2 * r.n())) break;
         last = pl;
+    }
+    if (rounds > 0) {
+        mergeClasses(r, pixels.bands, best, bestG, bestBeta, bestPl, model.merged);
+        if (model.merged > 0) model.refined = true;
     }
     r.paint(best);
     model.beta = bestBeta;

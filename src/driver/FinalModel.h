@@ -9,8 +9,10 @@
 // the Gaussians and beta from the map ICM left and run ICM again, until no
 // pixel changes or the rounds run out.  Of the maps seen (the tree's leaves
 // included) the one with the highest pseudo-likelihood is kept, so the
-// refinement never lowers it.  The tree itself is not touched: the refined
-// labels go to a plane of their own.
+// rounds never lower it.  Then classes are merged two at a time while the
+// pseudo-likelihood less half ln N per mean and covariance entry of the
+// classes rises (parts of one class the binary tree had to cut).  The tree
+// itself is not touched: the refined labels go to a plane of their own.
 //
 // Pseudo-likelihood of a map z: sum over pixels of log N(x_p | class z_p)
 // with each class's Gaussian estimated on the map, plus
@@ -43,6 +45,7 @@ struct FinalModel {
     double beta = 0.0;                  // Potts beta estimated on the final map
     double pseudoLikelihood = 0.0;      // of the final map
     double treePseudoLikelihood = 0.0;  // of the map of the tree's leaves
+    int merged = 0;                     // classes the refinement merged into others (no pixels left)
     std::vector<FinalClass> classes;    // in the order of the tree's leaves
 };
 

@@ -1,6 +1,6 @@
 #pragma once
 // Helpers the engine's routines share: how a pixel is found on the map and
-// in the value list, class matrices, the work grain of the threads.
+// in the value list, the classes of labels, the work grain of the threads.
 
 #include <cstddef>
 #include <cstdint>
@@ -25,18 +25,6 @@ inline std::vector<int> firstIndices(const int* labels, int k) {
             }
     }
     return first;
-}
-
-// n square d x d matrices.
-inline double*** newCube(int n, int d) {
-    double*** c = new double**[n > 0 ? n : 0];
-    for (int i = 0; i < n; ++i) c[i] = dhc::newRows<double>(d, d);
-    return c;
-}
-
-inline void freeCube(double*** c, int n, int d) {
-    for (int i = 0; i < n; ++i) dhc::deleteRows(c[i], d);
-    delete[] c;
 }
 
 // Map cell of a pixel of the workspace (inner coordinates shifted by the pad).

@@ -6,6 +6,7 @@
 #include "data/PottsMapRegion.h"
 #include "engine/EngineSupport.h"
 #include "engine/PottsLikelihoodEnergy.h"
+#include "engine/SplitCriterion.h"
 #include "settings/ConfigFileParser.h"
 #include "settings/DHC_SET.h"
 #include "stats/Mixture.h"
@@ -64,7 +65,7 @@ PottsWS** PottsEngine::makeChildren(PottsWS* w, int* labels, int k, bool altGain
     PottsWS** children = nullptr;
     w->split(labels, k, children, true, childValuesWithParent);
     w->splitGain = altGain ? splitGain(w, k, children, threshold) : splitGain(w, k, children);
-    if (stopCriterion > 0) w->criterion = splitCriterion(w, k, children, stopCriterion == 1);
+    if (stopCriterion > 0) w->criterion = dhc::splitCriterion(*w, k, children, stopCriterion == 1);
     // The Potts split is the method that made this split, so its gain is the
     // primary one; the report files it as the MRF gain.
     w->primaryGain = w->splitGain;

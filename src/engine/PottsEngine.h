@@ -128,17 +128,7 @@ class PottsEngine {
     // Variance-based score: N times the largest band variance (the largest
     // eigenvalue when threshold exceeds that).
     double splitGain(PottsWS* ws, int k, PottsWS** children, double threshold);
-    // Model-selection criterion of a split of ws into k children, in nats:
-    // the log-likelihood of ws's pixels under the children's Gaussian mixture
-    // (weights by area) less that under ws's own Gaussian, less beta per
-    // separated neighbour pair, less (k - 1) classes' parameters at half ln N
-    // each (BIC); ICL also subtracts the entropy of the pixels' class
-    // posteriors under the whole model (a class's Gaussian density times
-    // exp(beta * its neighbours in the split), from the labels on the map).
-    // -infinity when a child's covariance is singular.  The sums
-    // run over fixed blocks of pixels joined in order: the same bits for every
-    // number of threads.
-    double splitCriterion(PottsWS* ws, int k, PottsWS** children, bool icl);
+    // The model-selection criterion of a split: dhc::splitCriterion (engine/SplitCriterion.h).
     // Likelihood gain from the partition `before` to the partition `after` of ws.
     double textureGain(PottsWS* ws, PottsWS** before, int nBefore, PottsWS** after, int nAfter);
     // k linked mixtures over globalMixture: class c gathers the global classes j

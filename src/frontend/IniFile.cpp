@@ -1,7 +1,5 @@
 #include "frontend/IniFile.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <climits>
@@ -11,11 +9,11 @@
 #include <fstream>
 #include <sstream>
 
-#include "frontend/InputError.h"
+#include "base/InputError.h"
 #include "frontend/InputFile.h"
 #include "frontend/SettingsCheck.h"
+#include "settings/ConfigFileParser.h"
 #include "settings/DHC_SET.h"
-#include "settings/FileName.h"
 
 namespace {
 
@@ -110,65 +108,24 @@ std::string byteText(unsigned char c) {
     return std::string("byte 0x") + kHex[c >> 4] + kHex[c & 15];
 }
 
-const char* kindText(IniFile::Kind kind) {
+using dhc::SettingKind;
+using dhc::SettingRow;
+
+const char* kindText(SettingKind kind) {
     switch (kind) {
-        case IniFile::Kind::Flag:
+        case SettingKind::Flag:
             return "0 or 1";
-        case IniFile::Kind::Int:
+        case SettingKind::Int:
             return "an integer";
-        case IniFile::Kind::Double:
+        case SettingKind::Double:
             return "a number";
-        case IniFile::Kind::IntArray:
+        case SettingKind::IntArray:
             return "a list of integers in braces, e.g. {1 2}";
     }
     return "";
 }
 
 }  // namespace
-
-const std::vector<IniFile::Setting>& IniFile::settings() {
-    static const std::vector<Setting> all = {
-        {"SEGM_MAIN_CONFIGURATION", "SupervisedMode", Kind::Flag},
-        {"UNSUPERVISED_MODE_CONF", "VariableMultiplicity", Kind::Flag},
-        {"UNSUPERVISED_MODE_CONF", "SplitGainThreshold", Kind::Double},
-        {"UNSUPERVISED_MODE_CONF", "MaxNumberOfClasses", Kind::Int},
-        {"UNSUPERVISED_MODE_CONF", "Fragmentation", Kind::Flag},
-        {"UNSUPERVISED_MODE_CONF", "DoubleSplit", Kind::Flag},
-        {"UNSUPERVISED_MODE_CONF", "BalancedTree", Kind::Flag},
-        {"UNSUPERVISED_MODE_CONF", "GrowDepth", Kind::Int},
-        {"UNSUPERVISED_MODE_CONF", "MinRegionArea", Kind::Double},
-        {"UNSUPERVISED_MODE_CONF", "Blind", Kind::Flag},
-        {"UNSUPERVISED_MODE_CONF", "Metric", Kind::Int},
-        {"UNSUPERVISED_MODE_CONF", "DistortionThreshold", Kind::Double},
-        {"UNSUPERVISED_MODE_CONF", "SplitwiseDisconnect", Kind::Flag},
-        {"UNSUPERVISED_MODE_CONF", "BlindSplitDepthMax", Kind::Double},
-        {"UNSUPERVISED_MODE_CONF", "BlindSplitAreaMin", Kind::Double},
-        {"UNSUPERVISED_MODE_CONF", "BlindSplitMSEMin", Kind::Double},
-        {"UNSUPERVISED_MODE_CONF", "StopCriterion", Kind::Int},
-        {"UNSUPERVISED_MODE_CONF", "FinalRefinement", Kind::Int},
-        {"SUPERVISED_MODE_CONF", "NumberOfClasses", Kind::Int},
-        {"SUPERVISED_MODE_CONF", "StructureLevels", Kind::IntArray},
-        {"SUPERVISED_MODE_CONF", "StructurePaths", Kind::IntArray},
-        {"POTTS_MODEL", "Adaptive", Kind::Flag},
-        {"POTTS_MODEL", "BetaBound", Kind::Double},
-        {"POTTS_MODEL", "BetaMax", Kind::Double},
-        {"POTTS_MODEL", "BetaMin", Kind::Double},
-        {"POTTS_MODEL", "Multiplicity", Kind::Int},
-        {"POTTS_MODEL", "RangeBandwidth", Kind::Double},
-        {"POTTS_MODEL", "SpatialBandwidth", Kind::Double},
-        {"MEANSHIFT", "AutoAdjustKNN", Kind::Int},
-        {"MEANSHIFT", "SkipLast", Kind::Double},
-        {"MEANSHIFT", "Tolerance", Kind::Double},
-        {"MEANSHIFT", "KernelType", Kind::Int},
-    };
-    return all;
-}
-
-const IniFile::Setting* IniFile::findSetting(const std::string& section, const std::string& key) {
-    for (const Setting& s : settings())
-        if (section == s.section && key == s.key) return &s;
-    return nullptr;
-}
 
 IniFile::IniFile(std::string name, const std::string& text) : name_(std::move(name)) {
     size_t start = 0;
@@ -220,29 +177,29 @@ bool IniFile::value(const std::string& section, const std::string& key, std::str
     return true;
 }
 
-void IniFile::checkValue(const Setting& setting, const std::string& text, const std::string& where,
+void IniFile::checkValue(const SettingRow& setting, const std::string& text, const std::string& where,
                          int status) {
     int i = 0;
     double d = 0.0;
     std::vector<int> a;
     bool ok = false;
     switch (setting.kind) {
-        case Kind::Flag:
+        case SettingKind::Flag:
             ok = parseInt(text, i) && (i == 0 || i == 1);
             break;
-        case Kind::Int:
+        case SettingKind::Int:
             ok = parseInt(text, i);
             break;
-        case Kind::Double:
+        case SettingKind::Double:
             ok = parseDouble(text, d);
             break;
-        case Kind::IntArray:
+        case SettingKind::IntArray:
             ok = parseIntArray(text, a);
             break;
     }
     if (!ok) {
         // The reader skips exactly one character after '=': say so when a blank took the brace's place.
-        const bool blankFirst = setting.kind == Kind::IntArray && !text.empty() && isBlank(text[0]);
+        const bool blankFirst = setting.kind == SettingKind::IntArray && !text.empty() && isBlank(text[0]);
         const std::string expected = blankFirst ? std::string("a list in braces with '{' directly after '='")
                                                 : std::string(kindText(setting.kind));
         throw InputError(status,
@@ -259,7 +216,7 @@ void IniFile::applyOverride(const std::string& assignment) {
     const std::string section = assignment.substr(0, dot);
     const std::string key = assignment.substr(dot + 1, eq - dot - 1);
     const std::string text = assignment.substr(eq + 1);
-    const Setting* setting = findSetting(section, key);
+    const SettingRow* setting = dhc::findSetting(section.c_str(), key.c_str());
     if (setting == nullptr)
         throw InputError(kExitUsage, "--set \"" + assignment + "\": unknown setting " + section + "." + key);
     if (text.find_first_of("\r\n") != std::string::npos)
@@ -275,7 +232,7 @@ void IniFile::applyOverride(const std::string& assignment) {
 
 void IniFile::assign(const std::string& section, const std::string& key, const std::string& text,
                      const std::string& origin) {
-    if (findSetting(section, key) == nullptr)
+    if (dhc::findSetting(section.c_str(), key.c_str()) == nullptr)
         throw InputError(kExitInput, origin + ": unknown setting " + section + "." + key);
     if (text.find_first_of("\r\n") != std::string::npos)
         throw InputError(kExitInput, origin + ": the value must be on one line");
@@ -311,7 +268,7 @@ void IniFile::check() const {
         throw InputError(kExitInput, name_ + ": no [SEGM_MAIN_CONFIGURATION] section");
     // The reader matches a key only when it stands alone before '=': a blank
     // around it would make the reader pass the line by.
-    for (const Setting& setting : settings()) {
+    for (const SettingRow& setting : dhc::settingsTable()) {
         const int s = sectionLine(setting.section);
         if (s < 0) continue;
         for (int i = s + 1; i < sectionEnd(s); ++i) {
@@ -323,7 +280,7 @@ void IniFile::check() const {
                                                  " (write " + setting.key + "=value)");
         }
     }
-    for (const Setting& setting : settings()) {
+    for (const SettingRow& setting : dhc::settingsTable()) {
         const int s = sectionLine(setting.section);
         if (s < 0) continue;
         const int k = keyLine(s, setting.key);
@@ -360,39 +317,17 @@ std::string IniFile::text() const {
     return out;
 }
 
-// The library reads its settings from a file: the checked configuration goes
-// to a temporary file whose name stays within the reader's name limit.
+// The library's own reader reads the checked text from memory, by the rules
+// it applies to a file.
 std::unique_ptr<DHC_SET> readSettings(const IniFile& ini) {
-    const char* tmp = std::getenv("TMPDIR");
-    std::string pattern = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/dhc-ini-XXXXXX";
-    if (pattern.size() > dhc::kFileNameLimit) pattern = "/tmp/dhc-ini-XXXXXX";
-    std::vector<char> name(pattern.begin(), pattern.end());
-    name.push_back('\0');
-    const int fd = ::mkstemp(name.data());
-    if (fd < 0)
-        throw InputError(kExitInput, "cannot create a temporary file: " + std::string(std::strerror(errno)));
-    const std::string text = ini.text();
-    size_t done = 0;
-    while (done < text.size()) {
-        const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
-        if (n <= 0) {
-            const int err = errno;
-            ::close(fd);
-            ::unlink(name.data());
-            throw InputError(kExitInput, "cannot write a temporary file: " + std::string(std::strerror(err)));
-        }
-        done += static_cast<size_t>(n);
-    }
-    ::close(fd);
-    auto settings = std::make_unique<DHC_SET>(std::string(name.data()));
-    ::unlink(name.data());
-    return settings;
+    ConfigFileParser parser = ConfigFileParser::ofText(ini.text());
+    return std::make_unique<DHC_SET>(parser);
 }
 
 dhc::SettingNames settingNames(const IniFile& ini) {
     return [&ini](dhc::Setting s) {
         const dhc::SettingName key = dhc::iniName(s);
-        return dhc::SettingName{ini.origin(dhc::iniSection(s), key.name), key.name};
+        return dhc::SettingName{ini.origin(dhc::settingRow(s).section, key.name), key.name};
     };
 }
 

@@ -8,32 +8,19 @@
 // same rules (a section starts at the first line beginning with "[NAME]", ends
 // at the first empty line, the first "Key=" line wins), applies the --set
 // overrides to it and checks every setting the library knows, so that a bad
-// value is reported as "file:line: ..." before anything runs.  The checked text
-// is then written to a temporary file for DHC_SET to read.
+// value is reported as "file:line: ..." before anything runs.  The library's
+// reader then reads the checked text from memory.
 
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "frontend/InputError.h"
+#include "base/InputError.h"
 #include "frontend/SettingsCheck.h"
+#include "settings/SettingsTable.h"
 
 class IniFile {
   public:
-    // Kind of value a setting holds, as the library parses it.
-    enum class Kind { Flag, Int, Double, IntArray };
-
-    // One setting the library reads: section, key, kind.
-    struct Setting {
-        const char* section;
-        const char* key;
-        Kind kind;
-    };
-    // Every setting that DHC_SET reads, section by section.
-    static const std::vector<Setting>& settings();
-    // The setting named SECTION.Key, or null.
-    static const Setting* findSetting(const std::string& section, const std::string& key);
-
     // Text of a configuration; name is used in messages ("name:line: ...").
     IniFile(std::string name, const std::string& text);
     // Reads a file (a regular file of at most kMaxConfigBytes); a file that
@@ -52,6 +39,9 @@ class IniFile {
     // checked by check(); a value of more than one line is an InputError.
     void assign(const std::string& section, const std::string& key, const std::string& text,
                 const std::string& origin);
+
+    // The settings it knows are the rows of the settings table
+    // (settings/SettingsTable.h), each read as its kind says.
 
     // Checks the syntax of the whole configuration the way the run will use
     // it; throws a InputError (status kExitInput) naming the file and line of
@@ -86,7 +76,7 @@ class IniFile {
     // Index one past the last line of the section opened at line s.
     int sectionEnd(int s) const;
     // Throws unless text is a well-formed value of kind; where names the value in the message.
-    static void checkValue(const Setting& setting, const std::string& text, const std::string& where,
+    static void checkValue(const dhc::SettingRow& setting, const std::string& text, const std::string& where,
                            int status);
 
     std::string name_;
@@ -97,8 +87,7 @@ class IniFile {
 struct DHC_SET;
 
 // The settings record of a checked configuration, read by the library's own
-// reader (which takes a file name: the text goes through a temporary file).
-// Throws an InputError when no temporary file can be made.
+// reader from the text in memory.
 std::unique_ptr<DHC_SET> readSettings(const IniFile& ini);
 
 // Names settings in messages by where their values came from ("cfg.ini:6",

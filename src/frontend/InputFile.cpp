@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "frontend/InputError.h"
+#include "base/InputError.h"
 
 namespace dhc {
 namespace {

@@ -3,7 +3,7 @@
 #include <iomanip>
 #include <sstream>
 
-#include "frontend/InputError.h"
+#include "base/InputError.h"
 
 namespace dhc {
 namespace {

@@ -5,12 +5,18 @@
 
 #include "driver/DHC.h"
 #include "driver/DHC_IN.h"
-#include "frontend/InputError.h"
+#include "base/InputError.h"
 #include "settings/DHC_SET.h"
 #include "settings/Workers.h"
 
 namespace dhc {
 namespace {
+
+// Whether pixel (r, c) is in the region of interest: its mask value is 1 or,
+// without a mask, its initial label is positive (every pixel without either).
+bool selected(int** mask, int** init, int r, int c) {
+    return mask != nullptr ? mask[r][c] == 1 : init == nullptr || init[r][c] > 0;
+}
 
 int distinctNonZero(const LabelRoi& roi) {
     std::set<int> labels;
@@ -40,6 +46,12 @@ struct FilledPlane {
 
 }  // namespace
 
+void requireGroundTruth(bool supervised, bool given, const std::string& switchText, const std::string& howToGive) {
+    if (supervised && !given)
+        throw InputError(kExitInput, "supervised mode (" + switchText + ") needs a ground truth: " + howToGive,
+                         "dhc:missingProperty");
+}
+
 PreparedRun prepareRun(int rows, int cols, int bands, int*** cube, int** mask, int** init, int** gt,
                        const DHC_SET& settings, const RunNames& names, int threads) {
     dhc::Workers team(threads);
@@ -54,7 +66,7 @@ PreparedRun prepareRun(int rows, int cols, int bands, int*** cube, int** mask, i
     if (!maskGiven) {
         ownMask = std::make_unique<FilledPlane>(rows, cols, 0);
         for (int r = 0; r < rows; ++r)
-            for (int c = 0; c < cols; ++c) ownMask->get()[r][c] = init[r][c] > 0 ? 1 : 0;
+            for (int c = 0; c < cols; ++c) ownMask->get()[r][c] = selected(nullptr, init, r, c) ? 1 : 0;
         mask = ownMask->get();
     }
 
@@ -133,7 +145,7 @@ std::vector<int> maskWithoutNodata(int rows, int cols, int** mask, int** init,
     bool any = false;
     for (int r = 0; r < rows; ++r)
         for (int c = 0; c < cols; ++c) {
-            const bool inside = mask != nullptr ? mask[r][c] == 1 : init == nullptr || init[r][c] > 0;
+            const bool inside = selected(mask, init, r, c);
             const size_t k = static_cast<size_t>(r) * width + static_cast<size_t>(c);
             out[k] = inside && valid[k] ? 1 : 0;
             any = any || out[k] == 1;

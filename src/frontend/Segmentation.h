@@ -35,6 +35,13 @@ struct PreparedRun {
     std::unique_ptr<LabelRoi> gt;          // supervised: ground-truth label of every point
 };
 
+// A supervised run needs a ground truth: refused without one (InputError,
+// "dhc:missingProperty"), in the front end's terms: "supervised mode
+// (SupervisedMode=1) needs a ground truth: --gt GT.hraw", where switchText is
+// how the front end turns supervised mode on and howToGive how it takes a
+// ground truth.
+void requireGroundTruth(bool supervised, bool given, const std::string& switchText, const std::string& howToGive);
+
 // Builds the regions of interest exactly as the MATLAB/Octave gateway always
 // has: without init every pixel starts with label 1; without mask the region is
 // the set of pixels whose initial label is positive; with mask it is the set of

@@ -11,7 +11,7 @@
 #include <limits>
 #include <sstream>
 
-#include "frontend/InputError.h"
+#include "base/InputError.h"
 #include "settings/DHC_SET.h"
 
 namespace dhc {
@@ -19,90 +19,6 @@ namespace {
 
 const char* const kBadSetting = "dhc:badSetting";
 const char* const kBadStructure = "dhc:badStructure";
-
-struct Names {
-    const char* ini;
-    const char* matlab;
-};
-
-// The ini sections, in the order of the Setting enumerators.
-const char* const kSections[] = {"UNSUPERVISED_MODE_CONF",
-                                 "UNSUPERVISED_MODE_CONF",
-                                 "UNSUPERVISED_MODE_CONF",
-                                 "UNSUPERVISED_MODE_CONF",
-                                 "UNSUPERVISED_MODE_CONF",
-                                 "UNSUPERVISED_MODE_CONF",
-                                 "UNSUPERVISED_MODE_CONF",
-                                 "UNSUPERVISED_MODE_CONF",
-                                 "UNSUPERVISED_MODE_CONF",
-                                 "SUPERVISED_MODE_CONF",
-                                 "SUPERVISED_MODE_CONF",
-                                 "SUPERVISED_MODE_CONF",
-                                 "POTTS_MODEL",
-                                 "POTTS_MODEL",
-                                 "POTTS_MODEL",
-                                 "POTTS_MODEL",
-                                 "POTTS_MODEL",
-                                 "POTTS_MODEL",
-                                 "MEANSHIFT",
-                                 "MEANSHIFT",
-                                 "MEANSHIFT",
-                                 "UNSUPERVISED_MODE_CONF",
-                                 "UNSUPERVISED_MODE_CONF"};
-static_assert(sizeof kSections / sizeof kSections[0] == static_cast<size_t>(Setting::FinalRefinement) + 1,
-              "one section per setting");
-
-Names namesOf(Setting s) {
-    switch (s) {
-        case Setting::SplitGainThreshold:
-            return {"SplitGainThreshold", "unsupSet.classicSet.splitGainThreshold"};
-        case Setting::MaxNumberOfClasses:
-            return {"MaxNumberOfClasses", "unsupSet.classicSet.maxNumberOfClasses"};
-        case Setting::MinRegionArea:
-            return {"MinRegionArea", "unsupSet.classicSet.minSplitArea"};
-        case Setting::GrowDepth:
-            return {"GrowDepth", "unsupSet.growDepth"};
-        case Setting::Metric:
-            return {"Metric", "unsupSet.blindSet.metric"};
-        case Setting::DistortionThreshold:
-            return {"DistortionThreshold", "unsupSet.blindSet.distorsionThreshold"};
-        case Setting::BlindSplitDepthMax:
-            return {"BlindSplitDepthMax", "unsupSet.blindSet.depth"};
-        case Setting::BlindSplitAreaMin:
-            return {"BlindSplitAreaMin", "unsupSet.blindSet.area"};
-        case Setting::BlindSplitMSEMin:
-            return {"BlindSplitMSEMin", "unsupSet.blindSet.MSE"};
-        case Setting::NumberOfClasses:
-            return {"NumberOfClasses", "supSet.numberOfClasses"};
-        case Setting::StructureLevels:
-            return {"StructureLevels", "supSet.structureLevels"};
-        case Setting::StructurePaths:
-            return {"StructurePaths", "supSet.structurePaths"};
-        case Setting::Multiplicity:
-            return {"Multiplicity", "unsupSet.multiplicity"};
-        case Setting::BetaMin:
-            return {"BetaMin", "engineSet.betaMin"};
-        case Setting::BetaMax:
-            return {"BetaMax", "engineSet.betaMax"};
-        case Setting::BetaBound:
-            return {"BetaBound", "engineSet.betaBound"};
-        case Setting::RangeBandwidth:
-            return {"RangeBandwidth", "engineSet.rangeBandwidth"};
-        case Setting::SpatialBandwidth:
-            return {"SpatialBandwidth", "engineSet.spatialBandwidth"};
-        case Setting::AutoAdjustKNN:
-            return {"AutoAdjustKNN", "engineSet.autoAdjustkNN"};
-        case Setting::SkipLast:
-            return {"SkipLast", "engineSet.skipLast"};
-        case Setting::Tolerance:
-            return {"Tolerance", "engineSet.tolerance"};
-        case Setting::StopCriterion:
-            return {"StopCriterion", "unsupSet.classicSet.stopCriterion"};
-        case Setting::FinalRefinement:
-            return {"FinalRefinement", "unsupSet.finalRefinement"};
-    }
-    return {"?", "?"};
-}
 
 // As MATLAB writes them: NaN, Inf, -Inf, else the shortest of %g.
 std::string number(double v) {
@@ -139,6 +55,14 @@ class Refusal {
     void realRange(Setting s, double v, double lo, double hi) const {
         if (!std::isfinite(v) || v < lo || v > hi)
             say(s, "must be a number from " + number(lo) + " to " + number(hi) + ", not " + number(v));
+    }
+    // The field of set against the setting's range in the table.
+    void inRange(Setting s, const DHC_SET& set, const std::string& what = "") const {
+        const SettingRow& row = settingRow(s);
+        if (row.kind == SettingKind::Int)
+            intRange(s, set.*row.integer, static_cast<long long>(row.min), static_cast<long long>(row.max), what);
+        else
+            realRange(s, set.*row.real, row.min, row.max);
     }
 
   private:
@@ -209,29 +133,25 @@ void checkStructure(int n, int labelSpace, const GivenStructure& given, const Re
 
 }  // namespace
 
-const char* iniSection(Setting s) {
-    return kSections[static_cast<size_t>(s)];
-}
-
 SettingName iniName(Setting s) {
-    return {std::string(), namesOf(s).ini};
+    return {std::string(), settingRow(s).key};
 }
 
 SettingName matlabName(Setting s) {
-    return {std::string(), namesOf(s).matlab};
+    return {std::string(), settingRow(s).property};
 }
 
 void checkSettings(const DHC_SET& set, const GivenStructure& structure, const SettingNames& names) {
     const Refusal r(names);
 
-    r.realRange(Setting::BetaMin, set.betaMin, -kMaxAbsBeta, kMaxAbsBeta);
-    r.realRange(Setting::BetaMax, set.betaMax, -kMaxAbsBeta, kMaxAbsBeta);
+    r.inRange(Setting::BetaMin, set);
+    r.inRange(Setting::BetaMax, set);
     if (set.betaMin > set.betaMax)
         r.say(Setting::BetaMin,
               "must not exceed " + r.name(Setting::BetaMax) + " (" + number(set.betaMax) + ")");
-    r.realRange(Setting::BetaBound, set.betaBound, -kMaxAbsBeta, kMaxAbsBeta);
-    r.realRange(Setting::RangeBandwidth, set.rangeBandwidth, -kMaxAbsSetting, kMaxAbsSetting);
-    r.realRange(Setting::SpatialBandwidth, set.spatialBandwidth, -kMaxAbsSetting, kMaxAbsSetting);
+    r.inRange(Setting::BetaBound, set);
+    r.inRange(Setting::RangeBandwidth, set);
+    r.inRange(Setting::SpatialBandwidth, set);
 
     if (set.supervisedMode) {
         checkStructure(set.numberOfClasses, set.maxLabels, structure, r);
@@ -240,26 +160,29 @@ void checkSettings(const DHC_SET& set, const GivenStructure& structure, const Se
 
     if (!set.variableMultiplicity) {
         if (set.multiplicity < 2) r.say(Setting::Multiplicity, "must be at least 2 (children per split)");
-        r.intRange(Setting::Multiplicity, set.multiplicity, 2, kMaxMultiplicity);
+        r.inRange(Setting::Multiplicity, set);
     } else {
-        r.intRange(Setting::AutoAdjustKNN, set.autoAdjustkNN, 0, kMaxMultiplicity);
-        r.realRange(Setting::SkipLast, set.skipLast, 0.0, 1.0);
-        r.realRange(Setting::Tolerance, set.tolerance, 0.0, 1.0);
+        r.inRange(Setting::AutoAdjustKNN, set);
+        r.inRange(Setting::SkipLast, set);
+        r.inRange(Setting::Tolerance, set);
     }
-    if (set.blind && !set.blindActive && (set.metric < 0 || set.metric > kMaxMetric))
-        r.say(Setting::Metric, "must be 0 to " + std::to_string(kMaxMetric));
-    r.realRange(Setting::SplitGainThreshold, set.splitGainThreshold, -kMaxAbsThreshold, kMaxAbsThreshold);
+    const SettingRow& metric = settingRow(Setting::Metric);
+    if (set.blind && !set.blindActive && (set.metric < metric.min || set.metric > metric.max))
+        r.say(Setting::Metric, "must be " + std::to_string(static_cast<int>(metric.min)) + " to " +
+                                   std::to_string(static_cast<int>(metric.max)));
+    r.inRange(Setting::SplitGainThreshold, set);
     r.intRange(Setting::MaxNumberOfClasses, set.maxNumberOfClasses, 0, set.maxLabels, " (the label space)");
-    r.realRange(Setting::MinRegionArea, set.minSplitArea, 0.0, kMaxAbsSetting);
-    if (set.balancedTree) r.intRange(Setting::GrowDepth, set.growDepth, 0, kMaxGrowDepth);
-    r.realRange(Setting::DistortionThreshold, set.distorsionThreshold, -kMaxAbsSetting, kMaxAbsSetting);
-    r.realRange(Setting::BlindSplitDepthMax, set.blindDepth, 0.0, kMaxAbsSetting);
-    r.realRange(Setting::BlindSplitAreaMin, set.blindArea, 0.0, kMaxAbsSetting);
-    r.realRange(Setting::BlindSplitMSEMin, set.blindMSE, 0.0, kMaxAbsSetting);
-    if (set.stopCriterion < 0 || set.stopCriterion > kMaxStopCriterion)
+    r.inRange(Setting::MinRegionArea, set);
+    if (set.balancedTree) r.inRange(Setting::GrowDepth, set);
+    r.inRange(Setting::DistortionThreshold, set);
+    r.inRange(Setting::BlindSplitDepthMax, set);
+    r.inRange(Setting::BlindSplitAreaMin, set);
+    r.inRange(Setting::BlindSplitMSEMin, set);
+    const SettingRow& stop = settingRow(Setting::StopCriterion);
+    if (set.stopCriterion < stop.min || set.stopCriterion > stop.max)
         r.say(Setting::StopCriterion, "must be 0 (split gain), 1 (ICL) or 2 (BIC), not " +
                                           std::to_string(set.stopCriterion));
-    r.intRange(Setting::FinalRefinement, set.finalRefinement, 0, kMaxRefinementRounds, " rounds");
+    r.inRange(Setting::FinalRefinement, set, " rounds");
 }
 
 void checkClassStructure(int classes, int labelSpace, const GivenStructure& structure,

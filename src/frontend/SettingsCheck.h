@@ -15,36 +15,11 @@
 #include <string>
 #include <vector>
 
+#include "settings/SettingsTable.h"
+
 struct DHC_SET;
 
 namespace dhc {
-
-// The settings the check names in its messages.
-enum class Setting {
-    SplitGainThreshold,
-    MaxNumberOfClasses,
-    MinRegionArea,
-    GrowDepth,
-    Metric,
-    DistortionThreshold,
-    BlindSplitDepthMax,
-    BlindSplitAreaMin,
-    BlindSplitMSEMin,
-    NumberOfClasses,
-    StructureLevels,
-    StructurePaths,
-    Multiplicity,
-    BetaMin,
-    BetaMax,
-    BetaBound,
-    RangeBandwidth,
-    SpatialBandwidth,
-    AutoAdjustKNN,
-    SkipLast,
-    Tolerance,
-    StopCriterion,
-    FinalRefinement,
-};
 
 // How a front end names a setting: where the value came from (a file line,
 // an override; empty when there is nothing to say) and the setting's name in
@@ -55,23 +30,10 @@ struct SettingName {
 };
 using SettingNames = std::function<SettingName(Setting)>;
 
-// The ini section of a setting ("POTTS_MODEL").
-const char* iniSection(Setting s);
 // The ini key of a setting, with no origin: the default naming.
 SettingName iniName(Setting s);
 // The property path of a setting in the MATLAB/Octave settings object.
 SettingName matlabName(Setting s);
-
-// Limits of the documented ranges.
-constexpr int kMaxMultiplicity = 64;      // children per split (and AutoAdjustKNN modes)
-constexpr int kMaxGrowDepth = 1000;       // levels of a balanced tree
-constexpr int kMaxPathLength = 1000;      // entries of one class path
-constexpr int kMaxMetric = 8;             // blind metrics 0..8
-constexpr int kMaxStopCriterion = 2;      // 0 split gain, 1 ICL, 2 BIC
-constexpr int kMaxRefinementRounds = 1000;  // rounds of the final refinement
-constexpr double kMaxAbsBeta = 100.0;     // |BetaMin|, |BetaMax|, |BetaBound|
-constexpr double kMaxAbsThreshold = 1e9;  // |SplitGainThreshold|; threshold - 1 stays distinct
-constexpr double kMaxAbsSetting = 1e15;   // every other real setting
 
 // The class structure as the user gave it, whole: the lists may be longer or
 // shorter than the record's NumberOfClasses says (the record's own arrays hold

@@ -7,46 +7,13 @@
 #include "data/ROI.h"
 #include "driver/DHC.h"
 #include "driver/DHC_OUT.h"
+#include "hierarchy/RegionFields.h"
 #include "settings/DHC_SET.h"
 #include "workspace/PottsWS.h"
 #include "workspace/Tree.h"
 #include "workspace/WSReport.h"
 
 namespace dhc {
-
-namespace {
-
-RegionNode fromReport(const WSReport& r) {
-    RegionNode n;
-    n.label = r.WSLab;
-    n.children.assign(r.children, r.children + r.nChildren);
-    n.childAreas.assign(r.chAreas, r.chAreas + r.nChildren);
-    n.path.assign(r.path, r.path + r.pathLength);
-    n.depth = r.pathLength;
-    n.area = r.area;
-    n.split = r.split;
-    n.terminal = r.terminal;
-    n.offspring.assign(r.offspring, r.offspring + r.nOffspring);
-    n.beta = r.beta;
-    n.edges = r.edges;
-    n.textureBased = r.textureBased;
-    n.splitGainMRF = r.splitGainMRF;
-    n.mixtureSplitGainTFR = r.mixtureSplitGainTFR;
-    n.splitGainTFR = r.splitGainTFR;
-    n.likelihoodEnergy = r.totalLikelihoodEnergy;
-    n.criterion = r.criterion;
-    n.refused = r.refused;
-    n.refusedGain = r.refusedGain;
-    n.refusedCriterion = r.refusedCriterion;
-    n.bands = r.nBands;
-    if (r.mean != nullptr) n.mean.assign(r.mean, r.mean + r.nBands);
-    if (r.covariance != nullptr)
-        for (int i = 0; i < r.nBands; ++i)
-            n.covariance.emplace_back(r.covariance[i], r.covariance[i] + r.nBands);
-    return n;
-}
-
-}  // namespace
 
 Hierarchy Hierarchy::fromRun(const DHC_OUT& out, const DHC_SET& settings) {
     if (out.dhc == nullptr || out.dhc->tree == nullptr || out.labelRoi == nullptr)
@@ -64,7 +31,7 @@ Hierarchy Hierarchy::fromRun(const DHC_OUT& out, const DHC_SET& settings) {
         delete[] raw;
         for (const auto& r : reports) {
             h.index_[r->WSLab] = static_cast<int>(h.nodes_.size());
-            h.nodes_.push_back(fromReport(*r));
+            h.nodes_.push_back(regionNode(*r));
         }
     }
     {

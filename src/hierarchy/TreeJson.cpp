@@ -1,9 +1,12 @@
 #include "hierarchy/TreeJson.h"
 
+#include <algorithm>
 #include <cmath>
+#include <vector>
 
 #include "hierarchy/Hierarchy.h"
 #include "settings/DHC_SET.h"
+#include "settings/SettingsTable.h"
 
 namespace dhc {
 
@@ -64,24 +67,12 @@ json region(const RegionNode& n) {
 }  // namespace
 
 json settingsJson(const DHC_SET& s) {
-    json out;
-    out["supervisedMode"] = s.supervisedMode;
-    out["variableMultiplicity"] = s.variableMultiplicity;
-    out["splitGainThreshold"] = number(s.splitGainThreshold);
-    out["maxNumberOfClasses"] = s.maxNumberOfClasses;
-    out["minSplitArea"] = number(s.minSplitArea);
-    out["blind"] = s.blind;
-    out["metric"] = s.metric;
-    out["distorsionThreshold"] = number(s.distorsionThreshold);
-    out["balancedTree"] = s.balancedTree;
-    out["growDepth"] = s.growDepth;
-    out["doubleSplit"] = s.doubleSplit;
-    out["fragmentation"] = s.fragmentation;
-    out["splitwiseDisconnect"] = s.splitwiseDisconnect;
-    out["blindDepth"] = number(s.blindDepth);
-    out["blindMSE"] = number(s.blindMSE);
-    out["blindArea"] = number(s.blindArea);
-    out["numberOfClasses"] = s.numberOfClasses;
+    // Every setting under its field's name, in the order the record declares them.
+    std::vector<const SettingRow*> rows;
+    for (const SettingRow& row : settingsTable()) rows.push_back(&row);
+    std::stable_sort(rows.begin(), rows.end(),
+                     [](const SettingRow* a, const SettingRow* b) { return a->offset < b->offset; });
+    // The class structure: one length per class, and each class's path.
     json levels = json::array(), paths = json::array();
     for (int c = 0, offset = 0; c < s.numberOfClasses && s.structureLevels != nullptr; ++c) {
         levels.push_back(s.structureLevels[c]);
@@ -91,21 +82,23 @@ json settingsJson(const DHC_SET& s) {
         paths.push_back(path);
         offset += s.structureLevels[c];
     }
-    out["structureLevels"] = levels;
-    out["structurePaths"] = paths;
-    out["multiplicity"] = s.multiplicity;
-    out["adaptive"] = s.adaptive;
-    out["betaMin"] = number(s.betaMin);
-    out["betaMax"] = number(s.betaMax);
-    out["betaBound"] = number(s.betaBound);
-    out["rangeBandwidth"] = number(s.rangeBandwidth);
-    out["spatialBandwidth"] = number(s.spatialBandwidth);
-    out["autoAdjustkNN"] = s.autoAdjustkNN;
-    out["skipLast"] = number(s.skipLast);
-    out["tolerance"] = number(s.tolerance);
-    out["kernelType"] = s.kernelType;
-    out["stopCriterion"] = s.stopCriterion;
-    out["finalRefinement"] = s.finalRefinement;
+    json out;
+    for (const SettingRow* row : rows) {
+        switch (row->kind) {
+            case SettingKind::Flag:
+                out[row->field] = s.*row->flag;
+                break;
+            case SettingKind::Int:
+                out[row->field] = s.*row->integer;
+                break;
+            case SettingKind::Double:
+                out[row->field] = number(s.*row->real);
+                break;
+            case SettingKind::IntArray:
+                out[row->field] = row->id == Setting::StructureLevels ? levels : paths;
+                break;
+        }
+    }
     return out;
 }
 

@@ -114,10 +114,22 @@ TreeLayout layoutTree(const Hierarchy& tree, const TreeOptions& options) {
     }
     const int leaves = static_cast<int>(leafOrder.size());
 
+    // A run that kept its splits by a model-selection criterion (every split
+    // has one) shows it, in nats per pixel of the region of interest: its
+    // split gains, which may be negative, decided nothing.
+    const double rootArea = std::max(1, tree.root().area);
+    bool byCriterion = splits > 0;
+    for (int r = 0; r < splits; ++r)
+        if (!std::isfinite(nodes[at.at(tree.splitOrder()[r])].criterion)) byCriterion = false;
+    auto score = [&](const RegionNode& n) { return byCriterion ? n.criterion / rootArea : n.splitGainTFR; };
+    const std::string scoreName = byCriterion ? "criterion" : "gain";
+
     TreeLayout layout;
     layout.title = "dhc tree: " + std::to_string(nodes.size()) +
                    (nodes.size() == 1 ? " region, " : " regions, ") + std::to_string(leaves) +
-                   (leaves == 1 ? " class" : " classes") + " (#label, area; split regions: split gain)";
+                   (leaves == 1 ? " class" : " classes") +
+                   (byCriterion ? " (#label, area; split regions: criterion, nats per pixel)"
+                                : " (#label, area; split regions: split gain)");
     const int left = kMargin + kAxisWidth;
     const int treeWidth = std::max(leaves * kSlot, 160);
     layout.cutLeft = left - 6;
@@ -137,7 +149,14 @@ TreeLayout layoutTree(const Hierarchy& tree, const TreeOptions& options) {
     }
     std::vector<int> rowY(static_cast<size_t>(splits));
     int leafY = top;
-    if (splits > 0) {
+    if (byCriterion) {
+        // The criterion does not fall from split to split (the largest is
+        // split first among the leaves of the moment, and one level deeper
+        // may keep a split of negative figure): one row per split rank, room
+        // for two lines of text, and no scale.
+        for (int r = 0; r < splits; ++r) rowY[r] = top + r * (2 * kTreeLineHeight + 4);
+        leafY = rowY.back() + kLeafGap;
+    } else if (splits > 0) {
         const double total = height[0] > 0 ? height[0] : 1.0;
         const int plotHeight = std::clamp(30 * splits, 200, 560);
         auto yOf = [&](double h) { return top + static_cast<int>(std::lround((total - h) / total * plotHeight)); };
@@ -182,7 +201,6 @@ TreeLayout layoutTree(const Hierarchy& tree, const TreeOptions& options) {
             lastLabel = c->y;
         }
 
-    const double rootArea = std::max(1, tree.root().area);
     const double pixelArea = options.pixelArea;
     std::unordered_map<int, size_t> placed;  // label -> index in layout.nodes
     auto place = [&](const RegionNode& n, int x, int y) {
@@ -202,7 +220,7 @@ TreeLayout layoutTree(const Hierarchy& tree, const TreeOptions& options) {
             p.textY = y + kMaxHalf + 4 + kTreeFontSize;
         } else {
             p.fill = splitColour.count(n.label) ? splitColour.at(n.label) : kTreeInnerFill;
-            p.text = {"#" + std::to_string(n.label) + "  " + area, "gain " + gainText(n.splitGainTFR)};
+            p.text = {"#" + std::to_string(n.label) + "  " + area, scoreName + " " + gainText(score(n))};
             p.textX = x + p.half + 4;
             p.textY = y - 3;
         }
@@ -211,7 +229,8 @@ TreeLayout layoutTree(const Hierarchy& tree, const TreeOptions& options) {
         if (n.split) {
             p.tooltip.push_back("split rank " + std::to_string(n.splitRank) + ", gain " +
                                 gainText(n.splitGainTFR) + " (MRF " + gainText(n.splitGainMRF) +
-                                ", mixture " + gainText(n.mixtureSplitGainTFR) + ")");
+                                ", mixture " + gainText(n.mixtureSplitGainTFR) + ")" +
+                                (byCriterion ? ", criterion " + gainText(n.criterion) + " nats" : ""));
             p.tooltip.push_back("\u03b2 " + gainText(n.beta) + ", " + std::to_string(n.children.size()) +
                                 " children");
         }

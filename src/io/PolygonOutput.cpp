@@ -13,7 +13,7 @@
 #include <sstream>
 #include <unistd.h>
 
-#include "frontend/InputError.h"
+#include "base/InputError.h"
 #include "io/GdalSupport.h"
 
 namespace dhc::io {

@@ -16,7 +16,8 @@
 #include <sstream>
 
 #include "data/ImageFile.h"
-#include "frontend/InputError.h"
+#include "base/InputError.h"
+#include "data/xy.h"
 #include "frontend/Scaling.h"
 #include "hierarchy/LabelColours.h"
 #include "io/GdalSupport.h"
@@ -31,7 +32,6 @@ using detail::lower;
 using detail::QuietGdal;
 using detail::quoted;
 
-constexpr int kMaxSide = 65535;  // coordinates are 16-bit, as for hraw files
 constexpr size_t kChunkPixels = size_t{1} << 20;
 
 Dataset open(const std::string& path, const std::string& role) {
@@ -51,9 +51,9 @@ Dataset open(const std::string& path, const std::string& role) {
         throw InputError(kExitInput,
                          "cannot read " + role + " " + quoted(path) + ": " + QuietGdal::lastError());
     const int rows = d->GetRasterYSize(), cols = d->GetRasterXSize();
-    if (rows <= 0 || cols <= 0 || rows > kMaxSide || cols > kMaxSide)
+    if (rows <= 0 || cols <= 0 || rows > kMaxImageSide || cols > kMaxImageSide)
         throw InputError(kExitInput, role + " " + quoted(path) + ": image side over " +
-                                         std::to_string(kMaxSide) + " (rows " + std::to_string(rows) +
+                                         std::to_string(kMaxImageSide) + " (rows " + std::to_string(rows) +
                                          ", cols " + std::to_string(cols) + ")");
     return d;
 }

@@ -13,7 +13,7 @@
 #include <mutex>
 #include <sstream>
 
-#include "frontend/InputError.h"
+#include "base/InputError.h"
 #include "io/GdalSupport.h"
 
 namespace dhc::io {

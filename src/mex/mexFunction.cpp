@@ -21,12 +21,15 @@
 #include <vector>
 
 #include "data/ROI.h"
+#include "data/xy.h"
 #include "driver/DHC.h"
 #include "driver/DHC_OUT.h"
-#include "frontend/InputError.h"
+#include "base/InputError.h"
+#include "frontend/HostGuard.h"
 #include "frontend/Segmentation.h"
 #include "frontend/SettingsCheck.h"
 #include "frontend/TreeOutput.h"
+#include "hierarchy/RegionFields.h"
 #include "mex.h"
 #include "mex/mxGrip.h"
 #include "model/Labelling.h"
@@ -34,27 +37,15 @@
 #include "settings/DHC_SET.h"
 #include "settings/Fatal.h"
 #include "settings/RowMatrix.h"
-#include "settings/dhcConfig.h"
+#include "mex/dhcConfig.h"
 #include "workspace/WSReport.h"
 
 namespace {
 
 const char* const kUsage = "Wrong in/out arguments. Check usage!";
 
-// The largest image side: pixel coordinates are 16-bit.
-const int kMaxSide = 65535;
 
-// A fatal condition of the core, carried out of it by unwinding.
-struct FatalCondition {
-    int status;
-    std::string message;
-};
-
-#ifndef DHC_MEX_LITERAL_EXIT
-[[noreturn]] void throwFatal(int status, const std::string& message, dhc::FatalChannel) {
-    throw FatalCondition{status, message};
-}
-#endif
+using dhc::FatalCondition;
 
 // Sends dhc::out() to the MATLAB/Octave console.
 class MexConsoleBuf : public std::streambuf {
@@ -69,31 +60,21 @@ class MexConsoleBuf : public std::streambuf {
     }
 };
 
-// Installs the module's fatal handler and console for one call and restores
-// the previous ones when the call ends, however it ends.
+// The module's console, and its fatal handler for one call (with
+// DHC_MEX_LITERAL_EXIT a fatal condition ends the host process instead).
 class HostGuard {
   public:
-    HostGuard() : console_(&buf_) {
-        previousOut_ = dhc::setOut(&console_);
-#ifndef DHC_MEX_LITERAL_EXIT
-        previousHandler_ = dhc::setFatalHandler(&throwFatal);
-#endif
-    }
-    ~HostGuard() {
-        console_.flush();
-#ifndef DHC_MEX_LITERAL_EXIT
-        dhc::setFatalHandler(previousHandler_);
-#endif
-        dhc::setOut(previousOut_);
-    }
-    HostGuard(const HostGuard&) = delete;
-    HostGuard& operator=(const HostGuard&) = delete;
+    HostGuard() : console_(&buf_), host_(console_, kUnwind) {}
 
   private:
+#ifdef DHC_MEX_LITERAL_EXIT
+    static constexpr bool kUnwind = false;
+#else
+    static constexpr bool kUnwind = true;
+#endif
     MexConsoleBuf buf_;
     std::ostream console_;
-    std::ostream* previousOut_ = nullptr;
-    dhc::FatalHandler previousHandler_ = nullptr;
+    dhc::HostGuard host_;
 };
 
 // Owner of a row-pointer matrix made by the readers (rows new[] rows).
@@ -220,44 +201,44 @@ mxArray* buildSummary(const dhc::SplitSummary& summary) {
     return s.release();
 }
 
-// One element per workspace report, 21 fields.
+// One element per workspace report, one field per row of the region fields.
 mxArray* buildReports(const dhc::RegionReports& reports) {
-    const char* fields[] = {"label",     "depth", "path",       "nChildren", "children", "offspCard",
-                            "offspring", "split", "isTerminal", "beta",      "edges",    "textureBased",
-                            "sgBasic",   "sgTex", "sgSpec",     "area",      "area_k",   "TlkE",
-                            "bands",     "mi",    "sigma"};
-    MxOwned s(newStruct(reports.size(), 21, fields));
+    const std::vector<dhc::RegionField>& fields = dhc::regionFields();
+    std::vector<const char*> names;
+    for (const dhc::RegionField& f : fields) names.push_back(f.matlab);
+    MxOwned s(newStruct(reports.size(), static_cast<int>(names.size()), names.data()));
     for (int i = 0; i < reports.size(); ++i) {
-        const WSReport& r = reports[i];
+        const dhc::RegionNode n = dhc::regionNode(reports[i]);
         mxArray* e = s.get();
-        mxSetField(e, i, "label", mxCreateDoubleScalar(r.WSLab));
-        mxSetField(e, i, "depth", mxCreateDoubleScalar(r.pathLength));
-        if (r.path != nullptr) mxSetField(e, i, "path", column(r.path, r.pathLength));
-        mxSetField(e, i, "nChildren", mxCreateDoubleScalar(r.nChildren));
-        if (r.children != nullptr) mxSetField(e, i, "children", column(r.children, r.nChildren));
-        mxSetField(e, i, "offspCard", mxCreateDoubleScalar(r.nOffspring));
-        if (r.offspring != nullptr) mxSetField(e, i, "offspring", column(r.offspring, r.nOffspring));
-        mxSetField(e, i, "split", mxCreateDoubleScalar(r.split ? 1 : 0));
-        mxSetField(e, i, "isTerminal", mxCreateDoubleScalar(r.terminal ? 1 : 0));
-        mxSetField(e, i, "beta", mxCreateDoubleScalar(r.beta));
-        mxSetField(e, i, "edges", mxCreateDoubleScalar(r.edges));
-        mxSetField(e, i, "textureBased", mxCreateDoubleScalar(r.textureBased ? 1 : 0));
-        mxSetField(e, i, "sgBasic", mxCreateDoubleScalar(r.splitGainTFR));
-        mxSetField(e, i, "sgTex", mxCreateDoubleScalar(r.mixtureSplitGainTFR));
-        mxSetField(e, i, "sgSpec", mxCreateDoubleScalar(r.splitGainMRF));
-        mxSetField(e, i, "area", mxCreateDoubleScalar(r.area));
-        if (r.chAreas != nullptr) mxSetField(e, i, "area_k", column(r.chAreas, r.nChildren));
-        mxSetField(e, i, "TlkE", mxCreateDoubleScalar(r.totalLikelihoodEnergy));
-        mxSetField(e, i, "bands", mxCreateDoubleScalar(r.nBands));
-        if (r.mean != nullptr) mxSetField(e, i, "mi", column(r.mean, r.nBands));
-        if (r.covariance != nullptr) {
-            const int n = r.nBands;
-            mxArray* sigma = mxCreateDoubleMatrix(n, n, mxREAL);
-            double* pr = mxGetPr(sigma);
-            for (int row = 0; row < n; ++row)
-                for (int col = 0; col < n; ++col)
-                    pr[row + static_cast<size_t>(col) * n] = r.covariance[row][col];
-            mxSetField(e, i, "sigma", sigma);
+        for (const dhc::RegionField& f : fields) {
+            switch (f.kind) {
+                case dhc::RegionFieldKind::Int:
+                case dhc::RegionFieldKind::Flag:
+                case dhc::RegionFieldKind::Real:
+                    mxSetField(e, i, f.matlab, mxCreateDoubleScalar(f.number(n)));
+                    break;
+                case dhc::RegionFieldKind::Ints: {
+                    const std::vector<int>& v = f.ints(n);
+                    if (!v.empty()) mxSetField(e, i, f.matlab, column(v.data(), static_cast<int>(v.size())));
+                    break;
+                }
+                case dhc::RegionFieldKind::Reals: {
+                    const std::vector<double>& v = f.reals(n);
+                    if (!v.empty()) mxSetField(e, i, f.matlab, column(v.data(), static_cast<int>(v.size())));
+                    break;
+                }
+                case dhc::RegionFieldKind::Matrix: {
+                    const std::vector<std::vector<double>>& m = f.matrix(n);
+                    if (m.empty()) break;
+                    const size_t d = m.size();
+                    mxArray* a = mxCreateDoubleMatrix(d, d, mxREAL);
+                    double* pr = mxGetPr(a);
+                    for (size_t row = 0; row < d; ++row)
+                        for (size_t col = 0; col < d; ++col) pr[row + col * d] = m[row][col];
+                    mxSetField(e, i, f.matlab, a);
+                    break;
+                }
+            }
         }
     }
     return s.release();
@@ -271,8 +252,8 @@ void run(int nlhs, mxArray* plhs[], const mxArray* problem, const mxArray* setti
         const mwSize* dim = mxGetDimensions(data.get());
         dhc::checkImageSize(static_cast<long long>(dim[0]), static_cast<long long>(dim[1]),
                             nd == 3 ? static_cast<long long>(dim[2]) : 1, "\"data\"");
-        if (dim[0] > kMaxSide || dim[1] > kMaxSide)
-            throw MxError("dhc:badProperty", "\"data\" has a side above " + std::to_string(kMaxSide));
+        if (dim[0] > kMaxImageSide || dim[1] > kMaxImageSide)
+            throw MxError("dhc:badProperty", "\"data\" has a side above " + std::to_string(kMaxImageSide));
         mxCheckIntValues(data.get(), "data");
     }
     int bands = 0, rows = 0, cols = 0;
@@ -292,7 +273,7 @@ void run(int nlhs, mxArray* plhs[], const mxArray* problem, const mxArray* setti
     IntMatrix gt;
     if (supervised) {
         gt = readFrameMap(problem, "gt", rows, cols);
-        if (gt.get() == nullptr) throw MxError("dhc:missingProperty", "a supervised run needs \"gt\"");
+        dhc::requireGroundTruth(true, gt.get() != nullptr, "supervisedMode=1", "\"gt\"");
     }
     IntMatrix initSeg = readFrameMap(problem, "initSeg", rows, cols);
     IntMatrix mask = readFrameMap(problem, "roi", rows, cols);
@@ -402,8 +383,8 @@ void modelCommand(int nlhs, mxArray* plhs[], int nrhs, const mxArray* prhs[]) {
     const mwSize* dim = mxGetDimensions(data);
     dhc::checkImageSize(static_cast<long long>(dim[0]), static_cast<long long>(dim[1]),
                         nd == 3 ? static_cast<long long>(dim[2]) : 1, "the image");
-    if (dim[0] > kMaxSide || dim[1] > kMaxSide)
-        throw MxError("dhc:badArgument", "the image has a side above " + std::to_string(kMaxSide));
+    if (dim[0] > kMaxImageSide || dim[1] > kMaxImageSide)
+        throw MxError("dhc:badArgument", "the image has a side above " + std::to_string(kMaxImageSide));
     mxCheckIntValues(data, "image");
     int bands = 0, rows = 0, cols = 0;
     int*** cubeRead = readMxCube<int>(data, bands, rows, cols);

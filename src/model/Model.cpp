@@ -9,7 +9,7 @@
 #include <set>
 #include <sstream>
 
-#include "frontend/InputError.h"
+#include "base/InputError.h"
 #include "frontend/InputFile.h"
 
 namespace dhc {

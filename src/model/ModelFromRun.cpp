@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include "frontend/InputError.h"
+#include "base/InputError.h"
 #include "driver/FinalModel.h"
 #include "hierarchy/Hierarchy.h"
 #include "hierarchy/TreeJson.h"

@@ -2,6 +2,8 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 
 #include "settings/Fatal.h"
 
@@ -70,27 +72,48 @@ double toDouble(const char* s) {
 
 }  // namespace
 
-ConfigFileParser::ConfigFileParser(const std::string& fileName) : file_(std::fopen(fileName.c_str(), "rb")) {}
+ConfigFileParser::ConfigFileParser(const std::string& fileName) {
+    std::ifstream in(fileName, std::ios::binary);
+    if (!in) return;
+    open_ = true;
+    text_.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
 
-ConfigFileParser::~ConfigFileParser() {
-    close();
+ConfigFileParser ConfigFileParser::ofText(std::string text) {
+    ConfigFileParser parser;
+    parser.text_ = std::move(text);
+    parser.open_ = true;
+    return parser;
 }
 
 void ConfigFileParser::close() {
-    if (file_ != nullptr) std::fclose(file_);
-    file_ = nullptr;
+    open_ = false;
+    text_.clear();
+    at_ = 0;
     sectionStart_ = -1;
+}
+
+bool ConfigFileParser::nextLine(char (&line)[kLineSize]) {
+    if (at_ >= text_.size()) return false;
+    std::size_t n = 0;
+    while (n + 1 < static_cast<std::size_t>(kLineSize) && at_ < text_.size()) {
+        const char c = text_[at_++];
+        line[n++] = c;
+        if (c == '\n') break;
+    }
+    line[n] = '\0';
+    return true;
 }
 
 bool ConfigFileParser::seekArgument(const std::string& section) {
     sectionStart_ = -1;
-    if (file_ == nullptr) return false;
+    if (!open_) return false;
     const std::string opening = "[" + section + "]";
-    std::rewind(file_);
+    at_ = 0;
     char line[kLineSize];
-    while (std::fgets(line, kLineSize, file_) != nullptr) {
+    while (nextLine(line)) {
         if (std::strncmp(line, opening.c_str(), opening.size()) == 0) {
-            sectionStart_ = std::ftell(file_);
+            sectionStart_ = static_cast<long>(at_);
             sectionFound_ = true;
             return true;
         }
@@ -99,21 +122,19 @@ bool ConfigFileParser::seekArgument(const std::string& section) {
 }
 
 bool ConfigFileParser::eoa() {
-    if (file_ == nullptr) return true;
-    const long here = std::ftell(file_);
+    if (!open_) return true;
+    const std::size_t here = at_;
     char line[kLineSize];
-    const bool empty = std::fgets(line, kLineSize, file_) == nullptr || isEmptyLine(line);
-    std::clearerr(file_);
-    std::fseek(file_, here, SEEK_SET);
+    const bool empty = !nextLine(line) || isEmptyLine(line);
+    at_ = here;
     return empty;
 }
 
 bool ConfigFileParser::scanSection(const std::string& key, std::string& value) {
-    if (file_ == nullptr || sectionStart_ < 0) return false;
-    std::clearerr(file_);
-    std::fseek(file_, sectionStart_, SEEK_SET);
+    if (!open_ || sectionStart_ < 0) return false;
+    at_ = static_cast<std::size_t>(sectionStart_);
     char line[kLineSize];
-    while (std::fgets(line, kLineSize, file_) != nullptr && !isEmptyLine(line)) {
+    while (nextLine(line) && !isEmptyLine(line)) {
         // A line without '=' is not a key line; it is skipped.
         const char* eq = std::strchr(line, '=');
         if (eq == nullptr) continue;

@@ -1,5 +1,6 @@
 #pragma once
-// Reader of ini-style configuration files.
+// Reader of ini-style configuration text: a file, or text already in memory
+// (the front ends' checked configuration), read by the same rules.
 //
 // Syntax, as read here:
 //   [SECTION]           a line beginning with the bracketed name (anything may follow)
@@ -21,7 +22,7 @@
 // memory owned by the caller (matrix rows and string-array elements are
 // separate new[] blocks; free them with the free* helpers or by hand).
 
-#include <cstdio>
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -31,14 +32,18 @@ class ConfigFileParser {
   public:
     static constexpr int kLineSize = 1024;
 
-    // Opens fileName for binary reading.  A file that cannot be opened behaves
-    // as a file without sections.
+    // Reads fileName whole, in binary.  A file that cannot be read behaves as
+    // a file without sections.
     explicit ConfigFileParser(const std::string& fileName);
-    ~ConfigFileParser();
+    // The same reader over text in memory: the text is read exactly as a file
+    // holding these bytes would be.
+    static ConfigFileParser ofText(std::string text);
+    ConfigFileParser(ConfigFileParser&&) = default;
+    ConfigFileParser& operator=(ConfigFileParser&&) = default;
     ConfigFileParser(const ConfigFileParser&) = delete;
     ConfigFileParser& operator=(const ConfigFileParser&) = delete;
 
-    // Closes the file (also done by the destructor); later lookups find nothing.
+    // Closes the text; later lookups find nothing.
     void close();
 
     // Positions after the line that opens [section]; true when found.
@@ -75,12 +80,19 @@ class ConfigFileParser {
     }
 
   private:
+    ConfigFileParser() = default;
+    // The next line as the C library's fgets reads it into a buffer of
+    // kLineSize: at most kLineSize - 1 bytes, up to and with the '\n'.  False
+    // at the end of the text.
+    bool nextLine(char (&line)[kLineSize]);
     // Value of key in the current section, after the "no section yet" rule.
     bool lookup(const std::string& key, std::string& value);
     bool scanSection(const std::string& key, std::string& value);
     std::vector<std::string> elements(const std::string& key, int n, bool& present);
 
-    std::FILE* file_ = nullptr;
+    std::string text_;
+    bool open_ = false;
+    std::size_t at_ = 0;      // reading position in text_
     long sectionStart_ = -1;  // offset after the section line; -1 = no current section
     bool sectionFound_ = false;
 };

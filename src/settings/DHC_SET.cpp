@@ -5,6 +5,14 @@
 
 DHC_SET::DHC_SET(std::string fileName) {
     ConfigFileParser ini(dhc::cutFileName(fileName));
+    read(ini);
+}
+
+DHC_SET::DHC_SET(ConfigFileParser& ini) {
+    read(ini);
+}
+
+void DHC_SET::read(ConfigFileParser& ini) {
     maxLabels = 1000000;
     blindActive = false;
     blindDepth = blindMSE = blindArea = 0.0;

@@ -1,12 +1,14 @@
 #pragma once
 // Settings of one segmentation run: the splitting driver reads the splitting
 // fields, the Potts engine the Potts and mean-shift fields.  Filled either from
-// the MATLAB settings object (dhcConfig, MEX module only) or from an ini file
+// the MATLAB settings object (dhcConfig, src/mex) or from an ini file
 // (DHC_SET(fileName)).  Created with new by its producer; the driver does not
 // own it.  Owns structureLevels and structurePaths (new[]), hence not copyable.
 //
 // A field that its source does not provide keeps the default given here (a
-// missing ini key reads as 0 / false / 0.0).
+// missing ini key reads as 0 / false / 0.0).  Every setting of a field is a
+// row of the settings table (SettingsTable.h); the tree JSON lists the fields
+// in the order they are declared here.
 
 #include <string>
 
@@ -56,14 +58,6 @@ struct DHC_SET {
     int* structureLevels = nullptr;
     // Supervised: all class paths concatenated (sum of structureLevels entries, new[]).
     int* structurePaths = nullptr;
-    // Gain-driven splitting: how a test split is judged.  0 = its split gain
-    // against splitGainThreshold; 1 = ICL, 2 = BIC (a split is kept when the
-    // criterion, in nats, is positive; splitGainThreshold is not used).
-    int stopCriterion = 0;
-    // Unsupervised runs with a tree: at most this many rounds of the joint
-    // refinement of the final map (EM over the leaves' Gaussians, then Potts
-    // ICM); 0 = the map of the tree's leaves as it is.
-    int finalRefinement = 0;
     // Number of children per split.
     int multiplicity = 0;
     // Adaptive estimation of the Potts interaction beta.
@@ -83,12 +77,22 @@ struct DHC_SET {
     double tolerance = 0.0;
     // Mean shift: kernel selector.
     int kernelType = 0;
+    // Gain-driven splitting: how a test split is judged.  0 = its split gain
+    // against splitGainThreshold; 1 = ICL, 2 = BIC (a split is kept when the
+    // criterion, in nats, is positive; splitGainThreshold is not used).
+    int stopCriterion = 0;
+    // Unsupervised runs with a tree: at most this many rounds of the joint
+    // refinement of the final map (EM over the leaves' Gaussians, then Potts
+    // ICM); 0 = the map of the tree's leaves as it is.
+    int finalRefinement = 0;
 
     DHC_SET() = default;
     // Reads the ini file (at most the first 200 characters of the name are used).
     // A file in which [SEGM_MAIN_CONFIGURATION] cannot be found ends the process
     // with status -1.
     explicit DHC_SET(std::string fileName);
+    // Reads the same keys from a parser over configuration text.
+    explicit DHC_SET(ConfigFileParser& ini);
     ~DHC_SET();
     DHC_SET(const DHC_SET&) = delete;
     DHC_SET& operator=(const DHC_SET&) = delete;
@@ -98,6 +102,10 @@ struct DHC_SET {
     void readPottsModel(ConfigFileParser& ini);
     void readMeanShift(ConfigFileParser& ini);
 
+  private:
+    void read(ConfigFileParser& ini);
+
+  public:
     // blindActive = blindDepth, blindMSE or blindArea is non-zero.
     void updateBlindActive() { blindActive = blindDepth != 0.0 || blindMSE != 0.0 || blindArea != 0.0; }
 };

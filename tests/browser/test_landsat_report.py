@@ -25,7 +25,8 @@ TOOL = os.environ.get("DHC_TOOL", "dhc")
 SCENE = os.path.join(SOURCE, "data", "L7_ETMs.tif")
 SVG = "{http://www.w3.org/2000/svg}"
 # The demo's settings, given explicitly so the test does not follow the defaults.
-SETTINGS = ["UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=6", "UNSUPERVISED_MODE_CONF.SplitGainThreshold=0.05"]
+SETTINGS = ["UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=6", "UNSUPERVISED_MODE_CONF.SplitGainThreshold=0.05",
+            "UNSUPERVISED_MODE_CONF.StopCriterion=0", "UNSUPERVISED_MODE_CONF.FinalRefinement=0"]
 
 gdal.UseExceptions()
 

@@ -13,7 +13,7 @@
 #include <limits>
 #include <vector>
 
-#include "frontend/InputError.h"
+#include "base/InputError.h"
 #include "frontend/Segmentation.h"
 #include "settings/DHC_SET.h"
 

@@ -6,8 +6,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <map>
 #include <set>
+#include <string>
 
 #include "hierarchy/Hierarchy.h"
 #include "hierarchy/HierarchyRuns.h"
@@ -86,6 +88,39 @@ TEST_F(Picture, SplitsStandAtTheGainStillToComeAboveTheirCutLines) {
         EXPECT_LT(c.y, leafY);
     }
     EXPECT_TRUE(layout.cuts.back().labelled);
+}
+
+// A run that kept its splits by a criterion shows each split's criterion per
+// pixel of the region of interest, one row per split rank with room for its
+// two lines, and no gain scale (its gains decided nothing).
+TEST(TreePictureCriterion, SplitsShowTheirCriterionOnRowsOfTheirOwn) {
+    Scene scene = sixBlocks();
+    std::unique_ptr<DHC_SET> settings = gainSettings(2, 6);
+    settings->stopCriterion = 1;
+    SceneRun r = run(scene, *settings);
+    const dhc::Hierarchy h = dhc::Hierarchy::fromRun(r.out, *settings);
+    ASSERT_GE(h.splits(), 2);
+    const dhc::TreeLayout layout = dhc::layoutTree(h);
+    EXPECT_TRUE(layout.ticks.empty());
+    EXPECT_NE(layout.title.find("criterion"), std::string::npos) << layout.title;
+    std::map<int, const dhc::TreeLayout::Node*> byLabel;
+    for (const auto& n : layout.nodes) byLabel[n.label] = &n;
+    int previous = -1;
+    for (int rank = 1; rank <= h.splits(); ++rank) {
+        const dhc::RegionNode& split = h.node(h.splitOrder()[rank - 1]);
+        const auto* p = byLabel.at(split.label);
+        ASSERT_EQ(p->text.size(), 2u);
+        const std::string& figure = p->text.back();
+        ASSERT_EQ(figure.rfind("criterion ", 0), 0u) << figure;
+        EXPECT_NEAR(std::stod(figure.substr(10)), split.criterion / h.root().area,
+                    1e-2 * std::fabs(split.criterion / h.root().area));
+        if (previous >= 0) { EXPECT_GE(p->y - previous, 2 * dhc::kTreeLineHeight); }
+        previous = p->y;
+    }
+    // The same run by the split gain keeps its scale.
+    settings->stopCriterion = 0;
+    SceneRun classic = run(scene, *settings);
+    EXPECT_FALSE(dhc::layoutTree(dhc::Hierarchy::fromRun(classic.out, *settings)).ticks.empty());
 }
 
 TEST_F(Picture, RegionsWearTheColoursOfTheirCutMaps) {

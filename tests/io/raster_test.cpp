@@ -12,6 +12,7 @@
 #include <sys/resource.h>
 #include <functional>
 #include <limits>
+#include <set>
 #include <map>
 
 #include "ToolTest.h"
@@ -269,6 +270,13 @@ TEST_F(Raster, NodataPixelsAreOutsideTheRegionAndTheStatistics) {
     floats.type = GDT_Float32;
     writeRaster("nan.tif", floats, scene.bands, kOuter, kOuter,
                 framed(scene.bands, [nan](int, int, int) { return nan; }));
+    // A Float32 nodata value: the lowest float, compared in the band's own type.
+    Layout floatNodata;
+    floatNodata.type = GDT_Float32;
+    floatNodata.hasNodata = true;
+    floatNodata.nodata = -std::numeric_limits<float>::max();
+    writeRaster("fnodata.tif", floatNodata, scene.bands, kOuter, kOuter,
+                framed(scene.bands, [](int, int, int) { return -std::numeric_limits<float>::max(); }));
     writeRaster("zeros.tif", Layout(), scene.bands, kOuter, kOuter,
                 framed(scene.bands, [](int, int, int) { return 0; }));
     Hraw zeros{scene.bands, kOuter, kOuter, {}};
@@ -288,6 +296,7 @@ TEST_F(Raster, NodataPixelsAreOutsideTheRegionAndTheStatistics) {
     const std::pair<Args, std::string> runs[] = {
         {{"nodata.tif"}, "nodata value, in one band per pixel"},
         {{"nan.tif", "--scale", "1"}, "NaN"},
+        {{"fnodata.tif", "--scale", "1"}, "Float32 nodata value"},
         {{"zeros.tif", "--nodata", "0"}, "--nodata"},
         {{"alpha.tif"}, "alpha band"},
         {{"zeros.hraw", "--nodata", "0"}, "--nodata on hraw"},
@@ -327,6 +336,36 @@ TEST_F(Raster, NodataPixelsAreOutsideTheRegionAndTheStatistics) {
         last.err.find(std::to_string((kOuter / 2 - kBorder) * kSide) + " pixels in the region of interest"),
         std::string::npos)
         << last.err;
+    // A floating-point mask selects by its values as they are: the image's
+    // scale (here 2) is for the image only.
+    Layout floatMap;
+    floatMap.type = GDT_Float32;
+    writeRaster("fmask.tif", floatMap, 1, kOuter, kOuter, half);
+    segment({"segment", "nan.tif", "--scale", "2", "--mask", "fmask.tif", "-o", "fmasked.tif"});
+    EXPECT_NE(
+        last.err.find(std::to_string((kOuter / 2 - kBorder) * kSide) + " pixels in the region of interest"),
+        std::string::npos)
+        << last.err;
+    // So does a floating-point ground truth: its labels are the classes' own.
+    std::vector<double> truth;
+    for (int r = 0; r < kOuter; ++r)
+        for (int c = 0; c < kOuter; ++c) truth.push_back(c < kOuter / 2 ? 1 : 2);
+    writeRaster("fgt.tif", floatMap, 1, kOuter, kOuter, truth);
+    Layout intMap;
+    intMap.type = GDT_Int32;
+    writeRaster("gt.tif", intMap, 1, kOuter, kOuter, truth);
+    const Args supervised = {"--set", "SEGM_MAIN_CONFIGURATION.SupervisedMode=1",
+                             "--set", "SUPERVISED_MODE_CONF.NumberOfClasses=2",
+                             "--set", "SUPERVISED_MODE_CONF.StructureLevels={1 1}",
+                             "--set", "SUPERVISED_MODE_CONF.StructurePaths={0 1}"};
+    for (const char* gt : {"fgt.tif", "gt.tif"}) {
+        Args args = {"segment", "nan.tif", "--scale", "2", "--gt", gt, "-o", std::string("s") + gt};
+        args.insert(args.end(), supervised.begin(), supervised.end());
+        segment(args);
+    }
+    const std::vector<int32_t> fromFloat = band("sfgt.tif"), fromInt = band("sgt.tif");
+    EXPECT_EQ(fromFloat, fromInt);
+    EXPECT_EQ(std::set<int32_t>(fromInt.begin(), fromInt.end()), (std::set<int32_t>{0, 1, 2}));
 }
 
 class BadRaster : public Raster {

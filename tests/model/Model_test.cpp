@@ -8,7 +8,7 @@
 #include <limits>
 #include <string>
 
-#include "frontend/InputError.h"
+#include "base/InputError.h"
 #include "model/Model.h"
 
 namespace dhc {

@@ -11,7 +11,7 @@
 #include "mex.h"
 #include "mex/mxGrip.h"
 #include "settings/DHC_SET.h"
-#include "settings/dhcConfig.h"
+#include "mex/dhcConfig.h"
 
 // The record's scalar members.
 // clang-format off

@@ -76,6 +76,34 @@ TEST(ConfigFileParser, ValuesArraysAndMatricesOfTheCurrentSectionWithLfOrCrlf) {
     }
 }
 
+// The reader takes lines in chunks of 1023 bytes, as fgets into its 1024-byte
+// buffer: the rest of a longer line is read as a line of its own.  A NUL byte
+// ends a value; the last line needs no line end.  Text in memory reads the same.
+TEST(ConfigFileParser, TextInMemoryKeepsTheFileReadersQuirks) {
+    const std::string longLine = "Pad=" + std::string(1019, 'x') + "Tail=5\n";  // "Tail=" starts at byte 1023
+    std::string text = "[S]\n" + longLine + "Nul=1";
+    text += '\0';
+    text += "9\nLast=3";
+    for (bool inMemory : {false, true}) {
+        SCOPED_TRACE(inMemory ? "text" : "file");
+        const std::string path = writeIni("quirks.ini", text);
+        ConfigFileParser p = inMemory ? ConfigFileParser::ofText(text) : ConfigFileParser(path);
+        ASSERT_TRUE(p.seekArgument("S"));
+        EXPECT_EQ(p.seekInt("Tail", 0), 5);
+        EXPECT_EQ(p.seekString("Pad", "").size(), 1019u);
+        EXPECT_EQ(p.seekString("Nul", ""), "1");
+        EXPECT_EQ(p.seekInt("Last", 0), 3);
+        EXPECT_TRUE(p.eoa());  // after the last line
+        p.close();
+        EXPECT_FALSE(p.seekArgument("S"));
+        std::remove(path.c_str());
+    }
+    // The rest of a long section line is the section's first key line.
+    ConfigFileParser p = ConfigFileParser::ofText("[S]" + std::string(1020, ' ') + "Key=7\n");
+    ASSERT_TRUE(p.seekArgument("S"));
+    EXPECT_EQ(p.seekInt("Key", 0), 7);
+}
+
 TEST(ConfigFileParserDeath, LookupBeforeAnySectionEndsWithMinusOne) {
     const std::string path = writeIni("nosection.ini", "[REAL]\nKey=1\n");
     EXPECT_EXIT(ConfigFileParser(path).seekInt("Key", 0), ::testing::ExitedWithCode(255), "");

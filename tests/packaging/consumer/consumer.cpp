@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "frontend/IniFile.h"
-#include "frontend/InputError.h"
+#include "base/InputError.h"
 #include "frontend/Segmentation.h"
 #include "settings/DHC_SET.h"
 
