@@ -106,6 +106,24 @@ class Raster : public ToolTest {
         EXPECT_EQ(last.status, 0) << last.err;
     }
 
+    // Raster `name` lies where the test rasters lie (UTM zone 25S), shifted by
+    // (col, row) pixels.
+    void expectPlace(const std::string& name, int col = 0, int row = 0) const {
+        SCOPED_TRACE(name);
+        Dataset d = open(name);
+        ASSERT_TRUE(d);
+        double t[6], want[6];
+        std::copy(kTransform, kTransform + 6, want);
+        want[0] += col * kTransform[1];
+        want[3] += row * kTransform[5];
+        ASSERT_EQ(d->GetGeoTransform(t), CE_None);
+        EXPECT_TRUE(std::equal(t, t + 6, want));
+        OGRSpatialReference expected;
+        expected.importFromEPSG(32725);
+        ASSERT_NE(d->GetSpatialRef(), nullptr);
+        EXPECT_TRUE(d->GetSpatialRef()->IsSame(&expected));
+    }
+
     // The files of the scratch directory.
     std::set<std::string> files() const {
         std::set<std::string> names;
@@ -191,15 +209,9 @@ TEST_F(Raster, LabelMapsKeepTheGeoreferenceAndThePictureColours) {
     const std::vector<int32_t> labels = band("labels.tif");
     EXPECT_EQ(labels, readHraw("labels.hraw").values);
 
+    expectPlace("labels.tif");
     Dataset out = open("labels.tif");
     ASSERT_TRUE(out);
-    double transform[6];
-    ASSERT_EQ(out->GetGeoTransform(transform), CE_None);
-    for (int i = 0; i < 6; ++i) EXPECT_EQ(transform[i], kTransform[i]);
-    OGRSpatialReference expected;
-    expected.importFromEPSG(32725);
-    ASSERT_NE(out->GetSpatialRef(), nullptr);
-    EXPECT_TRUE(out->GetSpatialRef()->IsSame(&expected));
     EXPECT_STREQ(out->GetMetadataItem("SENSOR"), "test scene");
     GDALRasterBand* b = out->GetRasterBand(1);
     EXPECT_EQ(b->GetRasterDataType(), GDT_Byte);  // a handful of labels
@@ -228,10 +240,7 @@ TEST_F(Raster, LabelMapsKeepTheGeoreferenceAndThePictureColours) {
     // The fragment map goes the same way; nothing but the outputs is left.
     segment({"segment", "scene.tif", "-o", "classes.tiff", "--fragments", "fragments.tif", "--set",
              "UNSUPERVISED_MODE_CONF.Fragmentation=1", "-q"});
-    Dataset fragments = open("fragments.tif");
-    ASSERT_TRUE(fragments);
-    ASSERT_EQ(fragments->GetGeoTransform(transform), CE_None);
-    EXPECT_EQ(transform[0], kTransform[0]);
+    expectPlace("fragments.tif");
     EXPECT_EQ(pieces(Hraw{1, kSide, kSide, band("classes.tiff")}),
               static_cast<int>(distinctLabels(band("fragments.tif")).size()));
     EXPECT_EQ(files(), (std::set<std::string>{"scene.hraw", "truth.hraw", "scene.tif", "labels.hraw",
@@ -486,13 +495,7 @@ TEST_F(Raster, EveryRasterOutputGoesThroughTheDriverOfItsName) {
                   "cut after " + std::to_string(b) + (b == 1 ? " split, " : " splits, ") +
                       std::to_string(distinctLabels(want).size()) + (b == 0 ? " class" : " classes"));
     }
-    double transform[6];
-    ASSERT_EQ(levels->GetGeoTransform(transform), CE_None);
-    for (int i = 0; i < 6; ++i) EXPECT_EQ(transform[i], kTransform[i]);
-    OGRSpatialReference expected;
-    expected.importFromEPSG(32725);
-    ASSERT_NE(levels->GetSpatialRef(), nullptr);
-    EXPECT_TRUE(levels->GetSpatialRef()->IsSame(&expected));
+    expectPlace("levels.tif");
 
     // Every raster says what made it and how.
     for (const char* name : {"labels.png", "levels.tif"}) {
@@ -520,30 +523,6 @@ TEST_F(Raster, EveryRasterOutputGoesThroughTheDriverOfItsName) {
     ASSERT_TRUE(lzw);
     EXPECT_STREQ(lzw->GetMetadataItem("COMPRESSION", "IMAGE_STRUCTURE"), "LZW");
     EXPECT_EQ(band("levels.tiff", stack.bands), band("labels.img"));
-}
-
-TEST_F(Raster, RelabelNumbersTheClassesFromOneAndTheTreeKeepsTheirRegions) {
-    segment(with({"segment", "scene.hraw", "-o", "regions.hraw", "-q"}, kFewClasses));
-    segment(with({"segment", "scene.hraw", "-o", "classes.tif", "--relabel", "--tree", "tree.json", "-q"},
-                 kFewClasses));
-    const std::vector<int32_t> regions = readHraw("regions.hraw").values, classes = band("classes.tif");
-    const std::vector<int32_t> present = distinctLabels(classes);
-    ASSERT_GE(present.size(), 2u);
-    EXPECT_EQ(present.front(), 1);
-    EXPECT_EQ(present.back(), static_cast<int32_t>(present.size()));  // 1..K, none missing
-    // Class k is the k-th smallest region label: the mapping the tree records.
-    const std::vector<int32_t> labels = distinctLabels(regions);
-    std::ifstream in(path("tree.json"));
-    const std::string json((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    std::string listed;
-    for (size_t k = 0; k < labels.size(); ++k) listed += (k ? "," : "") + std::to_string(labels[k]);
-    std::string compact;
-    for (char c : json)
-        if (!std::isspace(static_cast<unsigned char>(c))) compact += c;
-    EXPECT_NE(compact.find("\"relabel\":{\"order\":\"ascendingregionlabel\",\"classes\":[" + listed + "]}"),
-              std::string::npos);
-    for (size_t i = 0; i < regions.size(); ++i)
-        ASSERT_EQ(regions[i], classes[i] == 0 ? 0 : labels[static_cast<size_t>(classes[i] - 1)]) << i;
 }
 
 TEST_F(Raster, InputsThroughVirtualFileSystemsBandsAndWindows) {
@@ -586,10 +565,7 @@ TEST_F(Raster, InputsThroughVirtualFileSystemsBandsAndWindows) {
     ASSERT_TRUE(window);
     EXPECT_EQ(window->GetRasterXSize(), kCols);
     EXPECT_EQ(window->GetRasterYSize(), kRows);
-    double t[6];
-    ASSERT_EQ(window->GetGeoTransform(t), CE_None);
-    EXPECT_EQ(t[0], kTransform[0] + kCol * kTransform[1]);
-    EXPECT_EQ(t[3], kTransform[3] + kRow * kTransform[5]);
+    expectPlace("window.tif", kCol, kRow);
 
     const std::pair<Args, std::string> refused[] = {
         {{"--bands", "1,9"}, "dhc: --bands: image \"scene.tif\" has no band 9 (it has " +
