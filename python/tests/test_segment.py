@@ -177,6 +177,17 @@ def test_cuts_levels_and_tree_equal_the_tools(scene, tmp_path):
         # The same document but for the program's name.
         assert result.tree["regions"] == expected["regions"]
         assert result.tree["splitOrder"] == expected["splitOrder"]
+        # Each region's own figures are the document's, field by field.
+        by_label = {r["label"]: r for r in expected["regions"]}
+        gains = set()
+        for r in result.regions:
+            doc = by_label[r.label]
+            assert (r.area, r.edges if r.split else None) == (doc["area"], doc["edges"])
+            if r.split:
+                g = doc["splitGain"]
+                assert (r.beta, r.sg_basic, r.sg_tex, r.sg_spec) == (doc["beta"], g["TFR"], g["mixtureTFR"], g["MRF"])
+                gains.add((g["TFR"], g["mixtureTFR"], g["MRF"]))
+        assert any(tfr != mixture for tfr, mixture, _ in gains)  # a gain filed under the other shows
     with pytest.raises(ValueError, match="no cut of the tree has 2 classes"):
         result.cut(classes=2)  # three children per split: 1, 3, 5, ... classes
     with pytest.raises(ValueError, match="k must be from 0 to"):

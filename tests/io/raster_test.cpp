@@ -278,6 +278,9 @@ TEST_F(Raster, NodataPixelsAreOutsideTheRegionAndTheStatistics) {
     floats.type = GDT_Float32;
     writeRaster("nan.tif", floats, scene.bands, kOuter, kOuter,
                 framed(scene.bands, [nan](int, int, int) { return nan; }));
+    // A --nodata value a Float32 band cannot hold: its pixels hold the nearest float.
+    writeRaster("float32.tif", floats, scene.bands, kOuter, kOuter,
+                framed(scene.bands, [](int, int, int) { return -9999.9; }));
     writeRaster("zeros.tif", Layout(), scene.bands, kOuter, kOuter,
                 framed(scene.bands, [](int, int, int) { return 0; }));
     Hraw zeros{scene.bands, kOuter, kOuter, {}};
@@ -297,6 +300,7 @@ TEST_F(Raster, NodataPixelsAreOutsideTheRegionAndTheStatistics) {
     const std::pair<Args, std::string> runs[] = {
         {{"nodata.tif"}, "nodata value, in one band per pixel"},
         {{"nan.tif", "--scale", "1"}, "NaN"},
+        {{"float32.tif", "--scale", "1", "--nodata", "-9999.9"}, "--nodata on Float32"},
         {{"zeros.tif", "--nodata", "0"}, "--nodata"},
         {{"alpha.tif"}, "alpha band"},
         {{"zeros.hraw", "--nodata", "0"}, "--nodata on hraw"},
@@ -581,6 +585,48 @@ TEST_F(Raster, InputsThroughVirtualFileSystemsBandsAndWindows) {
     const Result hraw = dhc({"segment", "scene.hraw", "-o", "x.tif", "--bands", "1", "-q"});
     EXPECT_EQ(hraw.status, 2);
     EXPECT_EQ(hraw.err, "dhc: --bands reads through GDAL: \"scene.hraw\" is an hraw file, which is read whole\n");
+}
+
+// The maps beside a floating-point image hold labels: the image's scale is
+// not theirs, and they give what the same maps give beside the hraw image.
+TEST_F(Raster, FloatMapsBesideAScaledFloatImageKeepTheirValues) {
+    Layout floats;
+    floats.type = GDT_Float32;
+    writeRaster("quarters.tif", floats, scene.bands, kSide, kSide, sceneValues(0.25));
+    Hraw mask{1, kSide, kSide, {}}, init = mask, truth = readHraw("truth.hraw");
+    for (int i = 0; i < kSide * kSide; ++i) {
+        mask.values.push_back(i % kSide < 6 ? 0 : 1);
+        init.values.push_back(i / kSide < 4 ? 0 : 1 + (i % kSide >= kSide / 2));
+    }
+    for (const auto& [name, map] : {std::pair<std::string, const Hraw&>{"mask", mask}, {"init", init}, {"gt", truth}}) {
+        writeHraw(name + ".hraw", map);
+        writeRaster(name + ".tif", floats, 1, kSide, kSide, std::vector<double>(map.values.begin(), map.values.end()));
+    }
+    const Args supervised = {"--set", "SEGM_MAIN_CONFIGURATION.SupervisedMode=1",
+                             "--set", "SUPERVISED_MODE_CONF.NumberOfClasses=4",
+                             "--set", "SUPERVISED_MODE_CONF.StructureLevels={2 2 2 2}",
+                             "--set", "SUPERVISED_MODE_CONF.StructurePaths={0 0 0 1 1 0 1 1}"};
+    // Map options and names, and the settings of the run.
+    const std::pair<Args, Args> runs[] = {{{"--mask", "mask", "--init", "init"}, {}}, {{"--gt", "gt"}, supervised}};
+    for (const auto& [maps, settings] : runs) {
+        SCOPED_TRACE(maps[0]);
+        Args fromHraw = with({"segment", "scene.hraw", "-o", "expected.hraw", "-q"}, settings);
+        Args fromFloat = with({"segment", "quarters.tif", "--scale", "4", "-o", "labels.hraw", "-q"}, settings);
+        for (size_t k = 0; k + 1 < maps.size(); k += 2) {
+            fromHraw = with(fromHraw, {maps[k], maps[k + 1] + ".hraw"});
+            fromFloat = with(fromFloat, {maps[k], maps[k + 1] + ".tif"});
+        }
+        segment(with(fromHraw, kFewClasses));
+        segment(with(fromFloat, kFewClasses));
+        EXPECT_EQ(read("labels.hraw"), read("expected.hraw"));
+    }
+    // A label is a whole number: never rounded.
+    std::vector<double> half(mask.values.begin(), mask.values.end());
+    half[kSide + 2] = 0.5;
+    writeRaster("half.tif", floats, 1, kSide, kSide, half);
+    const Result run = dhc({"segment", "quarters.tif", "--scale", "4", "--mask", "half.tif", "-o", "x.hraw"});
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.err, "dhc: mask \"half.tif\" band 1: value 0.5 at row 2, column 3 is not a whole number\n");
 }
 
 TEST_F(Raster, SignedBytesAreReadAsSigned) {
