@@ -145,17 +145,6 @@ def test_threads_take_turns(scene):
     assert all(np.array_equal(got[k].labels, expected[k % 2]) for k in range(4))
 
 
-def test_any_number_of_threads_gives_the_same_result(scene):
-    image, _ = scene
-    # Large enough for the loops to be cut among the threads.
-    big = np.tile(image, (1, 3, 3))
-    one = dhc.segment(big, threads=1)
-    two = dhc.segment(big, threads=2)
-    assert len(one.classes) > 1
-    assert np.array_equal(one.labels, two.labels)
-    assert [r.beta for r in one.regions] == [r.beta for r in two.regions]
-
-
 def test_cuts_levels_and_tree_equal_the_tools(scene, tmp_path):
     image, _ = scene
     for multiplicity in (2, 3):
