@@ -162,25 +162,6 @@ def test_floating_point_images_use_the_models_scale(tmp_path):
     assert r.returncode == 1 and "floating-point" in r.stderr and not (tmp_path / "i_out.hraw").exists()
 
 
-def test_landsat_labels_agree_with_the_run_and_windows_keep_their_place(tmp_path):
-    gdal = pytest.importorskip("osgeo.gdal")
-    scene = SOURCE_DIR / "data" / "L7_ETMs.tif"
-    dhc_tool("segment", scene, "-o", tmp_path / "seg.tif", "--model", tmp_path / "m.json", "-q",
-             "--set", "UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=6",
-             "--set", "UNSUPERVISED_MODE_CONF.SplitGainThreshold=0.05")
-    dhc_tool("apply", scene, "--model", tmp_path / "m.json", "-o", tmp_path / "a.tif", "-q")
-    seg = gdal.Open(str(tmp_path / "seg.tif")).ReadAsArray()
-    applied = gdal.Open(str(tmp_path / "a.tif"))
-    assert (applied.ReadAsArray() == seg).mean() >= 0.95
-    dhc_tool("apply", scene, "--model", tmp_path / "m.json", "-o", tmp_path / "w.tif", "-q",
-             "--window", 100, 40, 60, 30)
-    window = gdal.Open(str(tmp_path / "w.tif"))
-    assert np.array_equal(window.ReadAsArray(), applied.ReadAsArray()[40:70, 100:160])
-    x0, dx, rx, y0, ry, dy = applied.GetGeoTransform()
-    assert window.GetGeoTransform() == pytest.approx((x0 + 100 * dx, dx, rx, y0 + 40 * dy, ry, dy))
-    assert window.GetProjection() == applied.GetProjection()
-
-
 def test_a_floating_point_runs_model_keeps_its_scale(scene):
     image, _ = scene
     values = image.astype(np.float64) / 1000.0

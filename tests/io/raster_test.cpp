@@ -846,7 +846,7 @@ TEST_F(LevelsMemory, EveryCutIsWrittenWithTheMemoryOfOneBand) {
 
 TEST_F(Raster, LandsatSceneFollowsTheGround) {
     // Landsat-7 ETM+, 6 bands, 349 x 352, UTM zone 25S; the sea lies on the east side.
-    segment({"segment", DHC_LANDSAT_PATH, "-o", "landsat.tif", "-q", "--set",
+    segment({"segment", DHC_LANDSAT_PATH, "-o", "landsat.tif", "--model", "landsat.json", "-q", "--set",
              "UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=6", "--set",
              "UNSUPERVISED_MODE_CONF.SplitGainThreshold=0.05"});
     Dataset landsat(GDALDataset::Open(DHC_LANDSAT_PATH, GDAL_OF_RASTER | GDAL_OF_READONLY));
@@ -890,6 +890,21 @@ TEST_F(Raster, LandsatSceneFollowsTheGround) {
                                     path("landsat.cog.tif") + " > " + path("validator.txt") + " 2>&1";
         EXPECT_EQ(std::system(command.c_str()), 0) << read("validator.txt");
     }
+
+    // dhc apply of the run's model on a window: the whole map's window, lying where it lies.
+    segment({"apply", DHC_LANDSAT_PATH, "--model", "landsat.json", "-o", "applied.tif", "-q"});
+    segment({"apply", DHC_LANDSAT_PATH, "--model", "landsat.json", "-o", "window.tif", "-q", "--window", "100", "40",
+             "60", "30"});
+    const std::vector<int32_t> applied = band("applied.tif"), window = band("window.tif");
+    ASSERT_EQ(window.size(), 60u * 30u);
+    for (int r = 0; r < 30; ++r)
+        for (int c = 0; c < 60; ++c) ASSERT_EQ(window[r * 60 + c], applied[(40 + r) * 349 + 100 + c]) << r << ", " << c;
+    Dataset w = open("window.tif");
+    ASSERT_TRUE(w);
+    ASSERT_EQ(w->GetGeoTransform(b), CE_None);
+    EXPECT_EQ(b[0], a[0] + 100 * a[1]);
+    EXPECT_EQ(b[3], a[3] + 40 * a[5]);
+    EXPECT_TRUE(w->GetSpatialRef() != nullptr && w->GetSpatialRef()->IsSame(landsat->GetSpatialRef()));
 
     const std::vector<int32_t> labels = band("landsat.tif");
     ASSERT_EQ(labels.size(), 349u * 352u);
