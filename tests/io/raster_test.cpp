@@ -125,13 +125,6 @@ class Raster : public ToolTest {
     }
 
     // The files of the scratch directory.
-    std::set<std::string> files() const {
-        std::set<std::string> names;
-        for (const auto& entry : std::filesystem::directory_iterator(dir_))
-            names.insert(entry.path().filename().string());
-        return names;
-    }
-
     Hraw scene;
     Result last;
 };
