@@ -38,6 +38,7 @@ class PottsEngine;
 class LabelController;
 class PottsWS;
 class PottsMapRegion;
+class WeightTree;
 class Mixture;
 struct DHC_SET;
 struct WSReport;
@@ -188,6 +189,8 @@ class DHC {
                      int* splitSequence = nullptr);
 
   private:
+    // One call of dhc(): its steps (DHCRun.cpp).
+    struct Run;
     // The tree was seeded with two or more initial regions.
     bool seeded_ = false;
     // Owned copies behind configFile / settings when dhc() had to make them.
@@ -207,6 +210,9 @@ class DHC {
     bool lookAhead(const SplittingOptions& opts, TreeNode<PottsWS*>* leaf);
     // Records every leaf's tentative split as refused (before they are removed).
     void recordRefused();
+    // Validates the chosen leaf's tentative split; with splitMode 1 its new
+    // children are cut into connected pieces, weighed by `weights`.
+    void makePermanent(const SplittingOptions& opts, TreeNode<PottsWS*>* chosen, WeightTree* weights);
   public:
     // Builds finalModel from the leaves and, with refinement rounds, refines
     // a copy of the label map into plane (rows: its row pointers, laid out as

@@ -67,155 +67,196 @@ ROI<int, xy>* DHC::fragmentLeaves(ROI<int, xy>* points) {
     return points->extractLabROI(rootRegion->auxMap, rootRegion->pad, false);
 }
 
-DHC_OUT DHC::dhc(DHC_IN in) {
-    DHC_OUT out;
-    if (in.mode != 0 && in.mode != 1) return out;
-    dhc::Workers team(in.threads);
-    dhc::UseWorkers useTeam(team);
-
-    const bool fileSource = in.source == 1;
+// What one call of DHC::dhc holds while it runs: the caller's record, the
+// settings it runs with, the driver it builds and the label ROIs it hands back.
+struct DHC::Run {
+    DHC_IN& in;
+    const bool fileSource;
     // The settings: the caller's record, or (file source without one) read
     // from the configuration file and kept by the driver.
     std::unique_ptr<DHC_SET> ownSettings;
-    DHC_SET* s = in.settings;
-    if (s == nullptr) {
-        ownSettings.reset(new DHC_SET(in.configFile));
-        s = ownSettings.get();
-    }
-    char* cfg = (fileSource && !in.configFile.empty()) ? &in.configFile[0] : nullptr;
+    DHC_SET* s;
+    char* cfg;
 
     std::unique_ptr<DHC> d;
     std::unique_ptr<ROI<int, xy>> points;  // file source: the whole frame
     std::unique_ptr<ROI<int, xy>> labelRoi;
     std::unique_ptr<ROI<int, xy>> fragRoi;
     std::unique_ptr<ROI<int, xy>> cutInitial;
+    int nClasses = 0;
+
+    explicit Run(DHC_IN& input)
+        : in(input), fileSource(input.source == 1), s(input.settings) {
+        if (s == nullptr) {
+            ownSettings.reset(new DHC_SET(in.configFile));
+            s = ownSettings.get();
+        }
+        cfg = (fileSource && !in.configFile.empty()) ? &in.configFile[0] : nullptr;
+    }
 
     // Gives the driver its own copies of what it keeps pointing at.
-    auto adopt = [&]() {
+    void adopt() {
         if (ownSettings) d->ownedSettings_ = ownSettings.release();
         if (cfg != nullptr) {
             d->configFileStore_ = in.configFile;
             d->configFile = &d->configFileStore_[0];
             d->engine->configFile = d->configFile;
         }
-    };
+    }
 
-    if (in.mode == 1) {
-        const int nClasses = s->numberOfClasses;
-        std::vector<int*> paths(static_cast<size_t>(nClasses > 0 ? nClasses : 0));
-        for (int c = 0, offset = 0; c < nClasses; ++c) {
-            paths[c] = s->structurePaths + offset;
-            offset += s->structureLevels[c];
-        }
-        std::vector<char> gtName(in.gtFile.begin(), in.gtFile.end());
-        gtName.push_back('\0');
-        if (!fileSource) {
-            d.reset(new DHC(in.roi, in.gt, nClasses, s->maxLabels, nullptr, s));
-            adopt();
-            d->generateMixTree(s->structureLevels, paths.data(), nClasses, in.gt);
-        } else {
-            d.reset(new DHC(in.dataFile, in.gtFile, nClasses, s->maxLabels, cfg, s));
-            adopt();
-            d->generateMixTree(s->structureLevels, paths.data(), nClasses, gtName.data());
-        }
-        d->supervisedSplitting();
-        d->globalMapRefresh(false);
-        PottsMapRegion* rootRegion = d->rootWS()->root;
-        if (!fileSource) {
-            rootRegion->labelWithGT(in.gt, 0);
-        } else {
-            points.reset(fullFrameRoi(rootRegion->rows, rootRegion->cols));
-            rootRegion->labelWithGT(gtName.data(), 0);
-        }
-        ROI<int, xy>* at = fileSource ? points.get() : in.roi;
-        labelRoi.reset(at->extractLabROI(rootRegion->auxMap, rootRegion->pad, false));
-        out.nClasses = d->leafCount();
-        if (s->fragmentation) fragRoi.reset(d->fragmentLeaves(at));
-    } else {
-        int depthLimit = s->balancedTree ? s->growDepth : 0;
-        if (!fileSource) {
-            in.roi->giveValuesAway = in.releaseInputs;
-            if (in.initLabels == nullptr) {
-                d.reset(new DHC(in.roi, s->maxLabels, s->variableMultiplicity, nullptr, s));
-                adopt();
-                d->start();
-            } else {
-                ROI<int, xy>* initial = in.initLabels;
-                if (s->splitwiseDisconnect) {
-                    cutInitial.reset(disconnectLabels(in.initLabels));
-                    initial = cutInitial.get();
-                }
-                d.reset(new DHC(initial, in.roi, s->maxLabels, s->variableMultiplicity, nullptr, s));
-                adopt();
-            }
-            in.roi->giveValuesAway = false;
-            if (in.releaseInputs) {
-                if (in.initLabels != nullptr) in.initLabels->release();
-                cutInitial.reset();
-            }
-            // No table over the root's pixels in an unsupervised run.
-            d->rootWS()->tracksRootIndex = false;
-        } else if (in.initLabelsFile != nullptr) {
-            // The seeded children sit one level down; only the file source
-            // counts that level in the depth limit.
-            depthLimit += 1;
-            d.reset(new DHC(in.dataFile, in.initLabelsFile, s->maxLabels, s->variableMultiplicity, cfg, s));
-            adopt();
-        } else {
-            d.reset(new DHC(in.dataFile, s->maxLabels, s->variableMultiplicity, cfg, s));
-            adopt();
-            d->start();
-        }
-
-        SplittingOptions o;
-        o.minSplitArea = s->minSplitArea;
-        o.splitGainThreshold = s->splitGainThreshold;
-        o.maxNumberOfClasses = s->maxNumberOfClasses;
-        o.depthLimit = depthLimit;
-        o.splitMode = s->doubleSplit ? 2 : (s->splitwiseDisconnect ? 1 : 0);
-        o.distorsionThreshold = s->distorsionThreshold;
-        o.splitwiseDisconnect = s->splitwiseDisconnect;
-        o.metric = s->metric;
-        o.blindActive = s->blindActive;
-        o.blindDepth = s->blindDepth;
-        o.blindMSE = s->blindMSE;
-        o.blindArea = s->blindArea;
-        o.stopCriterion = s->stopCriterion;
-        if (s->blind)
-            d->blindSplitting(o);
-        else
-            d->splitting(o);
-        d->removeTestSplits(false);
-        d->globalMapRefresh(false);
-
+    // The points the labels are read at: the caller's, or the whole frame.
+    ROI<int, xy>* labelPoints() {
         PottsMapRegion* rootRegion = d->rootWS()->root;
         if (fileSource) points.reset(fullFrameRoi(rootRegion->rows, rootRegion->cols));
-        ROI<int, xy>* at = fileSource ? points.get() : in.roi;
-        out.nClasses = d->leafCount();
-        std::vector<int> refined;
-        std::vector<int*> refinedRows;
-        // Classes never cross the regions of an initial segmentation: the
-        // refinement, which moves pixels between classes, is left out then.
-        if (!s->fragmentation && !s->splitwiseDisconnect)
-            d->makeFinalModel(*s, d->seeded_ ? 0 : s->finalRefinement, refined, refinedRows);
-        if (d->finalModel && d->finalModel->refined) {
-            labelRoi.reset(at->extractLabROI(refinedRows.data(), rootRegion->pad, false));
-            out.nClasses = 0;
-            for (const dhc::FinalClass& c : d->finalModel->classes) out.nClasses += c.area > 0 ? 1 : 0;
+        return fileSource ? points.get() : in.roi;
+    }
+
+    void supervised();
+    // Builds the driver of an unsupervised run; returns the depth limit.
+    int buildUnsupervised();
+    SplittingOptions options(int depthLimit) const;
+    void unsupervised();
+    void writeOutputFile();
+};
+
+void DHC::Run::supervised() {
+    const int n = s->numberOfClasses;
+    std::vector<int*> paths(static_cast<size_t>(n > 0 ? n : 0));
+    for (int c = 0, offset = 0; c < n; ++c) {
+        paths[c] = s->structurePaths + offset;
+        offset += s->structureLevels[c];
+    }
+    std::vector<char> gtName(in.gtFile.begin(), in.gtFile.end());
+    gtName.push_back('\0');
+    if (!fileSource) {
+        d.reset(new DHC(in.roi, in.gt, n, s->maxLabels, nullptr, s));
+        adopt();
+        d->generateMixTree(s->structureLevels, paths.data(), n, in.gt);
+    } else {
+        d.reset(new DHC(in.dataFile, in.gtFile, n, s->maxLabels, cfg, s));
+        adopt();
+        d->generateMixTree(s->structureLevels, paths.data(), n, gtName.data());
+    }
+    d->supervisedSplitting();
+    d->globalMapRefresh(false);
+    PottsMapRegion* rootRegion = d->rootWS()->root;
+    ROI<int, xy>* at = labelPoints();
+    if (fileSource)
+        rootRegion->labelWithGT(gtName.data(), 0);
+    else
+        rootRegion->labelWithGT(in.gt, 0);
+    labelRoi.reset(at->extractLabROI(rootRegion->auxMap, rootRegion->pad, false));
+    nClasses = d->leafCount();
+    if (s->fragmentation) fragRoi.reset(d->fragmentLeaves(at));
+}
+
+int DHC::Run::buildUnsupervised() {
+    int depthLimit = s->balancedTree ? s->growDepth : 0;
+    if (!fileSource) {
+        in.roi->giveValuesAway = in.releaseInputs;
+        if (in.initLabels == nullptr) {
+            d.reset(new DHC(in.roi, s->maxLabels, s->variableMultiplicity, nullptr, s));
+            adopt();
+            d->start();
         } else {
-            labelRoi.reset(at->extractLabROI(rootRegion->map, rootRegion->pad, false));
+            ROI<int, xy>* initial = in.initLabels;
+            if (s->splitwiseDisconnect) {
+                cutInitial.reset(disconnectLabels(in.initLabels));
+                initial = cutInitial.get();
+            }
+            d.reset(new DHC(initial, in.roi, s->maxLabels, s->variableMultiplicity, nullptr, s));
+            adopt();
         }
-        if (s->fragmentation && !s->splitwiseDisconnect) fragRoi.reset(d->fragmentLeaves(at));
+        in.roi->giveValuesAway = false;
+        if (in.releaseInputs) {
+            if (in.initLabels != nullptr) in.initLabels->release();
+            cutInitial.reset();
+        }
+        // No table over the root's pixels in an unsupervised run.
+        d->rootWS()->tracksRootIndex = false;
+    } else if (in.initLabelsFile != nullptr) {
+        // The seeded children sit one level down; only the file source
+        // counts that level in the depth limit.
+        depthLimit += 1;
+        d.reset(new DHC(in.dataFile, in.initLabelsFile, s->maxLabels, s->variableMultiplicity, cfg, s));
+        adopt();
+    } else {
+        d.reset(new DHC(in.dataFile, s->maxLabels, s->variableMultiplicity, cfg, s));
+        adopt();
+        d->start();
     }
+    return depthLimit;
+}
 
-    if (!in.outputFile.empty()) {
-        std::unique_ptr<PaddedMap> pm(d->outputPMap(true, true, true, -1));
-        paddedMap2HRaw(dhc::cutFileName(in.outputFile), *pm);
+SplittingOptions DHC::Run::options(int depthLimit) const {
+    SplittingOptions o;
+    o.minSplitArea = s->minSplitArea;
+    o.splitGainThreshold = s->splitGainThreshold;
+    o.maxNumberOfClasses = s->maxNumberOfClasses;
+    o.depthLimit = depthLimit;
+    o.splitMode = s->doubleSplit ? 2 : (s->splitwiseDisconnect ? 1 : 0);
+    o.distorsionThreshold = s->distorsionThreshold;
+    o.splitwiseDisconnect = s->splitwiseDisconnect;
+    o.metric = s->metric;
+    o.blindActive = s->blindActive;
+    o.blindDepth = s->blindDepth;
+    o.blindMSE = s->blindMSE;
+    o.blindArea = s->blindArea;
+    o.stopCriterion = s->stopCriterion;
+    return o;
+}
+
+void DHC::Run::unsupervised() {
+    const SplittingOptions o = options(buildUnsupervised());
+    if (s->blind)
+        d->blindSplitting(o);
+    else
+        d->splitting(o);
+    d->removeTestSplits(false);
+    d->globalMapRefresh(false);
+
+    PottsMapRegion* rootRegion = d->rootWS()->root;
+    ROI<int, xy>* at = labelPoints();
+    nClasses = d->leafCount();
+    std::vector<int> refined;
+    std::vector<int*> refinedRows;
+    // Classes never cross the regions of an initial segmentation: the
+    // refinement, which moves pixels between classes, is left out then.
+    if (!s->fragmentation && !s->splitwiseDisconnect)
+        d->makeFinalModel(*s, d->seeded_ ? 0 : s->finalRefinement, refined, refinedRows);
+    if (d->finalModel && d->finalModel->refined) {
+        labelRoi.reset(at->extractLabROI(refinedRows.data(), rootRegion->pad, false));
+        nClasses = 0;
+        for (const dhc::FinalClass& c : d->finalModel->classes) nClasses += c.area > 0 ? 1 : 0;
+    } else {
+        labelRoi.reset(at->extractLabROI(rootRegion->map, rootRegion->pad, false));
     }
+    if (s->fragmentation && !s->splitwiseDisconnect) fragRoi.reset(d->fragmentLeaves(at));
+}
 
-    out.labelRoi = labelRoi.release();
-    out.fragRoi = fragRoi.release();
-    out.dhc = d.release();
+void DHC::Run::writeOutputFile() {
+    if (in.outputFile.empty()) return;
+    std::unique_ptr<PaddedMap> pm(d->outputPMap(true, true, true, -1));
+    paddedMap2HRaw(dhc::cutFileName(in.outputFile), *pm);
+}
+
+DHC_OUT DHC::dhc(DHC_IN in) {
+    DHC_OUT out;
+    if (in.mode != 0 && in.mode != 1) return out;
+    dhc::Workers team(in.threads);
+    dhc::UseWorkers useTeam(team);
+
+    Run run(in);
+    if (in.mode == 1)
+        run.supervised();
+    else
+        run.unsupervised();
+    run.writeOutputFile();
+
+    out.nClasses = run.nClasses;
+    out.labelRoi = run.labelRoi.release();
+    out.fragRoi = run.fragRoi.release();
+    out.dhc = run.d.release();
     return out;
 }
 

@@ -28,6 +28,33 @@ const char* criterionName(int criterion) {
     return criterion == 1 ? "ICL" : "BIC";
 }
 
+// Every leaf's score in terminal-list order, and whether its tentative split
+// may be made permanent.
+void scoreLeaves(const SplittingOptions& opts, double theta, const std::vector<WSNode*>& leaves,
+                 std::vector<double>& scores, std::vector<char>& eligible) {
+    const bool balanced = opts.depthLimit > 0;
+    const bool byCriterion = !balanced && opts.stopCriterion > 0;
+    for (size_t i = 0; i < leaves.size(); ++i) {
+        WSNode* leaf = leaves[i];
+        // A leaf without tentative children (its split failed or was
+        // refused) has nothing to make permanent.
+        bool ok = leaf->nChildren > 0 && areaOf(leaf->data) >= opts.minSplitArea;
+        for (int c = 0; ok && c < leaf->nChildren; ++c)
+            ok = areaOf(leaf->children[c]->data) >= opts.minSplitArea;
+        double score = theta - 1.0;
+        if (ok)
+            score = balanced ? opts.depthLimit - leaf->depth
+                             : (byCriterion ? leaf->data->criterion : leaf->data->splitGain);
+        if (std::isnan(score)) {
+            score = theta - 1.0;
+            ok = false;
+        }
+        if (byCriterion && !ok) score = -std::numeric_limits<double>::infinity();
+        scores[i] = score;
+        eligible[i] = ok;
+    }
+}
+
 }  // namespace
 
 void DHC::recordRefused() {
@@ -87,6 +114,26 @@ bool DHC::lookAhead(const SplittingOptions& opts, WSNode* leaf) {
     return false;
 }
 
+void DHC::makePermanent(const SplittingOptions& opts, WSNode* chosen, WeightTree* weights) {
+    tree->current = chosen;
+    tree->validate(opts.validateFlag ? 1 : 0);
+    // Split for good: from now on only its statistics are read.
+    std::vector<PottsWS*> kids;
+    for (int c = 0; c < chosen->nChildren; ++c) kids.push_back(chosen->children[c]->data);
+    chosen->data->handValuesToChildren(kids.data(), static_cast<int>(kids.size()));
+    chosen->data->releasePixels();
+
+    if (opts.splitMode == 1) {
+        weights->growWeights(false);
+        for (int c = 0; c < chosen->nChildren; ++c) {
+            tree->current = chosen->children[c];
+            int n = 0;
+            delete[] disconnect(n, true, nullptr);
+        }
+        weights->growWeights(true);
+    }
+}
+
 void DHC::splitting(SplittingOptions opts) {
     const bool balanced = opts.depthLimit > 0;
     const bool byCriterion = !balanced && opts.stopCriterion > 0;
@@ -117,25 +164,7 @@ void DHC::splitting(SplittingOptions opts) {
         std::vector<WSNode*> leaves(tree->terminals.begin(), tree->terminals.end());
         std::vector<double> scores(leaves.size());
         std::vector<char> eligible(leaves.size());
-        for (size_t i = 0; i < leaves.size(); ++i) {
-            WSNode* leaf = leaves[i];
-            // A leaf without tentative children (its split failed or was
-            // refused) has nothing to make permanent.
-            bool ok = leaf->nChildren > 0 && areaOf(leaf->data) >= opts.minSplitArea;
-            for (int c = 0; ok && c < leaf->nChildren; ++c)
-                ok = areaOf(leaf->children[c]->data) >= opts.minSplitArea;
-            double score = theta - 1.0;
-            if (ok)
-                score = balanced ? opts.depthLimit - leaf->depth
-                                 : (byCriterion ? leaf->data->criterion : leaf->data->splitGain);
-            if (std::isnan(score)) {
-                score = theta - 1.0;
-                ok = false;
-            }
-            if (byCriterion && !ok) score = -std::numeric_limits<double>::infinity();
-            scores[i] = score;
-            eligible[i] = ok;
-        }
+        scoreLeaves(opts, theta, leaves, scores, eligible);
         // The best split the rule refuses, for the stop line.
         auto refusedLine = [&](int best) {
             if (best < 0 || !eligible[best]) {
@@ -205,23 +234,7 @@ void DHC::splitting(SplittingOptions opts) {
             return;
         }
         WSNode* chosen = leaves[best];
-        tree->current = chosen;
-        tree->validate(opts.validateFlag ? 1 : 0);
-        // Split for good: from now on only its statistics are read.
-        std::vector<PottsWS*> kids;
-        for (int c = 0; c < chosen->nChildren; ++c) kids.push_back(chosen->children[c]->data);
-        chosen->data->handValuesToChildren(kids.data(), static_cast<int>(kids.size()));
-        chosen->data->releasePixels();
-
-        if (opts.splitMode == 1) {
-            weights->growWeights(false);
-            for (int c = 0; c < chosen->nChildren; ++c) {
-                tree->current = chosen->children[c];
-                int n = 0;
-                delete[] disconnect(n, true, nullptr);
-            }
-            weights->growWeights(true);
-        }
+        makePermanent(opts, chosen, weights.get());
         reportProgress(leafCount(), chosen->label);
 
         if (balanced) continue;
