@@ -70,11 +70,11 @@ void DHC::blindSplitting(SplittingOptions opts) {
     // workspaces, which stay owned by the main tree) and mirrors every split
     // into the main tree.
     std::unique_ptr<Tree<PottsWS*>> local;
-    Tree<PottsWS*>* work = tree;
+    Tree<PottsWS*>* work = tree.get();
     if (opts.localTree) {
         WSNode* startNode = tree->root->find(opts.startLabel);
         if (startNode == nullptr) return;
-        local.reset(new Tree<PottsWS*>(startNode->data, startNode->label));
+        local = std::make_unique<Tree<PottsWS*>>(startNode->data, startNode->label);
         work = local.get();
     }
     auto leaves = [&]() { return static_cast<int>(work->terminals.size()); };
@@ -98,33 +98,32 @@ void DHC::blindSplitting(SplittingOptions opts) {
             }
             if (k >= 2 && (!variableMultiplicity || seeds != nullptr)) {
                 std::unique_ptr<int[]> fresh;
-                PottsWS** children = tentativeSplit(engine, labels, ws, k, seeds, false, 1.0, fresh);
+                const ChildArray children =
+                    tentativeSplit(engine.get(), labels.get(), ws, k, seeds, false, 1.0, fresh);
                 if (children != nullptr) {
-                    node->appendChildren(k, children, fresh.get());
+                    node->appendChildren(k, children.get(), fresh.get());
                     work->current = node;
                     work->validate(0);
                     if (local) {
                         WSNode* mainNode = tree->root->find(node->label);
-                        mainNode->appendChildren(k, children, fresh.get());
+                        mainNode->appendChildren(k, children.get(), fresh.get());
                         tree->current = mainNode;
                         tree->validate(0);
                     }
-                    delete[] children;
                     reportProgress(leafCount(), node->label);
                     for (int c = 0; c < node->nChildren; ++c) {
                         WSNode* child = node->children[c];
-                        PottsWS** pieces = nullptr;
+                        ChildArray pieces;
                         int n = 1;
                         if (opts.splitwiseDisconnect) {
                             tree->current = local ? tree->root->find(child->label) : child;
-                            pieces = disconnect(n, true, local ? work : nullptr);
+                            pieces.reset(disconnect(n, true, local ? work : nullptr));
                         }
                         if (pieces != nullptr) {
                             for (int i = 0; i < child->nChildren; ++i) {
                                 refreshStats(child->children[i]->data);
                                 queue.push_back(child->children[i]);
                             }
-                            delete[] pieces;
                         } else {
                             refreshStats(child->data);
                             queue.push_back(child);

@@ -33,10 +33,10 @@ void DHC::setProgress(std::function<void(int, int)> hook) {
     progressHook() = std::move(hook);
 }
 
-PottsEngine* DHC::makeEngine() {
-    if (settings != nullptr) return new PottsEngine(settings);
-    if (configFile != nullptr) return new PottsEngine(configFile);
-    return new PottsEngine();
+std::unique_ptr<PottsEngine> DHC::makeEngine() {
+    if (settings != nullptr) return std::make_unique<PottsEngine>(settings);
+    if (configFile != nullptr) return std::make_unique<PottsEngine>(configFile);
+    return std::make_unique<PottsEngine>();
 }
 
 void DHC::initCommon(int maxLabels, const std::function<PottsWS*(int, int)>& makeRoot) {
@@ -49,10 +49,10 @@ void DHC::initCommon(int maxLabels, const std::function<PottsWS*(int, int)>& mak
     root->updateMi();
     root->updateSigma();
     std::unique_ptr<PottsEngine> eng(makeEngine());
-    tree = new Tree<PottsWS*>(root.get(), root->root->label);
+    tree = std::make_unique<Tree<PottsWS*>>(root.get(), root->root->label);
     root.release();
-    labels = lc.release();
-    engine = eng.release();
+    labels = std::move(lc);
+    engine = std::move(eng);
 }
 
 DHC::DHC(ROI<int, xy>* data, int maxLabels, bool variableMultiplicity_, char* configFile_, DHC_SET* settings_)
@@ -154,22 +154,16 @@ DHC::~DHC() {
     distroyDhcTree();
     // The class models link into the engine's global mixture: they go first.
     destroyMixTree();
-    delete engine;
-    delete labels;
-    delete ownedSettings_;
 }
 
-// Runs a construction step after initCommon; if it throws, what initCommon
-// built is released (the destructor does not run for a throwing constructor).
+// Runs a construction step after initCommon; if it throws, the workspaces of
+// the tree are released (the destructor does not run for a throwing
+// constructor; the members free themselves).
 void DHC::guarded(const std::function<void()>& step) {
     try {
         step();
     } catch (...) {
         distroyDhcTree();
-        delete engine;
-        engine = nullptr;
-        delete labels;
-        labels = nullptr;
         throw;
     }
 }
@@ -213,8 +207,8 @@ void DHC::seedFromPlane(int** initial) {
     } while (region->nextElement());
     PottsWS** children = nullptr;
     root->split(fresh.get(), k, children, true);
+    const std::unique_ptr<PottsWS*[]> childArray(children);
     tree->root->appendChildren(k, children, fresh.get());
-    delete[] children;
     tree->current = tree->root;
     tree->validate(0);
 }
@@ -234,28 +228,26 @@ void DHC::resetDHCTree() {
     collectBelow(tree->root, below);
     if (below.empty()) return;
     std::vector<int> freed;
-    std::vector<PottsWS*> workspaces;
+    std::vector<std::unique_ptr<PottsWS>> workspaces;  // freed last
     for (WSNode* node : below) {
         freed.push_back(node->label);
-        workspaces.push_back(node->data);
+        workspaces.emplace_back(node->data);
     }
     tree->current = tree->root;
     tree->prune();
     for (int label : freed) labels->release(label);
-    for (PottsWS* ws : workspaces) delete ws;
 }
 
 void DHC::distroyDhcTree() {
     if (tree == nullptr) return;
     std::vector<WSNode*> nodes{tree->root};
     collectBelow(tree->root, nodes);
-    std::vector<PottsWS*> workspaces;
+    std::vector<std::unique_ptr<PottsWS>> workspaces;
     workspaces.reserve(nodes.size());
-    for (WSNode* node : nodes) workspaces.push_back(node->data);
-    delete tree;
-    tree = nullptr;
+    for (WSNode* node : nodes) workspaces.emplace_back(node->data);
+    tree.reset();
     // The root owns the shared label planes: it goes last.
-    for (auto it = workspaces.rbegin(); it != workspaces.rend(); ++it) delete *it;
+    while (!workspaces.empty()) workspaces.pop_back();
 }
 
 void DHC::globalMapRefresh(bool flag) {
@@ -282,13 +274,12 @@ void DHC::removeTestSplits(bool reload) {
             WSNode* child = leaf->children[leaf->nChildren - 1];
             std::vector<WSNode*> doomed{child};
             collectBelow(child, doomed);
-            std::vector<PottsWS*> workspaces;
+            std::vector<std::unique_ptr<PottsWS>> workspaces;  // freed after their nodes
             for (WSNode* node : doomed) {
                 labels->release(node->label);
-                workspaces.push_back(node->data);
+                workspaces.emplace_back(node->data);
             }
             delete child;  // detaches itself; the leaf turns terminal with its last child
-            for (PottsWS* ws : workspaces) delete ws;
         }
         PottsWS* ws = leaf->data;
         ws->splitState = 0;

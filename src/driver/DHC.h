@@ -49,13 +49,14 @@ class DHC {
     // Each blind or test split first estimates its number of children by mean shift.
     bool variableMultiplicity = false;
     // Built from `settings` when given, else from `configFile`, else with defaults (owned).
-    PottsEngine* engine = nullptr;
+    std::unique_ptr<PottsEngine> engine;
     // Free-label pool (owned).
-    LabelController* labels = nullptr;
-    // The workspace hierarchy (owned, with every workspace it carries).
-    Tree<PottsWS*>* tree = nullptr;
+    std::unique_ptr<LabelController> labels;
+    // The workspace hierarchy (owned, with every workspace it carries, which
+    // distroyDhcTree frees: the tree's nodes only point at them).
+    std::unique_ptr<Tree<PottsWS*>> tree;
     // Supervised mode: the class-structure tree with its class models (owned); else null.
-    Tree<Mixture*>* mixTree = nullptr;
+    std::unique_ptr<Tree<Mixture*>> mixTree;
     // Configuration file name (not owned, may be null).
     char* configFile = nullptr;
     // Settings record (not owned, may be null).
@@ -195,10 +196,10 @@ class DHC {
     bool seeded_ = false;
     // Owned copies behind configFile / settings when dhc() had to make them.
     std::string configFileStore_;
-    DHC_SET* ownedSettings_ = nullptr;
+    std::unique_ptr<DHC_SET> ownedSettings_;
 
     void initCommon(int maxLabels, const std::function<PottsWS*(int borderLabel, int ownLabel)>& makeRoot);
-    PottsEngine* makeEngine();
+    std::unique_ptr<PottsEngine> makeEngine();
     void guarded(const std::function<void()>& step);
     void seedFromPlane(int** initial);
     PottsWS* rootWS() const;

@@ -96,7 +96,7 @@ struct DHC::Run {
 
     // Gives the driver its own copies of what it keeps pointing at.
     void adopt() {
-        if (ownSettings) d->ownedSettings_ = ownSettings.release();
+        if (ownSettings) d->ownedSettings_ = std::move(ownSettings);
         if (cfg != nullptr) {
             d->configFileStore_ = in.configFile;
             d->configFile = &d->configFileStore_[0];

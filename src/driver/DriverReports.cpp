@@ -124,9 +124,8 @@ void DHC::printReport(std::ostream& os, bool withStats, bool withCovariance, int
         splitSequence = extracted.get();
     }
     int nReports = 0;
-    WSReport** raw = reportAllWSs(nReports);
-    std::vector<std::unique_ptr<WSReport>> reports(raw, raw + nReports);
-    delete[] raw;
+    const std::unique_ptr<WSReport*[]> raw(reportAllWSs(nReports));
+    std::vector<std::unique_ptr<WSReport>> reports(raw.get(), raw.get() + nReports);
 
     {
         const int nLeaves = leafCount();

@@ -29,22 +29,24 @@ void refreshStats(PottsWS* ws) {
     ws->updateFeatures();
 }
 
-void abandonSplit(LabelController* lc, PottsWS* ws, const int* labels, int k, PottsWS** children) {
-    if (children != nullptr) {
-        for (int i = 0; i < k; ++i) delete children[i];
-        delete[] children;
-    }
+void discardChildren(ChildArray children, int k) {
+    if (children == nullptr) return;
+    for (int i = 0; i < k; ++i) std::unique_ptr<PottsWS>(children[i]).reset();
+}
+
+void abandonSplit(LabelController* lc, PottsWS* ws, const int* labels, int k, ChildArray children) {
+    discardChildren(std::move(children), k);
     for (int i = 0; i < k; ++i) lc->release(labels[i]);
     ws->root->mapRefresh(ws->root->label, false);
 }
 
-PottsWS** tentativeSplit(PottsEngine* engine, LabelController* lc, PottsWS* ws, int k, double** seeds,
-                         bool keepTests, double beta, std::unique_ptr<int[]>& fresh) {
+ChildArray tentativeSplit(PottsEngine* engine, LabelController* lc, PottsWS* ws, int k, double** seeds,
+                          bool keepTests, double beta, std::unique_ptr<int[]>& fresh) {
     fresh.reset(lc->pickMultiple(k));
-    PottsWS** children = seeds != nullptr ? engine->split(ws, fresh.get(), seeds, keepTests, beta)
-                                          : engine->split(ws, fresh.get(), keepTests, beta);
+    ChildArray children(seeds != nullptr ? engine->split(ws, fresh.get(), seeds, keepTests, beta)
+                                         : engine->split(ws, fresh.get(), keepTests, beta));
     if (ws->splitState == 2 && children != nullptr) return children;
-    abandonSplit(lc, ws, fresh.get(), k, children);
+    abandonSplit(lc, ws, fresh.get(), k, std::move(children));
     return nullptr;
 }
 

@@ -36,14 +36,23 @@ void collectBelow(WSNode* node, std::vector<WSNode*>& out);
 // Mean, covariance and features of a workspace brought up to date.
 void refreshStats(PottsWS* ws);
 
-// Gives back labels that a refused split had taken and repaints the leaf with
-// its own label, so no stale child label stays in the map.
-void abandonSplit(LabelController* lc, PottsWS* ws, const int* labels, int k, PottsWS** children);
+// The array of child workspaces a split hands over.  The array is owned;
+// the workspaces it points at are the tree's once appended to a node, else
+// discardChildren frees them.
+using ChildArray = std::unique_ptr<PottsWS*[]>;
+
+// Frees the k workspaces of children that no node took.
+void discardChildren(ChildArray children, int k);
+
+// Gives back labels that a refused split had taken, frees its children (when
+// any) and repaints the leaf with its own label, so no stale child label stays
+// in the map.
+void abandonSplit(LabelController* lc, PottsWS* ws, const int* labels, int k, ChildArray children);
 
 // A tentative engine split of ws into k children, seeded when seeds is given;
 // fresh receives the children's labels.  A refused split is abandoned: null.
-PottsWS** tentativeSplit(PottsEngine* engine, LabelController* lc, PottsWS* ws, int k, double** seeds,
-                         bool keepTests, double beta, std::unique_ptr<int[]>& fresh);
+ChildArray tentativeSplit(PottsEngine* engine, LabelController* lc, PottsWS* ws, int k, double** seeds,
+                          bool keepTests, double beta, std::unique_ptr<int[]>& fresh);
 
 // A number as the stop lines write it (the stream's default format).
 std::string numberText(double v);

@@ -96,15 +96,15 @@ bool DHC::lookAhead(const SplittingOptions& opts, WSNode* leaf) {
     std::vector<WSNode*> below;
     collectBelow(leaf, below);
     std::vector<int> freed;
-    std::vector<PottsWS*> workspaces;
+    std::vector<std::unique_ptr<PottsWS>> workspaces;
     for (WSNode* node : below) {
         freed.push_back(node->label);
-        workspaces.push_back(node->data);
+        workspaces.emplace_back(node->data);
     }
     tree->current = leaf;
     tree->prune();
     for (auto it = freed.rbegin(); it != freed.rend(); ++it) labels->release(*it);
-    for (PottsWS* w : workspaces) delete w;
+    workspaces.clear();
     std::copy(kept.begin(), kept.end(), ws->data);
     ws->root->mapRefresh(ws->root->label, false);
     ws->refused = true;
@@ -128,7 +128,7 @@ void DHC::makePermanent(const SplittingOptions& opts, WSNode* chosen, WeightTree
         for (int c = 0; c < chosen->nChildren; ++c) {
             tree->current = chosen->children[c];
             int n = 0;
-            delete[] disconnect(n, true, nullptr);
+            const ChildArray pieces(disconnect(n, true, nullptr));
         }
         weights->growWeights(true);
     }
@@ -139,7 +139,7 @@ void DHC::splitting(SplittingOptions opts) {
     const bool byCriterion = !balanced && opts.stopCriterion > 0;
     const double theta = balanced ? 0.1 : (byCriterion ? 0.0 : opts.splitGainThreshold);
     std::unique_ptr<WeightTree> weights;
-    if (opts.splitMode == 1) weights.reset(new WeightTree(tree));
+    if (opts.splitMode == 1) weights = std::make_unique<WeightTree>(tree.get());
     auto classCount = [&]() -> double {
         return weights ? weights->getNClassFloat() : static_cast<double>(leafCount());
     };
@@ -157,7 +157,7 @@ void DHC::splitting(SplittingOptions opts) {
         PottsEngine* e;
         explicit LeaveValues(PottsEngine* engine) : e(engine) { e->childValuesWithParent = true; }
         ~LeaveValues() { e->childValuesWithParent = false; }
-    } leaveValues(engine);
+    } leaveValues(engine.get());
 
     for (;;) {
         testSplitting(opts);

@@ -62,7 +62,7 @@ void DHC::splitLeavesSideBySide(const SplittingOptions& opts, const std::vector<
     const int size = dhc::installedWorkers()->size();
     while (static_cast<int>(sideEngines_.size()) < size - 1) sideEngines_.emplace_back(makeEngine());
     for (auto& side : sideEngines_) side->childValuesWithParent = engine->childValuesWithParent;
-    auto engineOf = [&](size_t slot) { return slot == 0 ? engine : sideEngines_[slot - 1].get(); };
+    auto engineOf = [&](size_t slot) { return slot == 0 ? engine.get() : sideEngines_[slot - 1].get(); };
 
     PottsEngine* last = nullptr;
     size_t next = 0;
@@ -81,10 +81,10 @@ void DHC::splitLeavesSideBySide(const SplittingOptions& opts, const std::vector<
         const size_t n = group.size();
         std::vector<std::unique_ptr<int[]>> fresh(n);
         for (size_t j = 0; j < n; ++j) fresh[j].reset(labels->pickMultiple(k));
-        std::vector<PottsWS**> children(n, nullptr);
+        std::vector<ChildArray> children(n);
         dhc::forChunks(static_cast<int>(n), 1, [&](int begin, int end, int) {
             for (int j = begin; j < end; ++j)
-                children[j] = engineOf(j)->split(group[j]->data, fresh[j].get(), opts.keepTests, opts.beta);
+                children[j].reset(engineOf(j)->split(group[j]->data, fresh[j].get(), opts.keepTests, opts.beta));
         });
 
         size_t failed = n;
@@ -92,8 +92,7 @@ void DHC::splitLeavesSideBySide(const SplittingOptions& opts, const std::vector<
             PottsWS* ws = group[j]->data;
             last = engineOf(j);
             if (ws->splitState == 2 && children[j] != nullptr) {
-                group[j]->appendChildren(k, children[j], fresh[j].get());
-                delete[] children[j];
+                group[j]->appendChildren(k, children[j].get(), fresh[j].get());
             } else {
                 failed = j;
             }
@@ -104,23 +103,20 @@ void DHC::splitLeavesSideBySide(const SplittingOptions& opts, const std::vector<
         // refuse it as one-after-the-other order does and split the rest again.
         for (size_t j = n; j-- > failed + 1;) {
             PottsWS* ws = group[j]->data;
-            if (children[j] != nullptr) {
-                for (int i = 0; i < k; ++i) delete children[j][i];
-                delete[] children[j];
-            }
+            discardChildren(std::move(children[j]), k);
             for (int i = k; i-- > 0;) labels->release(fresh[j][i]);
             ws->root->mapRefresh(ws->root->label, false);
             ws->splitState = 0;
         }
-        abandonSplit(labels, group[failed]->data, fresh[failed].get(), k, children[failed]);
+        abandonSplit(labels.get(), group[failed]->data, fresh[failed].get(), k, std::move(children[failed]));
         last = engineOf(failed);
         for (size_t j = failed + 1; j < n; ++j) {
             splitLeaf(opts, group[j]);
-            last = engine;
+            last = engine.get();
         }
     }
     // The main engine ends as the last split left its engine.
-    if (last != nullptr && last != engine) {
+    if (last != nullptr && last != engine.get()) {
         engine->beta = last->beta;
         engine->lastSweeps = last->lastSweeps;
         engine->lastPasses = last->lastPasses;
@@ -157,9 +153,9 @@ void DHC::splitLeaf(const SplittingOptions& opts, WSNode* node) {
     }
     if (k >= 2 && (!variableMultiplicity || seeds != nullptr)) {
         std::unique_ptr<int[]> fresh;
-        PottsWS** children = tentativeSplit(engine, labels, ws, k, seeds, opts.keepTests, opts.beta, fresh);
-        if (children != nullptr) node->appendChildren(k, children, fresh.get());
-        delete[] children;
+        const ChildArray children =
+            tentativeSplit(engine.get(), labels.get(), ws, k, seeds, opts.keepTests, opts.beta, fresh);
+        if (children != nullptr) node->appendChildren(k, children.get(), fresh.get());
     }
     dhc::deleteRows(seeds, seedRows);
 }
@@ -175,22 +171,25 @@ void DHC::splitPieces(const SplittingOptions& opts, WSNode* node, PottsWS** piec
     // The pieces' children are scaffolding read right away: they take copies.
     const bool valuesWithParent = engine->childValuesWithParent;
     engine->childValuesWithParent = false;
-    std::vector<PottsWS*> scaffold(pieces, pieces + nPieces);
+    const ChildArray pieceArray(pieces);
+    std::vector<std::unique_ptr<PottsWS>> scaffold;
     std::vector<int> scaffoldLabels;
-    for (int i = 0; i < nPieces; ++i) scaffoldLabels.push_back(pieces[i]->root->label);
-    delete[] pieces;
+    for (int i = 0; i < nPieces; ++i) {
+        scaffold.emplace_back(pieces[i]);
+        scaffoldLabels.push_back(pieces[i]->root->label);
+    }
 
     std::vector<PottsWS*> parts;
     int refFirst = -1, refCount = 0;
     for (int i = 0; i < nPieces; ++i) {
-        PottsWS* piece = scaffold[i];
+        PottsWS* piece = scaffold[i].get();
         int k = engine->multiplicity;
         double** seeds = nullptr;
         if (variableMultiplicity) seeds = engine->MS_K_est(piece, k, true);
-        PottsWS** children = nullptr;
+        ChildArray children;
         std::unique_ptr<int[]> fresh;
         if (areaOf(piece) >= opts.minSplitArea && k >= 2 && (!variableMultiplicity || seeds != nullptr))
-            children = tentativeSplit(engine, labels, piece, k, seeds, opts.keepTests, opts.beta, fresh);
+            children = tentativeSplit(engine.get(), labels.get(), piece, k, seeds, opts.keepTests, opts.beta, fresh);
         if (children != nullptr) {
             if (refFirst < 0) {
                 refFirst = static_cast<int>(parts.size());
@@ -198,10 +197,9 @@ void DHC::splitPieces(const SplittingOptions& opts, WSNode* node, PottsWS** piec
             }
             for (int c = 0; c < k; ++c) {
                 parts.push_back(children[c]);
-                scaffold.push_back(children[c]);
+                scaffold.emplace_back(children[c]);
                 scaffoldLabels.push_back(fresh[c]);
             }
-            delete[] children;
         } else {
             parts.push_back(piece);
         }
@@ -228,14 +226,12 @@ void DHC::splitPieces(const SplittingOptions& opts, WSNode* node, PottsWS** piec
             classOf[p] = best;
         }
         std::unique_ptr<int[]> fresh(labels->pickMultiple(refCount));
-        PottsWS** children = engine->split(ws, fresh.get(), parts.data(), static_cast<int>(parts.size()),
-                                           classOf.data(), refCount, opts.keepTests, opts.beta);
-        if (ws->splitState == 2 && children != nullptr) {
-            node->appendChildren(refCount, children, fresh.get());
-            delete[] children;
-        } else {
-            abandonSplit(labels, ws, fresh.get(), refCount, children);
-        }
+        ChildArray children(engine->split(ws, fresh.get(), parts.data(), static_cast<int>(parts.size()),
+                                          classOf.data(), refCount, opts.keepTests, opts.beta));
+        if (ws->splitState == 2 && children != nullptr)
+            node->appendChildren(refCount, children.get(), fresh.get());
+        else
+            abandonSplit(labels.get(), ws, fresh.get(), refCount, std::move(children));
     } else {
         ws->root->mapRefresh(ws->root->label, false);
         ws->splitState = -1;
@@ -243,7 +239,7 @@ void DHC::splitPieces(const SplittingOptions& opts, WSNode* node, PottsWS** piec
 
     for (size_t i = 0; i < scaffold.size(); ++i) {
         labels->release(scaffoldLabels[i]);
-        delete scaffold[i];
+        scaffold[i].reset();
     }
     // The leaf's own pixels may still show scaffold labels if its split was refused.
     if (ws->splitState != 2) ws->root->mapRefresh(ws->root->label, false);
@@ -260,8 +256,8 @@ PottsWS** DHC::disconnect(int& n, bool attach, Tree<PottsWS*>* other) {
         return nullptr;
     }
     std::unique_ptr<int[]> fresh(labels->pickMultiple(n));
+    const std::unique_ptr<PottsMapRegion[]> pieceRegions(pieces);
     for (int i = 0; i < n; ++i) pieces[i].mapRefresh(fresh[i], false);
-    delete[] pieces;
     PottsWS** children = nullptr;
     ws->split(fresh.get(), n, children, true);
     if (attach) {

@@ -42,8 +42,7 @@ void DHC::destroyMixTree() {
         deleteModel(node->data);
         node->data = nullptr;
     }
-    delete mixTree;
-    mixTree = nullptr;
+    mixTree.reset();
 }
 
 void DHC::generateMixTree(int* levels, int** paths, int nClasses, ROI<int, xy>* gt) {
@@ -67,7 +66,7 @@ void DHC::generateMixTree(int* levels, int** paths, int nClasses, char* gtFile) 
 // structure (path c) takes global class c.
 void DHC::finishMixTree(int* levels, int** paths, int nClasses) {
     PottsWS* root = rootWS();
-    mixTree = new Tree<Mixture*>(levels, paths, nClasses);
+    mixTree = std::make_unique<Tree<Mixture*>>(levels, paths, nClasses);
     std::vector<MixNode*> nodes;
     collectMix(mixTree->root, nodes);
     for (MixNode* node : nodes) node->data = nullptr;
@@ -144,7 +143,7 @@ void DHC::supervisedStep(MixNode* classNode, WSNode* wsNode) {
     std::vector<Mixture*> models(static_cast<size_t>(k));
     for (int c = 0; c < k; ++c) models[c] = classNode->children[c]->data;
     PottsWS* ws = wsNode->data;
-    PottsWS** children = engine->split(ws, fresh.get(), models.data());
+    const ChildArray children(engine->split(ws, fresh.get(), models.data()));
     if (ws->splitState != 2 || children == nullptr) {
         // A supervised split must not fail: the class structure is given.
         dhc::out() << "supSplitting!" << std::endl;
@@ -152,8 +151,7 @@ void DHC::supervisedStep(MixNode* classNode, WSNode* wsNode) {
         (void)ignored;
         dhc::fatal(-2);
     }
-    wsNode->appendChildren(k, children, fresh.get());
-    delete[] children;
+    wsNode->appendChildren(k, children.get(), fresh.get());
     tree->current = wsNode;
     tree->validate(0);
     reportProgress(leafCount(), wsNode->label);
