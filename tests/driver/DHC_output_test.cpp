@@ -143,3 +143,37 @@ TEST_F(HandTree, RemovingTestSplitsGivesTheirLabelsBackAndRepaintsTheLeaves) {
         EXPECT_EQ(labels->data[k], leaf) << p.x << ", " << p.y;
     }
 }
+
+// The run's record hands its ownership on when moved: the moved-from record
+// is empty, and assigning over a record first frees what it held (checked
+// under valgrind and the sanitizers).
+TEST(DhcOut, MovingTheRecordHandsTheRunOver) {
+    driver_test::Scene scene = driver_test::fourQuadrants();
+    std::unique_ptr<ROI<int, xy>> roi(scene.dataRoi());
+    std::unique_ptr<DHC_SET> s = driver_test::baseSettings();
+    DHC_IN in;
+    in.roi = roi.get();
+    in.settings = s.get();
+
+    DHC_OUT first = DHC::dhc(in);
+    ASSERT_NE(first.dhc, nullptr);
+    const DHC* run = first.dhc;
+    const ROI<int, xy>* labels = first.labelRoi;
+    const int classes = first.nClasses;
+    DHC_OUT moved(std::move(first));
+    EXPECT_EQ(moved.dhc, run);
+    EXPECT_EQ(moved.labelRoi, labels);
+    EXPECT_EQ(moved.nClasses, classes);
+    EXPECT_EQ(first.dhc, nullptr);
+    EXPECT_EQ(first.labelRoi, nullptr);
+    EXPECT_EQ(first.nClasses, 0);
+    EXPECT_EQ(first.rows, -1);
+
+    DHC_OUT second = DHC::dhc(in);
+    const DHC* secondRun = second.dhc;
+    moved = std::move(second);
+    EXPECT_EQ(moved.dhc, secondRun);
+    EXPECT_EQ(moved.nClasses, classes);
+    EXPECT_EQ(second.dhc, nullptr);
+    EXPECT_EQ(second.labelRoi, nullptr);
+}
