@@ -133,6 +133,7 @@ coverage: deps
 	    /^Lines executed/ && file ~ /src\/driver\/[^\/]*\.cpp$$/ { \
 	      split($$0, f, /[:% ]+/); n = f[5]; hit += f[3] * n / 100; total += n; \
 	      printf "%-28s %6.2f%% of %d lines\n", substr(file, index(file, "src/driver/") + 11), f[3], n } \
+	    /^Lines executed/ { file = "" } \
 	    END { printf "src/driver: %.2f%% of %d lines\n", 100 * hit / total, total }'
 
 bench: build
