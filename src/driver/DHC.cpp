@@ -1,3 +1,6 @@
+// DHC's core: construction from every source (memory, hraw file, band files,
+// with or without initial regions), the upkeep of the tree, and the removal
+// of test splits after the strategies.
 #include "driver/DHC.h"
 
 #include <algorithm>
