@@ -5,6 +5,7 @@
 #   make deb    Debian packages dhc (tool, Python package, libraries) and dhc-octave in DEB_BUILD/
 #   make test-sanitize   every test again, built with AddressSanitizer + UBSan in build-asan/
 #   make fuzz   build the libFuzzer targets (clang) in build-fuzz/ and run each for FUZZ_SECONDS
+#   make coverage   line coverage of src/driver by the driver's tests (gcc --coverage, gcov) in build-cov/
 
 BUILD     ?= build
 JOBS      ?= $(shell nproc 2>/dev/null || echo 2)
@@ -16,7 +17,7 @@ DEB_PACKAGES := g++ cmake make libgtest-dev libbenchmark-dev libeigen3-dev libpn
                 nlohmann-json3-dev libgdal-dev gdal-bin librsvg2-dev libcairo2-dev fonts-dejavu-core chromium \
                 clang-14 libclang-rt-14-dev dpkg-dev python3-venv python3-wheel python3-dask python3-distributed python3-sklearn
 
-.PHONY: all deps configure build test demo deb bench clean test-sanitize fuzz-build fuzz
+.PHONY: all deps configure build test demo deb bench clean test-sanitize fuzz-build fuzz coverage
 
 all: build
 
@@ -118,8 +119,25 @@ fuzz: fuzz-build
 	done; \
 	if [ -n "$$failed" ]; then echo "fuzz: findings in:$$failed (see $(FUZZ_BUILD)/findings)"; exit 1; fi
 
+# Line coverage of src/driver by the driver's test program, per file and in
+# total, from gcov's counts (a Debug build instrumented with --coverage).
+COV_BUILD ?= build-cov
+coverage: deps
+	cmake -S . -B $(COV_BUILD) -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS="--coverage -O0" \
+	  -DCMAKE_EXE_LINKER_FLAGS=--coverage -DDHC_BUILD_BENCH=OFF -DDHC_PYTHON=OFF
+	cmake --build $(COV_BUILD) -j $(JOBS) --target dhc_driver_tests
+	find $(COV_BUILD) -name '*.gcda' -delete
+	cd $(COV_BUILD)/tests && env -u DHC_TEST_TMP ./dhc_driver_tests > /dev/null
+	cd $(COV_BUILD)/CMakeFiles/dhc_driver.dir/src/driver && gcov -n -o . *.gcda 2>/dev/null | \
+	  awk -F"'" '/^File / { file = $$2; next } \
+	    /^Lines executed/ && file ~ /src\/driver\/[^\/]*\.cpp$$/ { \
+	      split($$0, f, /[:% ]+/); n = f[5]; hit += f[3] * n / 100; total += n; \
+	      printf "%-28s %6.2f%% of %d lines\n", substr(file, index(file, "src/driver/") + 11), f[3], n } \
+	    /^Lines executed/ { file = "" } \
+	    END { printf "src/driver: %.2f%% of %d lines\n", 100 * hit / total, total }'
+
 bench: build
 	@for b in $(BUILD)/bench/*_bench; do [ -x "$$b" ] && "$$b"; done
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(DEB_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(DEB_BUILD) $(COV_BUILD)

@@ -24,24 +24,9 @@ std::string quoted(const std::string& s) {
     return "\"" + s + "\"";
 }
 
-}  // namespace
-
-int runApply(const ApplyOptions& o) {
-    const auto start = std::chrono::steady_clock::now();
-    // Every output, compared with every input and every other output.
-    OutputFiles outputs({o.image, o.model, o.mask});
-    const OutputFiles::Output& labelsOut = outputs.add(o.output);
-    const OutputFiles::Output& pngOut = outputs.add(o.png);
-    const dhc::io::OutputFormat format = dhc::io::outputFormat("-o", o.output, o.format, {}, 1);
-    if (!format.hraw()) outputs.writeByPath(labelsOut);
-
-    // 1. The model, then the image as the model's values were read.  The
-    // image and the mask must be regular files: a pipe would block the first
-    // open.
-    for (const auto& [name, role] : {std::pair{&o.image, "image"}, std::pair{&o.mask, "mask"}})
-        if (!name->empty() && !dhc::io::isVirtualPath(*name)) dhc::checkInputFile(*name, role);
-    const dhc::Model model = dhc::readModelFile(o.model);
-    const std::string modelName = "model " + quoted(o.model), imageName = "image " + quoted(o.image);
+// 1. The image, read as the model's values were read, checked against the model.
+dhc::io::Raster readImageFor(const ApplyOptions& o, const dhc::Model& model, const std::string& modelName,
+                             const std::string& imageName) {
     dhc::io::Raster image;
     if (dhc::io::isHraw(o.image)) {
         const HrawShape shape = checkHraw(o.image, "image");
@@ -72,45 +57,50 @@ int runApply(const ApplyOptions& o) {
     if (!image.hasFloatBands && model.values.floatBands)
         throw InputError(kExitInput, modelName + " was made from floating-point values (scaled) but " + imageName +
                                          " has integer bands");
+    return image;
+}
 
-    // 2. The pixels to label: data, and inside the mask when there is one.
+// 2. The pixels to label: data, and inside the mask when there is one (empty: all).
+std::vector<uint8_t> pixelsToLabel(const ApplyOptions& o, const dhc::io::Raster& image) {
     std::vector<uint8_t> valid = image.valid;
-    if (!o.mask.empty()) {
-        dhc::io::Raster mask;
-        const HrawShape shape{image.bands, image.rows, image.cols};
-        if (dhc::io::isHraw(o.mask)) {
-            checkMap(o.mask, "mask", shape);
-            int b = 0, r = 0, c = 0;
-            mask.cube = ImageFile<int>::readHRawInt32(o.mask, b, r, c);
-            mask.bands = b;
-            mask.rows = r;
-            mask.cols = c;
-        } else {
-            mask = dhc::io::readMap(o.mask, "mask", image, true);
+    if (o.mask.empty()) return valid;
+    dhc::io::Raster mask;
+    const HrawShape shape{image.bands, image.rows, image.cols};
+    if (dhc::io::isHraw(o.mask)) {
+        checkMap(o.mask, "mask", shape);
+        int b = 0, r = 0, c = 0;
+        mask.cube = ImageFile<int>::readHRawInt32(o.mask, b, r, c);
+        mask.bands = b;
+        mask.rows = r;
+        mask.cols = c;
+    } else {
+        mask = dhc::io::readMap(o.mask, "mask", image, true);
+    }
+    if (valid.empty()) valid.assign(static_cast<size_t>(image.rows) * static_cast<size_t>(image.cols), 1);
+    for (int r = 0; r < image.rows; ++r)
+        for (int c = 0; c < image.cols; ++c) {
+            const size_t k = static_cast<size_t>(r) * static_cast<size_t>(image.cols) + static_cast<size_t>(c);
+            if (mask.cube[0][r][c] != 1 || (!mask.valid.empty() && !mask.valid[k])) valid[k] = 0;
         }
-        if (valid.empty()) valid.assign(static_cast<size_t>(image.rows) * static_cast<size_t>(image.cols), 1);
-        for (int r = 0; r < image.rows; ++r)
-            for (int c = 0; c < image.cols; ++c) {
-                const size_t k = static_cast<size_t>(r) * static_cast<size_t>(image.cols) + static_cast<size_t>(c);
-                if (mask.cube[0][r][c] != 1 || (!mask.valid.empty() && !mask.valid[k])) valid[k] = 0;
-            }
-    }
+    return valid;
+}
 
-    // 3. The window, with its halo.
-    dhc::Window w{0, 0, image.rows, image.cols};
-    if (o.hasWindow) {
-        w = dhc::Window{o.window[1], o.window[0], o.window[3], o.window[2]};
-        if (w.col + w.cols > image.cols || w.row + w.rows > image.rows)
-            throw InputError(kExitInput, "--window " + std::to_string(o.window[0]) + " " + std::to_string(o.window[1]) +
-                                             " " + std::to_string(o.window[2]) + " " + std::to_string(o.window[3]) +
-                                             " reaches outside " + imageName + " (" + std::to_string(image.cols) +
-                                             " columns, " + std::to_string(image.rows) + " rows)");
-    }
-    const dhc::Window h = dhc::withHalo(w, image.rows, image.cols);
+// 3. The window to label (the whole image without --window).
+dhc::Window windowOf(const ApplyOptions& o, const dhc::io::Raster& image, const std::string& imageName) {
+    if (!o.hasWindow) return dhc::Window{0, 0, image.rows, image.cols};
+    const dhc::Window w{o.window[1], o.window[0], o.window[3], o.window[2]};
+    if (w.col + w.cols > image.cols || w.row + w.rows > image.rows)
+        throw InputError(kExitInput, "--window " + std::to_string(o.window[0]) + " " + std::to_string(o.window[1]) +
+                                         " " + std::to_string(o.window[2]) + " " + std::to_string(o.window[3]) +
+                                         " reaches outside " + imageName + " (" + std::to_string(image.cols) +
+                                         " columns, " + std::to_string(image.rows) + " rows)");
+    return w;
+}
 
-    // 4. The outputs, then the labels.
-    outputs.create();
-
+// The labels of window w, labelled over its halo h (the whole image is
+// labelled straight into the map; a window with its halo, then cut out).
+std::vector<int> labelWindow(const dhc::io::Raster& image, const std::vector<uint8_t>& valid, const dhc::Window& w,
+                             const dhc::Window& h, const dhc::Model& model, int threads) {
     std::vector<int*> rowPointers(static_cast<size_t>(image.bands) * static_cast<size_t>(h.rows));
     std::vector<int**> bandPointers(static_cast<size_t>(image.bands));
     for (int b = 0; b < image.bands; ++b) {
@@ -127,21 +117,49 @@ int runApply(const ApplyOptions& o) {
                     valid[static_cast<size_t>(h.row + r) * static_cast<size_t>(image.cols) +
                           static_cast<size_t>(h.col + c)];
     }
-    // The whole image is labelled straight into the map; a window with its
-    // halo, then cut out.
     const bool whole = h.rows == w.rows && h.cols == w.cols;
     std::vector<int> labels(static_cast<size_t>(w.rows) * static_cast<size_t>(w.cols));
     std::vector<int32_t> haloLabels(whole ? 0 : static_cast<size_t>(h.rows) * static_cast<size_t>(h.cols));
     const dhc::Labeller labeller(model);
     static_assert(sizeof(int) == sizeof(int32_t), "labels are int32");
     labeller.label(bandPointers.data(), haloValid.empty() ? nullptr : haloValid.data(), h.rows, h.cols, h.row, h.col,
-                   whole ? reinterpret_cast<int32_t*>(labels.data()) : haloLabels.data(), o.threads);
+                   whole ? reinterpret_cast<int32_t*>(labels.data()) : haloLabels.data(), threads);
     for (int r = 0; !whole && r < w.rows; ++r)
         for (int c = 0; c < w.cols; ++c)
             labels[static_cast<size_t>(r) * static_cast<size_t>(w.cols) + static_cast<size_t>(c)] =
                 haloLabels[static_cast<size_t>(w.row - h.row + r) * static_cast<size_t>(h.cols) +
                            static_cast<size_t>(w.col - h.col + c)];
-    haloLabels = std::vector<int32_t>();
+    return labels;
+}
+
+}  // namespace
+
+int runApply(const ApplyOptions& o) {
+    const auto start = std::chrono::steady_clock::now();
+    // Every output, compared with every input and every other output.
+    OutputFiles outputs({o.image, o.model, o.mask});
+    const OutputFiles::Output& labelsOut = outputs.add(o.output);
+    const OutputFiles::Output& pngOut = outputs.add(o.png);
+    const dhc::io::OutputFormat format = dhc::io::outputFormat("-o", o.output, o.format, {}, 1);
+    if (!format.hraw()) outputs.writeByPath(labelsOut);
+
+    // 1. The model, then the image as the model's values were read.  The
+    // image and the mask must be regular files: a pipe would block the first
+    // open.
+    for (const auto& [name, role] : {std::pair{&o.image, "image"}, std::pair{&o.mask, "mask"}})
+        if (!name->empty() && !dhc::io::isVirtualPath(*name)) dhc::checkInputFile(*name, role);
+    const dhc::Model model = dhc::readModelFile(o.model);
+    const std::string modelName = "model " + quoted(o.model), imageName = "image " + quoted(o.image);
+    dhc::io::Raster image = readImageFor(o, model, modelName, imageName);
+
+    // 2. and 3. The pixels to label, the window with its halo.
+    const std::vector<uint8_t> valid = pixelsToLabel(o, image);
+    const dhc::Window w = windowOf(o, image, imageName);
+    const dhc::Window h = dhc::withHalo(w, image.rows, image.cols);
+
+    // 4. The outputs, then the labels.
+    outputs.create();
+    const std::vector<int> labels = labelWindow(image, valid, w, h, model, o.threads);
 
     // A window lies where its first pixel does.
     dhc::io::Georeference geo = image.geo;

@@ -259,14 +259,15 @@ def apply_raster(src: "os.PathLike[str] | str", dst: "os.PathLike[str] | str", m
         band = out.GetRasterBand(1)
         blocks = list(_blocks(shape.rows, shape.cols, block))
         text = model.to_json()
-        # The model goes to the workers once; a bounded number of blocks is
-        # in flight, so finished labels never pile up.
-        shared = client.scatter(text, broadcast=True, hash=False)
+        # The model's text travels with each block (a few kilobytes): data
+        # scattered to the workers once is lost with a killed worker, and the
+        # blocks that need it are cancelled instead of retried.  A bounded
+        # number of blocks is in flight, so finished labels never pile up.
         ahead = 2 * max(1, sum(client.nthreads().values()))
         pending = iter(blocks)
 
         def submit(b: Tuple[int, int, int, int]) -> Any:
-            future = client.submit(_label_block, src, shared, shape.rows, shape.cols, b, threads,
+            future = client.submit(_label_block, src, text, shape.rows, shape.cols, b, threads,
                                    key=f"dhc-block-{uuid.uuid4().hex}", retries=_RETRIES)
             where[future.key] = b
             return future

@@ -35,6 +35,41 @@ def tool():
     return path
 
 
+def dhc_tool(*args, check=True):
+    """`dhc ARGS...` (paths and numbers given as they are), its output as text."""
+    return subprocess.run([tool(), *map(str, args)], capture_output=True, text=True, check=check)
+
+
+def tool_settings(tmp_path, settings):
+    """The tool's arguments for dhc.Settings: --config with their ini text."""
+    path = tmp_path / "settings.ini"
+    settings.to_ini(path)
+    return ["--config", path]
+
+
+# Where the test GeoTIFFs lie: 30 m pixels in UTM zone 25S.
+TRANSFORM = (500000.0, 30.0, 0.0, 9000000.0, 0.0, -30.0)
+
+
+def write_tif(path, cube, dtype=None, nodata=None, transform=TRANSFORM, epsg=32725):
+    """A GeoTIFF of cube (bands, rows, cols) written with GDAL's own API;
+    dtype a GDAL type (Int16 by default), no reference system for epsg=None."""
+    from osgeo import gdal, osr
+    bands, rows, cols = cube.shape
+    d = gdal.GetDriverByName("GTiff").Create(str(path), cols, rows, bands, gdal.GDT_Int16 if dtype is None else dtype)
+    d.SetGeoTransform(transform)
+    if epsg is not None:
+        srs = osr.SpatialReference()
+        srs.ImportFromEPSG(epsg)
+        d.SetProjection(srs.ExportToWkt())
+    for b in range(bands):
+        band = d.GetRasterBand(b + 1)
+        band.WriteArray(cube[b])
+        if nodata is not None:
+            band.SetNoDataValue(nodata)
+    d.FlushCache()
+
+
 def run_tool(tmp_path, image, *args, name="labels"):
     """Labels of `dhc segment` on image (an array) with extra arguments."""
     image_file = tmp_path / f"{name}_image.hraw"

@@ -9,6 +9,7 @@ import numpy as np
 import pytest
 
 import dhc
+from conftest import TRANSFORM, write_tif
 
 gdal = pytest.importorskip("osgeo.gdal")
 distributed = pytest.importorskip("distributed")
@@ -25,18 +26,6 @@ def client():
     yield c
     c.close()
     cluster.close()
-
-
-def write_tif(path, cube, transform=(500000.0, 30.0, 0.0, 9100000.0, 0.0, -30.0), nodata=None):
-    bands, rows, cols = cube.shape
-    ds = gdal.GetDriverByName("GTiff").Create(str(path), cols, rows, bands, gdal.GDT_Int16)
-    ds.SetGeoTransform(transform)
-    for b in range(bands):
-        band = ds.GetRasterBand(b + 1)
-        band.WriteArray(cube[b])
-        if nodata is not None:
-            band.SetNoDataValue(nodata)
-    ds = None
 
 
 def read_tif(path):
@@ -67,7 +56,7 @@ def test_blocks_equal_the_whole_image(client, raster, tmp_path, block, grid):
     labels, transform, dtype = read_tif(tmp_path / "out.tif")
     assert labels.astype(np.int32).tobytes() == whole.tobytes()
     assert (labels[:6, :9] == 0).all()
-    assert transform == (500000.0, 30.0, 0.0, 9100000.0, 0.0, -30.0) and dtype == gdal.GDT_Byte
+    assert transform == TRANSFORM and dtype == gdal.GDT_Byte
     assert seen == [(k + 1, grid[0] * grid[1]) for k in range(grid[0] * grid[1])]
     assert os.listdir(tmp_path) == ["out.tif"]
 

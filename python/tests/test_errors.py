@@ -100,11 +100,15 @@ def test_repeated_calls_do_not_grow_memory():
     # Warm up first: the allocator's per-thread arenas of a run on several
     # threads take their size over the first few dozen calls, then stay.
     calls(60)
-    before = rss_kib()
-    calls(100)
-    grown = rss_kib() - before
+    # A leak grows every batch; the allocator's noise on a busy machine (a
+    # megabyte or two now and then) does not: the smaller of two batches counts.
+    grown = []
+    for _ in range(2):
+        before = rss_kib()
+        calls(100)
+        grown.append(rss_kib() - before)
     # One leaked label map is 64 KiB: 100 of them would be 6 MiB.
-    assert grown < 2048, f"resident memory grew by {grown} KiB over 100 calls"
+    assert min(grown) < 2048, f"resident memory grew by {grown} KiB over two batches of 100 calls"
 
 
 def test_a_run_started_from_a_progress_callback_raises_instead_of_waiting():

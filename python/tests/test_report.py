@@ -2,13 +2,12 @@
 
 import json
 import re
-import subprocess
 
 import numpy as np
 import pytest
 
 import dhc
-from conftest import tool, write_hraw
+from conftest import dhc_tool, tool_settings, write_hraw
 
 SETTINGS = dict(max_number_of_classes=4, split_gain_threshold=0.01)
 
@@ -36,11 +35,8 @@ def test_page_describes_the_result_like_the_tools(scene, tmp_path):
 
     # The tool's page of the same run holds the same tree.
     write_hraw(tmp_path / "image.hraw", image)
-    args = [tool(), "segment", str(tmp_path / "image.hraw"), "-o", str(tmp_path / "l.hraw"), "-q",
-            "--html", str(tmp_path / "tool.html"), "--rgb", "1,3,2"]
-    for key, value in (("MaxNumberOfClasses", 4), ("SplitGainThreshold", 0.01)):
-        args += ["--set", f"UNSUPERVISED_MODE_CONF.{key}={value}"]
-    assert subprocess.run(args, capture_output=True).returncode == 0
+    dhc_tool("segment", tmp_path / "image.hraw", "-o", tmp_path / "l.hraw", "-q", "--html", tmp_path / "tool.html",
+             "--rgb", "1,3,2", *tool_settings(tmp_path, dhc.Settings(**SETTINGS)))
     theirs = run_data((tmp_path / "tool.html").read_text(encoding="utf-8"))
     for key in ("cutClasses", "splitOrder", "nodes", "leaves", "settings", "rgb"):
         assert data[key] == theirs[key], key

@@ -1,9 +1,7 @@
-"""dhc.segment against the command-line tool and the MATLAB/Octave module, and
-the consistency of what a Result holds."""
+"""dhc.segment against the command-line tool (which the MATLAB/Octave module
+is compared with too), and the consistency of what a Result holds."""
 
 import json
-import os
-import subprocess
 import threading
 
 import numpy as np
@@ -11,7 +9,7 @@ import pytest
 
 import dhc
 from dhc import _dhc
-from conftest import SOURCE_DIR, read_hraw, run_tool, tool, write_hraw
+from conftest import dhc_tool, read_hraw, run_tool, tool_settings, write_hraw
 
 # A mask with a hole and a stray value (only 1 selects), an initial
 # segmentation with unlabelled rows.
@@ -27,26 +25,20 @@ def maps(truth):
 def test_labels_equal_the_tools(scene, tmp_path):
     image, truth = scene
     mask, init = maps(truth)
-    write_hraw(tmp_path / "mask.hraw", mask)
-    write_hraw(tmp_path / "init.hraw", init)
-    gt = truth
-    cases = [
-        ("defaults", {}, {}, []),
-        ("mask and init", dict(mask=mask, init=init), dict(max_number_of_classes=3, min_region_area=16),
-         ["--mask", tmp_path / "mask.hraw", "--init", tmp_path / "init.hraw",
-          "--set", "UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=3", "--set", "UNSUPERVISED_MODE_CONF.MinRegionArea=16"]),
-        ("init only", dict(init=init), {}, ["--init", tmp_path / "init.hraw"]),
-        ("supervised", dict(gt=gt),
-         dict(supervised_mode=True, number_of_classes=4, structure_levels=[2, 2, 2, 2],
-              structure_paths=[0, 0, 0, 1, 1, 0, 1, 1]),
-         ["--gt", tmp_path / "gt.hraw", "--set", "SEGM_MAIN_CONFIGURATION.SupervisedMode=1",
-          "--set", "SUPERVISED_MODE_CONF.NumberOfClasses=4",
-          "--set", "SUPERVISED_MODE_CONF.StructureLevels={2 2 2 2}",
-          "--set", "SUPERVISED_MODE_CONF.StructurePaths={0 0 0 1 1 0 1 1}"]),
+    supervised = dict(supervised_mode=True, number_of_classes=4, structure_levels=[2, 2, 2, 2],
+                      structure_paths=[0, 0, 0, 1, 1, 0, 1, 1])
+    cases = [  # the tool's built-in settings for none given
+        ("defaults", {}, {}),
+        ("mask and init", dict(mask=mask, init=init), dict(max_number_of_classes=3, min_region_area=16)),
+        ("init only", dict(init=init), {}),
+        ("supervised", dict(gt=truth), supervised),
     ]
-    write_hraw(tmp_path / "gt.hraw", gt)
-    for name, inputs, settings, args in cases:
+    for name, inputs, settings in cases:
         result = dhc.segment(image, settings=dhc.Settings(**settings), **inputs)
+        args = tool_settings(tmp_path, dhc.Settings(**settings)) if settings else []
+        for key, plane in inputs.items():
+            write_hraw(tmp_path / f"{key}.hraw", plane)
+            args += [f"--{key}", tmp_path / f"{key}.hraw"]
         expected = run_tool(tmp_path, image, *args, name=name.replace(" ", "_"))
         assert result.labels.dtype == np.int32 and result.labels.shape == truth.shape, name
         assert result.labels.tobytes() == expected.astype(np.int32).tobytes(), name
@@ -168,57 +160,15 @@ def test_threads_take_turns(scene):
     assert all(np.array_equal(got[k].labels, expected[k % 2]) for k in range(4))
 
 
-def test_any_number_of_threads_gives_the_same_result(scene):
-    image, _ = scene
-    # Large enough for the loops to be cut among the threads.
-    big = np.tile(image, (1, 3, 3))
-    one = dhc.segment(big, threads=1)
-    two = dhc.segment(big, threads=2)
-    assert len(one.classes) > 1
-    assert np.array_equal(one.labels, two.labels)
-    assert [r.beta for r in one.regions] == [r.beta for r in two.regions]
-
-
-def test_labels_equal_the_mex_modules(scene, tmp_path):
-    octave, mex_dir = os.environ.get("DHC_OCTAVE"), os.environ.get("DHC_MEX_DIR")
-    if not octave or not mex_dir:
-        pytest.skip("the Octave module is not built")
-    image, truth = scene
-    mask, _ = maps(truth)
-    write_hraw(tmp_path / "image.hraw", image)
-    write_hraw(tmp_path / "mask.hraw", mask)
-    out = tmp_path / "mex_labels.hraw"
-    script = f"""1;
-      function c = rd(file)
-        f = fopen(file, 'r', 'ieee-le'); h = fread(f, 3, 'int32')';
-        c = permute(reshape(fread(f, prod(h), 'int32'), h(3), h(2), h(1)), [2 1 3]); fclose(f);
-      end
-      s = DhcSettings(); s.unsupSet.classicSet.maxNumberOfClasses = 5;
-      [o, ~, ~] = dhc(DhcProblem(rd('{tmp_path}/image.hraw'), [], rd('{tmp_path}/mask.hraw')), s);
-      f = fopen('{out}', 'w', 'ieee-le'); fwrite(f, [1 size(o.segmentation)], 'int32');
-      fwrite(f, o.segmentation', 'int32'); fclose(f);
-    """
-    (tmp_path / "mex_run.m").write_text(script)
-    subprocess.run([octave, "--no-window-system", "--quiet", "--norc", "--eval",
-                    f"addpath('{mex_dir}', '{SOURCE_DIR / 'matlab'}', '{tmp_path}'); source('{tmp_path}/mex_run.m');"],
-                   check=True, capture_output=True, timeout=300)
-    result = dhc.segment(image, mask=mask, settings=dhc.Settings(max_number_of_classes=5))
-    assert result.labels.tobytes() == read_hraw(out)[0].astype(np.int32).tobytes()
-
-
 def test_cuts_levels_and_tree_equal_the_tools(scene, tmp_path):
     image, _ = scene
     for multiplicity in (2, 3):
         # The last cut is the final map when that is the tree's leaves: no refinement.
         s = dhc.Settings(multiplicity=multiplicity, min_region_area=16, max_number_of_classes=6, final_refinement=0)
         result = dhc.segment(image, settings=s)
-        args = ["--set", f"POTTS_MODEL.Multiplicity={multiplicity}", "--set", "UNSUPERVISED_MODE_CONF.MinRegionArea=16",
-                "--set", "UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=6", "--set", "UNSUPERVISED_MODE_CONF.FinalRefinement=0"]
-        image_file = tmp_path / "cut_image.hraw"
-        write_hraw(image_file, image)
-        subprocess.run([tool(), "segment", str(image_file), "-o", str(tmp_path / "l.hraw"), "--quiet",
-                        "--levels", str(tmp_path / "levels.hraw"), "--tree", str(tmp_path / "tree.json"), *args],
-                       check=True, capture_output=True)
+        write_hraw(tmp_path / "image.hraw", image)
+        dhc_tool("segment", tmp_path / "image.hraw", "-o", tmp_path / "l.hraw", "--quiet", "--levels",
+                 tmp_path / "levels.hraw", "--tree", tmp_path / "tree.json", *tool_settings(tmp_path, s))
         levels = result.levels()
         assert levels.tobytes() == read_hraw(tmp_path / "levels.hraw").astype(np.int32).tobytes()
         assert levels[-1].tobytes() == result.labels.tobytes()
@@ -231,6 +181,17 @@ def test_cuts_levels_and_tree_equal_the_tools(scene, tmp_path):
         # The same document but for the program's name.
         assert result.tree["regions"] == expected["regions"]
         assert result.tree["splitOrder"] == expected["splitOrder"]
+        # Each region's own figures are the document's, field by field.
+        by_label = {r["label"]: r for r in expected["regions"]}
+        gains = set()
+        for r in result.regions:
+            doc = by_label[r.label]
+            assert (r.area, r.edges if r.split else None) == (doc["area"], doc["edges"])
+            if r.split:
+                g = doc["splitGain"]
+                assert (r.beta, r.sg_basic, r.sg_tex, r.sg_spec) == (doc["beta"], g["TFR"], g["mixtureTFR"], g["MRF"])
+                gains.add((g["TFR"], g["mixtureTFR"], g["MRF"]))
+        assert any(tfr != mixture for tfr, mixture, _ in gains)  # a gain filed under the other shows
     with pytest.raises(ValueError, match="no cut of the tree has 2 classes"):
         result.cut(classes=2)  # three children per split: 1, 3, 5, ... classes
     with pytest.raises(ValueError, match="k must be from 0 to"):

@@ -38,6 +38,7 @@ class PottsEngine;
 class LabelController;
 class PottsWS;
 class PottsMapRegion;
+class WeightTree;
 class Mixture;
 struct DHC_SET;
 struct WSReport;
@@ -48,13 +49,14 @@ class DHC {
     // Each blind or test split first estimates its number of children by mean shift.
     bool variableMultiplicity = false;
     // Built from `settings` when given, else from `configFile`, else with defaults (owned).
-    PottsEngine* engine = nullptr;
+    std::unique_ptr<PottsEngine> engine;
     // Free-label pool (owned).
-    LabelController* labels = nullptr;
-    // The workspace hierarchy (owned, with every workspace it carries).
-    Tree<PottsWS*>* tree = nullptr;
+    std::unique_ptr<LabelController> labels;
+    // The workspace hierarchy (owned, with every workspace it carries, which
+    // distroyDhcTree frees: the tree's nodes only point at them).
+    std::unique_ptr<Tree<PottsWS*>> tree;
     // Supervised mode: the class-structure tree with its class models (owned); else null.
-    Tree<Mixture*>* mixTree = nullptr;
+    std::unique_ptr<Tree<Mixture*>> mixTree;
     // Configuration file name (not owned, may be null).
     char* configFile = nullptr;
     // Settings record (not owned, may be null).
@@ -188,14 +190,16 @@ class DHC {
                      int* splitSequence = nullptr);
 
   private:
+    // One call of dhc(): its steps (DHCRun.cpp).
+    struct Run;
     // The tree was seeded with two or more initial regions.
     bool seeded_ = false;
     // Owned copies behind configFile / settings when dhc() had to make them.
     std::string configFileStore_;
-    DHC_SET* ownedSettings_ = nullptr;
+    std::unique_ptr<DHC_SET> ownedSettings_;
 
     void initCommon(int maxLabels, const std::function<PottsWS*(int borderLabel, int ownLabel)>& makeRoot);
-    PottsEngine* makeEngine();
+    std::unique_ptr<PottsEngine> makeEngine();
     void guarded(const std::function<void()>& step);
     void seedFromPlane(int** initial);
     PottsWS* rootWS() const;
@@ -207,6 +211,9 @@ class DHC {
     bool lookAhead(const SplittingOptions& opts, TreeNode<PottsWS*>* leaf);
     // Records every leaf's tentative split as refused (before they are removed).
     void recordRefused();
+    // Validates the chosen leaf's tentative split; with splitMode 1 its new
+    // children are cut into connected pieces, weighed by `weights`.
+    void makePermanent(const SplittingOptions& opts, TreeNode<PottsWS*>* chosen, WeightTree* weights);
   public:
     // Builds finalModel from the leaves and, with refinement rounds, refines
     // a copy of the label map into plane (rows: its row pointers, laid out as

@@ -3,46 +3,31 @@
 #include <algorithm>
 #include <memory>
 
-#include "data/PottsMapRegion.h"
 #include "data/ROI.h"
-#include "driver/DHC.h"
-#include "driver/DHC_OUT.h"
+#include "driver/FinishedRun.h"
 #include "hierarchy/RegionFields.h"
 #include "settings/DHC_SET.h"
-#include "workspace/PottsWS.h"
-#include "workspace/Tree.h"
 #include "workspace/WSReport.h"
 
 namespace dhc {
 
 Hierarchy Hierarchy::fromRun(const DHC_OUT& out, const DHC_SET& settings) {
-    if (out.dhc == nullptr || out.dhc->tree == nullptr || out.labelRoi == nullptr)
-        throw HierarchyError("the run has no tree of regions");
+    const FinishedRun run(out);
+    if (!run.hasTree()) throw HierarchyError("the run has no tree of regions");
     if (settings.fragmentation || settings.splitwiseDisconnect)
         throw HierarchyError(
             "the tree of regions does not describe the final map after Fragmentation=1 or "
             "SplitwiseDisconnect=1");
 
     Hierarchy h;
-    {
-        int n = 0;
-        WSReport** raw = out.dhc->reportAllWSs(n);
-        std::vector<std::unique_ptr<WSReport>> reports(raw, raw + n);
-        delete[] raw;
-        for (const auto& r : reports) {
-            h.index_[r->WSLab] = static_cast<int>(h.nodes_.size());
-            h.nodes_.push_back(regionNode(*r));
-        }
+    for (const auto& r : run.reports()) {
+        h.index_[r->WSLab] = static_cast<int>(h.nodes_.size());
+        h.nodes_.push_back(regionNode(*r));
     }
-    {
-        int n = 0;
-        std::unique_ptr<int[]> sequence(out.dhc->extractSplitSequence(n));
-        h.splitOrder_.assign(sequence.get(), sequence.get() + n);
-    }
+    h.splitOrder_ = run.splitSequence();
     for (size_t i = 0; i < h.splitOrder_.size(); ++i)
         h.nodes_[h.index_.at(h.splitOrder_[i])].splitRank = static_cast<int>(i) + 1;
-    const int rootLabel = out.dhc->tree->root->label;
-    h.root_ = h.index_.at(rootLabel);
+    h.root_ = h.index_.at(run.rootLabel());
     for (RegionNode& parent : h.nodes_)
         for (int c : parent.children) h.nodes_[h.index_.at(c)].parent = parent.label;
 
@@ -62,12 +47,11 @@ Hierarchy Hierarchy::fromRun(const DHC_OUT& out, const DHC_SET& settings) {
         h.chains_.push_back(std::move(chain));
     }
 
-    // Every point's leaf, read where the driver painted the leaves: the map
-    // plane of the root region (the ROI-relative frame the labels came from).
-    const ROI<int, xy>& points = *out.labelRoi;
-    const bool refined = out.dhc->finalModel && out.dhc->finalModel->refined;
-    if (out.dhc->finalModel) h.finalModel_ = std::make_shared<const FinalModel>(*out.dhc->finalModel);
-    const PottsMapRegion* region = out.dhc->tree->root->data->root;
+    // Every point's leaf, read where the driver painted the leaves.
+    const ROI<int, xy>& points = run.points();
+    const FinalModel* finalModel = run.finalModel();
+    const bool refined = finalModel != nullptr && finalModel->refined;
+    if (finalModel != nullptr) h.finalModel_ = std::make_shared<const FinalModel>(*finalModel);
     h.rows_ = points.imageRows;
     h.cols_ = points.imageCols;
     h.pointCell_.resize(static_cast<size_t>(points.count));
@@ -81,7 +65,7 @@ Hierarchy Hierarchy::fromRun(const DHC_OUT& out, const DHC_SET& settings) {
     for (int k = 0; k < points.count; ++k) {
         const xy p = points.coords[k];
         h.pointCell_[k] = (p.x + points.minRow) * h.cols_ + p.y + points.minCol;
-        const auto node = h.index_.find(region->map[p.x + region->pad][p.y + region->pad]);
+        const auto node = h.index_.find(run.leafLabelAt(k));
         if (node == h.index_.end()) throw mismatch();
         const auto leaf = leafOf.find(node->second);
         if (leaf == leafOf.end()) throw mismatch();

@@ -76,34 +76,39 @@ std::string areaText(double pixels, double pixelArea) {
     return significant(hectares / 100) + " km\u00b2";
 }
 
-TreeLayout layoutTree(const Hierarchy& tree, const TreeOptions& options) {
-    const std::vector<RegionNode>& nodes = tree.nodes();
-    std::unordered_map<int, size_t> at;
-    for (size_t i = 0; i < nodes.size(); ++i) at[nodes[i].label] = i;
-    const int splits = tree.splits();
+namespace {
 
+// The fill colours of the picture's nodes.
+struct NodeColours {
+    std::map<int, Rgb> leaf;              // by final label
+    std::unordered_map<int, Rgb> split;   // by region label
+};
+
+NodeColours nodeColours(const Hierarchy& tree, const std::unordered_map<int, size_t>& at) {
+    const std::vector<RegionNode>& nodes = tree.nodes();
+    NodeColours colours;
     // The leaves' colours: ascending final label, as in the final map's PNG.
     std::set<int> present;
     for (const RegionNode& n : nodes)
         if (n.terminal && n.area > 0 && n.finalLabel != 0) present.insert(n.finalLabel);
-    std::map<int, Rgb> leafColour;
     int k = 0;
-    for (int label : present) leafColour[label] = labelColour(k++);
+    for (int label : present) colours.leaf[label] = labelColour(k++);
     // A split region's colour: its rank among the labels of the last cut
     // holding it, the cut after (its split rank - 1) splits, as in that cut's map.
-    std::unordered_map<int, Rgb> splitColour;
-    {
-        std::set<int> cut{tree.root().label};
-        for (int r = 1; r <= splits; ++r) {
-            const RegionNode& n = nodes[at.at(tree.splitOrder()[r - 1])];
-            splitColour[n.label] = labelColour(static_cast<int>(std::distance(cut.begin(), cut.find(n.label))));
-            cut.erase(n.label);
-            for (int c : n.children)
-                if (nodes[at.at(c)].area > 0) cut.insert(c);
-        }
+    std::set<int> cut{tree.root().label};
+    for (int r = 1; r <= tree.splits(); ++r) {
+        const RegionNode& n = nodes[at.at(tree.splitOrder()[r - 1])];
+        colours.split[n.label] = labelColour(static_cast<int>(std::distance(cut.begin(), cut.find(n.label))));
+        cut.erase(n.label);
+        for (int c : n.children)
+            if (nodes[at.at(c)].area > 0) cut.insert(c);
     }
+    return colours;
+}
 
-    // Leaves left to right in depth-first order, children in child order.
+// Leaves left to right in depth-first order, children in child order.
+std::vector<int> leafOrderOf(const Hierarchy& tree, const std::unordered_map<int, size_t>& at) {
+    const std::vector<RegionNode>& nodes = tree.nodes();
     std::vector<int> leafOrder;
     std::vector<int> stack{tree.root().label};
     while (!stack.empty()) {
@@ -112,6 +117,61 @@ TreeLayout layoutTree(const Hierarchy& tree, const TreeOptions& options) {
         if (n.children.empty()) leafOrder.push_back(n.label);
         for (auto c = n.children.rbegin(); c != n.children.rend(); ++c) stack.push_back(*c);
     }
+    return leafOrder;
+}
+
+// One region drawn at (x, y): its disc, its text and its tooltip.
+// A run that kept its splits by a model-selection criterion shows it, in nats
+// per pixel of the region of interest, instead of the split gain.
+TreeLayout::Node placeNode(const RegionNode& n, int x, int y, const NodeColours& colours, double rootArea,
+                           double pixelArea, bool byCriterion) {
+    TreeLayout::Node p;
+    p.label = n.label;
+    p.x = x;
+    p.y = y;
+    p.half = kMinHalf + static_cast<int>(std::lround((kMaxHalf - kMinHalf) * std::sqrt(n.area / rootArea)));
+    p.leaf = n.children.empty();
+    const std::string area = areaText(n.area, pixelArea);
+    if (p.leaf) {
+        const auto colour = colours.leaf.find(n.finalLabel);
+        p.fill = (n.area > 0 && colour != colours.leaf.end()) ? colour->second : kTreeInnerFill;
+        p.text = {"#" + std::to_string(n.label), area};
+        p.textX = x;
+        p.textY = y + kMaxHalf + 4 + kTreeFontSize;
+    } else {
+        p.fill = colours.split.count(n.label) ? colours.split.at(n.label) : kTreeInnerFill;
+        const double score = byCriterion ? n.criterion / rootArea : n.splitGainTFR;
+        p.text = {"#" + std::to_string(n.label) + "  " + area,
+                  (byCriterion ? "criterion " : "gain ") + gainText(score)};
+        p.textX = x + p.half + 4;
+        p.textY = y - 3;
+    }
+    p.tooltip.push_back("#" + std::to_string(n.label) + (p.leaf ? " (class)" : "") + ": " + area +
+                        (pixelArea > 0 ? " (" + std::to_string(n.area) + " px)" : ""));
+    if (n.split) {
+        p.tooltip.push_back("split rank " + std::to_string(n.splitRank) + ", gain " + gainText(n.splitGainTFR) +
+                            " (MRF " + gainText(n.splitGainMRF) + ", mixture " + gainText(n.mixtureSplitGainTFR) +
+                            ")" + (byCriterion ? ", criterion " + gainText(n.criterion) + " nats" : ""));
+        p.tooltip.push_back("\u03b2 " + gainText(n.beta) + ", " + std::to_string(n.children.size()) + " children");
+    }
+    if (!n.mean.empty()) {
+        std::string mean = "mean per band:";
+        for (double v : n.mean) mean += " " + (std::isfinite(v) ? format("%.1f", v) : std::string("none"));
+        p.tooltip.push_back(mean);
+    }
+    return p;
+}
+
+}  // namespace
+
+TreeLayout layoutTree(const Hierarchy& tree, const TreeOptions& options) {
+    const std::vector<RegionNode>& nodes = tree.nodes();
+    std::unordered_map<int, size_t> at;
+    for (size_t i = 0; i < nodes.size(); ++i) at[nodes[i].label] = i;
+    const int splits = tree.splits();
+
+    const NodeColours colours = nodeColours(tree, at);
+    const std::vector<int> leafOrder = leafOrderOf(tree, at);
     const int leaves = static_cast<int>(leafOrder.size());
 
     // A run that kept its splits by a model-selection criterion (every split
@@ -121,8 +181,6 @@ TreeLayout layoutTree(const Hierarchy& tree, const TreeOptions& options) {
     bool byCriterion = splits > 0;
     for (int r = 0; r < splits; ++r)
         if (!std::isfinite(nodes[at.at(tree.splitOrder()[r])].criterion)) byCriterion = false;
-    auto score = [&](const RegionNode& n) { return byCriterion ? n.criterion / rootArea : n.splitGainTFR; };
-    const std::string scoreName = byCriterion ? "criterion" : "gain";
 
     TreeLayout layout;
     layout.title = "dhc tree: " + std::to_string(nodes.size()) +
@@ -204,43 +262,8 @@ TreeLayout layoutTree(const Hierarchy& tree, const TreeOptions& options) {
     const double pixelArea = options.pixelArea;
     std::unordered_map<int, size_t> placed;  // label -> index in layout.nodes
     auto place = [&](const RegionNode& n, int x, int y) {
-        TreeLayout::Node p;
-        p.label = n.label;
-        p.x = x;
-        p.y = y;
-        p.half =
-            kMinHalf + static_cast<int>(std::lround((kMaxHalf - kMinHalf) * std::sqrt(n.area / rootArea)));
-        p.leaf = n.children.empty();
-        const std::string area = areaText(n.area, pixelArea);
-        if (p.leaf) {
-            const auto colour = leafColour.find(n.finalLabel);
-            p.fill = (n.area > 0 && colour != leafColour.end()) ? colour->second : kTreeInnerFill;
-            p.text = {"#" + std::to_string(n.label), area};
-            p.textX = x;
-            p.textY = y + kMaxHalf + 4 + kTreeFontSize;
-        } else {
-            p.fill = splitColour.count(n.label) ? splitColour.at(n.label) : kTreeInnerFill;
-            p.text = {"#" + std::to_string(n.label) + "  " + area, scoreName + " " + gainText(score(n))};
-            p.textX = x + p.half + 4;
-            p.textY = y - 3;
-        }
-        p.tooltip.push_back("#" + std::to_string(n.label) + (p.leaf ? " (class)" : "") + ": " + area +
-                            (pixelArea > 0 ? " (" + std::to_string(n.area) + " px)" : ""));
-        if (n.split) {
-            p.tooltip.push_back("split rank " + std::to_string(n.splitRank) + ", gain " +
-                                gainText(n.splitGainTFR) + " (MRF " + gainText(n.splitGainMRF) +
-                                ", mixture " + gainText(n.mixtureSplitGainTFR) + ")" +
-                                (byCriterion ? ", criterion " + gainText(n.criterion) + " nats" : ""));
-            p.tooltip.push_back("\u03b2 " + gainText(n.beta) + ", " + std::to_string(n.children.size()) +
-                                " children");
-        }
-        if (!n.mean.empty()) {
-            std::string mean = "mean per band:";
-            for (double v : n.mean) mean += " " + (std::isfinite(v) ? format("%.1f", v) : std::string("none"));
-            p.tooltip.push_back(mean);
-        }
         placed[n.label] = layout.nodes.size();
-        layout.nodes.push_back(p);
+        layout.nodes.push_back(placeNode(n, x, y, colours, rootArea, pixelArea, byCriterion));
     };
     for (int i = 0; i < leaves; ++i) place(nodes[at.at(leafOrder[i])], left + i * kSlot + kSlot / 2, leafY);
 

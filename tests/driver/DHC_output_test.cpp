@@ -16,6 +16,9 @@
 #include "data/ROI.h"
 #include "driver/DHC.h"
 #include "driver/DriverScene.h"
+#include "driver/FinishedRun.h"
+#include "driver/FinalModel.h"
+#include "workspace/WSReport.h"
 #include "settings/DHC_SET.h"
 #include "workspace/PottsWS.h"
 #include "workspace/Tree.h"
@@ -142,4 +145,68 @@ TEST_F(HandTree, RemovingTestSplitsGivesTheirLabelsBackAndRepaintsTheLeaves) {
         const int leaf = p.x < 4 ? (p.y < 2 ? 9 : p.y < 4 ? 10 : 7) : (p.y < 4 ? 6 : 8);
         EXPECT_EQ(labels->data[k], leaf) << p.x << ", " << p.y;
     }
+}
+
+// The run's record hands its ownership on when moved: the moved-from record
+// is empty, and assigning over a record first frees what it held (checked
+// under valgrind and the sanitizers).
+TEST(DhcOut, MovingTheRecordHandsTheRunOver) {
+    driver_test::Scene scene = driver_test::fourQuadrants();
+    std::unique_ptr<ROI<int, xy>> roi(scene.dataRoi());
+    std::unique_ptr<DHC_SET> s = driver_test::baseSettings();
+    DHC_IN in;
+    in.roi = roi.get();
+    in.settings = s.get();
+
+    DHC_OUT first = DHC::dhc(in);
+    ASSERT_NE(first.dhc, nullptr);
+    const DHC* run = first.dhc;
+    const ROI<int, xy>* labels = first.labelRoi;
+    const int classes = first.nClasses;
+    DHC_OUT moved(std::move(first));
+    EXPECT_EQ(moved.dhc, run);
+    EXPECT_EQ(moved.labelRoi, labels);
+    EXPECT_EQ(moved.nClasses, classes);
+    EXPECT_EQ(first.dhc, nullptr);
+    EXPECT_EQ(first.labelRoi, nullptr);
+    EXPECT_EQ(first.nClasses, 0);
+    EXPECT_EQ(first.rows, -1);
+
+    DHC_OUT second = DHC::dhc(in);
+    const DHC* secondRun = second.dhc;
+    moved = std::move(second);
+    EXPECT_EQ(moved.dhc, secondRun);
+    EXPECT_EQ(moved.nClasses, classes);
+    EXPECT_EQ(second.dhc, nullptr);
+    EXPECT_EQ(second.labelRoi, nullptr);
+}
+
+// What a finished run offers the products built on it: with the tree's own
+// map as the final map, the leaf under each point is the point's label, every
+// region has one report, the ranked splits start at the root, and the stop
+// line is there.  A record without a run offers nothing.
+TEST(FinishedRunView, OffersTheTreeTheFinalMapWasPaintedFrom) {
+    driver_test::Scene scene = driver_test::fourQuadrants();
+    std::unique_ptr<ROI<int, xy>> roi(scene.dataRoi());
+    std::unique_ptr<DHC_SET> s = driver_test::baseSettings();
+    s->finalRefinement = 0;
+    DHC_IN in;
+    in.roi = roi.get();
+    in.settings = s.get();
+    const DHC_OUT out = DHC::dhc(in);
+    const dhc::FinishedRun run(out);
+    ASSERT_TRUE(run.hasTree());
+    ASSERT_EQ(run.points().count, scene.rows * scene.cols);
+    for (int k = 0; k < run.points().count; ++k) ASSERT_EQ(run.leafLabelAt(k), run.points().data[k]);
+    const auto reports = run.reports();
+    EXPECT_EQ(reports.size(), 7u);  // the root, two halves, four quadrants
+    EXPECT_EQ(reports.front()->WSLab, run.rootLabel());
+    const std::vector<int> splits = run.splitSequence();
+    ASSERT_EQ(splits.size(), 3u);
+    EXPECT_EQ(splits.front(), run.rootLabel());
+    EXPECT_FALSE(run.stopReason().empty());
+    EXPECT_TRUE(run.finalModel() == nullptr || !run.finalModel()->refined);
+
+    const DHC_OUT none;
+    EXPECT_FALSE(dhc::FinishedRun(none).hasTree());
 }

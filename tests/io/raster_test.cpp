@@ -107,14 +107,25 @@ class Raster : public ToolTest {
         EXPECT_EQ(last.status, 0) << last.err;
     }
 
-    // The files of the scratch directory.
-    std::set<std::string> files() const {
-        std::set<std::string> names;
-        for (const auto& entry : std::filesystem::directory_iterator(dir_))
-            names.insert(entry.path().filename().string());
-        return names;
+    // Raster `name` lies where the test rasters lie (UTM zone 25S), shifted by
+    // (col, row) pixels.
+    void expectPlace(const std::string& name, int col = 0, int row = 0) const {
+        SCOPED_TRACE(name);
+        Dataset d = open(name);
+        ASSERT_TRUE(d);
+        double t[6], want[6];
+        std::copy(kTransform, kTransform + 6, want);
+        want[0] += col * kTransform[1];
+        want[3] += row * kTransform[5];
+        ASSERT_EQ(d->GetGeoTransform(t), CE_None);
+        EXPECT_TRUE(std::equal(t, t + 6, want));
+        OGRSpatialReference expected;
+        expected.importFromEPSG(32725);
+        ASSERT_NE(d->GetSpatialRef(), nullptr);
+        EXPECT_TRUE(d->GetSpatialRef()->IsSame(&expected));
     }
 
+    // The files of the scratch directory.
     Hraw scene;
     Result last;
 };
@@ -192,15 +203,9 @@ TEST_F(Raster, LabelMapsKeepTheGeoreferenceAndThePictureColours) {
     const std::vector<int32_t> labels = band("labels.tif");
     EXPECT_EQ(labels, readHraw("labels.hraw").values);
 
+    expectPlace("labels.tif");
     Dataset out = open("labels.tif");
     ASSERT_TRUE(out);
-    double transform[6];
-    ASSERT_EQ(out->GetGeoTransform(transform), CE_None);
-    for (int i = 0; i < 6; ++i) EXPECT_EQ(transform[i], kTransform[i]);
-    OGRSpatialReference expected;
-    expected.importFromEPSG(32725);
-    ASSERT_NE(out->GetSpatialRef(), nullptr);
-    EXPECT_TRUE(out->GetSpatialRef()->IsSame(&expected));
     EXPECT_STREQ(out->GetMetadataItem("SENSOR"), "test scene");
     GDALRasterBand* b = out->GetRasterBand(1);
     EXPECT_EQ(b->GetRasterDataType(), GDT_Byte);  // a handful of labels
@@ -229,10 +234,7 @@ TEST_F(Raster, LabelMapsKeepTheGeoreferenceAndThePictureColours) {
     // The fragment map goes the same way; nothing but the outputs is left.
     segment({"segment", "scene.tif", "-o", "classes.tiff", "--fragments", "fragments.tif", "--set",
              "UNSUPERVISED_MODE_CONF.Fragmentation=1", "-q"});
-    Dataset fragments = open("fragments.tif");
-    ASSERT_TRUE(fragments);
-    ASSERT_EQ(fragments->GetGeoTransform(transform), CE_None);
-    EXPECT_EQ(transform[0], kTransform[0]);
+    expectPlace("fragments.tif");
     EXPECT_EQ(pieces(Hraw{1, kSide, kSide, band("classes.tiff")}),
               static_cast<int>(distinctLabels(band("fragments.tif")).size()));
     EXPECT_EQ(files(), (std::set<std::string>{"scene.hraw", "truth.hraw", "scene.tif", "labels.hraw",
@@ -270,13 +272,9 @@ TEST_F(Raster, NodataPixelsAreOutsideTheRegionAndTheStatistics) {
     floats.type = GDT_Float32;
     writeRaster("nan.tif", floats, scene.bands, kOuter, kOuter,
                 framed(scene.bands, [nan](int, int, int) { return nan; }));
-    // A Float32 nodata value: the lowest float, compared in the band's own type.
-    Layout floatNodata;
-    floatNodata.type = GDT_Float32;
-    floatNodata.hasNodata = true;
-    floatNodata.nodata = -std::numeric_limits<float>::max();
-    writeRaster("fnodata.tif", floatNodata, scene.bands, kOuter, kOuter,
-                framed(scene.bands, [](int, int, int) { return -std::numeric_limits<float>::max(); }));
+    // A --nodata value a Float32 band cannot hold: its pixels hold the nearest float.
+    writeRaster("float32.tif", floats, scene.bands, kOuter, kOuter,
+                framed(scene.bands, [](int, int, int) { return -9999.9; }));
     writeRaster("zeros.tif", Layout(), scene.bands, kOuter, kOuter,
                 framed(scene.bands, [](int, int, int) { return 0; }));
     Hraw zeros{scene.bands, kOuter, kOuter, {}};
@@ -296,7 +294,7 @@ TEST_F(Raster, NodataPixelsAreOutsideTheRegionAndTheStatistics) {
     const std::pair<Args, std::string> runs[] = {
         {{"nodata.tif"}, "nodata value, in one band per pixel"},
         {{"nan.tif", "--scale", "1"}, "NaN"},
-        {{"fnodata.tif", "--scale", "1"}, "Float32 nodata value"},
+        {{"float32.tif", "--scale", "1", "--nodata", "-9999.9"}, "--nodata on Float32"},
         {{"zeros.tif", "--nodata", "0"}, "--nodata"},
         {{"alpha.tif"}, "alpha band"},
         {{"zeros.hraw", "--nodata", "0"}, "--nodata on hraw"},
@@ -336,36 +334,6 @@ TEST_F(Raster, NodataPixelsAreOutsideTheRegionAndTheStatistics) {
         last.err.find(std::to_string((kOuter / 2 - kBorder) * kSide) + " pixels in the region of interest"),
         std::string::npos)
         << last.err;
-    // A floating-point mask selects by its values as they are: the image's
-    // scale (here 2) is for the image only.
-    Layout floatMap;
-    floatMap.type = GDT_Float32;
-    writeRaster("fmask.tif", floatMap, 1, kOuter, kOuter, half);
-    segment({"segment", "nan.tif", "--scale", "2", "--mask", "fmask.tif", "-o", "fmasked.tif"});
-    EXPECT_NE(
-        last.err.find(std::to_string((kOuter / 2 - kBorder) * kSide) + " pixels in the region of interest"),
-        std::string::npos)
-        << last.err;
-    // So does a floating-point ground truth: its labels are the classes' own.
-    std::vector<double> truth;
-    for (int r = 0; r < kOuter; ++r)
-        for (int c = 0; c < kOuter; ++c) truth.push_back(c < kOuter / 2 ? 1 : 2);
-    writeRaster("fgt.tif", floatMap, 1, kOuter, kOuter, truth);
-    Layout intMap;
-    intMap.type = GDT_Int32;
-    writeRaster("gt.tif", intMap, 1, kOuter, kOuter, truth);
-    const Args supervised = {"--set", "SEGM_MAIN_CONFIGURATION.SupervisedMode=1",
-                             "--set", "SUPERVISED_MODE_CONF.NumberOfClasses=2",
-                             "--set", "SUPERVISED_MODE_CONF.StructureLevels={1 1}",
-                             "--set", "SUPERVISED_MODE_CONF.StructurePaths={0 1}"};
-    for (const char* gt : {"fgt.tif", "gt.tif"}) {
-        Args args = {"segment", "nan.tif", "--scale", "2", "--gt", gt, "-o", std::string("s") + gt};
-        args.insert(args.end(), supervised.begin(), supervised.end());
-        segment(args);
-    }
-    const std::vector<int32_t> fromFloat = band("sfgt.tif"), fromInt = band("sgt.tif");
-    EXPECT_EQ(fromFloat, fromInt);
-    EXPECT_EQ(std::set<int32_t>(fromInt.begin(), fromInt.end()), (std::set<int32_t>{0, 1, 2}));
 }
 
 class BadRaster : public Raster {
@@ -525,13 +493,7 @@ TEST_F(Raster, EveryRasterOutputGoesThroughTheDriverOfItsName) {
                   "cut after " + std::to_string(b) + (b == 1 ? " split, " : " splits, ") +
                       std::to_string(distinctLabels(want).size()) + (b == 0 ? " class" : " classes"));
     }
-    double transform[6];
-    ASSERT_EQ(levels->GetGeoTransform(transform), CE_None);
-    for (int i = 0; i < 6; ++i) EXPECT_EQ(transform[i], kTransform[i]);
-    OGRSpatialReference expected;
-    expected.importFromEPSG(32725);
-    ASSERT_NE(levels->GetSpatialRef(), nullptr);
-    EXPECT_TRUE(levels->GetSpatialRef()->IsSame(&expected));
+    expectPlace("levels.tif");
 
     // Every raster says what made it and how.
     for (const char* name : {"labels.png", "levels.tif"}) {
@@ -559,30 +521,6 @@ TEST_F(Raster, EveryRasterOutputGoesThroughTheDriverOfItsName) {
     ASSERT_TRUE(lzw);
     EXPECT_STREQ(lzw->GetMetadataItem("COMPRESSION", "IMAGE_STRUCTURE"), "LZW");
     EXPECT_EQ(band("levels.tiff", stack.bands), band("labels.img"));
-}
-
-TEST_F(Raster, RelabelNumbersTheClassesFromOneAndTheTreeKeepsTheirRegions) {
-    segment(with({"segment", "scene.hraw", "-o", "regions.hraw", "-q"}, kFewClasses));
-    segment(with({"segment", "scene.hraw", "-o", "classes.tif", "--relabel", "--tree", "tree.json", "-q"},
-                 kFewClasses));
-    const std::vector<int32_t> regions = readHraw("regions.hraw").values, classes = band("classes.tif");
-    const std::vector<int32_t> present = distinctLabels(classes);
-    ASSERT_GE(present.size(), 2u);
-    EXPECT_EQ(present.front(), 1);
-    EXPECT_EQ(present.back(), static_cast<int32_t>(present.size()));  // 1..K, none missing
-    // Class k is the k-th smallest region label: the mapping the tree records.
-    const std::vector<int32_t> labels = distinctLabels(regions);
-    std::ifstream in(path("tree.json"));
-    const std::string json((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    std::string listed;
-    for (size_t k = 0; k < labels.size(); ++k) listed += (k ? "," : "") + std::to_string(labels[k]);
-    std::string compact;
-    for (char c : json)
-        if (!std::isspace(static_cast<unsigned char>(c))) compact += c;
-    EXPECT_NE(compact.find("\"relabel\":{\"order\":\"ascendingregionlabel\",\"classes\":[" + listed + "]}"),
-              std::string::npos);
-    for (size_t i = 0; i < regions.size(); ++i)
-        ASSERT_EQ(regions[i], classes[i] == 0 ? 0 : labels[static_cast<size_t>(classes[i] - 1)]) << i;
 }
 
 TEST_F(Raster, InputsThroughVirtualFileSystemsBandsAndWindows) {
@@ -625,10 +563,7 @@ TEST_F(Raster, InputsThroughVirtualFileSystemsBandsAndWindows) {
     ASSERT_TRUE(window);
     EXPECT_EQ(window->GetRasterXSize(), kCols);
     EXPECT_EQ(window->GetRasterYSize(), kRows);
-    double t[6];
-    ASSERT_EQ(window->GetGeoTransform(t), CE_None);
-    EXPECT_EQ(t[0], kTransform[0] + kCol * kTransform[1]);
-    EXPECT_EQ(t[3], kTransform[3] + kRow * kTransform[5]);
+    expectPlace("window.tif", kCol, kRow);
 
     const std::pair<Args, std::string> refused[] = {
         {{"--bands", "1,9"}, "dhc: --bands: image \"scene.tif\" has no band 9 (it has " +
@@ -644,6 +579,48 @@ TEST_F(Raster, InputsThroughVirtualFileSystemsBandsAndWindows) {
     const Result hraw = dhc({"segment", "scene.hraw", "-o", "x.tif", "--bands", "1", "-q"});
     EXPECT_EQ(hraw.status, 2);
     EXPECT_EQ(hraw.err, "dhc: --bands reads through GDAL: \"scene.hraw\" is an hraw file, which is read whole\n");
+}
+
+// The maps beside a floating-point image hold labels: the image's scale is
+// not theirs, and they give what the same maps give beside the hraw image.
+TEST_F(Raster, FloatMapsBesideAScaledFloatImageKeepTheirValues) {
+    Layout floats;
+    floats.type = GDT_Float32;
+    writeRaster("quarters.tif", floats, scene.bands, kSide, kSide, sceneValues(0.25));
+    Hraw mask{1, kSide, kSide, {}}, init = mask, truth = readHraw("truth.hraw");
+    for (int i = 0; i < kSide * kSide; ++i) {
+        mask.values.push_back(i % kSide < 6 ? 0 : 1);
+        init.values.push_back(i / kSide < 4 ? 0 : 1 + (i % kSide >= kSide / 2));
+    }
+    for (const auto& [name, map] : {std::pair<std::string, const Hraw&>{"mask", mask}, {"init", init}, {"gt", truth}}) {
+        writeHraw(name + ".hraw", map);
+        writeRaster(name + ".tif", floats, 1, kSide, kSide, std::vector<double>(map.values.begin(), map.values.end()));
+    }
+    const Args supervised = {"--set", "SEGM_MAIN_CONFIGURATION.SupervisedMode=1",
+                             "--set", "SUPERVISED_MODE_CONF.NumberOfClasses=4",
+                             "--set", "SUPERVISED_MODE_CONF.StructureLevels={2 2 2 2}",
+                             "--set", "SUPERVISED_MODE_CONF.StructurePaths={0 0 0 1 1 0 1 1}"};
+    // Map options and names, and the settings of the run.
+    const std::pair<Args, Args> runs[] = {{{"--mask", "mask", "--init", "init"}, {}}, {{"--gt", "gt"}, supervised}};
+    for (const auto& [maps, settings] : runs) {
+        SCOPED_TRACE(maps[0]);
+        Args fromHraw = with({"segment", "scene.hraw", "-o", "expected.hraw", "-q"}, settings);
+        Args fromFloat = with({"segment", "quarters.tif", "--scale", "4", "-o", "labels.hraw", "-q"}, settings);
+        for (size_t k = 0; k + 1 < maps.size(); k += 2) {
+            fromHraw = with(fromHraw, {maps[k], maps[k + 1] + ".hraw"});
+            fromFloat = with(fromFloat, {maps[k], maps[k + 1] + ".tif"});
+        }
+        segment(with(fromHraw, kFewClasses));
+        segment(with(fromFloat, kFewClasses));
+        EXPECT_EQ(read("labels.hraw"), read("expected.hraw"));
+    }
+    // A label is a whole number: never rounded.
+    std::vector<double> half(mask.values.begin(), mask.values.end());
+    half[kSide + 2] = 0.5;
+    writeRaster("half.tif", floats, 1, kSide, kSide, half);
+    const Result run = dhc({"segment", "quarters.tif", "--scale", "4", "--mask", "half.tif", "-o", "x.hraw"});
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.err, "dhc: mask \"half.tif\" band 1: value 0.5 at row 2, column 3 is not a whole number\n");
 }
 
 TEST_F(Raster, SignedBytesAreReadAsSigned) {
@@ -863,7 +840,7 @@ TEST_F(LevelsMemory, EveryCutIsWrittenWithTheMemoryOfOneBand) {
 
 TEST_F(Raster, LandsatSceneFollowsTheGround) {
     // Landsat-7 ETM+, 6 bands, 349 x 352, UTM zone 25S; the sea lies on the east side.
-    segment({"segment", DHC_LANDSAT_PATH, "-o", "landsat.tif", "-q", "--set",
+    segment({"segment", DHC_LANDSAT_PATH, "-o", "landsat.tif", "--model", "landsat.json", "-q", "--set",
              "UNSUPERVISED_MODE_CONF.MaxNumberOfClasses=6", "--set",
              "UNSUPERVISED_MODE_CONF.SplitGainThreshold=0.05"});
     Dataset landsat(GDALDataset::Open(DHC_LANDSAT_PATH, GDAL_OF_RASTER | GDAL_OF_READONLY));
@@ -907,6 +884,21 @@ TEST_F(Raster, LandsatSceneFollowsTheGround) {
                                     path("landsat.cog.tif") + " > " + path("validator.txt") + " 2>&1";
         EXPECT_EQ(std::system(command.c_str()), 0) << read("validator.txt");
     }
+
+    // dhc apply of the run's model on a window: the whole map's window, lying where it lies.
+    segment({"apply", DHC_LANDSAT_PATH, "--model", "landsat.json", "-o", "applied.tif", "-q"});
+    segment({"apply", DHC_LANDSAT_PATH, "--model", "landsat.json", "-o", "window.tif", "-q", "--window", "100", "40",
+             "60", "30"});
+    const std::vector<int32_t> applied = band("applied.tif"), window = band("window.tif");
+    ASSERT_EQ(window.size(), 60u * 30u);
+    for (int r = 0; r < 30; ++r)
+        for (int c = 0; c < 60; ++c) ASSERT_EQ(window[r * 60 + c], applied[(40 + r) * 349 + 100 + c]) << r << ", " << c;
+    Dataset w = open("window.tif");
+    ASSERT_TRUE(w);
+    ASSERT_EQ(w->GetGeoTransform(b), CE_None);
+    EXPECT_EQ(b[0], a[0] + 100 * a[1]);
+    EXPECT_EQ(b[3], a[3] + 40 * a[5]);
+    EXPECT_TRUE(w->GetSpatialRef() != nullptr && w->GetSpatialRef()->IsSame(landsat->GetSpatialRef()));
 
     const std::vector<int32_t> labels = band("landsat.tif");
     ASSERT_EQ(labels.size(), 349u * 352u);

@@ -28,7 +28,6 @@ dhc_check(status == 0, 'dhc apply failed');
 expected = dhc_read_hraw(file('a.hraw'));
 dhc_check(isequal(dhc_apply(img, model), expected), 'dhc_apply differs from dhc apply');
 dhc_check(isequal(dhc_apply(img, file('m.json'), [], 2), expected), 'dhc_apply by path, 2 threads');
-dhc_check(mean(expected(:) == dhc_read_hraw(file('seg.hraw'))(:)) > 0.9, 'apply far from the run''s map');
 
 roi = ones(size(truth));
 roi(5:12, 7:20) = 0;
@@ -38,15 +37,12 @@ system([tool ' apply ' file('img.hraw') ' --model ' file('m.json') ' -o ' file('
 masked = dhc_apply(img, model, roi);
 dhc_check(isequal(masked, dhc_read_hraw(file('am.hraw'))) && all(masked(roi ~= 1) == 0), 'masked labels');
 
-% Bad models: an error naming the model, and the session goes on.
-text = fileread(file('m.json'));
-bad = {strrep(text, '"formatVersion": 1', '"formatVersion": 7'), 'newer'; ...
-       regexprep(text, '"beta": [^,]*', '"beta": 1e999', 'once'), 'not a JSON document'; ...
-       text(1:end - 30), 'not a JSON document'};
-for i = 1:rows(bad)
-  f = fopen(file('bad.json'), 'w'); fwrite(f, bad{i, 1}); fclose(f);
-  dhc_expect_error('dhc:badModel', bad{i, 2}, 1, @dhc_model_load, file('bad.json'));
-end
+% Bad models (which ones the model reader's tests say): an error naming the
+% model, and the session goes on.
+f = fopen(file('bad.json'), 'w');
+fwrite(f, strrep(fileread(file('m.json')), '"formatVersion": 1', '"formatVersion": 7'));
+fclose(f);
+dhc_expect_error('dhc:badModel', 'newer', 1, @dhc_model_load, file('bad.json'));
 dhc_expect_error('dhc:badModel', 'bands', 1, @dhc_apply, img(:, :, 1:2), model);
 dhc_expect_error('dhc:sizeMismatch', 'mask', 1, @dhc_apply, img, model, ones(3));
 dhc_expect_error('dhc:badInput', 'cannot open model', 1, @dhc_model_load, file('missing.json'));

@@ -26,16 +26,8 @@ SOURCE = Path(os.environ.get("DHC_SOURCE_DIR", Path(__file__).resolve().parents[
 PYTHON_DIR = os.environ.get("DHC_PYTHON_DIR", "")
 VERSION = "0.1.0"
 
-# The image of consumer/consumer.cpp, for the Python side of the comparison.
+# The image of consumer/consumer.cpp, which segment_code makes again in Python.
 ROWS, COLS = 24, 20
-
-
-def consumer_image():
-    r, c = np.mgrid[:ROWS, :COLS]
-    band0 = (r > 11) * 50 + (r * COLS + c) % 7
-    flipped = ROWS - 1 - r
-    band1 = (flipped > 11) * 50 + (flipped * COLS + c) % 7
-    return np.stack([band0, band1]).astype(np.int32)
 
 
 SETTINGS_INI = """[SEGM_MAIN_CONFIGURATION]
@@ -80,6 +72,14 @@ def segment_code(settings_ini):
             f"print(' '.join(map(str, dhc.segment(image, settings=s, threads=1).labels.ravel())))\n")
 
 
+def expect_the_build_trees_run(out, where, settings_ini, tmp_path):
+    """out, the output of segment_code, comes from a package under where and
+    holds the labels the build tree's package gives."""
+    out = out.splitlines()
+    assert out[0].startswith(str(where))
+    assert out[1] == python_with(BUILD / "python", segment_code(settings_ini), tmp_path).splitlines()[1]
+
+
 @pytest.fixture(scope="module")
 def prefix(tmp_path_factory):
     root = tmp_path_factory.mktemp("prefix")
@@ -112,12 +112,9 @@ def test_install_puts_the_tool_its_man_page_and_completion_in_place(prefix):
 
 def test_the_installed_python_package_runs_outside_the_sources(prefix, settings_ini, tmp_path):
     assert PYTHON_DIR, "DHC_PYTHON_DIR is not set (run through ctest)"
-    out = python_with(prefix / PYTHON_DIR, segment_code(settings_ini), tmp_path).splitlines()
-    assert out[0].startswith(str(prefix))
-    labels = np.array(out[1].split(), int).reshape(ROWS, COLS)
-    assert len(np.unique(labels)) > 1
-    built = python_with(BUILD / "python", segment_code(settings_ini), tmp_path).splitlines()
-    assert out[1] == built[1]
+    out = python_with(prefix / PYTHON_DIR, segment_code(settings_ini), tmp_path)
+    assert len(np.unique(np.array(out.splitlines()[1].split(), int))) > 1
+    expect_the_build_trees_run(out, prefix, settings_ini, tmp_path)
 
 
 def test_a_cmake_project_finds_and_links_the_installed_libraries(prefix, settings_ini, tmp_path):
@@ -219,9 +216,8 @@ def test_a_wheel_built_from_the_sdist_installs_into_a_venv(sdist, tmp_path, sett
     run(sys.executable, "-m", "pip", "--python", venv / "bin" / "python", "install", "-q", "--no-index", "--no-deps",
         wheel)
     env = {k: v for k, v in os.environ.items() if k != "PYTHONPATH"}
-    out = run(venv / "bin" / "python", "-c", segment_code(settings_ini), cwd=tmp_path, env=env).stdout.splitlines()
-    assert out[0].startswith(str(venv))
-    assert out[1] == python_with(BUILD / "python", segment_code(settings_ini), tmp_path).splitlines()[1]
+    out = run(venv / "bin" / "python", "-c", segment_code(settings_ini), cwd=tmp_path, env=env).stdout
+    expect_the_build_trees_run(out, venv, settings_ini, tmp_path)
 
 
 @pytest.mark.skipif(os.environ.get("DHC_SLOW_TESTS") != "1", reason="slow: set DHC_SLOW_TESTS=1")
@@ -232,9 +228,8 @@ def test_the_sdist_builds_offline_in_a_clean_venv(sdist, tmp_path, settings_ini)
     env["CMAKE_BUILD_PARALLEL_LEVEL"] = "2"
     run(venv / "bin" / "python", "-m", "pip", "install", "-q", "--no-index", "--no-build-isolation", sdist,
         cwd=tmp_path, env=env)
-    out = run(venv / "bin" / "python", "-c", segment_code(settings_ini), cwd=tmp_path, env=env).stdout.splitlines()
-    assert out[0].startswith(str(venv))
-    assert out[1] == python_with(BUILD / "python", segment_code(settings_ini), tmp_path).splitlines()[1]
+    out = run(venv / "bin" / "python", "-c", segment_code(settings_ini), cwd=tmp_path, env=env).stdout
+    expect_the_build_trees_run(out, venv, settings_ini, tmp_path)
 
 
 def test_the_debian_packages_hold_a_working_tool_and_python_package(tmp_path, settings_ini):
@@ -259,6 +254,4 @@ def test_the_debian_packages_hold_a_working_tool_and_python_package(tmp_path, se
     run("dpkg-deb", "-x", main, root)
     assert run(root / "usr" / "bin" / "dhc", "--version").stdout.strip().endswith(VERSION)
     site = next((root / "usr" / "lib").glob("python3.*/dist-packages"))
-    out = python_with(site, segment_code(settings_ini), tmp_path).splitlines()
-    assert out[0].startswith(str(root))
-    assert out[1] == python_with(BUILD / "python", segment_code(settings_ini), tmp_path).splitlines()[1]
+    expect_the_build_trees_run(python_with(site, segment_code(settings_ini), tmp_path), root, settings_ini, tmp_path)

@@ -104,6 +104,14 @@ class ToolTest : public ::testing::Test {
         }
     }
 
+    // The names of the files in the scratch directory.
+    std::set<std::string> files() const {
+        std::set<std::string> names;
+        for (const auto& entry : std::filesystem::directory_iterator(dir_))
+            names.insert(entry.path().filename().string());
+        return names;
+    }
+
     std::string read(const std::string& name) const {
         std::ifstream in(path(name), std::ios::binary);
         std::ostringstream s;

@@ -93,13 +93,6 @@ class Files : public ToolTest {
         write("cfg.ini", "[SEGM_MAIN_CONFIGURATION]\nSupervisedMode=0\n");
     }
 
-    std::set<std::string> files() const {
-        std::set<std::string> names;
-        for (const auto& entry : std::filesystem::directory_iterator(dir_))
-            names.insert(entry.path().filename().string());
-        return names;
-    }
-
     mode_t mode(const std::string& name) const {
         struct stat st {};
         ::lstat(path(name).c_str(), &st);

@@ -89,24 +89,6 @@ TEST_F(Segment, SupervisedTwoLevelStructureReproducesTheTruth) {
     EXPECT_EQ(listed(report, "Children").size(), 2u);
 }
 
-TEST_F(Segment, SixteenBitValuesGiveTheSameFourClasses) {
-    // The scene times 300 (values up to about 52000, like 16-bit satellite
-    // digital numbers) and times 1000 (up to about 172000): squares of such
-    // values leave 32 bits, and the classes must still be found.
-    const Hraw scene = readHraw("scene.hraw");
-    for (const int factor : {300, 1000}) {
-        Hraw scaled = scene;
-        for (int32_t& v : scaled.values) v *= factor;
-        const std::string name = "x" + std::to_string(factor);
-        writeHraw(name + ".hraw", scaled);
-        const Result run = dhc({"segment", name + ".hraw", "-o", name + "-labels.hraw"});
-        ASSERT_EQ(run.status, 0) << run.err;
-        const std::vector<int32_t> labels = readHraw(name + "-labels.hraw").values;
-        EXPECT_EQ(distinctLabels(labels).size(), 4u) << name;
-        EXPECT_GE(matchedAgreement(labels, truth), 0.99) << name;
-    }
-}
-
 TEST_F(Segment, FourClassesAndTheirFragmentsTheSameWayTwice) {
     // A strip outside the region of interest cuts the background in two,
     // between the rectangle and the bar: four classes, five pieces.
