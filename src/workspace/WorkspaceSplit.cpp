@@ -382,6 +382,8 @@ void PottsWS::handValuesToChildren(PottsWS** children, int n) {
     for (int j = 0; j < n; ++j) {
         PottsWS* child = children[j];
         if (!child->valuesWithParent) continue;
+        // A child of a file source may have read its own pixels meanwhile.
+        child->dropValues();
         child->sharedValues = sharedValues;
         child->data = data + static_cast<size_t>(offset[j]) * d;
         child->loadedCount = child->envelopeCount;
