@@ -5,6 +5,8 @@
 
 #include "driver/DHC.h"
 
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -77,19 +79,25 @@ std::vector<int> flat(const std::vector<std::vector<int>>& plane) {
     return out;
 }
 
+// CTest runs the tests of this file side by side in one scratch directory:
+// each process writes its files under names of its own.
+std::string scratch(const std::string& name) {
+    return dhc::test::tmpPath(std::to_string(::getpid()) + "_" + name);
+}
+
 // The four-quadrant scene in memory and on disk.
 struct FileSource : ::testing::Test {
     Scene scene = fourQuadrants();
     std::unique_ptr<ROI<int, xy>> roi{scene.dataRoi()};
     std::unique_ptr<DHC_SET> s = baseSettings();
-    std::string image = dhc::test::tmpPath("driver_file_source.hraw");
+    std::string image = scratch("driver_file_source.hraw");
     std::vector<std::string> bandNames;
     std::vector<char*> bandFiles;
 
     void SetUp() override {
         writeHraw(image, scene.cube);
         for (int b = 0; b < scene.bands; ++b) {
-            bandNames.push_back(dhc::test::tmpPath("driver_file_source_band" + std::to_string(b) + ".raw"));
+            bandNames.push_back(scratch("driver_file_source_band" + std::to_string(b) + ".raw"));
             writeBand(bandNames.back(), scene.cube[b]);
         }
         for (std::string& name : bandNames) bandFiles.push_back(&name[0]);
@@ -205,7 +213,7 @@ TEST_F(FileSource, SupervisedRunGivesTheGroundTruthFromFilesAsFromMemory) {
     s->structurePaths = new int[4]{0, 1, 2, 3};
     s->fragmentation = true;
     std::unique_ptr<ROI<int, xy>> gt(scene.truthRoi(roi.get()));
-    const std::string gtFile = dhc::test::tmpPath("driver_file_source_gt.hraw");
+    const std::string gtFile = scratch("driver_file_source_gt.hraw");
     writeHraw(gtFile, {scene.truth});
 
     DHC_IN byMemory = memory();
@@ -230,7 +238,7 @@ TEST_F(FileSource, SupervisedRunGivesTheGroundTruthFromFilesAsFromMemory) {
 // first appearance, framed.
 TEST_F(FileSource, OutputFileHoldsTheFinalMapNumberedInRasterOrder) {
     DHC_IN in = file();
-    in.outputFile = dhc::test::tmpPath("driver_file_source_out.hraw");
+    in.outputFile = scratch("driver_file_source_out.hraw");
     const DHC_OUT out = DHC::dhc(in);
     const std::string bytes = dhc::test::readFile(in.outputFile);
     ASSERT_GE(bytes.size(), 12u);
@@ -267,7 +275,7 @@ TEST_F(FileSource, HrawAndBandFilesGrowTheTreeTheMemorySourceGrows) {
         for (int c = 0; c < scene.cols; ++c) top[r][c] = r < scene.rows / 2 ? 1 : 2;
     std::vector<int*> topRows;
     for (auto& row : top) topRows.push_back(row.data());
-    std::string topFile = dhc::test::tmpPath("driver_file_source_top.hraw");
+    std::string topFile = scratch("driver_file_source_top.hraw");
     writeHraw(topFile, {top});
     DHC seededPlane(image, topRows.data(), s->maxLabels, false, nullptr, s.get());
     DHC seededFile(image, &topFile[0], s->maxLabels, false, nullptr, s.get());
@@ -282,7 +290,7 @@ TEST_F(FileSource, HrawAndBandFilesGrowTheTreeTheMemorySourceGrows) {
 // The supervised constructors of every source with the class structure read
 // from a ground-truth file: the split leaves carry the quadrant classes.
 TEST_F(FileSource, SupervisedFromAGroundTruthFileSplitsAlongItsClasses) {
-    std::string gtFile = dhc::test::tmpPath("driver_file_source_gt2.hraw");
+    std::string gtFile = scratch("driver_file_source_gt2.hraw");
     writeHraw(gtFile, {scene.truth});
     int levels[4] = {1, 1, 1, 1};
     int path[4] = {0, 1, 2, 3};
